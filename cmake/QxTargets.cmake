@@ -1,0 +1,120 @@
+# The project's build vocabulary: every folder declares its targets with these functions, so that flags,
+# include directories, sanitizers and test time-outs are decided here alone.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+
+find_package(Threads REQUIRED)
+
+add_library(qx_flags INTERFACE)
+target_compile_options(qx_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Werror)
+# Boost's reader/writer lock is used from headers only; its interruption points would need the compiled library.
+target_compile_definitions(qx_flags INTERFACE BOOST_THREAD_DONT_PROVIDE_INTERRUPTIONS)
+target_include_directories(qx_flags INTERFACE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/platform/guard")
+
+if(QX_WINDOWS)
+  # 0x0601: the oldest Windows that the product runs on. The toolchain's own headers warn under -Wpedantic.
+  target_compile_definitions(qx_flags INTERFACE _WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX)
+  target_compile_options(qx_flags INTERFACE -Wno-pedantic)
+  file(MAKE_DIRECTORY "${CMAKE_BINARY_DIR}/system-include")
+  if(NOT EXISTS "${CMAKE_BINARY_DIR}/system-include/boost")
+    file(CREATE_LINK /usr/include/boost "${CMAKE_BINARY_DIR}/system-include/boost" SYMBOLIC)
+  endif()
+  target_include_directories(qx_flags SYSTEM INTERFACE "${CMAKE_BINARY_DIR}/system-include")
+else()
+  target_include_directories(qx_flags INTERFACE "${CMAKE_SOURCE_DIR}/platform/include")
+  # Modules are loaded and unloaded by name while the program runs; unique symbols would pin them for ever.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-fno-gnu-unique)
+  endif()
+endif()
+
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(qx_flags INTERFACE -Wthread-safety)
+endif()
+
+if(QX_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(QX_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+  # GCC cannot see fences under this sanitizer; the reader/writer lock headers contain one.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-Wno-tsan)
+  endif()
+elseif(QX_SANITIZE)
+  message(FATAL_ERROR "QX_SANITIZE is '${QX_SANITIZE}'; it can be empty, address or thread")
+endif()
+
+if(QX_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+# qx_subdirectory(<folder>): add the folder when it has a CMakeLists.txt.
+macro(qx_subdirectory folder)
+  if(EXISTS "${CMAKE_CURRENT_SOURCE_DIR}/${folder}/CMakeLists.txt")
+    add_subdirectory(${folder})
+  endif()
+endmacro()
+
+# qx_object_library(<target> SOURCES ... [LINK ...]): object files with the project's flags.
+function(qx_object_library target)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${target} OBJECT ${ARG_SOURCES})
+  target_link_libraries(${target} PUBLIC qx_flags Threads::Threads ${ARG_LINK})
+endfunction()
+
+# qx_program(<name> SOURCES ... [LINK ...])
+function(qx_program name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE qx_flags Threads::Threads ${ARG_LINK})
+endfunction()
+
+# qx_test(<name> SOURCES ... [LINK ...] [LABELS ...] [TIMEOUT seconds] [DEPENDS targets...])
+# One gtest program; each of its tests is a test of ctest with its own process and deadline.
+function(qx_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINK;LABELS;DEPENDS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS unit)
+  endif()
+  qx_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK} gtest_main)
+  if(ARG_DEPENDS)
+    add_dependencies(${name} ${ARG_DEPENDS})
+  endif()
+  gtest_discover_tests(${name} TEST_PREFIX "${name}/" DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
+
+# qx_benchmark(<name> SOURCES ... [LINK ...]): built when QX_BENCH is on.
+function(qx_benchmark name)
+  if(QX_BENCH)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    find_package(benchmark REQUIRED)
+    qx_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK} benchmark::benchmark)
+  endif()
+endfunction()
+
+# qx_fuzzer(<name> SOURCES ... [LINK ...]): a libFuzzer program with QX_FUZZ, and in every native build a plain
+# test that replays the seeds of fuzz/corpus/<name>/.
+function(qx_fuzzer name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  if(QX_FUZZ)
+    qx_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    qx_program(${name}_replay SOURCES ${ARG_SOURCES} "${CMAKE_SOURCE_DIR}/fuzz/replay_main.cpp" LINK ${ARG_LINK})
+    add_test(NAME ${name}_replay COMMAND ${name}_replay "${CMAKE_SOURCE_DIR}/fuzz/corpus/${name}")
+    set_tests_properties(${name}_replay PROPERTIES TIMEOUT 60 LABELS fuzz)
+  endif()
+endfunction()
