@@ -11,4 +11,13 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--enable-stdcall-fixup,--kill-at")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+# Modules are found by name: their exports are undecorated.
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static -Wl,--enable-stdcall-fixup,--kill-at")
+
+# Tests run on the 32-bit Wine that tests/windows/get-wine32.sh unpacks.
+if(DEFINED ENV{WINE32})
+  set(CMAKE_CROSSCOMPILING_EMULATOR "$ENV{WINE32}/run")
+else()
+  set(CMAKE_CROSSCOMPILING_EMULATOR /opt/wine32/run)
+endif()

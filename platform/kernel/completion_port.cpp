@@ -1,0 +1,185 @@
+#include "platform/kernel/completion_port.h"
+
+#include <new>
+
+#include "platform/kernel/file_object.h"
+#include "platform/kernel/last_error.h"
+#include "platform/testing/fault_points.h"
+
+namespace platform {
+
+bool CompletionPort::Post(const CompletionPacket& packet) noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    if (closed_) return false;
+    if (Waiter* waiter = waiters_; waiter != nullptr) {
+        waiters_ = waiter->below;
+        waiter->packet = packet;
+        waiter->result = Result::kPacket;
+        waiter->waiting = false;
+        waiter->parker->Unpark();
+        return true;
+    }
+    try {
+        packets_.push_back(packet);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+void CompletionPort::RemoveWaiter(Waiter* waiter) noexcept {
+    Waiter** link = &waiters_;
+    while (*link != waiter)
+        link = &(*link)->below;
+    *link = waiter->below;
+}
+
+CompletionPort::Result CompletionPort::Get(CompletionPacket* packet, Deadline deadline) noexcept {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!packets_.empty()) {
+        *packet = packets_.front();
+        packets_.pop_front();
+        return Result::kPacket;
+    }
+    if (closed_) return Result::kClosed;
+    if (HasPassed(deadline)) return Result::kTimeout;
+
+    Waiter self = {&CurrentParker(), {}, waiters_, true, Result::kPacket};
+    waiters_ = &self;
+    while (self.waiting) {
+        lock.unlock();
+        const bool unparked = CurrentThreadIsTerminated() || self.parker->ParkUntil(deadline);
+        lock.lock();
+        if (!self.waiting || (unparked && !CurrentThreadIsTerminated())) continue;
+        RemoveWaiter(&self);
+        return unparked ? Result::kTerminated : Result::kTimeout;
+    }
+    if (self.result == Result::kPacket) *packet = self.packet;
+    return self.result;
+}
+
+void CompletionPort::OnLastHandleClosed() noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    closed_ = true;
+    packets_.clear();
+    for (Waiter* waiter = waiters_; waiter != nullptr;) {
+        Waiter* below = waiter->below;
+        waiter->result = Result::kClosed;
+        waiter->waiting = false;
+        waiter->parker->Unpark();
+        waiter = below;
+    }
+    waiters_ = nullptr;
+}
+
+FileObject::~FileObject() = default;
+
+bool FileObject::Associate(std::shared_ptr<CompletionPort> port, ULONG_PTR key) noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    if (port_ != nullptr) return false;
+    port_ = std::move(port);
+    key_ = key;
+    return true;
+}
+
+bool FileObject::HasPort() const noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    return port_ != nullptr;
+}
+
+bool FileObject::PostCompletion(OVERLAPPED* overlapped, DWORD bytes, DWORD error) noexcept {
+    std::shared_ptr<CompletionPort> port;
+    ULONG_PTR key;
+    {
+        const std::lock_guard<std::mutex> holder(mutex_);
+        port = port_;
+        key = key_;
+    }
+    return port != nullptr && port->Post({overlapped, key, bytes, error});
+}
+
+std::shared_ptr<FileObject> FileObject::From(std::shared_ptr<Object> object) noexcept {
+    return std::dynamic_pointer_cast<FileObject>(std::move(object));
+}
+
+namespace {
+
+HANDLE MakePort() noexcept {
+    try {
+        return OpenHandle(std::make_shared<CompletionPort>());
+    } catch (const std::bad_alloc&) {
+        return Fail<HANDLE>(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    }
+}
+
+}  // namespace
+
+}  // namespace platform
+
+using platform::CompletionPacket;
+using platform::CompletionPort;
+using platform::Fail;
+using platform::FileObject;
+using platform::ObjectKind;
+using platform::PlatformCall;
+using platform::ReferenceHandleAs;
+
+BOOL CancelIoEx(HANDLE file, LPOVERLAPPED overlapped) {
+    PlatformCall call("CancelIoEx", ERROR_NOT_FOUND);
+    if (call.Fails()) return FALSE;
+    const std::shared_ptr<FileObject> object = FileObject::From(platform::ReferenceHandle(file));
+    if (object != nullptr && object->CancelRequest(overlapped)) return TRUE;
+    SetLastError(object != nullptr ? ERROR_NOT_FOUND : ERROR_INVALID_HANDLE);
+    return FALSE;
+}
+
+HANDLE CreateIoCompletionPort(HANDLE file, HANDLE existingPort, ULONG_PTR key, DWORD) {
+    PlatformCall call("CreateIoCompletionPort", ERROR_NO_SYSTEM_RESOURCES);
+    if (call.Fails()) return nullptr;
+    if (file == INVALID_HANDLE_VALUE) {
+        return existingPort == nullptr ? platform::MakePort()
+                                       : Fail<HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
+    }
+    const std::shared_ptr<FileObject> fileObject = FileObject::From(platform::ReferenceHandle(file));
+    if (fileObject == nullptr) return Fail<HANDLE>(ERROR_INVALID_HANDLE, nullptr);
+    const HANDLE port = existingPort != nullptr ? existingPort : platform::MakePort();
+    if (port == nullptr) return nullptr;
+    std::shared_ptr<CompletionPort> object =
+        ReferenceHandleAs<CompletionPort>(port, ObjectKind::kCompletionPort);
+    if (object == nullptr) return Fail<HANDLE>(ERROR_INVALID_HANDLE, nullptr);
+    if (fileObject->Associate(std::move(object), key)) return port;
+    if (existingPort == nullptr) platform::CloseOpenHandle(port);
+    return Fail<HANDLE>(ERROR_INVALID_PARAMETER, nullptr);
+}
+
+BOOL GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVERLAPPED* overlapped,
+                               DWORD milliseconds) {
+    PlatformCall call("GetQueuedCompletionStatus", ERROR_INVALID_HANDLE);
+    *overlapped = nullptr;
+    if (call.Fails()) return FALSE;
+    const auto object = ReferenceHandleAs<CompletionPort>(port, ObjectKind::kCompletionPort);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    CompletionPacket packet;
+    switch (object->Get(&packet, platform::DeadlineAfter(milliseconds))) {
+        case CompletionPort::Result::kPacket:
+            break;
+        case CompletionPort::Result::kTimeout:
+            return Fail(WAIT_TIMEOUT);
+        case CompletionPort::Result::kClosed:
+            return Fail(ERROR_ABANDONED_WAIT_0);
+        case CompletionPort::Result::kTerminated:
+            return Fail(ERROR_OPERATION_ABORTED);
+    }
+    *bytes = packet.bytes;
+    *key = packet.key;
+    *overlapped = packet.overlapped;
+    return packet.error == 0 ? TRUE : Fail(packet.error);
+}
+
+BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED overlapped) {
+    PlatformCall call("PostQueuedCompletionStatus", ERROR_NO_SYSTEM_RESOURCES);
+    if (call.Fails()) return FALSE;
+    const auto object = ReferenceHandleAs<CompletionPort>(port, ObjectKind::kCompletionPort);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    return object->Post({overlapped, key, bytes, 0}) ? TRUE : Fail(ERROR_NO_SYSTEM_RESOURCES);
+}

@@ -1,0 +1,57 @@
+// Completion ports: a queue of packets and the threads that wait for one.
+//
+// Any thread may call. A packet posted while a thread waits is handed to the thread that waited last, as on
+// Windows; packets leave in the order they came. The port's lock is a leaf: nothing is called with it held
+// but wake-ups.
+#pragma once
+
+#include <deque>
+#include <mutex>
+
+#include "platform/kernel/clock.h"
+#include "platform/kernel/handles.h"
+#include "platform/kernel/parking.h"
+
+namespace platform {
+
+/// One completion as a waiting thread receives it. `error` is 0 or the system error that the operation ended
+/// with.
+struct CompletionPacket {
+    OVERLAPPED* overlapped = nullptr;
+    ULONG_PTR key = 0;
+    DWORD bytes = 0;
+    DWORD error = 0;
+};
+
+class CompletionPort final : public Object {
+  public:
+    CompletionPort() : Object(ObjectKind::kCompletionPort) {}
+
+    /// Queues a packet; false without memory or when the port was closed.
+    bool Post(const CompletionPacket& packet) noexcept;
+
+    enum class Result { kPacket, kTimeout, kClosed, kTerminated };
+
+    /// Takes the oldest packet, waiting for one until the deadline.
+    Result Get(CompletionPacket* packet, Deadline deadline) noexcept;
+
+    /// Wakes every waiter with kClosed; later posts fail.
+    void OnLastHandleClosed() noexcept override;
+
+  private:
+    struct Waiter {
+        Parker* parker;
+        CompletionPacket packet;
+        Waiter* below;
+        bool waiting;
+        Result result;
+    };
+    void RemoveWaiter(Waiter* waiter) noexcept;
+
+    std::mutex mutex_;
+    std::deque<CompletionPacket> packets_;
+    Waiter* waiters_ = nullptr;  // top of the stack of waiting threads
+    bool closed_ = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,18 @@
+// Failing a platform function in one expression: the thread's last error, and the function's failure value.
+#pragma once
+
+#include "platform/kernel/thread_state.h"
+
+namespace platform {
+
+template <class Value>
+Value Fail(DWORD error, Value failureValue) {
+    CurrentThreadState().lastError = error;
+    return failureValue;
+}
+
+inline BOOL Fail(DWORD error) {
+    return Fail(error, FALSE);
+}
+
+}  // namespace platform

@@ -1,0 +1,51 @@
+#include "platform/kernel/process_exit.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+
+#include "platform/kernel/modules.h"
+#include "platform/kernel/thread.h"
+#include "platform/testing/fault_points.h"
+
+namespace platform {
+
+namespace {
+
+std::atomic<ThreadObject*> ExitingThread{nullptr};
+int ExitStatus = 0;
+
+void OnExit(int status, void*) {
+    ThreadObject* none = nullptr;
+    if (!ExitingThread.compare_exchange_strong(none, &CurrentThread())) return;
+    ExitStatus = status;
+    PlatformScope::Attention.fetch_or(kProcessEndAttention);
+    MarkAllOtherThreadsEnded();
+    DetachModulesAtExit();
+}
+
+}  // namespace
+
+void RegisterProcessExit() noexcept {
+    on_exit(OnExit, nullptr);
+}
+
+bool IsExitingThread() noexcept {
+    ThreadObject* exiting = ExitingThread.load(std::memory_order_acquire);
+    return exiting != nullptr && exiting == CurrentThreadState().object;
+}
+
+void FreezeIfProcessEnds() noexcept {
+    if ((PlatformScope::Attention.load(std::memory_order_relaxed) & kProcessEndAttention) == 0) return;
+    const ThreadObject* thread = CurrentThreadState().object;
+    if (thread == nullptr || !thread->IsMade() || IsExitingThread()) return;
+    for (;;)
+        pause();
+}
+
+void AbandonProcessExit() noexcept {
+    _exit(ExitStatus);
+}
+
+}  // namespace platform

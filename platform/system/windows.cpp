@@ -1,0 +1,109 @@
+// Top-level windows, scripted by the machine. A window's handle is made of its place in the machine's list.
+#include <windows.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "platform/kernel/last_error.h"
+#include "platform/kernel/wait.h"
+#include "platform/system/machine.h"
+#include "platform/testing/fault_points.h"
+
+namespace platform {
+
+namespace {
+
+constexpr ULONG_PTR kFirstWindow = 0x10010;
+constexpr ULONG_PTR kWindowStep = 2;
+constexpr DWORD kForeignThread = 1;
+
+HWND ToWindow(std::size_t index) {
+    return reinterpret_cast<HWND>(kFirstWindow + index * kWindowStep);
+}
+
+/// The window behind a handle, or null. `machine` keeps it alive.
+const MachineWindow* FromWindow(const Machine& machine, HWND window) {
+    const ULONG_PTR offset = reinterpret_cast<ULONG_PTR>(window) - kFirstWindow;
+    if (offset % kWindowStep != 0 || offset / kWindowStep >= machine.windows.size()) return nullptr;
+    return &machine.windows[offset / kWindowStep];
+}
+
+/// Answers as the window's own thread would.
+LRESULT Answer(const MachineWindow& window, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (message == WM_GETTEXTLENGTH) return static_cast<LRESULT>(window.title.size());
+    if (message != WM_GETTEXT || wParam == 0) return 0;
+    const std::size_t copied = std::min<std::size_t>(window.title.size(), wParam - 1);
+    char* text = reinterpret_cast<char*>(lParam);
+    std::memcpy(text, window.title.data(), copied);
+    text[copied] = 0;
+    return static_cast<LRESULT>(copied);
+}
+
+}  // namespace
+
+}  // namespace platform
+
+using platform::Fail;
+using platform::FromWindow;
+using platform::PlatformCall;
+
+BOOL EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
+    PlatformCall call("EnumWindows", ERROR_NOT_ENOUGH_MEMORY);
+    if (call.Fails()) return FALSE;
+    const std::size_t count = platform::TheMachine()->windows.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const platform::ProviderBoundary boundary;
+        if (procedure(platform::ToWindow(i), parameter) == FALSE) return FALSE;
+    }
+    return TRUE;
+}
+
+DWORD GetWindowThreadProcessId(HWND window, LPDWORD processId) {
+    PlatformCall call("GetWindowThreadProcessId", ERROR_INVALID_WINDOW_HANDLE);
+    if (call.Fails()) return 0;
+    const auto machine = platform::TheMachine();
+    const platform::MachineWindow* found = FromWindow(*machine, window);
+    if (found == nullptr) return Fail<DWORD>(ERROR_INVALID_WINDOW_HANDLE, 0);
+    if (processId != nullptr) *processId = found->process != 0 ? found->process : GetCurrentProcessId();
+    return platform::kForeignThread;
+}
+
+HWND GetAncestor(HWND window, UINT flags) {
+    PlatformCall call("GetAncestor", ERROR_INVALID_WINDOW_HANDLE);
+    if (call.Fails()) return nullptr;
+    const auto machine = platform::TheMachine();
+    const platform::MachineWindow* found = FromWindow(*machine, window);
+    if (found == nullptr) return Fail<HWND>(ERROR_INVALID_WINDOW_HANDLE, nullptr);
+    // A top-level window's parent is the desktop, which the stand-in has no handle for.
+    if (flags == GA_PARENT) return nullptr;
+    if (flags == GA_ROOT) return window;
+    if (flags != GA_ROOTOWNER) return Fail<HWND>(ERROR_INVALID_PARAMETER, nullptr);
+    while (found->owner >= 0) {
+        window = platform::ToWindow(static_cast<std::size_t>(found->owner));
+        found = FromWindow(*machine, window);
+        if (found == nullptr) return nullptr;
+    }
+    return window;
+}
+
+LRESULT SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT, UINT timeout,
+                            PDWORD_PTR result) {
+    PlatformCall call("SendMessageTimeoutA", ERROR_TIMEOUT);
+    if (call.Fails()) return 0;
+    const auto machine = platform::TheMachine();
+    const platform::MachineWindow* found = FromWindow(*machine, window);
+    if (found == nullptr) return Fail<LRESULT>(ERROR_INVALID_WINDOW_HANDLE, 0);
+    if (found->hung) {
+        platform::WaitForObjects(nullptr, 0, false, timeout, false);
+        return Fail<LRESULT>(ERROR_TIMEOUT, 0);
+    }
+    const LRESULT answer = platform::Answer(*found, message, wParam, lParam);
+    if (result != nullptr) *result = static_cast<DWORD_PTR>(answer);
+    return 1;
+}
+
+BOOL IsWindow(HWND window) {
+    const auto machine = platform::TheMachine();
+    return FromWindow(*machine, window) != nullptr ? TRUE : FALSE;
+}

@@ -1,0 +1,395 @@
+// Binding, listening, accepting, connecting, ending a connection, and the names of both ends.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/tcpip/address.h"
+#include "platform/tcpip/error_table.h"
+#include "platform/tcpip/operations.h"
+#include "platform/tcpip/reactor.h"
+#include "platform/tcpip/routes.h"
+#include "platform/tcpip/timed_wait.h"
+#include "platform/tcpip/transfer.h"
+
+namespace tcpip {
+namespace {
+
+using platform::PlatformCall;
+
+/// How long Windows goes on asking a destination that does not answer.
+constexpr DWORD kConnectTimeoutMilliseconds = 21000;
+
+int BindSocket(Socket& socket, const Endpoint& local) {
+    std::lock_guard<std::mutex> guard(socket.lock);
+    if (socket.bound.load()) return WSAEINVAL;
+    if (socket.options.reuseAddress) kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
+    int error = kernel::Bind(socket.fd(), local);
+    if (error == EADDRINUSE && socket.IsStream() && !socket.options.reuseAddress) {
+        // Closed connections that still fade away do not keep a port busy on Windows. The kernel makes that
+        // distinction only for sockets that ask to share.
+        kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
+        error = kernel::Bind(socket.fd(), local);
+        kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 0);
+    }
+    if (error != 0) return WinsockErrorFromErrno(error);
+    socket.boundTo = local;
+    socket.bound.store(true);
+    return 0;
+}
+
+int ListenOn(Socket& socket, int backlog) {
+    std::lock_guard<std::mutex> guard(socket.lock);
+    if (!socket.IsStream()) return WSAEOPNOTSUPP;
+    if (socket.RefreshConnectLocked() == State::Connected) return WSAEISCONN;
+    if (!socket.bound.load() || socket.state.load() == State::Connecting) return WSAEINVAL;
+    const int error = kernel::Listen(socket.fd(), std::max(backlog, 1));
+    if (error != 0) return WinsockErrorFromErrno(error);
+    // Its connections shall not keep the port busy after its close, see BindSocket.
+    kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
+    socket.state.store(State::Listening, std::memory_order_release);
+    socket.RecordEventsLocked();
+    return 0;
+}
+
+/// Takes a connection, waiting as the listener says.
+int TakeConnection(Socket& listener, int* fd, Endpoint* peer) {
+    {
+        std::lock_guard<std::mutex> guard(listener.lock);
+        if (listener.deferredFd >= 0) {
+            *fd = std::exchange(listener.deferredFd, -1);
+            *peer = listener.deferredPeer;
+            return 0;
+        }
+    }
+    const bool nonBlocking = listener.nonBlocking.load();
+    if (nonBlocking) {
+        const int modeError = listener.SetKernelMode(true);
+        if (modeError != 0) return modeError;
+    }
+    for (;;) {
+        int error = 0;
+        *fd = kernel::Accept(listener.fd(), nonBlocking, peer, &error);
+        if (listener.IsClosed()) {
+            if (*fd >= 0) kernel::Close(*fd);
+            return WSAEINTR;
+        }
+        if (*fd >= 0) return 0;
+        if (error == ECONNABORTED) continue;
+        if (error != EAGAIN || nonBlocking) return WinsockErrorFromErrno(error);
+        // The kernel's mode stays non-blocking once a request was parked here, so this caller waits by
+        // itself.
+        error = WaitReady(listener.fd(), kernel::kReadable, platform::kNoDeadline);
+        if (error != 0) return error;
+    }
+}
+
+/// Asks the application whether it wants the connection. 0, WSATRY_AGAIN or WSAECONNREFUSED.
+int AskCondition(Socket& listener, const Endpoint& peer, int fd, LPCONDITIONPROC condition,
+                 DWORD_PTR callbackData) {
+    sockaddr_storage callerName = {}, calleeName = {};
+    int callerLength = sizeof(callerName), calleeLength = sizeof(calleeName);
+    Endpoint local = AnyEndpoint(listener.v6);
+    kernel::LocalName(fd, &local);
+    WriteAddress(peer, reinterpret_cast<sockaddr*>(&callerName), &callerLength);
+    WriteAddress(local, reinterpret_cast<sockaddr*>(&calleeName), &calleeLength);
+    WSABUF caller = {static_cast<ULONG>(callerLength), reinterpret_cast<CHAR*>(&callerName)};
+    WSABUF callee = {static_cast<ULONG>(calleeLength), reinterpret_cast<CHAR*>(&calleeName)};
+    WSABUF noData = {0, nullptr};
+    GROUP group = 0;
+    platform::ProviderBoundary boundary;
+    switch (condition(&caller, &noData, nullptr, nullptr, &callee, &noData, &group, callbackData)) {
+        case CF_ACCEPT:
+            return 0;
+        case CF_DEFER:
+            return WSATRY_AGAIN;
+        default:
+            return WSAECONNREFUSED;
+    }
+}
+
+/// The new socket has the listener's options, mode and events, as the kernel's copy has.
+std::shared_ptr<Socket> MakeAccepted(Socket& listener, int fd, const Endpoint& peer, bool kernelNonBlocking) {
+    std::shared_ptr<Socket> accepted = MakeSocket(listener.info, listener.v6, listener.kind,
+                                                  listener.protocolNumber, listener.overlapped, fd);
+    if (accepted == nullptr) return nullptr;
+    accepted->AssumeKernelMode(kernelNonBlocking);
+    accepted->nonBlocking.store(listener.nonBlocking.load());
+    accepted->sendTimeout.store(listener.sendTimeout.load());
+    accepted->receiveTimeout.store(listener.receiveTimeout.load());
+    {
+        std::lock_guard<std::mutex> guard(listener.lock);
+        accepted->options = listener.options;
+    }
+    std::lock_guard<std::mutex> guard(accepted->lock);
+    accepted->peer = peer;
+    accepted->bound.store(true);
+    accepted->FinishConnectLocked(0);
+    return accepted;
+}
+
+int AcceptConnection(Socket& listener, sockaddr* name, int* namelen, LPCONDITIONPROC condition,
+                     DWORD_PTR callbackData, SOCKET* result) {
+    if (!listener.IsStream()) return WSAEOPNOTSUPP;
+    if (listener.state.load() != State::Listening) return WSAEINVAL;
+    if (name != nullptr && (namelen == nullptr || *namelen < AddressLength(listener.v6))) return WSAEFAULT;
+    int fd = -1;
+    Endpoint peer;
+    int error = TakeConnection(listener, &fd, &peer);
+    listener.RearmEvents(FD_ACCEPT);
+    if (error != 0) return error;
+    if (condition != nullptr) error = AskCondition(listener, peer, fd, condition, callbackData);
+    if (error == WSATRY_AGAIN) {
+        std::lock_guard<std::mutex> guard(listener.lock);
+        if (listener.deferredFd < 0 && !listener.IsClosed()) {
+            listener.deferredFd = fd;
+            listener.deferredPeer = peer;
+            return error;
+        }
+    }
+    if (error != 0) {
+        // A refused caller is told by a reset, not by an orderly end.
+        kernel::SetLinger(fd, true, 0);
+        kernel::Close(fd);
+        return error;
+    }
+    const std::shared_ptr<Socket> accepted = MakeAccepted(listener, fd, peer, listener.nonBlocking.load());
+    if (accepted == nullptr) return WSAENOBUFS;
+    if (name != nullptr) WriteAddress(peer, name, namelen);
+    const LONG mask = listener.eventMask.load();
+    if (mask != 0) {
+        HANDLE event;
+        {
+            std::lock_guard<std::mutex> guard(listener.lock);
+            event = listener.eventHandle;
+        }
+        SelectEvents(*accepted, event, mask & ~(FD_ACCEPT | FD_CONNECT));
+    }
+    return PublishSocket(accepted, result);
+}
+
+/// A connect into the black hole ends by the platform's clock, which the kernel does not know.
+int WaitInBlackHole(Socket& socket) {
+    for (;;) {
+        platform::Deadline deadline;
+        {
+            std::lock_guard<std::mutex> guard(socket.lock);
+            const State now = socket.RefreshConnectLocked();
+            if (now == State::Connected) return 0;
+            if (now == State::Failed) return socket.connectError;
+            deadline = socket.connectDeadline;
+        }
+        WaitReady(socket.fd(), kernel::kWritable, deadline);
+        if (socket.IsClosed()) return WSAEINTR;
+    }
+}
+
+/// The state and address checks before a connect; the socket is then Connecting. The lock is held.
+int BeginConnectLocked(Socket& socket, const Endpoint& peer) {
+    switch (socket.RefreshConnectLocked()) {
+        case State::Connecting:
+            return WSAEALREADY;
+        case State::Connected:
+            return WSAEISCONN;
+        case State::Listening:
+            return WSAEINVAL;
+        case State::Idle:
+        case State::Failed:
+            break;
+    }
+    if (IsUnspecified(peer) || peer.port == 0 || IsMulticast(peer)) return WSAEADDRNOTAVAIL;
+    socket.peer = peer;
+    socket.connectError = 0;
+    socket.connectStarted = false;
+    socket.pendingError = 0;
+    socket.eventArmed |= FD_CONNECT;
+    socket.state.store(State::Connecting, std::memory_order_release);
+    return 0;
+}
+
+int ConnectDatagrams(Socket& socket, const Endpoint& peer) {
+    if (IsUnspecified(peer)) {
+        kernel::Unconnect(socket.fd());
+        socket.state.store(State::Idle);
+        return 0;
+    }
+    Endpoint target;
+    int error = RouteDatagram(socket, peer, &target);
+    if (error != 0) return error;
+    error = kernel::Connect(socket.fd(), target);
+    if (error != 0) return WinsockErrorFromErrno(error);
+    std::lock_guard<std::mutex> guard(socket.lock);
+    socket.peer = peer;
+    socket.bound.store(true);
+    socket.FinishConnectLocked(0);
+    return 0;
+}
+
+int ShutdownSocket(Socket& socket, int how) {
+    if (how != SD_RECEIVE && how != SD_SEND && how != SD_BOTH) return WSAEINVAL;
+    if (socket.IsStream()) {
+        if (socket.RefreshConnect() != State::Connected) return WSAENOTCONN;
+        if (socket.missingContext.load() != MissingContext::None) return WSAENOTCONN;
+        const int error = kernel::Shutdown(socket.fd(), how == SD_RECEIVE ? kernel::Direction::Receive
+                                                        : how == SD_SEND  ? kernel::Direction::Send
+                                                                          : kernel::Direction::Both);
+        const bool again = socket.sendShut.load() || socket.receiveShut.load();
+        if (error != 0 && !(error == ENOTCONN && again)) return WinsockErrorFromErrno(error);
+    }
+    if (how != SD_SEND) socket.receiveShut.store(true);
+    if (how != SD_RECEIVE) socket.sendShut.store(true);
+    return 0;
+}
+
+}  // namespace
+
+int ConnectStream(Socket& socket, const Endpoint& peer, bool mayBlock) {
+    Route route;
+    bool waits;
+    bool again;
+    {
+        std::lock_guard<std::mutex> guard(socket.lock);
+        again = socket.state.load() == State::Failed;
+        int error = BeginConnectLocked(socket, peer);
+        if (error != 0) return error;
+        error = FindRoute(peer, socket.kind, &route);
+        waits = mayBlock && !route.blackHole;
+        if (error == 0) error = socket.SetKernelMode(!waits);
+        if (error != 0) {
+            socket.state.store(State::Idle);
+            return error;
+        }
+        socket.bound.store(true);
+        if (route.blackHole) socket.connectDeadline = platform::DeadlineAfter(kConnectTimeoutMilliseconds);
+    }
+    // Without the lock, since it may block; the state keeps everybody else from connecting meanwhile.
+    int kernelError = kernel::Connect(socket.fd(), route.target);
+    // The kernel wants to be asked once more after a connect that failed while nobody waited for it.
+    if (kernelError == ECONNABORTED && again) kernelError = kernel::Connect(socket.fd(), route.target);
+    if (kernelError == EINPROGRESS) {
+        std::unique_lock<std::mutex> guard(socket.lock);
+        socket.connectStarted = true;
+        if (mayBlock) {
+            guard.unlock();
+            return WaitInBlackHole(socket);
+        }
+        if (route.blackHole && socket.RegisterLocked() == 0) {
+            ReactorLookAt(socket.reactorTag, socket.connectDeadline);
+        }
+        // The reactor may have been told of the end already, and have found nothing started.
+        if (socket.eventMask.load() != 0) {
+            socket.RefreshConnectLocked();
+            socket.RecordEventsLocked();
+        }
+        return WSAEWOULDBLOCK;
+    }
+    if (socket.IsClosed()) return WSAEINTR;
+    const int error = WinsockErrorFromErrno(kernelError);
+    std::lock_guard<std::mutex> guard(socket.lock);
+    // A failure that the caller is told needs no second telling.
+    if (socket.state.load() == State::Connecting) socket.FinishConnectLocked(error);
+    socket.pendingError = 0;
+    return error;
+}
+
+int WSPAPI TcpipBind(SOCKET s, const sockaddr* name, int namelen, LPINT lpErrno) {
+    return RunOnSocket("lower WSPBind", WSAEADDRINUSE, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) {
+                           Endpoint local;
+                           const int error = ReadAddress(name, namelen, socket->v6, &local);
+                           return error != 0 ? error : BindSocket(*socket, local);
+                       });
+}
+
+int WSPAPI TcpipListen(SOCKET s, int backlog, LPINT lpErrno) {
+    return RunOnSocket("lower WSPListen", WSAENOBUFS, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) { return ListenOn(*socket, backlog); });
+}
+
+SOCKET WSPAPI TcpipAccept(SOCKET s, sockaddr* name, LPINT namelen, LPCONDITIONPROC condition,
+                          DWORD_PTR callbackData, LPINT lpErrno) {
+    return RunOperation("lower WSPAccept", WSAENOBUFS, INVALID_SOCKET, lpErrno,
+                        [&](PlatformCall&, SOCKET* result) {
+                            const SocketUse socket(s);
+                            if (!socket) return WSAENOTSOCK;
+                            return AcceptConnection(*socket, name, namelen, condition, callbackData, result);
+                        });
+}
+
+int WSPAPI TcpipConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF calleeData, LPQOS,
+                        LPQOS, LPINT lpErrno) {
+    return RunOnSocket(
+        "lower WSPConnect", WSAENETUNREACH, s, lpErrno, [&](PlatformCall&, const SocketUse& socket) {
+            Endpoint peer;
+            const int error = ReadAddress(name, namelen, socket->v6, &peer);
+            if (error != 0) return error;
+            // Data with a connect is unknown to these protocols: nothing is sent, nothing comes back.
+            if (calleeData != nullptr) calleeData->len = 0;
+            return socket->IsStream() ? ConnectStream(*socket, peer, !socket->nonBlocking.load())
+                                      : ConnectDatagrams(*socket, peer);
+        });
+}
+
+int WSPAPI TcpipShutdown(SOCKET s, int how, LPINT lpErrno) {
+    return RunOnSocket("lower WSPShutdown", WSAENETDOWN, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) { return ShutdownSocket(*socket, how); });
+}
+
+int WSPAPI TcpipSendDisconnect(SOCKET s, LPWSABUF data, LPINT lpErrno) {
+    return RunOnSocket("lower WSPSendDisconnect", WSAENETDOWN, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) {
+                           if (data != nullptr && data->len > 0) return WSAENOPROTOOPT;
+                           return ShutdownSocket(*socket, SD_SEND);
+                       });
+}
+
+int WSPAPI TcpipRecvDisconnect(SOCKET s, LPWSABUF data, LPINT lpErrno) {
+    return RunOnSocket("lower WSPRecvDisconnect", WSAENETDOWN, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) {
+                           if (data != nullptr && data->len > 0) return WSAENOPROTOOPT;
+                           return ShutdownSocket(*socket, SD_RECEIVE);
+                       });
+}
+
+int WSPAPI TcpipGetSockName(SOCKET s, sockaddr* name, LPINT namelen, LPINT lpErrno) {
+    return RunOnSocket(
+        "lower WSPGetSockName", WSAENETDOWN, s, lpErrno, [&](PlatformCall&, const SocketUse& socket) {
+            if (!socket->bound.load()) return WSAEINVAL;
+            if (socket->missingContext.load() == MissingContext::Accept) return WSAENOTCONN;
+            Endpoint local = AnyEndpoint(socket->v6);
+            const int error = kernel::LocalName(socket.fd(), &local);
+            return error != 0 ? WinsockErrorFromErrno(error) : WriteAddress(local, name, namelen);
+        });
+}
+
+int WSPAPI TcpipGetPeerName(SOCKET s, sockaddr* name, LPINT namelen, LPINT lpErrno) {
+    return RunOnSocket("lower WSPGetPeerName", WSAENETDOWN, s, lpErrno,
+                       [&](PlatformCall&, const SocketUse& socket) {
+                           std::lock_guard<std::mutex> guard(socket->lock);
+                           if (socket->RefreshConnectLocked() != State::Connected) return WSAENOTCONN;
+                           if (socket->missingContext.load() != MissingContext::None) return WSAENOTCONN;
+                           return WriteAddress(socket->peer, name, namelen);
+                       });
+}
+
+SOCKET WSPAPI TcpipJoinLeaf(SOCKET s, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
+                            DWORD flags, LPINT lpErrno) {
+    return RunOperation(
+        "lower WSPJoinLeaf", WSAENOBUFS, INVALID_SOCKET, lpErrno, [&](PlatformCall&, SOCKET* result) {
+            const SocketUse socket(s);
+            if (!socket) return WSAENOTSOCK;
+            if (socket->IsStream()) return WSAEOPNOTSUPP;
+            Endpoint group;
+            int error = ReadAddress(name, namelen, socket->v6, &group);
+            if (error != 0) return error;
+            if (!IsMulticast(group)) return WSAEADDRNOTAVAIL;
+            if ((flags & (JL_RECEIVER_ONLY | JL_BOTH)) != 0) {
+                error = WinsockErrorFromErrno(kernel::ChangeMembership(socket.fd(), group, true));
+            }
+            // The peers of a group have no sockets of their own: the leaf is the socket itself.
+            *result = s;
+            return error;
+        });
+}
+
+}  // namespace tcpip

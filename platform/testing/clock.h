@@ -1,0 +1,34 @@
+// What tests do to the clock of platform/kernel/clock.h. Every wait under way is told at once. Any thread may
+// call. The clock belongs to the process: a test that changed it puts it back with ResetClock.
+#pragma once
+
+#include <windows.h>
+
+namespace platform {
+
+/// The clock runs `factor` times as fast as real time from now on; 0 stops it.
+void SetClockRate(double factor);
+
+/// Steps the clock forward, waits' deadlines and time stamps alike. Works at any rate.
+void AdvanceClock(DWORD milliseconds);
+
+/// Back to real speed, from the present reading on.
+void ResetClock();
+
+/// Threads that are waiting with a deadline now.
+int CountTimedWaits();
+
+/// Blocks, in real time, until at least `count` threads wait with a deadline: what a test of a stopped clock
+/// does before it steps. False after ten real seconds.
+bool WaitForTimedWaits(int count);
+
+/// A stopped or faster clock for one test.
+class ScopedClockRate {
+  public:
+    explicit ScopedClockRate(double factor) { SetClockRate(factor); }
+    ~ScopedClockRate() { ResetClock(); }
+    ScopedClockRate(const ScopedClockRate&) = delete;
+    ScopedClockRate& operator=(const ScopedClockRate&) = delete;
+};
+
+}  // namespace platform

@@ -1,0 +1,19 @@
+// Waits on the clock that tests scale, stop and step, for modules whose waits are routed here. The system can
+// wait in real time only, so a wait with a time limit is made of short real ones, after each of which the
+// clock is asked. Any thread may call.
+#pragma once
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+namespace platform {
+
+void SleepOnClock(DWORD milliseconds) noexcept;
+
+DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept;
+
+/// The system's select with a limit on the clock. Null `timeout`: none.
+int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) noexcept;
+
+}  // namespace platform

@@ -1,0 +1,58 @@
+// What the Winsock host needs of the stand-in beyond the Windows interface: fault points on its functions,
+// and the boundary around its calls into providers. A Windows program that carries the
+// host brings fault points of its own (platform/windows).
+#pragma once
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include "platform/testing/fault_points.h"
+
+#ifdef _WIN32
+
+namespace winsock_host {
+
+using HostCall = platform::PlatformCall;
+using platform::ProviderBoundary;
+
+/// Closes a handle where no call of an application or provider is under way.
+inline void CloseOwnHandle(HANDLE handle) {
+    CloseHandle(handle);
+}
+
+/// PostMessageA.
+inline BOOL PostWindowMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    return PostMessageA(window, message, wParam, lParam);
+}
+
+}  // namespace winsock_host
+
+#define QX_HOST_TLS __thread
+
+#else
+
+#include "platform/kernel/handles.h"
+
+namespace winsock_host {
+
+using HostCall = platform::PlatformCall;
+using platform::ProviderBoundary;
+
+/// Closes a handle where no call of an application or provider is under way; no fault point.
+inline void CloseOwnHandle(HANDLE handle) {
+    platform::CloseOpenHandle(handle);
+}
+
+/// The stand-in has no window that a message could be posted to.
+inline BOOL PostWindowMessage(HWND, UINT, WPARAM, LPARAM) {
+    SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+    return FALSE;
+}
+
+}  // namespace winsock_host
+
+// The host lies in a library that is there from the program's start, so the fast model is safe.
+#define QX_HOST_TLS __attribute__((tls_model("initial-exec"))) __thread
+
+#endif

@@ -1,0 +1,133 @@
+// Byte order, numeric addresses and the small resolver.
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "tests/platform/winsock/host_fixture.h"
+
+namespace {
+
+TEST(NamesTest, LooseIpv4Texts) {
+    const struct {
+        const char* text;
+        ULONG host;  // host order
+    } cases[] = {
+        {"127.0.0.1", 0x7F000001},   {"0", 0},
+        {"1.2", 0x01000002},         {"1.2.772", 0x01020304},
+        {"0x7f.1", 0x7F000001},      {"010.0.0.1", 0x08000001},
+        {"16909060", 0x01020304},    {"255.255.255.254", 0xFFFFFFFE},
+        {"256.0.0.1", INADDR_NONE},  {"1.2.3.4.5", INADDR_NONE},
+        {"1.2.3.", INADDR_NONE},     {"", INADDR_NONE},
+        {"host", INADDR_NONE},       {"1.2.65536", INADDR_NONE},
+        {"4294967296", INADDR_NONE},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ntohl(inet_addr(c.text)), c.host) << c.text;
+}
+
+TEST(NamesTest, Ipv6TextsAndTheirShortestForm) {
+    const struct {
+        const char* text;
+        const char* shortest;  // null: refused
+    } cases[] = {
+        {"::", "::"},
+        {"::1", "::1"},
+        {"1::", "1::"},
+        {"2001:0DB8:0:0:8:800:200C:417A", "2001:db8::8:800:200c:417a"},
+        {"1:0:0:2:0:0:0:3", "1:0:0:2::3"},
+        {"1:0:2:0:3:0:4:0", "1:0:2:0:3:0:4:0"},
+        {"0:0:1:0:0:1:0:0", "::1:0:0:1:0:0"},
+        {"::ffff:1.2.3.4", "::ffff:102:304"},
+        {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
+        {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"},
+        {"1:2:3:4:5:6:7", nullptr},
+        {"1:2:3:4:5:6:7:8:9", nullptr},
+        {"1::2::3", nullptr},
+        {"12345::", nullptr},
+        {":1::2", nullptr},
+        {"1:", nullptr},
+        {"::1:", nullptr},
+        {"1.2.3.4::", nullptr},
+        {"::1.2.3.256", nullptr},
+        {"g::", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& c : cases) {
+        in6_addr address{};
+        ASSERT_EQ(inet_pton(AF_INET6, c.text, &address), c.shortest != nullptr ? 1 : 0) << c.text;
+        if (c.shortest == nullptr) continue;
+        char text[INET6_ADDRSTRLEN];
+        ASSERT_NE(inet_ntop(AF_INET6, &address, text, sizeof text), nullptr);
+        EXPECT_STREQ(text, c.shortest) << c.text;
+    }
+}
+
+TEST(NamesTest, Ipv4TextsAreStrictForInetPton) {
+    in_addr address{};
+    for (const char* text : {"1.2.3", "1.2.3.256", "1.2.3.4 ", "0x1.2.3.4", "1..3.4"}) {
+        EXPECT_EQ(inet_pton(AF_INET, text, &address), 0) << text;
+    }
+    ASSERT_EQ(inet_pton(AF_INET, "192.0.2.33", &address), 1);
+    char text[11];
+    EXPECT_STREQ(inet_ntop(AF_INET, &address, text, 11), "192.0.2.33");
+    EXPECT_EQ(inet_ntop(AF_INET, &address, text, 10), nullptr) << "no room for the terminator";
+    EXPECT_EQ(inet_pton(AF_UNIX, "1.2.3.4", &address), -1);
+    EXPECT_EQ(WSAGetLastError(), WSAEAFNOSUPPORT);
+}
+
+TEST(NamesTest, InetNtoaKeepsAThreadsTextToItself) {
+    in_addr address{};
+    address.s_addr = htonl(0x01020304);
+    const char* mine = inet_ntoa(address);
+    std::thread([] {
+        in_addr other{};
+        EXPECT_STREQ(inet_ntoa(other), "0.0.0.0");
+    }).join();
+    EXPECT_STREQ(mine, "1.2.3.4");
+}
+
+class ResolverTest : public HostFixture {
+  protected:
+    // The addresses as text with their ports, or the error.
+    static std::string Resolve(const char* node, const char* service, int family, int flags = 0) {
+        addrinfo hints{};
+        hints.ai_family = family;
+        hints.ai_flags = flags;
+        addrinfo* found = nullptr;
+        const int error = getaddrinfo(node, service, &hints, &found);
+        if (error != 0) return std::to_string(error);
+        std::string all;
+        for (const addrinfo* info = found; info != nullptr; info = info->ai_next) {
+            char text[INET6_ADDRSTRLEN];
+            const bool v4 = info->ai_family == AF_INET;
+            const auto* a4 = reinterpret_cast<const sockaddr_in*>(info->ai_addr);
+            const auto* a6 = reinterpret_cast<const sockaddr_in6*>(info->ai_addr);
+            EXPECT_EQ(info->ai_addrlen, v4 ? sizeof *a4 : sizeof *a6);
+            inet_ntop(info->ai_family, v4 ? static_cast<const void*>(&a4->sin_addr) : &a6->sin6_addr, text,
+                      sizeof text);
+            all += std::string(all.empty() ? "" : " ") + text + "/" +
+                   std::to_string(ntohs(v4 ? a4->sin_port : a6->sin6_port));
+        }
+        freeaddrinfo(found);
+        return all;
+    }
+};
+
+TEST_F(ResolverTest, NumericHostsAndLocalhost) {
+    EXPECT_EQ(Resolve("192.0.2.1", "80", AF_UNSPEC), "192.0.2.1/80");
+    EXPECT_EQ(Resolve("::1", nullptr, AF_INET6), "::1/0");
+    EXPECT_EQ(Resolve("localhost", "8080", AF_UNSPEC), "::1/8080 127.0.0.1/8080");
+    EXPECT_EQ(Resolve("localhost", "8080", AF_INET), "127.0.0.1/8080");
+    EXPECT_EQ(Resolve(nullptr, "1", AF_INET, AI_PASSIVE), "0.0.0.0/1");
+    EXPECT_EQ(Resolve("192.0.2.1", "80", AF_INET6), std::to_string(WSAHOST_NOT_FOUND));
+    EXPECT_EQ(Resolve("example.org", "80", AF_UNSPEC), std::to_string(WSAHOST_NOT_FOUND));
+    EXPECT_EQ(Resolve("localhost", "80", AF_UNSPEC, AI_NUMERICHOST), std::to_string(WSAHOST_NOT_FOUND));
+    EXPECT_EQ(Resolve("localhost", "http", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
+    EXPECT_EQ(Resolve("localhost", "65536", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
+}
+
+}  // namespace
