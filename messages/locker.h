@@ -1,5 +1,5 @@
-// The critical section as a lockable object, and its scoped holder. Re-entrant, as Windows' critical sections are.
-// Leaf rules and nesting orders are stated where each section is declared.
+// The critical section as a lockable object, and its scoped holder. Re-entrant, as Windows' critical sections
+// are. Leaf rules and nesting orders are stated where each section is declared.
 #pragma once
 
 #include <winsock2.h>

@@ -1,5 +1,5 @@
-// Names for clang's thread-safety attributes; empty with other compilers. A lock's rules written with these are
-// checked at compile time by the clang build.
+// Names for clang's thread-safety attributes; empty with other compilers. A lock's rules written with these
+// are checked at compile time by the clang build.
 #pragma once
 
 #if defined(__clang__)

@@ -1,0 +1,332 @@
+#include "messages/message_base.h"
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <new>
+
+#include "messages/message_limits.h"
+#include "messages/trace.h"
+
+namespace {
+
+const DWORD ThisProcessId = GetCurrentProcessId();
+std::atomic<std::uint32_t> MessageCounter{0};
+
+std::uint32_t NextMessageId() {
+    const std::uint32_t count = MessageCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    return (static_cast<std::uint32_t>(ThisProcessId) << 16) | (count & 0xFFFF);
+}
+
+/// Runs the body of a public operation; an exception becomes one traced line, `failure` with its reason, and
+/// false.
+template <typename Body>
+bool Attempt(const char* failure, Body body) noexcept {
+    try {
+        return body();
+    } catch (const std::exception& error) {
+        Trace("%s Error=%s", failure, error.what());
+    } catch (...) {
+        Trace("%s Unknown error.", failure);
+    }
+    return false;
+}
+
+}  // namespace
+
+MessageBase::MessageBase()
+    : HeaderSize(kFrameHeaderSize),
+      FreeFunction(nullptr),
+      AllocFunction(nullptr),
+      MessageId(0),
+      header_{0, nullptr},
+      DataLength(-1) {
+    ownedBuffers_.reserve(4);
+    // A constructor that throws runs no destructor of its own class.
+    try {
+        ResetHeader();
+    } catch (...) {
+        MessageBase::ReleaseBuffers();
+        throw;
+    }
+}
+
+MessageBase::~MessageBase() {
+    MessageBase::ReleaseBuffers();
+}
+
+void MessageBase::ResetHeader() {
+    MessageId = NextMessageId();
+    if (HeaderSize > 0) {
+        header_ = MessageBase::AllocateBuffer(HeaderSize);
+        chain_.AddBuffer(header_);
+        chain_.SetPosition(0);
+    }
+    DataLength = -1;
+}
+
+bool MessageBase::Serialize() {
+    return Attempt("Failed to serialize an LSP messsage.", [this] {
+        const std::uint32_t fieldsOffset = chain_.GetTotalLength();
+        std::vector<BufferPiece>& fieldBuffers = GetFieldBuffers();
+        for (const BufferPiece& piece : fieldBuffers)
+            chain_.AddBuffer(piece);
+        fieldBuffers.clear();
+        chain_.SetPosition(fieldsOffset);
+        WriteFields();
+        chain_.SetPosition(0);
+        WriteUInt32(chain_.GetTotalLength());
+        WriteUInt32(fieldsOffset);
+        return true;
+    });
+}
+
+bool MessageBase::Deserialize() {
+    return Attempt("Failed to deserialize an LSP messsage.", [this] {
+        chain_.SetPosition(0);
+        std::uint32_t total = 0;
+        ReadUInt32(total);
+        if (total > chain_.GetTotalLength()) {
+            throw MessageError("Invalid received buffer. Received length is smaller then expected length");
+        }
+        if (!IsReadableFrameLength(total)) {
+            throw MessageError("Invalid received buffer. Received length is larger than a frame may be");
+        }
+        std::uint32_t fieldsOffset = 0;
+        ReadUInt32(fieldsOffset);
+        if (fieldsOffset > total) {
+            throw MessageError(
+                "Invalid received buffer. Received length is smaller then expected data length");
+        }
+        DataLength = static_cast<std::int32_t>(fieldsOffset) - static_cast<std::int32_t>(kFrameHeaderSize);
+        chain_.SetPosition(fieldsOffset);
+        ReadFields();
+        return true;
+    });
+}
+
+std::int32_t MessageBase::GetExcessLength() {
+    return static_cast<std::int32_t>(GetTotalLength() - GetExpectedLength());
+}
+
+std::uint32_t MessageBase::GetTotalLength() {
+    return chain_.GetTotalLength();
+}
+
+std::uint32_t MessageBase::GetExpectedLength() {
+    constexpr std::uint32_t lengthWordSize = 4;
+    if (chain_.GetTotalLength() < lengthWordSize) return lengthWordSize;
+    std::uint32_t expected = 0;
+    const bool read = Attempt("Failed to get expected length on an LSP messsage.", [this, &expected] {
+        chain_.SetPosition(0);
+        ReadUInt32(expected);
+        return true;
+    });
+    return read ? expected : 0;
+}
+
+void MessageBase::ReleaseBuffers() {
+    ClearBuffers();
+    for (const BufferPiece& piece : ownedBuffers_)
+        ReleaseMemory(piece.data);
+    ownedBuffers_.clear();
+}
+
+void MessageBase::ReleaseMemory(unsigned char* memory) {
+    if (FreeFunction != nullptr) {
+        FreeFunction(memory);
+    } else {
+        delete[] memory;
+    }
+}
+
+BufferPiece MessageBase::AllocateBuffer(std::uint32_t size) {
+    if (size == 0) return {0, nullptr};
+    // The entry first: memory that can't be recorded would be lost.
+    ownedBuffers_.push_back({size, nullptr});
+    unsigned char* memory =
+        AllocFunction != nullptr ? AllocFunction(size) : new (std::nothrow) unsigned char[size];
+    if (memory == nullptr) {
+        ownedBuffers_.pop_back();
+        throw std::bad_alloc();
+    }
+    std::fill_n(memory, size, static_cast<unsigned char>(0));
+    ownedBuffers_.back().data = memory;
+    return {size, memory};
+}
+
+bool MessageBase::ClearBuffers() {
+    chain_.Clear();
+    return true;
+}
+
+bool MessageBase::GetDataBuffers(BufferPiece*& outArray, std::uint32_t& outCount, bool copy) {
+    return Attempt("Failed to get data buffers on an LSP messsage.", [&] {
+        const std::uint32_t total = chain_.GetTotalLength();
+        const std::uint32_t available = total > header_.length ? total - header_.length : 0;
+        const bool known = DataLength >= 0 && static_cast<std::uint32_t>(DataLength) <= available;
+        chain_.GetSubBuffers(header_.length, known ? static_cast<std::uint32_t>(DataLength) : available,
+                             outArray, outCount, copy);
+        return true;
+    });
+}
+
+bool MessageBase::GetAllBuffers(BufferPiece*& outArray, std::uint32_t& outCount, bool copy) {
+    return Attempt("Failed to get all buffers on an LSP messsage.", [&] {
+        chain_.GetAllBuffers(outArray, outCount, copy);
+        return true;
+    });
+}
+
+bool MessageBase::SetTotalLength(std::uint32_t length) {
+    DataLength = -1;
+    return chain_.Truncate(length);
+}
+
+void MessageBase::GetSubBuffers(std::uint32_t start, std::uint32_t length, BufferPiece*& outArray,
+                                std::uint32_t& outCount, bool copy, bool detach) {
+    outArray = nullptr;
+    outCount = 0;
+    try {
+        chain_.GetSubBuffers(start, length, outArray, outCount, copy);
+    } catch (const std::exception& error) {
+        Trace("Failed to get sub buffers on an LSP message. startIndex = %d, length = %d, Error=%s",
+              static_cast<int>(start), static_cast<int>(length), error.what());
+        return;
+    } catch (...) {
+        Trace("Failed to get sub buffers on an LSP message. startIndex = %d, length = %d, Unknown error",
+              static_cast<int>(start), static_cast<int>(length));
+        return;
+    }
+    if (!detach) return;
+    for (std::uint32_t index = 0; index < outCount; ++index) {
+        const auto begins = [piece = outArray[index]](const BufferPiece& owned) {
+            return owned.data == piece.data;
+        };
+        ownedBuffers_.erase(std::find_if(ownedBuffers_.begin(), ownedBuffers_.end(), begins),
+                            ownedBuffers_.end());
+    }
+}
+
+bool MessageBase::SetBuffers(const BufferPiece* pieces, std::uint32_t count, bool own) {
+    return Attempt("Failed to set buffers on an LSP messsage.", [&] {
+        DataLength = -1;
+        if (!ClearBuffers()) return false;
+        for (std::uint32_t index = 0; index < count; ++index)
+            chain_.AddBuffer(pieces[index]);
+        chain_.SetPosition(0);
+        if (own) ownedBuffers_.insert(ownedBuffers_.end(), pieces, pieces + count);
+        return true;
+    });
+}
+
+bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count, std::uint32_t maxLength,
+                                 bool own) {
+    return Attempt("Failed to set data buffers on an LSP messsage.", [&] {
+        if (pieces == nullptr) return true;
+        DataLength = -1;
+        if (!ClearBuffers()) return false;
+        header_ = MessageBase::AllocateBuffer(HeaderSize);
+        chain_.AddBuffer(header_);
+        std::uint32_t limit = maxLength != 0 ? maxLength : 0xFFFFFFFF;
+        for (std::uint32_t index = 0; index < count; ++index) {
+            if (limit < pieces[index].length) {
+                chain_.AddBuffer({limit, pieces[index].data});
+                break;
+            }
+            chain_.AddBuffer(pieces[index]);
+            limit -= pieces[index].length;
+        }
+        chain_.SetPosition(0);
+        if (own) ownedBuffers_.insert(ownedBuffers_.end(), pieces, pieces + count);
+        return true;
+    });
+}
+
+bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {
+    return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
+        DataLength = -1;
+        // The record first: it can be taken back when the chain can't grow.
+        if (own) ownedBuffers_.push_back(piece);
+        try {
+            chain_.AddBuffer(piece);
+        } catch (...) {
+            if (own) ownedBuffers_.pop_back();
+            throw;
+        }
+        return true;
+    });
+}
+
+bool MessageBase::AddReceivedBytes(BufferPiece piece) {
+    return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
+        DataLength = -1;
+        chain_.AddContiguous(piece);
+        return true;
+    });
+}
+
+void MessageBase::ReserveBytes(std::uint32_t size) {
+    const std::uint32_t room = chain_.GetRemaining();
+    if (room < size) chain_.AddBuffer(AllocateBuffer(size - room));
+}
+
+void MessageBase::WriteBytes(const void* source, std::uint32_t size) {
+    ReserveBytes(size);
+    chain_.WriteAt(source, size);
+    chain_.Move(size);
+}
+
+MessageBase& MessageBase::WriteUInt32(std::uint32_t value) {
+    WriteBytes(&value, sizeof(value));
+    return *this;
+}
+
+MessageBase& MessageBase::WriteString(const std::string& text) {
+    if (text.size() > kMaxStringLength) {
+        Trace("Writing a big string of length = %d", static_cast<int>(text.size()));
+    }
+    const auto length = static_cast<std::uint32_t>(std::min<std::size_t>(text.size(), kMaxStringLength));
+    WriteUInt32(length);
+    WriteBytes(text.data(), length);
+    return *this;
+}
+
+void MessageBase::ReadBytes(void* destination, std::uint32_t size) {
+    if (chain_.GetRemaining() < size) {
+        Trace("length = %d, position = %d, size = %d", static_cast<int>(chain_.GetTotalLength()),
+              static_cast<int>(chain_.GetPosition()), static_cast<int>(size));
+        throw MessageError("Cannot read from buffer. Not enough data.");
+    }
+    chain_.ReadAt(destination, size);
+    chain_.Move(size);
+}
+
+MessageBase& MessageBase::ReadUInt32(std::uint32_t& value) {
+    ReadBytes(&value, sizeof(value));
+    return *this;
+}
+
+MessageBase& MessageBase::ReadString(std::string& text) {
+    std::uint32_t length = 0;
+    ReadUInt32(length);
+    if (length > kMaxStringLength) {
+        Trace("String too big when deserializing: length = %d, total = %d", static_cast<int>(length),
+              static_cast<int>(chain_.GetTotalLength()));
+        throw MessageError("Cannot read from buffer. String too big.");
+    }
+    char characters[kMaxStringLength + 1];
+    ReadBytes(characters, length);
+    characters[length] = '\0';
+    try {
+        text.assign(characters);
+    } catch (const std::bad_alloc&) {
+        // A text that can't be kept is worth less than the rest of the message.
+        text.clear();
+    }
+    return *this;
+}

@@ -1,0 +1,282 @@
+#include "messages/message_transport.h"
+
+#include <guarded_call.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+
+#include "messages/trace.h"
+
+// The chain's pieces go to Winsock as they are.
+static_assert(sizeof(BufferPiece) == sizeof(WSABUF) &&
+                  offsetof(BufferPiece, length) == offsetof(WSABUF, len) &&
+                  offsetof(BufferPiece, data) == offsetof(WSABUF, buf),
+              "a BufferPiece is a WSABUF");
+
+namespace {
+
+/// What is left of a wait that may span several frames.
+class Wait {
+  public:
+    explicit Wait(const AnswerLimits& limits)
+        : maxTimeouts_(limits.maxTimeouts),
+          totalMilliseconds_(limits.totalMilliseconds),
+          stop_(limits.stop),
+          startedAt_(GetTickCount()) {}
+
+    void CountTimeout() { ++timeouts_; }
+    std::uint32_t Timeouts() const { return timeouts_; }
+
+    bool IsOver() const {
+        if (maxTimeouts_ != 0 && timeouts_ > maxTimeouts_) return true;
+        if (totalMilliseconds_ != 0 && Elapsed() >= totalMilliseconds_) return true;
+        return stop_ != nullptr && stop_->load(std::memory_order_relaxed);
+    }
+
+    /// One slice, cut where the whole wait ends.
+    timeval NextSlice() const {
+        constexpr std::uint32_t sliceMilliseconds = kReceiveSliceSeconds * 1000;
+        std::uint32_t milliseconds = sliceMilliseconds;
+        if (totalMilliseconds_ != 0) {
+            const std::uint32_t elapsed = Elapsed();
+            const std::uint32_t left = totalMilliseconds_ > elapsed ? totalMilliseconds_ - elapsed : 0;
+            milliseconds = left < sliceMilliseconds ? left : sliceMilliseconds;
+        }
+        timeval slice;
+        slice.tv_sec = static_cast<long>(milliseconds / 1000);
+        slice.tv_usec = static_cast<long>(milliseconds % 1000 * 1000);
+        return slice;
+    }
+
+  private:
+    // The tick count wraps; the difference doesn't.
+    std::uint32_t Elapsed() const { return static_cast<std::uint32_t>(GetTickCount()) - startedAt_; }
+
+    std::uint32_t maxTimeouts_;
+    std::uint32_t totalMilliseconds_;
+    const std::atomic<bool>* stop_;
+    std::uint32_t startedAt_;
+    std::uint32_t timeouts_ = 0;
+};
+
+/// Where received bytes land. What a short read left of an allocation takes the next one, so that a sender of
+/// single bytes costs no more memory than its frame is long.
+class Landing {
+  public:
+    /// Room for up to `wanted` bytes, owned by the message. Throws std::bad_alloc.
+    BufferPiece Room(MessageBase& message, std::uint32_t wanted) {
+        if (spare_.length < std::min(wanted, kMaxReadSize / 2)) {
+            // Not through the virtual slot, which would take the piece for one of the fields.
+            spare_ = message.MessageBase::AllocateBuffer(wanted);
+        }
+        return {std::min(wanted, spare_.length), spare_.data};
+    }
+
+    void Use(std::uint32_t count) {
+        spare_.data += count;
+        spare_.length -= count;
+    }
+
+  private:
+    BufferPiece spare_{0, nullptr};
+};
+
+enum class ReadResult { kBytes, kNothing, kFailed, kEnded };
+
+/// Waits one slice for bytes. kFailed: the wait itself failed, with `error` set.
+ReadResult WaitForBytes(SOCKET s, Wait& wait, int& error) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(s, &readable);
+    timeval slice = wait.NextSlice();
+    const int ready = GuardedSelect(&readable, nullptr, nullptr, &slice);
+    if (ready == 0) {
+        wait.CountTimeout();
+        return ReadResult::kNothing;
+    }
+    if (ready == SOCKET_ERROR) {
+        Trace("Failed to receive an LSP messsage during a select function. Error=%d", WSAGetLastError());
+        wait.CountTimeout();
+        error = -1;
+        return ReadResult::kFailed;
+    }
+    if (!FD_ISSET(s, &readable)) {
+        wait.CountTimeout();
+        error = ready;
+        return ReadResult::kFailed;
+    }
+    return ReadResult::kBytes;
+}
+
+/// One read of at most `wanted` bytes into the chain. kFailed: the bytes could not be added, with `error`
+/// set.
+ReadResult ReadBytes(MessageBase& message, SOCKET s, Landing& landing, std::uint32_t wanted, int& error) {
+    BufferPiece piece = landing.Room(message, wanted);
+    WSABUF buffer;
+    buffer.len = piece.length;
+    buffer.buf = reinterpret_cast<char*>(piece.data);
+    DWORD received = 0;
+    DWORD flags = 0;
+    if (GuardedWSARecv(s, &buffer, 1, &received, &flags, nullptr, nullptr) == SOCKET_ERROR) {
+        const int reason = WSAGetLastError();
+        if (reason != WSAEMSGSIZE) {
+            Trace("Exiting recv using socket.3 Socket = %d, Error = %d", static_cast<int>(s), reason);
+            return ReadResult::kEnded;
+        }
+    } else {
+        if (received == 0) return ReadResult::kEnded;
+        piece.length = std::min<std::uint32_t>(received, piece.length);
+    }
+    landing.Use(piece.length);
+    if (message.AddReceivedBytes(piece)) return ReadResult::kBytes;
+    error = 1;
+    return ReadResult::kFailed;
+}
+
+/// The body of ReceiveMessage. Throws what the chain throws.
+bool ReceiveFrame(MessageBase& message, SOCKET s, Wait& wait) {
+    Landing landing;
+    std::uint32_t readSize = message.HeaderSize;
+    int error = 0;
+    do {
+        const ReadResult waited = WaitForBytes(s, wait, error);
+        if (waited == ReadResult::kFailed) break;
+        if (waited == ReadResult::kNothing) continue;
+
+        if (ReadBytes(message, s, landing, readSize, error) == ReadResult::kEnded) {
+            message.ClearBuffers();
+            return false;
+        }
+        const std::int32_t excess = message.GetExcessLength();
+        const bool tooLong = excess < 0 && !IsReadableFrameLength(message.GetExpectedLength());
+        if (excess >= 0 && message.Deserialize()) return true;
+        if (excess >= 0 || tooLong) {
+            Trace("Failed to deserialize in recv using socket.");
+            message.ClearBuffers();
+            return false;
+        }
+        if (error != 0) break;
+        readSize = std::min(static_cast<std::uint32_t>(-static_cast<std::int64_t>(excess)), kMaxReadSize);
+    } while (!wait.IsOver());
+
+    message.ClearBuffers();
+    Trace("Exiting recv using socket. Buffer incomplete. Elapsed: %d; error = %d",
+          static_cast<int>(wait.Timeouts()), error);
+    return false;
+}
+
+bool ReceiveWithin(MessageBase& message, SOCKET s, Wait& wait) noexcept {
+    if (s == INVALID_SOCKET) {
+        Trace("Exiting recv using socket.1");
+        return false;
+    }
+    if (!message.ClearBuffers()) {
+        Trace("Exiting recv using socket.2");
+        return false;
+    }
+    try {
+        return ReceiveFrame(message, s, wait);
+    } catch (...) {
+        Trace("Failed to receive an LSP messsage. Unknown error.");
+        Trace("Exiting recv using socket.7");
+        message.ClearBuffers();
+        return false;
+    }
+}
+
+}  // namespace
+
+int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWORD flags,
+                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+    int result = SOCKET_ERROR;
+    const bool completed =
+        GuardedCall([&] { result = WSASend(s, buffers, count, bytesSent, flags, overlapped, routine); });
+    if (completed) return result;
+    Trace("WSASend EXCEPTION in thread: %d", static_cast<int>(GetCurrentThreadId()));
+    WSASetLastError(WSAEFAULT);
+    return SOCKET_ERROR;
+}
+
+int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived, DWORD* flags,
+                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+    int result = SOCKET_ERROR;
+    const bool completed =
+        GuardedCall([&] { result = WSARecv(s, buffers, count, bytesReceived, flags, overlapped, routine); });
+    if (completed) return result;
+    Trace("WSARecv EXCEPTION in thread: %d", static_cast<int>(GetCurrentThreadId()));
+    WSASetLastError(WSAEFAULT);
+    return SOCKET_ERROR;
+}
+
+int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) noexcept {
+    int result = SOCKET_ERROR;
+    if (GuardedCall([&] { result = select(0, readable, writable, failed, timeout); })) return result;
+    WSASetLastError(WSAEFAULT);
+    return SOCKET_ERROR;
+}
+
+bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) noexcept {
+    if (s == INVALID_SOCKET) {
+        Trace("Failed to send on an invalid socket on socket %d.", static_cast<int>(s));
+        return false;
+    }
+    if (!message.Serialize()) {
+        Trace("Failed to serialize a message on socket %d", static_cast<int>(s));
+        return false;
+    }
+    BufferPiece* array = nullptr;
+    std::uint32_t count = 0;
+    if (!message.GetAllBuffers(array, count, false)) {
+        Trace("Failed to get all buffers for a message on socket %d", static_cast<int>(s));
+        return false;
+    }
+    // Winsock takes its own copy of the array; the pieces stay with the message.
+    const std::unique_ptr<BufferPiece[]> releaseArray(array);
+    DWORD bytesSent = 0;
+    const int result = GuardedWSASend(s, reinterpret_cast<WSABUF*>(array), count,
+                                      overlapped == nullptr ? &bytesSent : nullptr, 0, overlapped, nullptr);
+    if (result == 0) {
+        if (completed != nullptr) *completed = true;
+        return true;
+    }
+    const int error = WSAGetLastError();
+    const bool pending = overlapped != nullptr && (error == WSA_IO_PENDING || error == WSAEWOULDBLOCK);
+    if (pending) {
+        if (completed != nullptr) *completed = false;
+    } else {
+        Trace("Failed to send an LSP message on socket %d (sizeof:%d). Error=%d, overlapped=%d",
+              static_cast<int>(s), 4, error, overlapped != nullptr ? 1 : 0);
+    }
+    WSASetLastError(error);
+    return pending;
+}
+
+bool ReceiveMessage(MessageBase& message, SOCKET s, const std::atomic<bool>* stop,
+                    std::uint32_t maxTimeouts) noexcept {
+    AnswerLimits limits;
+    limits.maxTimeouts = maxTimeouts;
+    limits.totalMilliseconds = 0;
+    limits.stop = stop;
+    Wait wait(limits);
+    return ReceiveWithin(message, s, wait);
+}
+
+bool ReceiveAnswer(LSPAnalyzerMessageResponse& message, SOCKET s, std::uint32_t requestId,
+                   const AnswerLimits& limits) noexcept {
+    Wait wait(limits);
+    for (;;) {
+        if (!ReceiveWithin(message, s, wait)) return false;
+        if (message.DataLength < 0) {
+            Trace("Failed to deserialize in recv using socket.");
+            message.ClearBuffers();
+            return false;
+        }
+        if (message.RequestId == requestId || message.RequestId == 0) return true;
+        Trace("ERROR:Skipped an answer to request %d on socket %d, waiting for the answer to request %d.\n",
+              static_cast<int>(message.RequestId), static_cast<int>(s), static_cast<int>(requestId));
+        // Its pieces would otherwise be kept until the message goes back to its pool.
+        message.ReleaseBuffers();
+        if (wait.IsOver()) return false;
+    }
+}

@@ -1,0 +1,53 @@
+// Whole messages over a TCP socket to and from the analyzer, through the Winsock API: one gather send per
+// message, and receives that never take a byte of the following frame.
+//
+// Nothing here closes a socket or retries; the callers decide. A message and the answers on its socket are
+// one thread's at a time. The thread's last error tells why a send failed.
+#pragma once
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "messages/analyzer_messages.h"
+#include "messages/message_limits.h"
+
+// A macro of the window functions, which would rename the function below.
+#undef SendMessage
+
+/// WSASend and WSARecv; an exception raised inside them becomes SOCKET_ERROR with last error WSAEFAULT.
+int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWORD flags,
+                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept;
+int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived, DWORD* flags,
+                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept;
+
+/// select; an exception raised inside it becomes SOCKET_ERROR with last error WSAEFAULT. Any set may be null.
+int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) noexcept;
+
+/// Serialises the message and sends it. True when it was sent or, with `overlapped`, is pending: `completed`
+/// (may be null) tells which. A pending message must live until its completion arrives.
+bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped = nullptr,
+                 bool* completed = nullptr) noexcept;
+
+/// Receives exactly one frame from a blocking socket into an empty message and deserialises it. Gives up,
+/// with an empty chain, when more than `maxTimeouts` (0: no limit) 3-second waits pass without a byte, when
+/// `stop` (may be null) is set, when the connection ends or fails, or when the frame is unreadable.
+bool ReceiveMessage(MessageBase& message, SOCKET s, const std::atomic<bool>* stop,
+                    std::uint32_t maxTimeouts) noexcept;
+
+/// How long an answer is waited for, all frames that are skipped meanwhile included.
+struct AnswerLimits {
+    std::uint32_t maxTimeouts = kDirectWaitTimeouts;
+    /// 0: no limit.
+    std::uint32_t totalMilliseconds = kDirectWaitMilliseconds;
+    const std::atomic<bool>* stop = nullptr;
+};
+
+/// Receives frames until one answers `requestId` (or carries RequestId 0), which is left in the message. Any
+/// other frame is traced and skipped within the same limits. False as for ReceiveMessage, and for a frame
+/// whose fields begin inside its header.
+bool ReceiveAnswer(LSPAnalyzerMessageResponse& message, SOCKET s, std::uint32_t requestId,
+                   const AnswerLimits& limits = AnswerLimits()) noexcept;

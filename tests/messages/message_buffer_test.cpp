@@ -1,0 +1,257 @@
+// The chain at its edges, and against a flat vector of bytes under random operations.
+#include "messages/message_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <list>
+#include <string>
+
+#include "tests/messages/frame_tools.h"
+#include "tests/messages/seeded_random.h"
+
+namespace {
+
+/// A chain over pieces of the given lengths, filled with 0, 1, 2, ...
+struct Chain {
+    explicit Chain(std::initializer_list<std::uint32_t> lengths) {
+        unsigned char next = 0;
+        for (std::uint32_t length : lengths) {
+            memory.emplace_back(length);
+            for (unsigned char& byte : memory.back())
+                byte = next++;
+            buffer.AddBuffer({length, memory.back().data()});
+        }
+    }
+
+    std::list<Bytes> memory;
+    MessageBuffer buffer;
+};
+
+std::string FailureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "";
+}
+
+TEST(MessageBuffer, EmptyChainHasNoPositionUntilOneIsSet) {
+    MessageBuffer buffer;
+    unsigned char byte = 0;
+    EXPECT_EQ(buffer.GetPosition(), 0xFFFFFFFFu);
+    EXPECT_EQ(buffer.GetTotalLength(), 0u);
+    EXPECT_EQ(buffer.ReadAt(&byte, 1), 0u);
+    EXPECT_EQ(buffer.WriteAt(&byte, 1), 0u);
+    EXPECT_TRUE(buffer.Move(0));
+    EXPECT_FALSE(buffer.Move(1));
+    EXPECT_EQ(FailureOf([&] { buffer.SetPosition(1); }), "New position too large");
+    EXPECT_EQ(buffer.GetPosition(), 0xFFFFFFFFu);
+    buffer.SetPosition(0);
+    EXPECT_EQ(buffer.GetPosition(), 0u);
+
+    // Bytes that come before a position is set must not make an invalid one usable.
+    MessageBuffer filled;
+    filled.AddBuffer({1, &byte});
+    EXPECT_EQ(filled.ReadAt(&byte, 1), 0u);
+    EXPECT_FALSE(filled.Move(1));
+}
+
+TEST(MessageBuffer, PositionsStopAtEmptyPiecesAndAtTheEnd) {
+    Chain chain({8, 0, 5});
+    chain.buffer.SetPosition(8);
+    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceIndex, 1u);
+    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceOffset, 0u);
+    const unsigned char written[2] = {200, 201};
+    EXPECT_EQ(chain.buffer.WriteAt(written, 2), 2u);
+    EXPECT_EQ(chain.memory.back()[0], 200);
+    chain.buffer.SetPosition(13);
+    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceIndex, 3u);
+    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceOffset, 0u);
+    EXPECT_EQ(FailureOf([&] { chain.buffer.SetPosition(14); }), "New position too large");
+    EXPECT_EQ(chain.buffer.GetPosition(), 13u);
+
+    Chain pair({8, 8});
+    pair.buffer.SetPosition(5);
+    EXPECT_FALSE(pair.buffer.Move(12));
+    EXPECT_EQ(pair.buffer.GetPosition(), 5u);
+    EXPECT_FALSE(pair.buffer.Move(0xFFFFFFFF));
+    EXPECT_TRUE(pair.buffer.Move(5));
+    EXPECT_EQ(pair.buffer.GetPositionDetails().pieceIndex, 1u);
+    EXPECT_EQ(pair.buffer.GetPositionDetails().pieceOffset, 2u);
+}
+
+TEST(MessageBuffer, SubBuffersCoverExactlyTheRange) {
+    Chain chain({8, 8});
+    PieceArray some;
+    chain.buffer.GetSubBuffers(6, 4, some.pieces, some.count, false);
+    ASSERT_EQ(some.count, 2u);
+    EXPECT_EQ(some.pieces[0].data, chain.memory.front().data() + 6);
+    EXPECT_EQ(some.Flat(), (Bytes{6, 7, 8, 9}));
+
+    PieceArray none;
+    chain.buffer.GetSubBuffers(16, 0, none.pieces, none.count, true);
+    EXPECT_EQ(none.count, 0u);
+    for (bool copy : {false, true}) {
+        PieceArray failed;
+        EXPECT_EQ(FailureOf([&] { chain.buffer.GetSubBuffers(14, 4, failed.pieces, failed.count, copy); }),
+                  "Length exceeds the available buffer.");
+        EXPECT_EQ(failed.pieces, nullptr);
+    }
+}
+
+TEST(MessageBuffer, TruncateKeepsTheRestOfTheLastPiece) {
+    Chain chain({8, 8});
+    EXPECT_FALSE(chain.buffer.Truncate(17));
+    EXPECT_TRUE(chain.buffer.Truncate(10));
+    PieceArray all;
+    chain.buffer.GetAllBuffers(all.pieces, all.count, false);
+    ASSERT_EQ(all.count, 2u);
+    EXPECT_EQ(all.pieces[1].length, 2u);
+    EXPECT_TRUE(chain.buffer.Truncate(8));
+    PieceArray first;
+    chain.buffer.GetAllBuffers(first.pieces, first.count, false);
+    EXPECT_EQ(first.count, 1u);
+}
+
+/// The chain and the oracle side by side.
+class ChainAndOracle {
+  public:
+    explicit ChainAndOracle(SeededRandom& random) : random_(random) {}
+
+    void Step() {
+        switch (random_.Below(9)) {
+            case 0:
+            case 1:
+                Add();
+                break;
+            case 2:
+                Write();
+                break;
+            case 3:
+                Read();
+                break;
+            case 4:
+                Move();
+                break;
+            case 5:
+                Seek();
+                break;
+            case 6:
+                Sub();
+                break;
+            case 7:
+                Truncate();
+                break;
+            default:
+                if (random_.Below(20) == 0) Clear();
+        }
+        ASSERT_EQ(buffer_.GetTotalLength(), flat_.size());
+        ASSERT_EQ(buffer_.GetPosition(), position_);
+        PieceArray all;
+        buffer_.GetAllBuffers(all.pieces, all.count, false);
+        ASSERT_EQ(all.Flat(), flat_);
+    }
+
+  private:
+    std::uint32_t Remaining() const {
+        return position_ < flat_.size() ? static_cast<std::uint32_t>(flat_.size()) - position_ : 0;
+    }
+
+    Bytes RandomBytes(std::uint32_t length) {
+        Bytes bytes(length);
+        for (unsigned char& byte : bytes)
+            byte = random_.Byte();
+        return bytes;
+    }
+
+    void Add() {
+        memory_.push_back(RandomBytes(random_.Below(9)));
+        const BufferPiece piece{static_cast<std::uint32_t>(memory_.back().size()), memory_.back().data()};
+        if (random_.Below(2) == 0 || piece.length < 2) {
+            buffer_.AddBuffer(piece);
+        } else {
+            buffer_.AddContiguous({1, piece.data});
+            buffer_.AddContiguous({piece.length - 1, piece.data + 1});
+        }
+        flat_.insert(flat_.end(), memory_.back().begin(), memory_.back().end());
+    }
+
+    void Write() {
+        const Bytes source = RandomBytes(random_.Below(20));
+        const bool fits = source.size() <= Remaining();
+        ASSERT_EQ(buffer_.WriteAt(source.data(), static_cast<std::uint32_t>(source.size())),
+                  fits ? source.size() : 0);
+        if (fits && !source.empty()) std::memcpy(flat_.data() + position_, source.data(), source.size());
+    }
+
+    void Read() {
+        Bytes read(random_.Below(20));
+        const bool fits = read.size() <= Remaining();
+        ASSERT_EQ(buffer_.ReadAt(read.data(), static_cast<std::uint32_t>(read.size())),
+                  fits ? read.size() : 0);
+        if (fits && !read.empty()) {
+            ASSERT_TRUE(std::equal(read.begin(), read.end(), flat_.begin() + position_));
+        }
+    }
+
+    void Move() {
+        const std::uint32_t count = random_.Below(20);
+        const bool fits = count <= Remaining();
+        ASSERT_EQ(buffer_.Move(count), fits);
+        if (fits && position_ != MessageBuffer::kInvalidPosition) position_ += count;
+    }
+
+    void Seek() {
+        const std::uint32_t target = random_.Below(static_cast<std::uint32_t>(flat_.size()) + 3);
+        const bool failed = !FailureOf([&] { buffer_.SetPosition(target); }).empty();
+        ASSERT_EQ(failed, target > flat_.size());
+        if (!failed) position_ = target;
+    }
+
+    void Sub() {
+        const std::uint32_t start = random_.Below(static_cast<std::uint32_t>(flat_.size()) + 3);
+        const std::uint32_t length = random_.Below(30);
+        const bool copy = random_.Below(2) == 0;
+        PieceArray part;
+        const bool failed =
+            !FailureOf([&] { buffer_.GetSubBuffers(start, length, part.pieces, part.count, copy); }).empty();
+        ASSERT_EQ(failed, length != 0 && std::uint64_t(start) + length > flat_.size());
+        if (!failed) {
+            ASSERT_EQ(part.Flat(),
+                      length == 0 ? Bytes() : Bytes(flat_.begin() + start, flat_.begin() + start + length));
+        }
+        for (std::uint32_t index = 0; copy && index < part.count; ++index)
+            delete[] part.pieces[index].data;
+    }
+
+    void Truncate() {
+        const std::uint32_t length = random_.Below(static_cast<std::uint32_t>(flat_.size()) + 3);
+        ASSERT_EQ(buffer_.Truncate(length), length <= flat_.size());
+        if (length <= flat_.size()) flat_.resize(length);
+    }
+
+    void Clear() {
+        buffer_.Clear();
+        flat_.clear();
+        memory_.clear();
+        position_ = MessageBuffer::kInvalidPosition;
+    }
+
+    SeededRandom& random_;
+    std::list<Bytes> memory_;
+    MessageBuffer buffer_;
+    Bytes flat_;
+    std::uint32_t position_ = MessageBuffer::kInvalidPosition;
+};
+
+TEST(MessageBuffer, BehavesAsAFlatVectorOfBytes) {
+    SeededRandom random;
+    SCOPED_TRACE("QX_SEED=" + std::to_string(random.Seed()));
+    ChainAndOracle both(random);
+    for (int step = 0; step < 20000 && !::testing::Test::HasFatalFailure(); ++step)
+        both.Step();
+}
+
+}  // namespace

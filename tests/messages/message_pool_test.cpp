@@ -1,0 +1,97 @@
+// The pool's limits and order, and what a reused message must not keep.
+#include "messages/message_pool.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "messages/buffer_arena.h"
+#include "messages/message_limits.h"
+#include "tests/messages/frame_tools.h"
+
+namespace {
+
+class MessagePoolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        DestroyMessagePool();
+        TheBufferArena().Init(131072);
+    }
+    void TearDown() override {
+        DestroyMessagePool();
+        for (const ArenaBlock& block : TheBufferArena().BlocksForTest())
+            EXPECT_TRUE(block.liveStarts.empty());
+        DestroyBufferArena();
+    }
+};
+
+TEST_F(MessagePoolTest, AReusedMessageIsAsGoodAsNew) {
+    PooledRequest first = TakeRequest();
+    PooledRequest second = TakeRequest();
+    EXPECT_EQ((first->MessageId + 1) & 0xFFFF, second->MessageId & 0xFFFF);
+    second.reset();
+
+    LSPAnalyzerMessage* const used = first.get();
+    const std::uint32_t usedId = used->MessageId;
+    Bytes data(3000, 1);
+    const BufferPiece piece{3000, data.data()};
+    used->SetDataBuffers(&piece, 1, 0, false);
+    used->UserName = "somebody";
+    used->Operation = OpSend;
+    used->HeaderSize = 0;
+    EXPECT_EQ(FrameOf(*used).size(), 3000 + 328 + 8u);
+    first.reset();
+
+    PooledRequest again = TakeRequest();
+    ASSERT_EQ(again.get(), used) << "the one returned last comes first";
+    EXPECT_NE(again->MessageId, usedId);
+    EXPECT_EQ(again->MessageType, 1u);
+    EXPECT_EQ(again->Operation, 0u);
+    EXPECT_EQ(FrameOf(*again).size(), 328u);
+}
+
+TEST_F(MessagePoolTest, MemoryGoesBackToWhereItCameFromWhenTheFunctionsChange) {
+    const BufferAllocFunction allocs[] = {nullptr, ArenaAlloc, nullptr, ArenaAlloc};
+    const BufferFreeFunction releases[] = {nullptr, ArenaFree, nullptr, ArenaFree};
+    LSPAnalyzerMessageResponse* response = nullptr;
+    for (int round = 0; round < 4; ++round) {
+        response = MessagePool::GetResponse(allocs[round], releases[round]);
+        EXPECT_EQ(FrameOf(*response).size(), 156u);
+        MessagePool::ReturnResponse(response);
+        EXPECT_EQ(response, nullptr);
+    }
+    MessagePool::ReturnResponse(response);
+}
+
+TEST_F(MessagePoolTest, KeepsOnlyAsManyAsTheLimit) {
+    std::vector<PooledRequest> taken;
+    for (std::uint32_t count = 0; count < kPoolLimit + 1; ++count)
+        taken.push_back(TakeRequest());
+    std::vector<LSPAnalyzerMessage*> order;
+    for (PooledRequest& request : taken)
+        order.push_back(request.get());
+    taken.clear();
+    // The last one was one too many: the one before it is on top.
+    PooledRequest top = TakeRequest();
+    EXPECT_EQ(top.get(), order[kPoolLimit - 1]);
+}
+
+TEST_F(MessagePoolTest, ThreadsTakeAndReturnAtOnce) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 500; ++round) {
+                PooledRequest request = TakeRequest();
+                PooledResponse response = TakeResponse();
+                request->Operation = static_cast<std::uint32_t>(round);
+                Bytes frame = FrameOf(*request);
+                ASSERT_EQ(WordAt(frame, 8 + 316), static_cast<std::uint32_t>(round));
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+// Random numbers for the oracle tests: QX_SEED repeats a run, and every run says which seed it used.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+
+class SeededRandom {
+  public:
+    SeededRandom() : seed_(Choose()), engine_(seed_) {}
+
+    std::uint32_t Seed() const { return seed_; }
+
+    /// Uniform in [0, bound); 0 for bound 0.
+    std::uint32_t Below(std::uint32_t bound) { return bound == 0 ? 0 : engine_() % bound; }
+
+    unsigned char Byte() { return static_cast<unsigned char>(engine_()); }
+
+  private:
+    static std::uint32_t Choose() {
+        const char* given = std::getenv("QX_SEED");
+        return given != nullptr ? static_cast<std::uint32_t>(std::strtoul(given, nullptr, 10))
+                                : std::random_device()();
+    }
+
+    std::uint32_t seed_;
+    std::mt19937 engine_;
+};
