@@ -1,5 +1,5 @@
-// What the provider asks of the interception when an application's call needs a verdict or a look at its data.
-// The relay folder defines these functions; the provider includes nothing of it. All of them run on the
+// What the provider asks of the interception when an application's call needs a verdict or a look at its
+// data. The relay folder defines these functions; the provider includes nothing of it. All of them run on the
 // application's thread (or an overlapped worker) with one reference on the context held by the caller and no
 // other lock of the library held.
 #pragma once
@@ -12,16 +12,18 @@ struct SocketContext;
 
 /// Asks the analyzer about a stream connect to `name` and applies its verdict to the context: `Blocked`,
 /// `RelayWanted`, `Split` and the verdict flags. `*nameOut` may be pointed at the context's `RelayAddress`
-/// (redirected); otherwise both outputs are left alone. True when a verdict was applied or none was needed, false
-/// when the analyzer could not be asked or did not answer (the fail-connect policy has then been applied).
+/// (redirected) and is null for a refused connect, also when another thread that connects the same socket has
+/// cleared `Blocked` meanwhile; otherwise both outputs are left alone. True when a verdict was applied or
+/// none was needed, false when the analyzer could not be asked or did not answer (the fail-connect policy has
+/// then been applied).
 bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut,
                        int* namelenOut);
 
 /// Splits the connection of the application's socket `s` through the relay: on success `*nameOut` and
 /// `*namelenOut` give the relay listener's address, to which the lower socket is then connected. On failure
 /// everything the split made has been released.
-bool SplitConnection(SOCKET s, SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut,
-                     int* namelenOut);
+bool SplitConnection(SOCKET s, SocketContext* context, const sockaddr* name, int namelen,
+                     const sockaddr** nameOut, int* namelenOut);
 
 /// Closes and removes the relay connection of a split whose connect to the relay listener failed.
 void AbandonSplit(SOCKET s, SocketContext* context);
@@ -33,8 +35,8 @@ void AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count,
 void AnalyzeSent(SocketContext* context, const WSABUF* buffers, DWORD count);
 
 /// As `AnalyzeReceived` for datagram sockets; `from` is a 128-byte copy of the peer's address or null.
-void AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived,
-                         const sockaddr* from);
+void AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
+                         const DWORD* bytesReceived, const sockaddr* from);
 
 /// As `AnalyzeSent` for datagram sockets; `to` is a 128-byte copy of the destination or null.
 void AnalyzeSentTo(SocketContext* context, const WSABUF* buffers, DWORD count, const sockaddr* to);

@@ -1,0 +1,55 @@
+// See request_fields.h. The values are copied one by one while other threads may use the socket; each is
+// whole.
+#include "identity/request_fields.h"
+
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <cstdint>
+
+#include "identity/process_identity.h"
+#include "messages/analyzer_messages.h"
+#include "messages/locker.h"
+#include "provider/process_state.h"
+#include "provider/socket_context.h"
+
+namespace {
+
+std::uint32_t VerdictFlags(const SocketContext& context) {
+    std::uint32_t flags = 0;
+    if (context.ReportTraffic) flags |= kFlagReportTraffic;
+    if (context.CountTraffic) flags |= kFlagCountTraffic;
+    if (context.SocketType != SOCK_STREAM) return flags;
+    if (context.InspectData) flags |= kFlagInspectData;
+    if (context.RelayWanted) flags |= kFlagRelayWanted;
+    if (context.AnalyzerServes) flags |= kFlagAnalyzerServes;
+    return flags;
+}
+
+}  // namespace
+
+void FillRequestFields(LSPAnalyzerMessage& request, const SocketContext* context) {
+    {
+        Locker lock(IdentityLock);
+        request.ProcessName = ProcessImagePath;
+        request.WindowTitle = MainWindowTitle;
+        request.ImageSigner = ImageSignerSubject;
+        request.UserName = ProcessUserName;
+    }
+    request.ProcessId = CurrentProcessId;
+    if (context == nullptr) {
+        request.BytesSent = 0;
+        request.BytesReceived = 0;
+        return;
+    }
+    request.LocalAddress = context->LocalAddress.Load();
+    request.LocalPort = context->LocalAddress.Port();
+    request.RemoteAddress = context->DestinationAddress.Load();
+    request.RemotePort = context->DestinationAddress.Port();
+    request.BytesSent = context->BytesSent;
+    request.BytesReceived = context->BytesRecv;
+    request.Protocol = context->Protocol;
+    request.SocketType = static_cast<std::uint32_t>(context->SocketType);
+    request.Flags |= VerdictFlags(*context);
+}

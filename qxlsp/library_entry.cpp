@@ -1,0 +1,45 @@
+// The library's entry at attach and detach, and the export by which an installer finds the layer's catalog
+// entries.
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <windows.h>
+
+#include "messages/message_pool.h"
+#include "provider/process_state.h"
+#include "provider/startup.h"
+
+namespace {
+
+void Attach(HINSTANCE instance) {
+    ModuleHandle = instance;
+    // A module that is attached again without having left memory finds its values from before.
+    Detaching = false;
+    RelayShutdown = false;
+    InitializeLocks();
+    ThreadSlot = TlsAlloc();
+}
+
+void Detach(bool unloading) {
+    Detaching = true;
+    ReleaseLayerAtDetach(unloading);
+    DeleteLocks();
+    DestroyMessagePool();
+    // A process that ends takes the slot with it.
+    if (unloading && ThreadSlot != TLS_OUT_OF_INDEXES) {
+        TlsFree(ThreadSlot);
+        ThreadSlot = TLS_OUT_OF_INDEXES;
+    }
+}
+
+}  // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_PROCESS_ATTACH) Attach(instance);
+    if (reason == DLL_PROCESS_DETACH) Detach(reserved == nullptr);
+    return TRUE;
+}
+
+extern "C" void WSPAPI GetLspGuid(LPGUID lpGuid) {
+    *lpGuid = kProviderGuid;
+}

@@ -1,0 +1,177 @@
+// The two background queries on scripted windows and certificates, and the life of the thread that runs them.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "identity/process_identity.h"
+#include "messages/locker.h"
+#include "platform/testing/clock.h"
+#include "platform/testing/debug_output.h"
+#include "platform/testing/fault_points.h"
+#include "platform/testing/machine.h"
+#include "platform/testing/resource_counts.h"
+#include "provider/process_state.h"
+
+namespace {
+
+class ProcessIdentity : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string message;
+        machine_ = *platform::ParseMachine("", "test", &message);
+        platform::SetMachineForTest(machine_);
+        CurrentProcessId = GetCurrentProcessId();
+        before_ = platform::CountResources();
+        InitializeLocks();
+    }
+
+    void TearDown() override {
+        StopProcessInfoCollection();
+        DeleteLocks();
+        EXPECT_EQ(platform::SettleTo(before_), "");
+        std::strcpy(MainWindowTitle, "<Unknown>");
+        std::strcpy(ImageSignerSubject, "<Unknown>");
+    }
+
+    void SetWindows(std::vector<platform::MachineWindow> windows) {
+        machine_.windows = std::move(windows);
+        platform::SetMachineForTest(machine_);
+    }
+
+    void SetSigner(const std::string& subject) {
+        machine_.certificateSubject = subject;
+        platform::SetMachineForTest(machine_);
+    }
+
+    static std::pair<std::string, std::string> TitleAndSigner() {
+        Locker lock(IdentityLock);
+        return {MainWindowTitle, ImageSignerSubject};
+    }
+
+    platform::Machine machine_;
+    platform::ResourceCounts before_;
+    platform::DebugOutputCapture debugOutput_;
+};
+
+platform::Fault FaultAt(const char* function, int nth = 1) {
+    platform::Fault fault;
+    fault.function = function;
+    fault.nth = nth;
+    return fault;
+}
+
+TEST_F(ProcessIdentity, TheFirstWindowOfTheProcessDecidesTheTitle) {
+    constexpr std::uint32_t kStranger = 0x7ffffff0;
+    const platform::MachineWindow stranger{"Stranger", false, kStranger};
+    const struct {
+        const char* what;
+        std::vector<platform::MachineWindow> windows;
+        std::string title;
+        const char* line;
+    } cases[] = {
+        {"no window at all", {}, "<Unknown>", nullptr},
+        {"other processes' windows", {stranger}, "<Unknown>", nullptr},
+        {"among strangers", {stranger, {"Main"}, {"Second"}}, "Main", nullptr},
+        {"owned by another", {{"Dialog", false, 0, 1}, {"Owner"}}, "Owner", nullptr},
+        {"without a title", {{""}}, "", nullptr},
+        {"longer than is read", {{std::string(300, 'x')}}, std::string(254, 'x'), nullptr},
+        {"hung before another",
+         {{"Hung", true}, {"Fine"}},
+         "<Unknown>",
+         "ERROR:Didn't get text of window title."},
+    };
+    const platform::ScopedClockRate fast(1000);
+    for (const auto& row : cases) {
+        SetWindows(row.windows);
+        const std::size_t linesBefore = debugOutput_.Texts().size();
+        EXPECT_EQ(GetMainWindowTitle(), row.title) << row.what;
+        EXPECT_EQ(debugOutput_.Texts().size(), linesBefore + (row.line == nullptr ? 0 : 1)) << row.what;
+        if (row.line != nullptr) {
+            EXPECT_TRUE(debugOutput_.Contains(row.line)) << row.what;
+        }
+    }
+}
+
+TEST_F(ProcessIdentity, ATitleThatCannotBeReadIsUnknown) {
+    SetWindows({{"Main"}});
+    {
+        const platform::ScopedFault fault(FaultAt("EnumWindows"));
+        EXPECT_EQ(GetMainWindowTitle(), "<Unknown>");
+        EXPECT_TRUE(debugOutput_.Contains("ERROR:Failed to enumerate windows. Error = "));
+    }
+    {
+        const platform::ScopedFault fault(FaultAt("SendMessageTimeoutA", 2));
+        EXPECT_EQ(GetMainWindowTitle(), "<Unknown>");
+        EXPECT_TRUE(debugOutput_.Contains("ERROR:Failed to get main window title text. Hwnd = "));
+    }
+    EXPECT_EQ(GetMainWindowTitle(), "Main");
+}
+
+TEST_F(ProcessIdentity, TheSignerIsReadOrEmptyAndNothingStays) {
+    EXPECT_EQ(GetImageSignerSubject(), "") << "not signed";
+    EXPECT_TRUE(debugOutput_.Texts().empty());
+    SetSigner("Demo Signer");
+    const struct {
+        const char* function;
+        int nth;
+        const char* line;
+    } failures[] = {
+        {"GetModuleFileNameA", 1, "ERROR:Can't get module file name while getting cert subject. Error = "},
+        {"CryptMsgGetParam", 1, "ERROR:Unable to get Signer Info size. Error = "},
+        {"LocalAlloc", 1, "ERROR:Unable to allocate memory for Cert Info.\n"},
+        {"CryptMsgGetParam", 2, "ERROR:CryptMsgGetParam failed with "},
+        {"CertFindCertificateInStore", 1, "ERROR:Couldn't find certificate in store. "},
+        {"CertGetNameStringA", 1, "ERROR:Couldn't get subject length. "},
+        {"LocalAlloc", 2, "ERROR:Couldn't alloc subject. "},
+    };
+    const platform::ResourceCounts held = platform::CountResources();
+    for (const auto& failure : failures) {
+        const platform::ScopedFault fault(FaultAt(failure.function, failure.nth));
+        EXPECT_EQ(GetImageSignerSubject(), "") << failure.line;
+        EXPECT_TRUE(debugOutput_.Contains(failure.line)) << failure.line;
+        EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "") << failure.line;
+    }
+    EXPECT_EQ(GetImageSignerSubject(), "Demo Signer");
+    EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "");
+}
+
+TEST_F(ProcessIdentity, EachStartUpCollectsAnewUnlessACollectionRuns) {
+    {
+        const platform::ScopedFault fault(FaultAt("CreateThread"));
+        StartProcessInfoCollection();
+        EXPECT_TRUE(
+            debugOutput_.Contains("ERROR:Failed to create the thread for getting process info, error = "));
+    }
+    for (const char* title : {"First", "Second"}) {
+        SetWindows({{title}});
+        // The one before may be about to end.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (TitleAndSigner().first != title && std::chrono::steady_clock::now() < deadline) {
+            StartProcessInfoCollection();
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(TitleAndSigner(), std::make_pair(std::string(title), std::string()));
+    }
+    StopProcessInfoCollection();
+    EXPECT_EQ(TitleAndSigner().first, "Second");
+
+    // While one waits for a hung window, another start-up adds none.
+    const platform::ScopedClockRate stopped(0);
+    SetWindows({{"Hung", true}});
+    StartProcessInfoCollection();
+    ASSERT_TRUE(platform::WaitForTimedWaits(1));
+    const platform::ResourceCounts held = platform::CountResources();
+    StartProcessInfoCollection();
+    EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "");
+    platform::ResetClock();
+    const platform::ScopedClockRate fast(1000);
+    StopProcessInfoCollection();
+    EXPECT_EQ(TitleAndSigner().first, "Second") << "an abandoned collection stores nothing more";
+}
+
+}  // namespace

@@ -1,0 +1,337 @@
+// The operations that the layer answers or translates: select, options, extension functions, overlapped
+// results, duplicated and joined sockets, address conversion.
+#include <mswsock.h>
+
+#include <thread>
+
+#include "platform/testing/clock.h"
+#include "provider/extension_functions.h"
+#include "provider/overlapped_manager.h"
+#include "tests/provider/fake_winsock.h"
+
+namespace {
+
+using AnsweredOperations = FakeWinsock;
+
+// ---- Select
+
+struct SelectFake {
+    fd_set asked[3];
+    fd_set ready[3];
+    int result = 0;
+};
+SelectFake* Select = nullptr;
+
+int LowerSelect(int, fd_set* reads, fd_set* writes, fd_set* excepts, const PTIMEVAL, LPINT) {
+    fd_set* const sets[3] = {reads, writes, excepts};
+    for (int i = 0; i < 3; ++i) {
+        Select->asked[i].fd_count = 0;
+        if (sets[i] == nullptr) continue;
+        Select->asked[i] = *sets[i];
+        *sets[i] = Select->ready[i];
+    }
+    return Select->result;
+}
+
+fd_set SetOf(std::initializer_list<SOCKET> sockets) {
+    fd_set set;
+    FD_ZERO(&set);
+    for (const SOCKET s : sockets)
+        FD_SET(s, &set);
+    return set;
+}
+
+std::vector<SOCKET> Members(const fd_set& set) {
+    return {set.fd_array, set.fd_array + set.fd_count};
+}
+
+TEST_F(AnsweredOperations, SelectSpeaksLowerSocketsBelowAndOursAbove) {
+    SelectFake select;
+    Select = &select;
+    Lower().lpWSPSelect = LowerSelect;
+    const SOCKET a = MakeSocket();
+    const SOCKET b = MakeSocket();
+    const SOCKET lowerA = ContextOf(a)->ProviderSocket;
+    const SOCKET lowerB = ContextOf(b)->ProviderSocket;
+    const SOCKET foreign = 0x77;
+
+    fd_set reads = SetOf({foreign, a, b});
+    fd_set writes = SetOf({b, a});
+    select.ready[0] = SetOf({lowerB, foreign});
+    select.ready[1] = SetOf({lowerB, lowerA});
+    select.result = 3;
+    EXPECT_EQ(WSPSelect(0, &reads, &writes, nullptr, nullptr, &error_), 3);
+    EXPECT_EQ(Members(select.asked[0]), (std::vector<SOCKET>{foreign, lowerA, lowerB}));
+    EXPECT_EQ(Members(select.asked[1]), (std::vector<SOCKET>{lowerB, lowerA}));
+    EXPECT_EQ(Members(reads), (std::vector<SOCKET>{foreign, b}));
+    EXPECT_EQ(Members(writes), (std::vector<SOCKET>{b, a})) << "b was counted with the reads already";
+    EXPECT_EQ(ContextOf(a)->RefCount, 0);
+
+    select.result = 0;
+    reads = SetOf({a});
+    EXPECT_EQ(WSPSelect(0, &reads, nullptr, nullptr, nullptr, &error_), 0);
+    EXPECT_EQ(reads.fd_count, 0u);
+
+    select.result = SOCKET_ERROR;
+    reads = SetOf({a});
+    EXPECT_EQ(WSPSelect(0, &reads, nullptr, nullptr, nullptr, &error_), SOCKET_ERROR);
+    EXPECT_EQ(Members(reads), (std::vector<SOCKET>{a})) << "a failure leaves the sets alone";
+    Close(a);
+    Close(b);
+}
+
+TEST_F(AnsweredOperations, SelectRefusesWhatItCantTranslate) {
+    const SOCKET s = MakeSocket();
+    fd_set foreign = SetOf({0x77});
+    fd_set empty = SetOf({});
+    EXPECT_EQ(WSPSelect(0, &foreign, &empty, nullptr, nullptr, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEINVAL);
+    EXPECT_EQ(WSPSelect(0, nullptr, nullptr, nullptr, nullptr, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEINVAL);
+
+    struct {
+        unsigned int fd_count = 65;
+        SOCKET fd_array[65];
+    } large;
+    for (SOCKET& member : large.fd_array)
+        member = s;
+    EXPECT_EQ(WSPSelect(0, reinterpret_cast<fd_set*>(&large), nullptr, nullptr, nullptr, &error_),
+              SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAENOBUFS);
+    EXPECT_EQ(WSPSelect(0, &empty, reinterpret_cast<fd_set*>(8), nullptr, nullptr, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(ContextOf(s)->RefCount, 0);
+    Close(s);
+}
+
+// ---- Options
+
+TEST_F(AnsweredOperations, ProtocolInformationIsTheLayersOwn) {
+    const SOCKET s = MakeSocket();
+    const WSAPROTOCOL_INFOW& layer = Entry(SOCK_STREAM).LayerProvider;
+    WSAPROTOCOL_INFOW wide;
+    WSAPROTOCOL_INFOA narrow;
+    INT length = sizeof(wide);
+    EXPECT_EQ(
+        WSPGetSockOpt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&wide), &length, &error_), 0);
+    EXPECT_EQ(std::memcmp(&wide, &layer, sizeof(wide)), 0);
+    length = sizeof(narrow);
+    EXPECT_EQ(
+        WSPGetSockOpt(s, SOL_SOCKET, SO_PROTOCOL_INFOA, reinterpret_cast<char*>(&narrow), &length, &error_),
+        0);
+    EXPECT_EQ(narrow.dwCatalogEntryId, layer.dwCatalogEntryId);
+    std::string name(narrow.szProtocol);
+    EXPECT_TRUE(std::equal(name.begin(), name.end(), layer.szProtocol));
+    for (const int option : {SO_PROTOCOL_INFOW, SO_PROTOCOL_INFOA}) {
+        length = option == SO_PROTOCOL_INFOW ? 627 : 371;
+        EXPECT_EQ(WSPGetSockOpt(s, SOL_SOCKET, option, reinterpret_cast<char*>(&wide), &length, &error_),
+                  SOCKET_ERROR);
+        EXPECT_EQ(error_, WSAEFAULT);
+    }
+    Lower().lpWSPDuplicateSocket = [](SOCKET, DWORD, LPWSAPROTOCOL_INFOW info, LPINT) {
+        *info = WSAPROTOCOL_INFOW{};
+        info->dwProviderReserved = 99;
+        return 0;
+    };
+    EXPECT_EQ(WSPDuplicateSocket(s, 1, &wide, &error_), 0);
+    EXPECT_EQ(wide.dwCatalogEntryId, layer.dwCatalogEntryId) << "the target process comes to the layer";
+    EXPECT_EQ(wide.dwProviderReserved, 99u) << "with what the lower provider left for itself";
+    Close(s);
+}
+
+SOCKET AcceptContextListener = 0;
+
+TEST_F(AnsweredOperations, AcceptContextNamesTheListenerByItsLowerSocket) {
+    Lower().lpWSPSetSockOpt = [](SOCKET, int, int option, const char* value, int length, LPINT) {
+        if (option == SO_UPDATE_ACCEPT_CONTEXT && length == sizeof(SOCKET)) {
+            std::memcpy(&AcceptContextListener, value, sizeof(SOCKET));
+        }
+        return 0;
+    };
+    const SOCKET listener = MakeSocket();
+    const SOCKET accepted = MakeSocket();
+    const auto update = [&](SOCKET named, int length) {
+        return WSPSetSockOpt(accepted, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
+                             reinterpret_cast<const char*>(&named), length, &error_);
+    };
+    EXPECT_EQ(update(listener, sizeof(listener)), 0);
+    EXPECT_EQ(AcceptContextListener, ContextOf(listener)->ProviderSocket);
+    EXPECT_EQ(update(0x77, sizeof(SOCKET)), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAENOTSOCK);
+    EXPECT_EQ(update(listener, 2), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(ContextOf(listener)->RefCount + ContextOf(accepted)->RefCount, 0);
+    Close(accepted);
+    Close(listener);
+}
+
+SOCKET LeafSocket = 0;
+
+TEST_F(AnsweredOperations, JoinedLeafIsTheRootOrASocketOfItsOwn) {
+    Lower().lpWSPJoinLeaf = [](SOCKET, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS, DWORD,
+                               LPINT error) {
+        if (LeafSocket == INVALID_SOCKET) *error = WSAENETDOWN;
+        return LeafSocket;
+    };
+    const SOCKET root = MakeSocket();
+    const auto join = [&] {
+        return WSPJoinLeaf(root, nullptr, 0, nullptr, nullptr, nullptr, nullptr, JL_BOTH, &error_);
+    };
+    LeafSocket = ContextOf(root)->ProviderSocket;
+    EXPECT_EQ(join(), root);
+    LeafSocket = 0x6100;
+    const SOCKET leaf = join();
+    EXPECT_EQ(ContextOf(leaf)->ProviderSocket, 0x6100u);
+    Close(leaf);
+    LeafSocket = INVALID_SOCKET;
+    EXPECT_EQ(join(), INVALID_SOCKET);
+    EXPECT_EQ(error_, WSAENETDOWN);
+    Close(root);
+}
+
+// ---- Extension functions
+
+BOOL WINAPI LowerConnectEx(SOCKET, const sockaddr*, int, PVOID, DWORD, LPDWORD, LPOVERLAPPED overlapped) {
+    return overlapped == nullptr ? TRUE : FALSE;
+}
+
+int LowerIoctl(SOCKET, DWORD code, LPVOID input, DWORD, LPVOID output, DWORD, LPDWORD bytes, LPWSAOVERLAPPED,
+               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+    const GUID connectEx = WSAID_CONNECTEX;
+    const GUID sockaddrs = WSAID_GETACCEPTEXSOCKADDRS;
+    *bytes = sizeof(void*);
+    if (code != SIO_GET_EXTENSION_FUNCTION_POINTER) return 0;
+    if (std::memcmp(input, &connectEx, sizeof(GUID)) == 0) {
+        const LPFN_CONNECTEX function = LowerConnectEx;
+        std::memcpy(output, &function, sizeof(function));
+        return 0;
+    }
+    if (std::memcmp(input, &sockaddrs, sizeof(GUID)) == 0) {
+        std::memset(output, 0x11, sizeof(void*));
+        return 0;
+    }
+    *error = WSAEINVAL;
+    return SOCKET_ERROR;
+}
+
+TEST_F(AnsweredOperations, ExtensionFunctionsAreTheLayersButForOne) {
+    Lower().lpWSPIoctl = LowerIoctl;
+    const SOCKET s = MakeSocket();
+    const auto fetch = [&](GUID id, DWORD inputLength, void* output, DWORD outputLength) {
+        DWORD bytes = 0;
+        return WSPIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, inputLength, output, outputLength, &bytes,
+                        nullptr, nullptr, nullptr, &error_);
+    };
+    void* function = nullptr;
+    EXPECT_EQ(fetch(WSAID_TRANSMITFILE, 16, &function, sizeof(function)), 0)
+        << "missing below is found when called";
+    EXPECT_EQ(function, reinterpret_cast<void*>(&LayerTransmitFile));
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, &function, sizeof(function)), 0);
+    EXPECT_EQ(function, reinterpret_cast<void*>(&LayerConnectEx));
+    EXPECT_EQ(fetch(WSAID_GETACCEPTEXSOCKADDRS, 16, &function, sizeof(function)), 0);
+    EXPECT_EQ(reinterpret_cast<ULONG_PTR>(function) & 0xFF, 0x11u) << "the lower provider's";
+    const GUID unknown = {1, 2, 3, {}};
+    EXPECT_EQ(fetch(unknown, 16, &function, sizeof(function)), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEINVAL);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 15, &function, sizeof(function)), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, &function, sizeof(function) - 1), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, nullptr, sizeof(function)), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+
+    EXPECT_TRUE(LayerConnectEx(s, nullptr, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_FALSE(LayerTransmitFile(s, nullptr, 0, 0, nullptr, nullptr, 0));
+    EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
+    EXPECT_FALSE(LayerDisconnectEx(0x77, nullptr, 0, 0));
+    EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+    Close(s);
+}
+
+TEST_F(AnsweredOperations, LowerHandleIsToldOnlyByALayeredProvidersStandIn) {
+    Lower().lpWSPIoctl = LowerIoctl;
+    const SOCKET s = MakeSocket();
+    SOCKET lower = 0;
+    DWORD bytes = 0;
+    const auto query = [&] {
+        return WSPIoctl(s, SIO_QUERY_TARGET_PNP_HANDLE, nullptr, 0, &lower, sizeof(lower), &bytes, nullptr,
+                        nullptr, nullptr, &error_);
+    };
+    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(lower, 0u) << "a base provider answers itself";
+    Entry(SOCK_STREAM).NextProvider.ProtocolChain.ChainLen = 2;
+    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(lower, ContextOf(s)->ProviderSocket);
+    EXPECT_EQ(bytes, sizeof(SOCKET));
+    Close(s);
+}
+
+// ---- Overlapped results
+
+TEST_F(AnsweredOperations, OverlappedResultIsReadFromTheRecord) {
+    const auto complete = [](WSAOVERLAPPED* record, DWORD error) {
+        record->InternalHigh = 42;
+        record->Offset = 3;
+        record->OffsetHigh = error;
+        __atomic_store_n(&record->Internal, 0, __ATOMIC_RELEASE);
+    };
+    DWORD bytes = 0;
+    DWORD flags = 0;
+    WSAOVERLAPPED record{};
+    const auto result = [&](BOOL wait) {
+        return WSPGetOverlappedResult(0, &record, &bytes, wait, &flags, &error_);
+    };
+
+    record.Internal = kOperationInProgress;
+    EXPECT_FALSE(result(FALSE));
+    EXPECT_EQ(error_, WSA_IO_INCOMPLETE);
+    complete(&record, 0);
+    EXPECT_TRUE(result(FALSE));
+    EXPECT_EQ(bytes, 42u);
+    EXPECT_EQ(flags, 3u);
+    complete(&record, WSAECONNRESET);
+    EXPECT_FALSE(result(TRUE));
+    EXPECT_EQ(error_, WSAECONNRESET);
+    EXPECT_FALSE(WSPGetOverlappedResult(0, nullptr, &bytes, FALSE, &flags, &error_));
+    EXPECT_EQ(error_, WSAEFAULT);
+
+    // With an event (whose lowest bit is no part of the handle) the wait ends when it is set ...
+    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    record.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(event) | 1);
+    record.Internal = kOperationInProgress;
+    std::thread worker([&] {
+        complete(&record, 0);
+        SetEvent(event);
+    });
+    EXPECT_TRUE(result(TRUE));
+    worker.join();
+    record.Internal = kOperationInProgress;
+    EXPECT_FALSE(result(TRUE)) << "set too early";
+    EXPECT_EQ(error_, WSA_IO_PENDING);
+    CloseHandle(event);
+
+    // ... without one the record is looked at again and again, for three minutes.
+    record.hEvent = nullptr;
+    const platform::ScopedClockRate fast(20000);
+    EXPECT_FALSE(result(TRUE));
+    EXPECT_EQ(error_, WSA_IO_PENDING);
+}
+
+TEST_F(AnsweredOperations, AddressesAreConvertedByTheNamedProtocol) {
+    Lower().lpWSPAddressToString = [](LPSOCKADDR, DWORD, LPWSAPROTOCOL_INFOW info, LPWSTR text, LPDWORD,
+                                      LPINT) {
+        text[0] = static_cast<WCHAR>(info->ProtocolChain.ChainLen);
+        return INT{0};
+    };
+    WCHAR text[4] = {};
+    DWORD length = 4;
+    WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
+    info.dwServiceFlags1 ^= XP1_IFS_HANDLES;
+    EXPECT_EQ(WSPAddressToString(nullptr, 0, &info, text, &length, &error_), 0);
+    EXPECT_EQ(text[0], 1) << "the lower provider is given its own entry";
+    info.iProtocol = 99;
+    EXPECT_EQ(WSPAddressToString(nullptr, 0, &info, text, &length, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEINVAL);
+}
+
+}  // namespace

@@ -1,0 +1,82 @@
+// The provider's operations called directly, between a fake Winsock above (handles and their contexts) and a
+// fake lower provider below, whose operations a test puts into the entry's table as it needs them. What the
+// interception would decide is decided by the test as well. One test at a time per process.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/testing/resource_counts.h"
+#include "provider/catalog.h"
+#include "provider/operations.h"
+#include "provider/process_state.h"
+#include "provider/socket_context.h"
+
+/// What the fakes were asked and what they answer. Reset before each test.
+struct FakeState {
+    // Winsock above.
+    std::mutex mutex;  // of the handles
+    std::map<SOCKET, DWORD_PTR> handles;
+    SOCKET nextHandle = 0x1000;
+    int createHandleError = 0;
+    DWORD handleEntry = 0;  // the catalog id of the last handle
+
+    // The lower provider below.
+    SOCKET nextLowerSocket = 0x5000;
+    std::vector<SOCKET> closed;  // lower sockets, in order
+    int closeError = 0;
+    int cleanups = 0;
+    DWORD socketFlags = 0;
+    WSAPROTOCOL_INFOW socketInfo{};
+    std::vector<std::string> connected;  // "address:port length"
+    int connectError = 0;
+
+    // The interception; unset ones do nothing.
+    std::function<bool(SocketContext*, const sockaddr**, int*)> verdict;
+    std::function<bool(SocketContext*, const sockaddr**, int*)> split;
+    int abandonedSplits = 0;
+    std::function<void(SocketContext*)> received;
+    std::function<void(SocketContext*)> sent;
+    std::function<void(SocketContext*)> bound;
+    std::vector<DWORD> receivedBytes;  // as the analysis was told
+};
+
+FakeState& Fake();
+
+/// Entries for TCP and UDP over a base provider, started, with the fake operations in place.
+class FakeWinsock : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// The layer's entry that serves this kind of socket.
+    LspEntry& Entry(int type);
+    WSPPROC_TABLE& Lower() { return Entry(SOCK_STREAM).LowerProcedures; }
+
+    /// A socket of the layer's; its context is alive until the socket is closed.
+    static SOCKET MakeSocket(int type = SOCK_STREAM);
+    static SocketContext* ContextOf(SOCKET s);
+
+    /// Closes it and expects that to work.
+    static void Close(SOCKET s);
+
+    /// As the last clean-up does. True when nothing was held by a call under way.
+    static bool FreeCatalog();
+
+    INT error_ = 0;
+
+  private:
+    platform::ResourceCounts before_;
+};
+
+/// 127.0.0.1 or another address, as connect and sendto want it.
+sockaddr_in MakeAddress(const char* text, unsigned short port);

@@ -1,0 +1,271 @@
+// Overlapped requests through the loaded layer, in both of its modes: whatever ends a request, the
+// application hears of it exactly once, in the way it asked for, and nothing stays behind.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <random>
+#include <string>
+
+#include "tests/provider/overlapped_fixture.h"
+
+#include <mswsock.h>
+
+namespace {
+
+INSTANTIATE_TEST_SUITE_P(Modes, OverlappedTest, ::testing::Values(Mode::kCompletionPort, Mode::kAlertable),
+                         [](const auto& parameter) { return NameOf(parameter.param); });
+
+}  // namespace
+
+TEST_P(OverlappedTest, SendsAndReceivesCompleteByEvent) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    EventRequest receive;
+    ASSERT_EQ(Receive(s, receive), WSA_IO_PENDING);
+    DWORD bytes = 0;
+    DWORD flags = 0;
+    EXPECT_FALSE(WSAGetOverlappedResult(s, &receive.overlapped, &bytes, FALSE, &flags));
+    EXPECT_EQ(WSAGetLastError(), WSA_IO_INCOMPLETE);
+    EventRequest send;
+    std::snprintf(send.bytes, sizeof(send.bytes), "hello");
+    send.buffer.len = 5;
+    ASSERT_TRUE(WasTaken(Send(s, send)));
+    EXPECT_EQ(send.Wait(s), 0u);
+    EXPECT_EQ(send.transferred, 5u);
+    EXPECT_EQ(receive.Wait(s), 0u);
+    EXPECT_EQ(std::string(receive.bytes, receive.transferred), "hello");
+    closesocket(s);
+}
+
+TEST_P(OverlappedTest, ARoutineRunsOnItsThreadInAnAlertableWaitOnly) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    Request receive;
+    ASSERT_TRUE(WasTaken(Receive(s, receive, CountCompletion)));
+    EventRequest send;
+    send.buffer.len = 7;
+    ASSERT_TRUE(WasTaken(Send(s, send)));
+    EXPECT_EQ(send.Wait(s), 0u);
+    // Waits without being alertable until the request is over.
+    DWORD bytes = 0;
+    DWORD flags = 0;
+    EXPECT_TRUE(WSAGetOverlappedResult(s, &receive.overlapped, &bytes, TRUE, &flags));
+    EXPECT_EQ(bytes, 7u);
+    EXPECT_EQ(receive.completions, 0);
+    while (receive.completions == 0)
+        ASSERT_EQ(SleepEx(20000, TRUE), static_cast<DWORD>(WAIT_IO_COMPLETION));
+    EXPECT_EQ(receive.completions, 1);
+    EXPECT_EQ(receive.error, 0u);
+    EXPECT_EQ(receive.transferred, 7u);
+    EXPECT_EQ(receive.thread, GetCurrentThreadId());
+    closesocket(s);
+}
+
+TEST_P(OverlappedTest, ClosingEndsWhatIsPendingAndKeepsTheHandleUntilThen) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    EventRequest byEvent;
+    Request byRoutine;
+    ASSERT_EQ(Receive(s, byEvent), WSA_IO_PENDING);
+    ASSERT_EQ(Receive(s, byRoutine, CountCompletion), WSA_IO_PENDING);
+    EXPECT_EQ(closesocket(s), 0);
+    EXPECT_EQ(byEvent.Wait(s), static_cast<DWORD>(WSA_OPERATION_ABORTED));
+    while (byRoutine.completions == 0)
+        ASSERT_EQ(SleepEx(20000, TRUE), static_cast<DWORD>(WAIT_IO_COMPLETION));
+    EXPECT_EQ(byRoutine.error, static_cast<DWORD>(WSA_OPERATION_ABORTED));
+    EXPECT_EQ(byRoutine.completions, 1);
+}
+
+TEST_P(OverlappedTest, TheLastCleanUpEndsWhatIsPending) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    EventRequest receive;
+    ASSERT_EQ(Receive(s, receive), WSA_IO_PENDING);
+    StopWinsock();
+    EXPECT_EQ(WaitForSingleObject(receive.overlapped.hEvent, 20000), WAIT_OBJECT_0);
+    EXPECT_NE(receive.overlapped.Internal, 0x103u);
+    EXPECT_EQ(receive.overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
+}
+
+TEST_P(OverlappedTest, RefusedRequestsAreReportedOnce) {
+    const SOCKET s = NewSocket();
+    EventRequest receive;
+    const int result = Receive(s, receive);
+    // With a worker that makes the lower call later, the refusal comes by the event.
+    const DWORD error = result == WSA_IO_PENDING ? receive.Wait(s) : static_cast<DWORD>(result);
+    EXPECT_EQ(error, static_cast<DWORD>(WSAENOTCONN));
+    EXPECT_EQ(result == WSA_IO_PENDING, GetParam() == Mode::kAlertable);
+    Request badEvent;
+    badEvent.overlapped.hEvent = reinterpret_cast<HANDLE>(ULONG_PTR{0x7ffffff0});
+    EXPECT_EQ(Receive(s, badEvent), WSA_INVALID_HANDLE);
+    closesocket(s);
+}
+
+TEST_P(OverlappedTest, AcceptConnectAndDisconnectByExtensionFunctions) {
+    const SOCKET listener = NewSocket();
+    sockaddr_in name = Ipv4("127.0.0.1", 0);
+    int length = sizeof(name);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&name), length), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&name), &length), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+
+    const SOCKET accepting = NewSocket();
+    EventRequest accept;
+    char addresses[288];
+    DWORD bytes = 0;
+    ASSERT_FALSE(AcceptEx(listener, accepting, addresses, 0, 144, 144, &bytes, &accept.overlapped));
+    ASSERT_EQ(WSAGetLastError(), WSA_IO_PENDING);
+
+    GUID connectId = WSAID_CONNECTEX;
+    GUID disconnectId = WSAID_DISCONNECTEX;
+    LPFN_CONNECTEX connectEx = nullptr;
+    LPFN_DISCONNECTEX disconnectEx = nullptr;
+    const SOCKET client = NewSocket();
+    ASSERT_EQ(WSAIoctl(client, SIO_GET_EXTENSION_FUNCTION_POINTER, &connectId, sizeof(connectId), &connectEx,
+                       sizeof(connectEx), &bytes, nullptr, nullptr),
+              0);
+    ASSERT_EQ(WSAIoctl(client, SIO_GET_EXTENSION_FUNCTION_POINTER, &disconnectId, sizeof(disconnectId),
+                       &disconnectEx, sizeof(disconnectEx), &bytes, nullptr, nullptr),
+              0);
+    sockaddr_in any = Ipv4("0.0.0.0", 0);
+    ASSERT_EQ(bind(client, reinterpret_cast<sockaddr*>(&any), sizeof(any)), 0);
+    EventRequest connecting;
+    char greeting[] = "hi";
+    const BOOL connected = connectEx(client, reinterpret_cast<sockaddr*>(&name), sizeof(name), greeting, 2,
+                                     &bytes, &connecting.overlapped);
+    ASSERT_TRUE(connected || WSAGetLastError() == WSA_IO_PENDING) << WSAGetLastError();
+    EXPECT_EQ(connecting.Wait(client), 0u);
+    EXPECT_EQ(connecting.transferred, 2u);
+    EXPECT_EQ(setsockopt(client, SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0), 0);
+    EXPECT_EQ(accept.Wait(listener), 0u);
+    EXPECT_EQ(setsockopt(accepting, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
+                         reinterpret_cast<const char*>(&listener), sizeof(listener)),
+              0);
+    EventRequest receive;
+    ASSERT_TRUE(WasTaken(Receive(accepting, receive)));
+    EXPECT_EQ(receive.Wait(accepting), 0u);
+    EXPECT_EQ(receive.transferred, 2u);
+    EventRequest disconnecting;
+    const BOOL disconnected = disconnectEx(client, &disconnecting.overlapped, 0, 0);
+    ASSERT_TRUE(disconnected || WSAGetLastError() == WSA_IO_PENDING) << WSAGetLastError();
+    EXPECT_EQ(disconnecting.Wait(client), 0u);
+    for (const SOCKET s : {client, accepting, listener})
+        closesocket(s);
+}
+
+namespace {
+
+/// Random sends, receives and closes on many sockets, each request told to one completion port.
+class RandomTraffic {
+  public:
+    RandomTraffic(std::uint16_t port, unsigned seed) : peerPort_(port), random_(seed) {
+        port_ = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
+        for (SOCKET& s : sockets_)
+            s = Open();
+    }
+    ~RandomTraffic() { CloseHandle(port_); }
+    RandomTraffic(const RandomTraffic&) = delete;
+    RandomTraffic& operator=(const RandomTraffic&) = delete;
+
+    void Run(int operations) {
+        for (int i = 0; i < operations; ++i) {
+            Step();
+            while (Drain(0)) {
+            }
+        }
+        for (const SOCKET s : sockets_)
+            closesocket(s);
+        while (outstanding_ > 0 && Drain(20000)) {
+        }
+    }
+
+    int Outstanding() const { return outstanding_; }
+    int Wrong() const { return wrong_; }
+    int Taken() const { return taken_; }
+
+  private:
+    SOCKET Open() {
+        const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+        const sockaddr_in address = Ipv4("127.0.0.1", peerPort_);
+        EXPECT_EQ(connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+            << WSAGetLastError();
+        EXPECT_NE(CreateIoCompletionPort(reinterpret_cast<HANDLE>(s), port_, 1, 0), nullptr);
+        return s;
+    }
+
+    void Reopen(SOCKET& s) {
+        EXPECT_EQ(closesocket(s), 0);
+        s = Open();
+    }
+
+    void Step() {
+        SOCKET& s = sockets_[random_() % 64];
+        const unsigned what = random_() % 200;
+        if (what == 0) {
+            Reopen(s);
+            return;
+        }
+        Request* const request = Take();
+        DWORD flags = 0;
+        const int result =
+            what < 100 ? WSASend(s, &request->buffer, 1, nullptr, 0, &request->overlapped, nullptr)
+                       : WSARecv(s, &request->buffer, 1, nullptr, &flags, &request->overlapped, nullptr);
+        if (result == 0 || WSAGetLastError() == WSA_IO_PENDING) {
+            ++taken_;
+            ++outstanding_;
+            request->completions = 1;  // due
+        } else {
+            free_.push_back(request);
+        }
+    }
+
+    Request* Take() {
+        if (free_.empty()) {
+            requests_.emplace_back();
+            return &requests_.back();
+        }
+        Request* const request = free_.front();
+        free_.pop_front();
+        request->overlapped = WSAOVERLAPPED{};
+        return request;
+    }
+
+    bool Drain(DWORD milliseconds) {
+        DWORD bytes = 0;
+        ULONG_PTR key = 0;
+        LPOVERLAPPED overlapped = nullptr;
+        GetQueuedCompletionStatus(port_, &bytes, &key, &overlapped, milliseconds);
+        if (overlapped == nullptr) return false;
+        auto* const request = reinterpret_cast<Request*>(overlapped);
+        if (--request->completions != 0 || key != 1) ++wrong_;
+        --outstanding_;
+        free_.push_back(request);
+        return true;
+    }
+
+    std::uint16_t peerPort_;
+    std::mt19937 random_;
+    HANDLE port_;
+    SOCKET sockets_[64];
+    std::deque<Request> requests_;
+    std::deque<Request*> free_;
+    int outstanding_ = 0;
+    int taken_ = 0;
+    int wrong_ = 0;
+};
+
+}  // namespace
+
+TEST_P(OverlappedTest, RandomTrafficCompletesEachRequestOnce) {
+    const char* const given = std::getenv("QX_TEST_SEED");
+    const unsigned seed = given != nullptr ? static_cast<unsigned>(std::atoi(given)) : std::random_device()();
+    std::printf("QX_TEST_SEED=%u\n", seed);
+    EchoPeer peer;
+    RandomTraffic traffic(peer.Port(), seed);
+    traffic.Run(100000);
+    EXPECT_EQ(traffic.Outstanding(), 0);
+    EXPECT_EQ(traffic.Wrong(), 0);
+    EXPECT_GT(traffic.Taken(), 50000);
+}

@@ -1,0 +1,251 @@
+// Sockets from their making to their end, and what a clean-up leaves to calls that it overtakes.
+#include <future>
+#include <thread>
+
+#include "platform/testing/fault_points.h"
+#include "provider/lower_call.h"
+#include "tests/provider/fake_winsock.h"
+
+namespace {
+
+class SocketLife : public FakeWinsock {
+  protected:
+    /// The error of a socket that can't be made, or 0.
+    int ErrorOf(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info = nullptr) {
+        error_ = 0;
+        const SOCKET s = WSPSocket(family, type, protocol, info, 0, 0, &error_);
+        if (s == INVALID_SOCKET) return error_;
+        Close(s);
+        return 0;
+    }
+};
+
+TEST_F(SocketLife, EntryIsChosenByWhatTheApplicationSays) {
+    WSAPROTOCOL_INFOW foreignFlags = Entry(SOCK_STREAM).LayerProvider;
+    foreignFlags.dwServiceFlags1 ^= XP1_CONNECT_DATA;
+    WSAPROTOCOL_INFOW handleFlags = Entry(SOCK_STREAM).LayerProvider;
+    handleFlags.dwServiceFlags1 ^= XP1_IFS_HANDLES;
+    struct {
+        int family, type, protocol, expected;
+        LPWSAPROTOCOL_INFOW info;
+    } const cases[] = {
+        {AF_INET, SOCK_STREAM, IPPROTO_TCP, 0, nullptr},
+        {AF_INET, SOCK_STREAM, 0, 0, nullptr},
+        {AF_UNSPEC, SOCK_DGRAM, IPPROTO_UDP, 0, nullptr},
+        {AF_UNSPEC, SOCK_STREAM, 0, 0, nullptr},
+        {AF_INET, SOCK_RAW, IPPROTO_ICMP, 0, nullptr},
+        {AF_APPLETALK, SOCK_STREAM, IPPROTO_TCP, WSAEAFNOSUPPORT, nullptr},
+        {AF_INET, SOCK_SEQPACKET, 0, WSAESOCKTNOSUPPORT, nullptr},
+        {AF_INET, SOCK_STREAM, 99, WSAEPROTONOSUPPORT, nullptr},
+        {AF_UNSPEC, SOCK_STREAM, IPPROTO_UDP, WSAEPROTOTYPE, nullptr},
+        {AF_INET, SOCK_STREAM, IPPROTO_UDP, WSAEAFNOSUPPORT, nullptr},
+        {AF_INET, SOCK_STREAM, IPPROTO_TCP, 0, &handleFlags},
+        {AF_INET, SOCK_STREAM, IPPROTO_TCP, WSAEAFNOSUPPORT, &foreignFlags},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(ErrorOf(row.family, row.type, row.protocol, row.info), row.expected)
+            << row.family << " " << row.type << " " << row.protocol;
+    }
+}
+
+TEST_F(SocketLife, NewSocketRecordsWhatWasAskedAndGoesDownOverlapped) {
+    WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
+    info.dwProviderReserved = 4711;
+    const SOCKET s =
+        WSPSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, &info, 3, WSA_FLAG_MULTIPOINT_C_ROOT, &error_);
+    ASSERT_NE(s, INVALID_SOCKET);
+    EXPECT_EQ(Fake().socketFlags, static_cast<DWORD>(WSA_FLAG_MULTIPOINT_C_ROOT | WSA_FLAG_OVERLAPPED));
+    EXPECT_EQ(Fake().socketInfo.dwCatalogEntryId, Entry(SOCK_STREAM).NextProvider.dwCatalogEntryId);
+    EXPECT_EQ(Fake().socketInfo.dwProviderReserved, 4711u);
+    EXPECT_EQ(Fake().handleEntry, Entry(SOCK_STREAM).LayerProvider.dwCatalogEntryId);
+    SocketContext* const context = ContextOf(s);
+    EXPECT_EQ(context->SocketFlags, static_cast<DWORD>(WSA_FLAG_MULTIPOINT_C_ROOT));
+    EXPECT_EQ(context->SocketGroup, 3u);
+    EXPECT_FALSE(context->Own);
+    EXPECT_EQ(FindSocketContextByProviderSocket(nullptr, context->ProviderSocket), context);
+    EXPECT_EQ(FindSocketContextByProviderSocket(&Entry(SOCK_DGRAM), context->ProviderSocket), nullptr);
+    Close(s);
+
+    // A layered lower provider is told what the application said, or its own entry when it said nothing.
+    Entry(SOCK_STREAM).NextProvider.ProtocolChain.ChainLen = 2;
+    Close(WSPSocket(AF_INET, SOCK_STREAM, 0, &info, 0, 0, &error_));
+    EXPECT_EQ(Fake().socketInfo.dwCatalogEntryId, info.dwCatalogEntryId);
+    Close(WSPSocket(AF_INET, SOCK_STREAM, 0, nullptr, 0, 0, &error_));
+    EXPECT_EQ(Fake().socketInfo.dwCatalogEntryId, Entry(SOCK_STREAM).NextProvider.dwCatalogEntryId);
+
+    const SOCKET v6 = WSPSocket(AF_INET6, SOCK_STREAM, 0, nullptr, 0, 0, &error_);
+    EXPECT_TRUE(ContextOf(v6)->Own) << "only IPv4 is intercepted";
+    Close(v6);
+}
+
+TEST_F(SocketLife, FailuresAfterTheLowerSocketCloseIt) {
+    Fake().createHandleError = WSAEMFILE;
+    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAEMFILE);
+    Fake().createHandleError = 0;
+    {
+        const platform::ScopedFault noMemory({"HeapAlloc"});
+        EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAENOBUFS);
+    }
+    EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5000, 0x5001}));
+
+    const SOCKET listener = MakeSocket();
+    Lower().lpWSPAccept = [](SOCKET, sockaddr*, LPINT, LPCONDITIONPROC, DWORD_PTR, LPINT) {
+        return SOCKET{0x6000};
+    };
+    Fake().createHandleError = WSAEMFILE;
+    EXPECT_EQ(WSPAccept(listener, nullptr, nullptr, nullptr, 0, &error_), INVALID_SOCKET);
+    EXPECT_EQ(error_, WSAEMFILE);
+    EXPECT_EQ(Fake().closed.back(), 0x6000u);
+    Fake().createHandleError = 0;
+
+    ContextOf(listener)->AsyncMessage = 1234;
+    const SOCKET accepted = WSPAccept(listener, nullptr, nullptr, nullptr, 0, &error_);
+    EXPECT_EQ(ContextOf(accepted)->AsyncMessage, 1234u)
+        << "an accepted socket reports to its listener's window";
+    Close(accepted);
+    Close(listener);
+}
+
+TEST_F(SocketLife, CloseWaitsForOtherUsers) {
+    const SOCKET s = MakeSocket();
+    SocketContext* const context = FindAndRefSocketContext(s, &error_);
+    EXPECT_EQ(WSPCloseSocket(s, &error_), 0);
+    EXPECT_EQ(Fake().closed.size(), 1u) << "the lower socket goes at once";
+    EXPECT_EQ(Fake().handles.count(s), 1u) << "the application's handle with the last user";
+    EXPECT_EQ(WSPCloseSocket(s, &error_), SOCKET_ERROR) << "it is closed only once";
+    EXPECT_EQ(error_, WSAENOTSOCK);
+    DerefSocketContext(context, &error_);
+    EXPECT_EQ(Fake().handles.count(s), 0u);
+    EXPECT_EQ(WSPCloseSocket(s, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAENOTSOCK);
+
+    const SOCKET busy = MakeSocket();
+    SocketContext* const pending = ContextOf(busy);
+    ASSERT_TRUE(AcquireSocketLock(pending));
+    pending->OutstandingAsync = 1;
+    ReleaseSocketLock(pending);
+    EXPECT_EQ(WSPCloseSocket(busy, &error_), 0);
+    EXPECT_EQ(Fake().handles.count(busy), 1u) << "an overlapped request is still under way";
+    FindAndRefSocketContext(busy, &error_);
+    pending->OutstandingAsync = 0;
+    DerefSocketContext(pending, &error_);
+    EXPECT_EQ(Fake().handles.count(busy), 0u);
+
+    const SOCKET lingering = MakeSocket();
+    Fake().closeError = WSAEWOULDBLOCK;
+    EXPECT_EQ(WSPCloseSocket(lingering, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEWOULDBLOCK);
+    Fake().closeError = 0;
+    Close(lingering);
+}
+
+TEST_F(SocketLife, ConcurrentUseAndCloseNeverMeetAFreedContext) {
+    Lower().lpWSPShutdown = [](SOCKET, int, LPINT) { return 0; };
+    for (int round = 0; round < 200; ++round) {
+        const SOCKET s = MakeSocket();
+        std::vector<std::thread> users;
+        users.reserve(3);
+        for (int user = 0; user < 3; ++user) {
+            users.emplace_back([s] {
+                INT error = 0;
+                for (int i = 0; i < 50 && WSPShutdown(s, SD_SEND, &error) == 0; ++i) {
+                }
+            });
+        }
+        INT error = 0;
+        EXPECT_EQ(WSPCloseSocket(s, &error), 0);
+        for (std::thread& user : users)
+            user.join();
+        EXPECT_EQ(Fake().handles.count(s), 0u) << "the last of them gave the handle back";
+    }
+}
+
+std::promise<void>* Entered = nullptr;
+std::shared_future<void>* Leave = nullptr;
+
+TEST_F(SocketLife, CleanUpLeavesToACallUnderWayWhatItUses) {
+    std::promise<void> entered;
+    std::promise<void> leave;
+    std::shared_future<void> left = leave.get_future().share();
+    Entered = &entered;
+    Leave = &left;
+    Lower().lpWSPListen = [](SOCKET, int, LPINT) {
+        Entered->set_value();
+        Leave->wait();
+        return 0;
+    };
+    const SOCKET s = MakeSocket();
+    const SOCKET idle = MakeSocket();
+    std::thread inside([s] {
+        INT error = 0;
+        EXPECT_EQ(WSPListen(s, 1, &error), 0);
+    });
+    entered.get_future().wait();
+    EXPECT_FALSE(FreeCatalog());
+    EXPECT_EQ(Fake().closed.size(), 2u);
+    EXPECT_TRUE(Fake().handles.empty());
+    EXPECT_EQ(platform::CountResources().heaps, 1) << "the call still has a context in there";
+    leave.set_value();
+    inside.join();
+    EXPECT_EQ(platform::CountResources().heaps, 0);
+    EXPECT_EQ(WSPShutdown(idle, SD_BOTH, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAEAFNOSUPPORT) << "nothing serves sockets any more";
+}
+
+TEST_F(SocketLife, SocketMadeDuringCleanUpIsRefused) {
+    Lower().lpWSPSocket = [](int, int, int, LPWSAPROTOCOL_INFOW, GROUP, DWORD, LPINT) {
+        EXPECT_FALSE(FreeCatalog());
+        return SOCKET{0x5100};
+    };
+    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSANOTINITIALISED);
+    EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5100}));
+}
+
+TEST_F(SocketLife, LowerProviderThatRaisesFailsTheCallAndHoldsNothing) {
+    Lower().lpWSPListen = [](SOCKET, int, LPINT) -> int {
+        EXPECT_EQ(TlsGetValue(ThreadSlot), ContextOf(0x1000)->Provider)
+            << "the slot names the provider being called";
+        RaiseException(0xC0000005, 0, 0, nullptr);
+        return 0;
+    };
+    const SOCKET s = MakeSocket();
+    EXPECT_EQ(WSPListen(s, 1, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(TlsGetValue(ThreadSlot), nullptr);
+    EXPECT_EQ(ContextOf(s)->RefCount, 0);
+    Close(s);
+}
+
+TEST_F(SocketLife, MarksAndExemptions) {
+    const SOCKET s = MakeSocket();
+    SocketContext* const context = ContextOf(s);
+    EXPECT_FALSE(IsSocketExempt(context));
+    EXPECT_TRUE(IsSocketExempt(nullptr));
+    ExemptProcessId = GetCurrentProcessId();
+    CurrentProcessId = GetCurrentProcessId();
+    EXPECT_TRUE(IsSocketExempt(context));
+    ExemptProcessId = 0;
+    MarkSocketAsOwn(s, 17);
+    MarkSocketAsOwn(s, 0);
+    EXPECT_TRUE(IsSocketExempt(context));
+    EXPECT_EQ(context->RelayIndex, 17u);
+    Close(s);
+}
+
+TEST_F(SocketLife, ContextIsDescribedInOneLine) {
+    const SOCKET s = MakeSocket();
+    SocketContext* const context = ContextOf(s);
+    EXPECT_STREQ(DescribeContext(nullptr).c_str(), "Context is empty");
+    const sockaddr_in destination = MakeAddress("203.0.113.10", 80);
+    context->DestinationAddress.Store(&destination, sizeof(destination));
+    context->Protocol = 1;
+    context->ReportTraffic = context->Split = TRUE;
+    // Winsock, which writes addresses, is not started here.
+    EXPECT_STREQ(DescribeContext(context).c_str(),
+                 "Connection[1] [relay:0,ly:4096,pv:20480,spy:-1] - [<undefined>]:[80] - [prot:1] "
+                 "[flags:0,1,0,0,0,1,0]");
+    Close(s);
+}
+
+}  // namespace

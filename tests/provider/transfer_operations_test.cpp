@@ -1,0 +1,133 @@
+// Sends and receives that are carried out at once: what is counted, what the analysis sees, what a block
+// does.
+#include "tests/provider/fake_winsock.h"
+
+namespace {
+
+class TransferOperations : public FakeWinsock {
+  protected:
+    void SetUp() override {
+        FakeWinsock::SetUp();
+        s_ = MakeSocket();
+        context_ = ContextOf(s_);
+        calls_ = 0;
+        lowerError_ = 0;
+        Lower().lpWSPSend = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, LPWSAOVERLAPPED,
+                               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                               LPINT error) { return Transfer(bytes, 7, error); };
+        Lower().lpWSPSendTo = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, const sockaddr*, int,
+                                 LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                                 LPINT error) { return Transfer(bytes, 8, error); };
+        Lower().lpWSPRecv = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, LPWSAOVERLAPPED,
+                               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                               LPINT error) { return Transfer(bytes, 5, error); };
+        Lower().lpWSPRecvFrom = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, sockaddr* from,
+                                   LPINT length, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                                   LPWSATHREADID, LPINT error) {
+            const sockaddr_in source = MakeAddress("198.51.100.7", 53);
+            if (from != nullptr) std::memcpy(from, &source, sizeof(source));
+            if (length != nullptr) *length = sizeof(source);
+            return Transfer(bytes, 6, error);
+        };
+    }
+    void TearDown() override {
+        Close(s_);
+        FakeWinsock::TearDown();
+    }
+
+    /// Error of each operation, or 0.
+    int Send() { return Error(WSPSend(s_, &buffer_, 1, &bytes_, 0, nullptr, nullptr, nullptr, &error_)); }
+    int SendTo(const sockaddr_in& to) {
+        return Error(WSPSendTo(s_, &buffer_, 1, &bytes_, 0, reinterpret_cast<const sockaddr*>(&to),
+                               sizeof(to), nullptr, nullptr, nullptr, &error_));
+    }
+    int Recv() {
+        return Error(WSPRecv(s_, &buffer_, 1, &bytes_, &flags_, nullptr, nullptr, nullptr, &error_));
+    }
+    int RecvFrom(sockaddr* from, LPINT length) {
+        return Error(
+            WSPRecvFrom(s_, &buffer_, 1, &bytes_, &flags_, from, length, nullptr, nullptr, nullptr, &error_));
+    }
+
+    static inline int calls_;
+    static inline int lowerError_;
+    SOCKET s_ = INVALID_SOCKET;
+    SocketContext* context_ = nullptr;
+    char data_[16] = {};
+    WSABUF buffer_ = {sizeof(data_), data_};
+    DWORD bytes_ = 999;  // what a failed call leaves in the application's variable
+    DWORD flags_ = 0;
+
+  private:
+    static int Transfer(LPDWORD bytes, DWORD count, LPINT error) {
+        ++calls_;
+        if (lowerError_ != 0) {
+            *error = lowerError_;
+            return SOCKET_ERROR;
+        }
+        if (bytes != nullptr) *bytes = count;
+        return 0;
+    }
+    int Error(int result) const {
+        EXPECT_EQ(result, error_ == 0 ? 0 : SOCKET_ERROR);
+        return error_;
+    }
+};
+
+TEST_F(TransferOperations, CountsWhatWentThrough) {
+    EXPECT_EQ(Send() + Recv() + RecvFrom(nullptr, nullptr) + SendTo(MakeAddress("198.51.100.7", 53)), 0);
+    EXPECT_EQ(context_->BytesSent, 15u);
+    EXPECT_EQ(context_->BytesRecv, 11u);
+    lowerError_ = WSAEWOULDBLOCK;
+    bytes_ = 999;
+    EXPECT_EQ(Recv(), WSAEWOULDBLOCK);
+    EXPECT_EQ(Send(), WSAEWOULDBLOCK);
+    EXPECT_EQ(context_->BytesSent, 15u);
+    EXPECT_EQ(context_->BytesRecv, 11u);
+    EXPECT_EQ(Fake().receivedBytes, (std::vector<DWORD>{5, 6, 0})) << "nothing fresh in a failed receive";
+    lowerError_ = 0;
+    EXPECT_EQ(WSPRecv(s_, &buffer_, 1, nullptr, &flags_, nullptr, nullptr, nullptr, &error_), 0);
+}
+
+TEST_F(TransferOperations, AddressesOfDatagramsBecomeTheDestination) {
+    sockaddr_in from{};
+    INT length = sizeof(from);
+    EXPECT_EQ(RecvFrom(reinterpret_cast<sockaddr*>(&from), &length), 0);
+    EXPECT_EQ(context_->DestinationAddress.Port(), 53);
+    EXPECT_EQ(context_->DestinationAddressLength, 16);
+    EXPECT_EQ(SendTo(MakeAddress("198.51.100.8", 54)), 0);
+    EXPECT_EQ(context_->DestinationAddress.Port(), 54);
+    lowerError_ = WSAEWOULDBLOCK;
+    EXPECT_EQ(RecvFrom(reinterpret_cast<sockaddr*>(&from), &length), WSAEWOULDBLOCK);
+    EXPECT_EQ(context_->DestinationAddress.Port(), 54) << "nothing came from anywhere";
+    EXPECT_EQ(WSPSendTo(s_, &buffer_, 1, &bytes_, 0, reinterpret_cast<sockaddr*>(data_), 129, nullptr,
+                        nullptr, nullptr, &error_),
+              SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEFAULT);
+}
+
+TEST_F(TransferOperations, VerdictBlocksUntilAReceiveIsAskedAgain) {
+    Fake().sent = [](SocketContext* context) { context->Blocked = TRUE; };
+    EXPECT_EQ(Send(), WSAECONNABORTED);
+    EXPECT_EQ(calls_, 0) << "the data has not left";
+    Fake().sent = nullptr;
+    EXPECT_EQ(SendTo(MakeAddress("198.51.100.8", 54)), WSAECONNABORTED) << "a send does not clear it";
+    EXPECT_EQ(Recv(), 0);
+    EXPECT_EQ(Send(), 0);
+
+    Fake().received = [](SocketContext* context) { context->Blocked = TRUE; };
+    EXPECT_EQ(Recv(), WSAECONNABORTED) << "data already read is not returned";
+    EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
+}
+
+TEST_F(TransferOperations, BlockWithAnErrorOfItsOwnStays) {
+    context_->Blocked = TRUE;
+    context_->BlockError = WSAETIMEDOUT;
+    EXPECT_EQ(Recv(), WSAETIMEDOUT);
+    EXPECT_EQ(RecvFrom(nullptr, nullptr), WSAETIMEDOUT);
+    EXPECT_EQ(Send(), WSAETIMEDOUT);
+    EXPECT_EQ(calls_, 0) << "nobody waits for a server that is not there";
+    EXPECT_TRUE(context_->Blocked);
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// An analyzer that answers late, never, in pieces, or nonsense: how long a connect waits for it, and which
+// frames it takes for its answer. The setting refuses connects without an answer, so that the result tells.
+#include <winsock2.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/testing/clock.h"
+#include "tests/support/connect_fixture.h"
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class AnswerLimits : public ConnectFixture {
+  protected:
+    void SetUp() override {
+        ConnectFixture::SetUp();
+        SetRegistryValue("StopActivityOnFailConnect", 1);
+    }
+
+    static Bytes Answer(std::uint32_t requestId, std::uint32_t action = 0) {
+        ScriptedAnswer answer;
+        answer.requestId = requestId;
+        answer.action = action;
+        return AnswerFrame(answer);
+    }
+
+    static Bytes WithWord(Bytes frame, std::size_t offset, std::uint32_t word) {
+        std::memcpy(frame.data() + offset, &word, sizeof word);
+        return frame;
+    }
+};
+
+TEST_F(AnswerLimits, SilenceEndsWithTheSixthWait) {
+    analyzer_.SetScript([](const SeenRequest&, AnalyzerConnection&) {});
+    StartWinsock();
+    const SOCKET s = StreamSocket();
+    {
+        const platform::ScopedClockRate fast(200);
+        const DWORD begin = GetTickCount();
+        EXPECT_EQ(ConnectToPublic(s), WSAECONNREFUSED);
+        EXPECT_GE(GetTickCount() - begin, 18000u);
+    }
+    EXPECT_EQ(CountDebugLines("Exiting recv using socket. Buffer incomplete. Elapsed: 6; error = 0"), 1u);
+    EXPECT_TRUE(analyzer_.WaitForEnded(1)) << "the channel is closed";
+    EXPECT_EQ(closesocket(s), 0);
+}
+
+TEST_F(AnswerLimits, ADrippingAnalyzerHoldsAConnectForAMinuteAtMost) {
+    std::atomic<bool> connecting{true};
+    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
+        for (const std::uint8_t byte : Answer(request.messageId)) {
+            while (connecting && platform::CountTimedWaits() == 0)
+                std::this_thread::yield();
+            if (!connecting || !connection.Send({byte})) return;
+            platform::AdvanceClock(2900);
+        }
+    });
+    StartWinsock();
+    const platform::ScopedClockRate stopped(0);
+    const DWORD begin = GetTickCount();
+    EXPECT_EQ(ConnectOnce(), WSAECONNREFUSED);
+    connecting = false;
+    EXPECT_GE(GetTickCount() - begin, 60000u);
+}
+
+TEST_F(AnswerLimits, UnreadableAnswersAreNoAnswers) {
+    const Bytes good = Answer(0);
+    const struct {
+        const char* what;
+        Bytes bytes;
+        bool reset;
+    } cases[] = {
+        {"the connection ends", {}, false},
+        {"the connection is reset", {}, true},
+        {"noise", Bytes(200, 0x5a), false},
+        {"a frame of 2 GiB", WithWord(good, 0, 0x7fffffff), false},
+        {"a frame of negative length", WithWord(good, 0, 0xffffffff), false},
+        {"a frame shorter than its header", WithWord(good, 0, 7), false},
+        {"fields beyond the frame", WithWord(good, 4, 157), false},
+        {"fields inside the header", WithWord(good, 4, 4), false},
+        {"fields that begin too late to be complete", WithWord(good, 4, 9), false},
+        {"half an answer, then the end", Bytes(good.begin(), good.begin() + 80), false},
+    };
+    StartWinsock();
+    std::size_t ended = 0;
+    for (const auto& row : cases) {
+        analyzer_.SetScript([&row](const SeenRequest&, AnalyzerConnection& connection) {
+            if (!row.bytes.empty()) connection.Send(row.bytes);
+            row.reset ? connection.Reset() : connection.Close();
+        });
+        EXPECT_EQ(ConnectOnce(), WSAECONNREFUSED) << row.what;
+        EXPECT_TRUE(analyzer_.WaitForEnded(++ended)) << row.what;
+    }
+}
+
+TEST_F(AnswerLimits, TheAnswerIsFoundAmongOtherFrames) {
+    constexpr std::uint32_t kBlock = 1;
+    const auto append = [](Bytes& to, const Bytes& more) { to.insert(to.end(), more.begin(), more.end()); };
+    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
+        Bytes stream = Answer(request.messageId + 1, kBlock);
+        append(stream, Answer(request.messageId ^ 0x10000, kBlock));
+        append(stream, Answer(request.messageId));
+        append(stream, Answer(request.messageId, kBlock));
+        connection.Send(stream);
+    });
+    StartWinsock();
+    EXPECT_EQ(ConnectOnce(), 0);
+    EXPECT_EQ(CountDebugLines("ERROR:Skipped an answer to request"), 2u);
+
+    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
+        connection.Send(Answer(request.messageId + 1, kBlock));
+        connection.Send(Answer(0));
+    });
+    EXPECT_EQ(ConnectOnce(), 0) << "an answer to whatever was asked";
+
+    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
+        const Bytes answer = Answer(request.messageId);
+        std::size_t sent = 0;
+        for (const std::size_t cut : {std::size_t{3}, std::size_t{4}, std::size_t{9}, answer.size()}) {
+            connection.Send(Bytes(answer.begin() + static_cast<std::ptrdiff_t>(sent),
+                                  answer.begin() + static_cast<std::ptrdiff_t>(cut)));
+            sent = cut;
+        }
+    });
+    EXPECT_EQ(ConnectOnce(), 0) << "an answer in pieces";
+}
+
+}  // namespace

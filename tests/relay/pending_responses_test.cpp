@@ -1,0 +1,165 @@
+// Answers that one thread reads and another waits for.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "messages/buffer_arena.h"
+#include "platform/testing/clock.h"
+#include "platform/testing/fault_points.h"
+#include "platform/testing/resource_counts.h"
+#include "provider/process_state.h"
+#include "provider/socket_context.h"
+#include "relay/analyzer_channel.h"
+
+namespace {
+
+constexpr DWORD kId = 0x00420007;
+
+class PendingResponses : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        before_ = platform::CountResources();
+        InitializeLocks();
+        context_.SpySocket = 4711;
+        context_.RelayWanted = TRUE;
+    }
+
+    void TearDown() override {
+        ClearPendingResponses();
+        DestroyMessagePool();
+        DestroyBufferArena();
+        DeleteLocks();
+        EXPECT_EQ(platform::SettleTo(before_), "");
+    }
+
+    static PooledResponse ResponseTo(DWORD requestId, DWORD action = ActionAllow) {
+        PooledResponse response = TakeResponse();
+        response->RequestId = requestId;
+        response->Action = action;
+        return response;
+    }
+
+    SocketContext context_;
+    platform::ResourceCounts before_;
+};
+
+TEST_F(PendingResponses, OnlyRelayedContextsRegister) {
+    EXPECT_EQ(CreateResponseWait(kId, nullptr), INVALID_HANDLE_VALUE);
+    context_.RelayWanted = FALSE;
+    EXPECT_EQ(CreateResponseWait(kId, &context_), INVALID_HANDLE_VALUE);
+    context_.RelayWanted = TRUE;
+    const platform::ScopedFault noEvents({"CreateEventA"});
+    EXPECT_EQ(CreateResponseWait(kId, &context_), INVALID_HANDLE_VALUE);
+}
+
+TEST_F(PendingResponses, AnAnswerThatComesFirstIsTakenWithoutWaiting) {
+    const platform::ScopedClockRate stopped(0);
+    const HANDLE event = CreateResponseWait(kId, &context_);
+    PooledResponse response = ResponseTo(kId, ActionBlock);
+    EXPECT_TRUE(DeliverResponse(response));
+    EXPECT_EQ(response, nullptr);
+    const PooledResponse taken = WaitForResponse(kId, &context_, event);
+    ASSERT_NE(taken, nullptr);
+    EXPECT_EQ(taken->Action, ActionBlock);
+
+    PooledResponse late = ResponseTo(kId);
+    EXPECT_FALSE(DeliverResponse(late)) << "the waiter is gone";
+    EXPECT_NE(late, nullptr);
+}
+
+TEST_F(PendingResponses, EachWaiterGetsItsOwnAnswer) {
+    const HANDLE first = CreateResponseWait(kId, &context_);
+    const HANDLE second = CreateResponseWait(kId + 1, &context_);
+    std::thread worker([] {
+        PooledResponse two = ResponseTo(kId + 1, ActionBlock);
+        DeliverResponse(two);
+        PooledResponse one = ResponseTo(kId, ActionRedirect);
+        DeliverResponse(one);
+    });
+    const PooledResponse one = WaitForResponse(kId, &context_, first);
+    const PooledResponse two = WaitForResponse(kId + 1, &context_, second);
+    worker.join();
+    ASSERT_TRUE(one != nullptr && two != nullptr);
+    EXPECT_EQ(one->Action, ActionRedirect);
+    EXPECT_EQ(two->Action, ActionBlock);
+}
+
+TEST_F(PendingResponses, WakingEndsTheWaitsOfOneSpySocketOnly) {
+    const platform::ScopedClockRate stopped(0);
+    SocketContext other;
+    other.SpySocket = 4712;
+    other.RelayWanted = TRUE;
+    const HANDLE event = CreateResponseWait(kId, &context_);
+    const HANDLE otherEvent = CreateResponseWait(kId + 1, &other);
+    WakeResponseWaiters(4710);
+    WakeResponseWaiters(4711);
+    EXPECT_EQ(WaitForResponse(kId, &context_, event), nullptr);
+    PooledResponse response = ResponseTo(kId + 1);
+    DeliverResponse(response);
+    EXPECT_NE(WaitForResponse(kId + 1, &other, otherEvent), nullptr);
+}
+
+TEST_F(PendingResponses, TheWaitEndsAfterAMinute) {
+    const platform::ScopedClockRate stopped(0);
+    const HANDLE event = CreateResponseWait(kId, &context_);
+    auto waiter = std::async(std::launch::async, [&] { return WaitForResponse(kId, &context_, event); });
+    ASSERT_TRUE(platform::WaitForTimedWaits(1));
+    platform::AdvanceClock(59999);
+    EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    platform::AdvanceClock(1);
+    EXPECT_EQ(waiter.get(), nullptr);
+}
+
+TEST_F(PendingResponses, AWaiterWhoseIdCameRoundLeavesTheNewOneAlone) {
+    const HANDLE old = CreateResponseWait(kId, &context_);
+    const HANDLE young = CreateResponseWait(kId, &context_);
+    {
+        const platform::ScopedClockRate fast(100000);
+        EXPECT_EQ(WaitForResponse(kId, &context_, old), nullptr);
+    }
+    PooledResponse response = ResponseTo(kId);
+    EXPECT_TRUE(DeliverResponse(response));
+    EXPECT_NE(WaitForResponse(kId, &context_, young), nullptr);
+}
+
+TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
+    CreateResponseWait(kId, &context_);
+    CreateResponseWait(kId + 1, &context_);
+    PooledResponse response = ResponseTo(kId + 1);
+    DeliverResponse(response);
+    // TearDown clears and counts.
+}
+
+TEST_F(PendingResponses, EveryAnswerUpdatesTheContext) {
+    const auto answerWith = [&](DWORD flags, DWORD exempt) {
+        const HANDLE event = CreateResponseWait(kId, &context_);
+        PooledResponse response = ResponseTo(kId);
+        response->Flags = flags;
+        response->ExemptProcessId = exempt;
+        DeliverResponse(response);
+        WaitForResponse(kId, &context_, event);
+    };
+    context_.BytesSent = 10;
+    context_.BytesRecv = 20;
+    answerWith(kFlagCountTraffic | kFlagInspectData, 0);
+    EXPECT_EQ(context_.BytesSent, 10u) << "not counted so far, so not reported";
+    EXPECT_TRUE(context_.CountTraffic && context_.InspectData && !context_.ReportTraffic &&
+                !context_.AnalyzerServes);
+
+    answerWith(kFlagKeepFlags | kFlagReportTraffic | kFlagAnalyzerServes, 99);
+    EXPECT_EQ(context_.BytesSent, 0u);
+    EXPECT_EQ(context_.BytesRecv, 0u);
+    EXPECT_TRUE(context_.CountTraffic && context_.InspectData && !context_.ReportTraffic &&
+                !context_.AnalyzerServes);
+    EXPECT_EQ(ExemptProcessId, 99u);
+
+    answerWith(kFlagReportTraffic | kFlagAnalyzerServes, 0);
+    EXPECT_TRUE(!context_.CountTraffic && !context_.InspectData && context_.ReportTraffic &&
+                context_.AnalyzerServes);
+    EXPECT_EQ(ExemptProcessId, 99u);
+    ExemptProcessId = 0;
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+// Several threads of the application on one socket: whose answer is whose, and what a close does to a connect
+// that waits for the analyzer.
+#include <winsock2.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+
+#include "platform/testing/clock.h"
+#include "tests/support/connect_fixture.h"
+
+namespace {
+
+class SharedSocket : public ConnectFixture {};
+
+TEST_F(SharedSocket, TwoConnectsTakeTurnsAndTheirOwnAnswers) {
+    analyzer_.SetScript([](const SeenRequest& request, AnalyzerConnection& connection) {
+        // Not before the other thread waits as well.
+        if (request.connection == 1) platform::WaitForTimedWaits(2);
+        ScriptedAnswer answer;
+        answer.action = request.Destination() == "203.0.113.10:80" ? 1 : 0;
+        connection.Answer(request, answer);
+    });
+    StartWinsock();
+    const platform::ScopedClockRate stopped(0);
+    const SOCKET s = StreamSocket();
+    auto blocked = std::async(std::launch::async, [&] { return Connect(s, Ipv4(kPublic, kPort)); });
+    auto allowed = std::async(std::launch::async, [&] { return Connect(s, Ipv4(kOther, kPort)); });
+    EXPECT_NE(blocked.get(), 0);
+    EXPECT_EQ(allowed.get(), 0);
+    EXPECT_TRUE(otherOrigin_.HasConnection());
+    EXPECT_FALSE(origin_.HasConnection());
+    EXPECT_EQ(closesocket(s), 0);
+    EXPECT_EQ(analyzer_.Requests().size(), 2u);
+    EXPECT_EQ(CountDebugLines("Skipped an answer"), 0u);
+}
+
+TEST_F(SharedSocket, ClosingFreesTheThreadThatWaitsForAVerdict) {
+    analyzer_.SetScript([](const SeenRequest&, AnalyzerConnection&) {});
+    StartWinsock();
+    const platform::ScopedClockRate stopped(0);
+    const SOCKET s = StreamSocket();
+    auto connecting = std::async(std::launch::async, [&] { return ConnectToPublic(s); });
+    ASSERT_TRUE(analyzer_.WaitForRequests(1));
+    ASSERT_TRUE(platform::WaitForTimedWaits(1));
+    EXPECT_EQ(closesocket(s), 0) << "the close doesn't wait for the analyzer";
+    EXPECT_EQ(connecting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    platform::AdvanceClock(3000);
+    EXPECT_NE(connecting.get(), 0);
+    EXPECT_FALSE(origin_.HasConnection());
+    EXPECT_TRUE(analyzer_.WaitForEnded(1));
+}
+
+}  // namespace
