@@ -1,0 +1,149 @@
+#include "analyzer/request_log.h"
+
+#include <chrono>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "messages/analyzer_messages.h"
+
+namespace {
+
+std::string Now() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[40];
+    const std::size_t length = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(text + length, sizeof(text) - length, ".%03dZ", static_cast<int>(milliseconds));
+    return text;
+}
+
+std::vector<std::string> FlagNames(std::uint32_t flags) {
+    constexpr const char* names[] = {"count", "report", "inspect", "relay", "keep", "serve"};
+    std::vector<std::string> set;
+    for (std::uint32_t bit = 0; bit < 6; ++bit) {
+        if ((flags & (1u << bit)) != 0) set.emplace_back(names[bit]);
+    }
+    return set;
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : ",") + word;
+    return text;
+}
+
+const char* SocketTypeName(std::uint32_t type) {
+    if (type == SOCK_STREAM) return "stream";
+    if (type == SOCK_DGRAM) return "datagram";
+    return "other";
+}
+
+const char* ActionName(RuleAction action) {
+    switch (action) {
+        case RuleAction::kRefuse:
+            return "refuse";
+        case RuleAction::kRedirect:
+            return "redirect";
+        case RuleAction::kAllow:
+            break;
+    }
+    return "allow";
+}
+
+const char* BehaviourName(Behaviour behaviour) {
+    switch (behaviour) {
+        case Behaviour::kSilent:
+            return "silent";
+        case Behaviour::kGarbage:
+            return "garbage";
+        case Behaviour::kClose:
+            return "close";
+        case Behaviour::kAnswer:
+            break;
+    }
+    return "answer";
+}
+
+/// In quotes, as JSON has it: one line, whatever the text holds.
+std::string Quoted(const std::string& text) {
+    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::string ReadableLine(const std::string& time, const Request& request, const Rule& rule) {
+    const Verdict& verdict = rule.verdict;
+    std::string line = time + " " + OperationName(request.operation) + " process " +
+                       std::to_string(request.processId) + " user " + Quoted(request.user) + " window " +
+                       Quoted(request.window) + " signer " + Quoted(request.signer) + " " +
+                       SocketTypeName(request.socketType) + " " + ToText(request.local) + " -> " +
+                       ToText(request.destination);
+    if (request.flags != 0) line += " flags " + Joined(FlagNames(request.flags));
+    if (request.bytesSent != 0 || request.bytesReceived != 0) {
+        line += " sent " + std::to_string(request.bytesSent) + " received " +
+                std::to_string(request.bytesReceived);
+    }
+    if (request.dataLength != 0) line += " data " + std::to_string(request.dataLength);
+    line += " : ";
+    if (verdict.behaviour != Behaviour::kAnswer) {
+        line += BehaviourName(verdict.behaviour);
+    } else if (!AwaitsAnswer(request.operation)) {
+        line += "noted";
+    } else {
+        line += ActionName(verdict.action);
+        if (verdict.action == RuleAction::kRedirect) line += " to " + ToText(verdict.redirect);
+        if (verdict.flags != 0) line += " with " + Joined(FlagNames(verdict.flags));
+        if (verdict.exempt) line += " and exempt the process";
+    }
+    if (verdict.delayMilliseconds != 0) line += " after " + std::to_string(verdict.delayMilliseconds) + " ms";
+    return line + " (" + Quoted(rule.name) + ")";
+}
+
+std::string JsonLine(const std::string& time, const Request& request, const Rule& rule) {
+    const Verdict& verdict = rule.verdict;
+    nlohmann::ordered_json line = {
+        {"time", time},
+        {"operation", OperationName(request.operation)},
+        {"message_id", request.messageId},
+        {"process_id", request.processId},
+        {"user", request.user},
+        {"window", request.window},
+        {"signer", request.signer},
+        {"socket_type", request.socketType},
+        {"protocol", request.protocol},
+        {"local", ToText(request.local)},
+        {"destination", ToText(request.destination)},
+        {"flags", FlagNames(request.flags)},
+        {"bytes_sent", request.bytesSent},
+        {"bytes_received", request.bytesReceived},
+        {"data_length", request.dataLength},
+        {"rule", rule.name},
+        {"answered", verdict.behaviour == Behaviour::kAnswer && AwaitsAnswer(request.operation)},
+        {"action", ActionName(verdict.action)},
+        {"verdict_flags", FlagNames(verdict.flags)},
+        {"exempt", verdict.exempt},
+        {"behaviour", BehaviourName(verdict.behaviour)},
+        {"delay_ms", verdict.delayMilliseconds},
+    };
+    if (verdict.action == RuleAction::kRedirect) line["redirect"] = ToText(verdict.redirect);
+    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+void RequestLog::Write(const Request& request, const Rule& rule) {
+    std::string line =
+        format_ == LogFormat::kJson ? JsonLine(Now(), request, rule) : ReadableLine(Now(), request, rule);
+    line += '\n';
+    std::fwrite(line.data(), 1, line.size(), out_);
+    unflushed_ = true;
+}
+
+void RequestLog::Flush() {
+    if (unflushed_) std::fflush(out_);
+    unflushed_ = false;
+}

@@ -1,0 +1,129 @@
+// From the frame of a request to what goes back, and what the log makes of it.
+#include "analyzer/decision.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tests/analyzer/request_frames.h"
+
+namespace {
+
+constexpr char kRules[] = R"(
+[[rule]]
+port = 1
+action = "refuse"
+flags = "keep"
+[[rule]]
+port = 2
+action = "redirect"
+address = "127.0.0.1:41080"
+exempt = true
+[[rule]]
+port = 3
+behaviour = "silent"
+[[rule]]
+port = 4
+behaviour = "garbage"
+delay_ms = 7
+[[rule]]
+port = 5
+behaviour = "close"
+)";
+
+struct Asked {
+    AskedRequest request;
+    Reply reply;
+    std::vector<unsigned char> out;
+};
+
+Asked Ask(std::uint16_t port, std::uint32_t operation = 12) {
+    static const RuleSet rules = RuleSet::FromText(kRules, "rules");
+    static Decision decision(rules, nullptr);
+    Asked asked;
+    asked.request.port = port;
+    asked.request.operation = operation;
+    asked.request.dataLength = operation == 9 ? 1000 : 0;
+    const std::vector<unsigned char> frame = RequestFrame(asked.request);
+    asked.reply = decision.OnFrame(frame.data(), frame.size(), asked.out);
+    return asked;
+}
+
+TEST(Decision, AnswersByRule) {
+    Asked asked = Ask(1);
+    GivenAnswer answer = ReadAnswer(asked.out);
+    ASSERT_TRUE(answer.readable);
+    EXPECT_EQ(answer.requestId, asked.request.messageId);
+    EXPECT_EQ(answer.action, 1u);
+    EXPECT_EQ(answer.flags, 0x10u);
+    EXPECT_EQ(answer.exemptProcessId, 0u);
+
+    asked = Ask(2);
+    answer = ReadAnswer(asked.out);
+    EXPECT_EQ(answer.action, 2u);
+    EXPECT_EQ(answer.redirect, std::string("\x02\x00\xA0\x78\x7F\x00\x00\x01", 8));
+    EXPECT_EQ(answer.exemptProcessId, 4321u);
+
+    asked = Ask(443);
+    answer = ReadAnswer(asked.out);
+    EXPECT_TRUE(answer.readable);
+    EXPECT_EQ(answer.action, 0u) << "nothing of the answer before may stay";
+    EXPECT_EQ(answer.redirect, std::string(8, '\0'));
+}
+
+TEST(Decision, Behaviours) {
+    EXPECT_EQ(Ask(3).reply.kind, Reply::Kind::kNone);
+    EXPECT_EQ(Ask(5).reply.kind, Reply::Kind::kClose);
+    const Asked garbage = Ask(4);
+    EXPECT_EQ(garbage.reply.kind, Reply::Kind::kSend);
+    EXPECT_EQ(garbage.reply.delayMilliseconds, 7u);
+    std::size_t length = 0;
+    EXPECT_FALSE(ReadFrameLength(garbage.out.data(), length));
+    for (std::uint32_t report : {2u, 7u, 8u, 9u, 10u, 99u}) {
+        EXPECT_EQ(Ask(1, report).reply.kind, Reply::Kind::kNone) << report;
+    }
+}
+
+TEST(Decision, WhatIsNoRequestClosesTheConnection) {
+    const RuleSet rules;
+    Decision decision(rules, nullptr);
+    AskedRequest asked;
+    const std::vector<unsigned char> good = RequestFrame(asked);
+    for (std::size_t length = 8; length < good.size(); ++length) {
+        std::vector<unsigned char> frame(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(length));
+        frame[0] = static_cast<unsigned char>(length);
+        frame[1] = static_cast<unsigned char>(length >> 8);
+        std::vector<unsigned char> out;
+        ASSERT_EQ(decision.OnFrame(frame.data(), frame.size(), out).kind, Reply::Kind::kClose) << length;
+    }
+    std::vector<unsigned char> insideHeader = good;
+    insideHeader[4] = 7;
+    std::vector<unsigned char> out;
+    EXPECT_EQ(decision.OnFrame(insideHeader.data(), insideHeader.size(), out).kind, Reply::Kind::kClose);
+    EXPECT_EQ(decision.OnFrame(good.data(), good.size(), out).kind, Reply::Kind::kSend)
+        << "the next one is served";
+}
+
+TEST(RequestLog, TextsFromTheWireStayInsideTheirLine) {
+    Request request;
+    request.operation = 12;
+    request.user = "eve\"\n2026-01-01 forged line";
+    request.window = "\xFF\xFE broken \x1B[31m";
+    request.destination = {0xC0000201, 443};
+    Rule rule;
+    rule.name = "a rule";
+    rule.verdict.action = RuleAction::kRedirect;
+    rule.verdict.redirect = {0x7F000001, 80};
+    for (const std::string& line : {ReadableLine("now", request, rule), JsonLine("now", request, rule)}) {
+        for (const char c : line)
+            EXPECT_GE(static_cast<unsigned char>(c), 0x20) << line;
+        EXPECT_NE(line.find("192.0.2.1:443"), std::string::npos);
+    }
+    const nlohmann::json json = nlohmann::json::parse(JsonLine("now", request, rule));
+    EXPECT_EQ(json["user"], request.user);
+    EXPECT_EQ(json["redirect"], "127.0.0.1:80");
+    EXPECT_EQ(json["action"], "redirect");
+}
+
+}  // namespace

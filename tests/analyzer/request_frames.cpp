@@ -1,0 +1,35 @@
+#include "tests/analyzer/request_frames.h"
+
+#include "tests/messages/frame_tools.h"
+
+std::vector<unsigned char> RequestFrame(AskedRequest& asked) {
+    LSPAnalyzerMessage request;
+    Bytes data(asked.dataLength, 'd');
+    const BufferPiece piece{asked.dataLength, data.data()};
+    if (asked.dataLength != 0) request.SetDataBuffers(&piece, 1, 0, false);
+    request.ProcessId = asked.processId;
+    request.UserName = asked.user;
+    request.WindowTitle = "Main window";
+    request.SocketType = SOCK_STREAM;
+    request.RemotePort = asked.port;
+    auto* address = reinterpret_cast<unsigned char*>(&request.RemoteAddress) + 4;
+    for (int octet = 0; octet < 4; ++octet) {
+        address[octet] = static_cast<unsigned char>(asked.address >> (24 - 8 * octet));
+    }
+    request.Operation = asked.operation;
+    asked.messageId = request.MessageId;
+    return FrameOf(request);
+}
+
+GivenAnswer ReadAnswer(std::vector<unsigned char> frame) {
+    LSPAnalyzerMessageResponse response;
+    Feed(response, frame);
+    GivenAnswer answer;
+    answer.readable = response.Deserialize() && response.GetExcessLength() == 0;
+    answer.requestId = response.RequestId;
+    answer.action = response.Action;
+    answer.flags = response.Flags;
+    answer.exemptProcessId = response.ExemptProcessId;
+    answer.redirect.assign(reinterpret_cast<const char*>(&response.RedirectAddress), 8);
+    return answer;
+}

@@ -1,0 +1,136 @@
+// Which rule decides, and how clearly a wrong rule file is refused.
+#include "analyzer/rules.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+constexpr char kRules[] = R"(
+[default]
+action = "refuse"
+
+[[rule]]
+name = "first"
+operation = ["connect", "bind"]
+destination = ["203.0.113.0/24", "198.51.100.7"]
+port = [80, "8000-8999"]
+
+[[rule]]
+name = "user"
+user = ['DEMO\b*', "root"]
+
+[[rule]]
+name = "program"
+window = "*- Browser"
+signer = "Demo ?igner"
+
+[[rule]]
+name = "process"
+process_id = [77, 78]
+)";
+
+Request Asking(std::uint32_t address, std::uint16_t port) {
+    Request request;
+    request.operation = OperationByName("connect");
+    request.destination = {address, port};
+    return request;
+}
+
+TEST(Rules, TheFirstRuleWhoseConditionsAllHoldDecides) {
+    const RuleSet rules = RuleSet::FromText(kRules, "rules");
+    constexpr std::uint32_t inNetwork = 0xCB0071FF;
+    constexpr std::uint32_t behindNetwork = 0xCB007200;
+    EXPECT_EQ(rules.Decide(Asking(inNetwork, 80)).name, "first");
+    EXPECT_EQ(rules.Decide(Asking(inNetwork, 8999)).name, "first");
+    EXPECT_EQ(rules.Decide(Asking(0xC6336407, 8000)).name, "first");
+    EXPECT_EQ(rules.Decide(Asking(inNetwork, 9000)).name, "default");
+    EXPECT_EQ(rules.Decide(Asking(behindNetwork, 80)).name, "default");
+    EXPECT_EQ(rules.Decide(Asking(inNetwork, 9000)).verdict.action, RuleAction::kRefuse);
+
+    Request request = Asking(inNetwork, 80);
+    request.operation = OperationByName("close");
+    EXPECT_EQ(rules.Decide(request).name, "default");
+    request.operation = 99;
+    EXPECT_EQ(rules.Decide(request).name, "default");
+    request.user = "DEMO\\bob";
+    EXPECT_EQ(rules.Decide(request).name, "user");
+    request.user = "DEMO\\alice";
+    request.window = "News - Browser";
+    EXPECT_EQ(rules.Decide(request).name, "default") << "the signer doesn't fit";
+    request.signer = "Demo Signer";
+    EXPECT_EQ(rules.Decide(request).name, "program");
+    request.signer.clear();
+    request.processId = 78;
+    EXPECT_EQ(rules.Decide(request).name, "process");
+
+    EXPECT_EQ(RuleSet().Decide(request).verdict.action, RuleAction::kAllow);
+    EXPECT_EQ(RuleSet::FromText("[[rule]]\ndestination = \"0.0.0.0/0\"", "r").Decide(request).name, "rule 1");
+}
+
+TEST(Rules, Patterns) {
+    EXPECT_TRUE(FitsPattern("", ""));
+    EXPECT_TRUE(FitsPattern("abcbc", "a*bc"));
+    EXPECT_TRUE(FitsPattern("abc", "***"));
+    EXPECT_FALSE(FitsPattern("abcd", "a*bc"));
+    EXPECT_FALSE(FitsPattern("a", "a?"));
+    // A hostile title must not take exponential time.
+    EXPECT_FALSE(FitsPattern(std::string(2048, 'a'), "*a*a*a*a*a*a*a*a*a*a*b"));
+}
+
+TEST(Rules, VerdictsAreReadWhole) {
+    const RuleSet rules = RuleSet::FromText(
+        "[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.1:41080\"\nflags = [\"count\", \"keep\", "
+        "\"serve\"]\n"
+        "exempt = true\nbehaviour = \"garbage\"\ndelay_ms = 250\n",
+        "rules");
+    const Verdict& verdict = rules.Decide(Request()).verdict;
+    EXPECT_EQ(verdict.action, RuleAction::kRedirect);
+    EXPECT_EQ(ToText(verdict.redirect), "127.0.0.1:41080");
+    EXPECT_EQ(verdict.flags, 0x31u);
+    EXPECT_TRUE(verdict.exempt);
+    EXPECT_EQ(verdict.behaviour, Behaviour::kGarbage);
+    EXPECT_EQ(verdict.delayMilliseconds, 250u);
+}
+
+TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
+    const struct {
+        const char* text;
+        const char* start;
+    } cases[] = {
+        {"[[rule]\n", "f:1:8: "},
+        {"\n[[rule]]\naction = \"alow\"", "f:3:10: there is no action \"alow\""},
+        {"[[rule]]\n  actoin = \"allow\"", "f:2:3: there is no key \"actoin\""},
+        {"[[rules]]\n", "f:1:3: there is no key \"rules\""},
+        {"[rule]\n", "f:1:1: rules are written as [[rule]]"},
+        {"[[rule]]\nport = [80,\n 65536]", "f:3:2: expected a number"},
+        {"[[rule]]\nport = \"90-80\"", "f:2:8: expected a port"},
+        {"[[rule]]\ndestination = \"10.0.0.1/8\"", "f:2:15: the address has bits"},
+        {"[[rule]]\ndestination = \"10.0.0.0/33\"", "f:2:15: expected an address"},
+        {"[[rule]]\ndestination = \"10.0.0\"", "f:2:15: expected an address"},
+        {"[[rule]]\ndestination = \"10.0.0.256\"", "f:2:15: expected an address"},
+        {"[[rule]]\noperation = \"dance\"", "f:2:13: there is no operation"},
+        {"[[rule]]\noperation = []", "f:2:13: the list is empty"},
+        {"[[rule]]\nflags = \"counts\"", "f:2:9: there is no flag"},
+        {"[[rule]]\nuser = 5", "f:2:8: expected a text"},
+        {"[[rule]]\nexempt = 1", "f:2:10: expected true or false"},
+        {"[[rule]]\ndelay_ms = -1", "f:2:12: expected a number"},
+        {"[[rule]]\naction = \"redirect\"", "f:2:10: redirect needs an address"},
+        {"[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.1\"", "f:3:11: expected an address and port"},
+        {"[[rule]]\naddress = \"127.0.0.1:1\"", "f:2:11: only redirect takes an address"},
+    };
+    for (const auto& wrong : cases) {
+        SCOPED_TRACE(wrong.text);
+        try {
+            RuleSet::FromText(wrong.text, "f");
+            ADD_FAILURE() << "accepted";
+        } catch (const RuleError& error) {
+            EXPECT_EQ(std::string(error.what()).substr(0, std::string(wrong.start).size()), wrong.start);
+        }
+    }
+    EXPECT_THROW(RuleSet::FromFile("/nonexistent/rules.toml"), RuleError);
+    EXPECT_NO_THROW(RuleSet::FromFile(QX_SOURCE_DIR "/analyzer/example-rules.toml"));
+}
+
+}  // namespace
