@@ -1,0 +1,51 @@
+// What the demo shows and the end-to-end tests check: one entry per case, each with the situation that it
+// sets up and the promise that has to hold. A new case is a new entry in cases.cpp and nothing else.
+#pragma once
+
+#include <string>
+#include <vector>
+
+enum class Transport { Stream, Datagram };
+
+/// Where the port that the application's machine names leads to.
+enum class AnalyzerState {
+    Running,  ///< the analyzer, with the rules of all cases
+    Down,     ///< nobody listens there
+};
+
+/// The origin servers, by the names in their answers.
+constexpr const char* kAlpha = "alpha";
+constexpr const char* kBeta = "beta";
+constexpr const char* kEcho = "echo";
+
+struct Case {
+    std::string name;
+
+    /// The situation. The destination is a public address that is the case's own; the routes of the
+    /// application's machine lead it to the server. "local" stands for the loopback address at which the
+    /// server really listens.
+    std::string destination;
+    std::string server = kAlpha;
+    Transport transport = Transport::Stream;
+    std::string rule;  ///< what the analyzer does for this destination, in its rule file's language
+    AnalyzerState analyzer = AnalyzerState::Running;
+    bool refuseWithoutAnalyzer = false;
+    int requests = 1;   ///< how many the application makes, one after the other
+    int clockRate = 1;  ///< how much faster than real time the application's clock runs
+
+    /// The promise.
+    std::string
+        answeredBy;  ///< the server that answers every request; empty: every request fails with `error`
+    int error = 0;
+    int questions = 1;          ///< how often the analyzer is asked about a connect
+    std::string verdict;        ///< what it says each time, as its log names it
+    int leastMilliseconds = 0;  ///< each request takes at least so long on the application's clock
+};
+
+/// The destination of a case on a machine whose real servers are behind routes.
+constexpr const char* kLocalDestination = "local";
+
+/// A public address that leads to the server beta on every machine of the demo.
+constexpr const char* kBetaAddress = "203.0.113.200:80";
+
+const std::vector<Case>& Cases();

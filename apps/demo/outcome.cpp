@@ -1,0 +1,64 @@
+// What each promise means in terms of the application's lines and the analyzer's questions.
+#include "apps/demo/outcome.h"
+
+namespace {
+
+using Problems = std::vector<std::string>;
+
+template <typename Value>
+std::string ToText(const Value& value) {
+    return std::to_string(value);
+}
+std::string ToText(const std::string& value) {
+    return "\"" + value + "\"";
+}
+
+template <typename Value>
+void Expect(const std::string& what, const Value& promised, const Value& seen, Problems* problems) {
+    if (promised != seen)
+        problems->push_back(what + ": promised " + ToText(promised) + ", saw " + ToText(seen));
+}
+
+void JudgeAnswer(const Case& scene, const ClientRun& run, const ClientLine& line, Problems* problems) {
+    Expect("error", scene.error, line.error, problems);
+    if (scene.answeredBy.empty()) {
+        Expect<std::string>("failed step", "connect", line.failedStep, problems);
+        return;
+    }
+    // The peer is always what was asked for, whoever answers.
+    Expect("peer", run.destination, line.peer, problems);
+    if (scene.transport == Transport::Stream) {
+        Expect("status", 200, line.status, problems);
+        Expect("server", scene.answeredBy, line.body, problems);
+    } else {
+        Expect("echo", scene.answeredBy + " /hello", line.body, problems);
+    }
+}
+
+}  // namespace
+
+Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Question>& allQuestions) {
+    Outcome outcome;
+    outcome.scene = &scene;
+    outcome.run = run;
+    outcome.questions = ConnectQuestions(allQuestions, run.processId);
+    Problems* const problems = &outcome.problems;
+
+    Expect("exit status", scene.answeredBy.empty() ? 1 : 0, run.exitStatus, problems);
+    Expect<std::size_t>("requests", static_cast<std::size_t>(scene.requests), run.lines.size(), problems);
+    for (const ClientLine& line : run.lines) {
+        JudgeAnswer(scene, run, line, problems);
+        if (line.elapsedMilliseconds < scene.leastMilliseconds) {
+            problems->push_back("ended after " + std::to_string(line.elapsedMilliseconds) +
+                                " ms, promised at least " + std::to_string(scene.leastMilliseconds));
+        }
+    }
+    Expect<std::size_t>("questions", static_cast<std::size_t>(scene.questions), outcome.questions.size(),
+                        problems);
+    for (const Question& question : outcome.questions) {
+        Expect("destination told", run.destination, question.destination, problems);
+        Expect<std::string>("user told", kUser, question.user, problems);
+        Expect("verdict", scene.verdict, question.verdict, problems);
+    }
+    return outcome;
+}

@@ -1,0 +1,19 @@
+// A played case held against its promise. Pure functions over what was collected.
+#pragma once
+
+#include "apps/demo/stage.h"
+
+#include <string>
+#include <vector>
+
+struct Outcome {
+    const Case* scene = nullptr;
+    ClientRun run;
+    std::vector<Question> questions;    ///< those of the application, about connects
+    std::vector<std::string> problems;  ///< every way in which the promise was broken
+
+    bool Passed() const { return problems.empty(); }
+};
+
+/// `allQuestions`: the analyzer's whole log.
+Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Question>& allQuestions);

@@ -1,0 +1,212 @@
+// Processes and files of the stage; see the header.
+#include "apps/demo/stage.h"
+
+#include "apps/demo/machine.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+/// Generous, since they only bound a failure: a loaded machine must never look like one.
+constexpr auto kStartLimit = 30s;
+constexpr auto kClientLimit = 60s;
+constexpr auto kStopLimit = 10s;
+
+/// Ports that the port file may name; a kernel can be set up to hand out others.
+constexpr int kLeastAnalyzerPort = 1025;
+constexpr int kMostAnalyzerPort = 64999;
+constexpr int kPortAttempts = 20;
+
+/// The programs lie beside this one.
+fs::path ProgramDirectory() {
+    return fs::read_symlink("/proc/self/exe").parent_path();
+}
+
+fs::path MakeTemporaryDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "qxdemo-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory");
+    return pattern;
+}
+
+/// The address behind "listening on" in a server's `index`-th line.
+std::string ListeningAddress(ChildProcess* server, std::size_t index, const std::string& program) {
+    const std::string prefix = "listening on ";
+    const auto line = server->Line(index, After(kStartLimit));
+    if (!line) {
+        const int status = server->Wait(After(0s));
+        throw std::runtime_error(program + " did not start: exit status " + std::to_string(status));
+    }
+    if (line->rfind(prefix, 0) != 0)
+        throw std::runtime_error(program + " printed \"" + *line + "\" at its start");
+    return line->substr(prefix.size());
+}
+
+ClientLine ParseClientLine(const std::string& line) {
+    const nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
+    if (!json.is_object()) throw std::runtime_error("the application printed \"" + line + "\"");
+    ClientLine parsed;
+    parsed.failedStep = json.value("failed", "");
+    parsed.error = json.value("error", 0);
+    parsed.peer = json.value("peer", "");
+    parsed.status = json.value("status", 0);
+    parsed.body = json.value("body", "");
+    parsed.elapsedMilliseconds = json.value("elapsed_ms", 0);
+    return parsed;
+}
+
+}  // namespace
+
+Stage::Stage(const std::vector<Case>& cases) : directory_(MakeTemporaryDirectory()) {
+    try {
+        StartServers();
+        WriteRules(cases);
+        StartAnalyzer();
+    } catch (const std::exception& error) {
+        const std::string details = ErrorOutput();
+        servers_.clear();
+        fs::remove_all(directory_);
+        throw std::runtime_error(error.what() + (details.empty() ? "" : "\n" + details));
+    }
+}
+
+Stage::~Stage() {
+    for (const auto& server : servers_)
+        server->RequestStop();
+    if (analyzer_) analyzer_->RequestStop();
+    for (const auto& server : servers_)
+        server->Wait(After(kStopLimit));
+    if (analyzer_) analyzer_->Wait(After(kStopLimit));
+    std::error_code ignored;
+    fs::remove_all(directory_, ignored);
+}
+
+void Stage::StartServers() {
+    auto http = StartProgram("qxorigin", {"--name", kAlpha, "--name", kBeta}, {}, "qxorigin-http");
+    auto datagram = StartProgram("qxorigin", {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
+    serverAddresses_[kAlpha] = ListeningAddress(http.get(), 0, "qxorigin");
+    serverAddresses_[kBeta] = ListeningAddress(http.get(), 1, "qxorigin");
+    serverAddresses_[kEcho] = ListeningAddress(datagram.get(), 0, "qxorigin");
+    servers_.push_back(std::move(http));
+    servers_.push_back(std::move(datagram));
+}
+
+void Stage::WriteRules(const std::vector<Case>& cases) const {
+    std::ofstream file(directory_ / "rules.toml");
+    for (const Case& scene : cases) {
+        if (scene.rule.empty()) continue;
+        const std::string address = scene.destination.substr(0, scene.destination.find(':'));
+        file << "[[rule]]\nname = '" << scene.name << "'\ndestination = '" << address << "'\n"
+             << scene.rule << "\n\n";
+    }
+}
+
+void Stage::StartAnalyzer() {
+    for (int attempt = 0; attempt < kPortAttempts; ++attempt) {
+        auto analyzer = StartProgram("qxanalyzer",
+                                     {"--port", std::to_string(analyzerPort_), "--json", "--rules",
+                                      (directory_ / "rules.toml").string()},
+                                     {}, "qxanalyzer");
+        const std::string address = ListeningAddress(analyzer.get(), 0, "qxanalyzer");
+        const int port = std::stoi(address.substr(address.find(':') + 1));
+        if (port < kLeastAnalyzerPort || port > kMostAnalyzerPort) continue;
+        analyzerPort_ = static_cast<unsigned short>(port);
+        analyzer_ = std::move(analyzer);
+        return;
+    }
+    throw std::runtime_error("no usable port for the analyzer");
+}
+
+void Stage::StopAnalyzer() {
+    if (!analyzer_) return;
+    analyzer_->RequestStop();
+    const int status = analyzer_->Wait(After(kStopLimit));
+    if (status != 0) throw std::runtime_error("the analyzer ended with status " + std::to_string(status));
+    for (const std::string& line : analyzer_->Output()) {
+        if (const auto question = ParseQuestion(line)) questions_.push_back(*question);
+    }
+    analyzer_.reset();
+}
+
+const std::vector<Question>& Stage::AllQuestions() {
+    StopAnalyzer();
+    return questions_;
+}
+
+std::string Stage::DestinationOf(const Case& scene) const {
+    return scene.destination == kLocalDestination ? serverAddresses_.at(scene.server) : scene.destination;
+}
+
+std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
+                                                 const std::vector<std::string>& arguments) {
+    MachineDescription machine;
+    machine.analyzerPort = scene.analyzer == AnalyzerState::Down ? closedPort_.Number() : analyzerPort_;
+    machine.refuseWithoutAnalyzer = scene.refuseWithoutAnalyzer;
+    machine.user = kUser;
+    machine.routes[kBetaAddress] = serverAddresses_.at(kBeta);
+    if (scene.destination != kLocalDestination) {
+        machine.routes[scene.destination] = serverAddresses_.at(scene.server);
+    }
+    const std::string name = "machine-" + std::to_string(++machines_);
+    const fs::path file = WriteMachine(machine, directory_ / name);
+
+    std::vector<std::string> all = {DestinationOf(scene) + "/hello", "--json", "--repeat",
+                                    std::to_string(scene.requests)};
+    if (scene.transport == Transport::Datagram) all.emplace_back("--datagram");
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return StartProgram("qxhttp", all,
+                        {{"QX_MACHINE", file.string()}, {"QX_CLOCK_SCALE", std::to_string(scene.clockRate)}},
+                        name);
+}
+
+ClientRun Stage::Finish(const Case& scene, ChildProcess* client) {
+    ClientRun run;
+    run.processId = client->Id();
+    run.destination = DestinationOf(scene);
+    run.exitStatus = client->Wait(After(kClientLimit));
+    for (const std::string& line : client->Output())
+        run.lines.push_back(ParseClientLine(line));
+    return run;
+}
+
+ClientRun Stage::Play(const Case& scene, const std::function<void(int processId)>& started) {
+    const auto begin = std::chrono::steady_clock::now();
+    const auto client = StartClient(scene, {});
+    if (started) started(client->Id());
+    ClientRun run = Finish(scene, client.get());
+    run.realTime =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+    return run;
+}
+
+std::unique_ptr<ChildProcess> Stage::StartProgram(const std::string& program,
+                                                  const std::vector<std::string>& arguments,
+                                                  const std::map<std::string, std::string>& environment,
+                                                  const std::string& name) const {
+    ChildOptions options;
+    options.arguments = {(ProgramDirectory() / program).string()};
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    // A machine or clock that this process was given is not the children's.
+    options.environment = {{"QX_MACHINE", ""}, {"QX_CLOCK_SCALE", ""}};
+    for (const auto& [key, value] : environment)
+        options.environment[key] = value;
+    options.errorFile = directory_ / (name + ".err");
+    return std::make_unique<ChildProcess>(options);
+}
+
+std::string Stage::ErrorOutput() const {
+    std::ostringstream all;
+    for (const auto& entry : fs::directory_iterator(directory_)) {
+        if (entry.path().extension() != ".err" || entry.file_size() == 0) continue;
+        all << entry.path().stem().string() << ":\n" << std::ifstream(entry.path()).rdbuf();
+    }
+    return all.str();
+}

@@ -1,0 +1,95 @@
+// The stage on which cases are played: a temporary directory, the origin servers, the analyzer with the rules
+// of the cases, and one application process per case on a machine of its own. The demo plays all cases on one
+// stage at the same time; a test makes its own.
+//
+// StartClient and Play may be called from several threads at once; everything else belongs to the thread that
+// made the stage, which must outlive it (the servers die with that thread).
+#pragma once
+
+#include "apps/demo/analyzer_log.h"
+#include "apps/demo/cases.h"
+#include "apps/demo/child_process.h"
+#include "apps/demo/closed_port.h"
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// How one request of an application went, as it reports it itself.
+struct ClientLine {
+    std::string failedStep;
+    int error = 0;
+    std::string peer;
+    int status = 0;
+    std::string body;
+    int elapsedMilliseconds = 0;
+};
+
+/// What an application saw.
+struct ClientRun {
+    int processId = 0;
+    int exitStatus = 0;
+    std::string destination;
+    std::vector<ClientLine> lines;
+    std::chrono::milliseconds realTime{0};
+};
+
+class Stage {
+  public:
+    /// Starts the servers and an analyzer that knows the rules of `cases`. Throws std::runtime_error.
+    explicit Stage(const std::vector<Case>& cases);
+
+    /// Ends all processes and removes the directory.
+    ~Stage();
+
+    Stage(const Stage&) = delete;
+    Stage& operator=(const Stage&) = delete;
+
+    /// Runs the application of a case to its end; `started` is called with its process id. Throws
+    /// std::runtime_error.
+    ClientRun Play(const Case& scene, const std::function<void(int processId)>& started = {});
+
+    /// Starts the application of a case with further arguments and leaves the rest to the caller, who
+    /// collects the outcome with Finish from the same thread.
+    std::unique_ptr<ChildProcess> StartClient(const Case& scene, const std::vector<std::string>& arguments);
+    ClientRun Finish(const Case& scene, ChildProcess* client);
+
+    /// Ends the analyzer; what it was told is kept.
+    void StopAnalyzer();
+
+    /// Starts the analyzer again, at the same port.
+    void StartAnalyzer();
+
+    /// Ends the analyzer and returns everything that it was ever told.
+    const std::vector<Question>& AllQuestions();
+
+    /// The address at which the case's application asks: its own, or the server's real one.
+    std::string DestinationOf(const Case& scene) const;
+
+    /// What the processes wrote to their standard errors.
+    std::string ErrorOutput() const;
+
+  private:
+    void StartServers();
+    void WriteRules(const std::vector<Case>& cases) const;
+    std::unique_ptr<ChildProcess> StartProgram(const std::string& program,
+                                               const std::vector<std::string>& arguments,
+                                               const std::map<std::string, std::string>& environment,
+                                               const std::string& name) const;
+
+    std::filesystem::path directory_;
+    ClosedPort closedPort_;
+    std::map<std::string, std::string> serverAddresses_;  ///< by name, "127.0.0.1:PORT"
+    std::vector<std::unique_ptr<ChildProcess>> servers_;
+    std::unique_ptr<ChildProcess> analyzer_;
+    unsigned short analyzerPort_ = 0;
+    std::vector<Question> questions_;
+    std::atomic<int> machines_{0};
+};
+
+/// The user that every application's machine names.
+constexpr const char* kUser = "DEMO\\alice";

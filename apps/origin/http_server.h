@@ -1,0 +1,41 @@
+// The HTTP/1.0 side of the origin server: answers every request with the server's name and closes the
+// connection. One thread serves all connections with select. Listen() all servers first, then Serve().
+#pragma once
+
+#include "apps/shared/winsock_session.h"
+
+#include <string>
+#include <vector>
+
+class HttpServer {
+  public:
+    /// Starts to listen for `name` on 127.0.0.1:`port` (0: a free one) and returns the port. Throws
+    /// std::runtime_error.
+    unsigned short Listen(const std::string& name, unsigned short port);
+
+    /// Serves until StopRequested().
+    void Serve();
+
+  private:
+    struct Listener {
+        std::string name;
+        UniqueSocket socket;
+    };
+    /// A connection first collects its request, then sends what is left of its answer.
+    struct Connection {
+        const Listener* listener;
+        UniqueSocket socket;
+        std::string request;
+        std::string answer;
+        std::size_t sent = 0;
+        bool done = false;
+    };
+
+    void ServeReady();
+    void Accept(const Listener& listener);
+    static void Receive(Connection* connection);
+    static void Send(Connection* connection);
+
+    std::vector<Listener> listeners_;
+    std::vector<Connection> connections_;
+};
