@@ -1,0 +1,19 @@
+// The groups of benchmarks, registered by main once the servers listen.
+#pragma once
+
+#include <cstdint>
+
+struct BenchPeers {
+    std::uint16_t sinkPort;
+    std::uint16_t echoPort;
+    std::uint16_t verdictPort;
+};
+
+/// Ratios of the layer to its reference: batches of both in turn, in one run.
+void RegisterRatioBenchmarks(const BenchPeers& peers);
+
+/// Every forwarded operation through the layer and on the base provider.
+void RegisterOperationBenchmarks(const BenchPeers& peers);
+
+/// Overlapped requests through the layer and on the base provider, as ratios.
+void RegisterOverlappedBenchmarks();
