@@ -4,8 +4,8 @@
 set -euo pipefail
 seconds=${QX_FUZZ_SECONDS:-60}
 found=0
-for program in build/fuzz/bin/*_fuzzer; do
-    name=$(basename "$program")
+for corpus in fuzz/corpus/*/; do
+    name=$(basename "$corpus")
     mkdir -p "build/fuzz/corpus/$name"
     echo "== $name, $seconds s"
     log="build/fuzz/$name.log"

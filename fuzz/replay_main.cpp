@@ -1,5 +1,5 @@
-// Runs a fuzz target once over every file of the folders given on the command line, so that the checked-in seeds
-// (and every input that once broke something) are a plain test of every build.
+// Runs a fuzz target once over every file of the folders given on the command line, so that the checked-in
+// seeds (and every input that once broke something) are a plain test of every build.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
