@@ -100,7 +100,8 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     AskConnectVerdict(context.Get(), asked, namelen, &target, &targetLength);
 
     const ConnectArguments arguments = {callerData, calleeData, sendQos, groupQos};
-    if (context->Blocked || target == nullptr) {
+    // Not `Blocked`, which another thread's connect of the same socket may have set or cleared meanwhile.
+    if (target == nullptr) {
         StoreLocalName(context.Get());
         return Fail(WSAECONNREFUSED, error);
     }

@@ -12,10 +12,10 @@ struct SocketContext;
 
 /// Asks the analyzer about a stream connect to `name` and applies its verdict to the context: `Blocked`,
 /// `RelayWanted`, `Split` and the verdict flags. `*nameOut` may be pointed at the context's `RelayAddress`
-/// (redirected) and is null for a refused connect, also when another thread that connects the same socket has
-/// cleared `Blocked` meanwhile; otherwise both outputs are left alone. True when a verdict was applied or
-/// none was needed, false when the analyzer could not be asked or did not answer (the fail-connect policy has
-/// then been applied).
+/// (redirected) and is null for a refused connect, which is what the caller goes by: another thread that
+/// connects the same socket may set or clear `Blocked` meanwhile; otherwise both outputs are left alone. True
+/// when a verdict was applied or none was needed, false when the analyzer could not be asked or did not
+/// answer (the fail-connect policy has then been applied).
 bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut,
                        int* namelenOut);
 

@@ -159,7 +159,7 @@ int Connect(OverlappedOperation* operation, SocketContext* context) {
     const sockaddr* target = name;
     int targetLength = connect.NameLength;
     AskConnectVerdict(context, name, connect.NameLength, &target, &targetLength);
-    if (context->Blocked || target == nullptr) return WSAECONNREFUSED;
+    if (target == nullptr) return WSAECONNREFUSED;
     if (context->RelayWanted && !SplitConnection(operation->CallerSocket, context, name, connect.NameLength,
                                                  &target, &targetLength)) {
         return WSAECONNREFUSED;

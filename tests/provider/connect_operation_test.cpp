@@ -47,8 +47,9 @@ TEST_F(ConnectOperation, AllowedGoesToTheDestinationAndIsRemembered) {
 }
 
 TEST_F(ConnectOperation, BlockedIsRefusedWithoutALowerConnect) {
-    Fake().verdict = [](SocketContext* context, const sockaddr**, int*) {
+    Fake().verdict = [](SocketContext* context, const sockaddr** target, int*) {
         context->Blocked = TRUE;
+        *target = nullptr;
         return true;
     };
     EXPECT_EQ(Connect(), WSAECONNREFUSED);

@@ -373,8 +373,8 @@ TEST_P(OverlappedOperations, NothingIsAllocatedOnceWarm) {
         ASSERT_EQ(StartRecv(stage), WSA_IO_PENDING);
         ASSERT_NE(told.Next(20000), nullptr);
     };
-    // A worker may be about to give its record back when the next request is made: both records are needed
-    // before none is made any more.
+    // Each worker may be about to give a record back when the next request is made: so many more records are
+    // needed before none is made any more, and there is no telling when.
     for (int i = 0; i < 500; ++i)
         exchange();
     platform::CountCalls();
@@ -383,7 +383,10 @@ TEST_P(OverlappedOperations, NothingIsAllocatedOnceWarm) {
     const std::vector<std::string> calls = platform::CountedCalls();
     platform::DisarmFaults();
     EXPECT_GE(std::count(calls.begin(), calls.end(), "lower WSPRecv"), 500);
-    EXPECT_LE(std::count(calls.begin(), calls.end(), "HeapAlloc"), 1);
+    SYSTEM_INFO system;
+    GetSystemInfo(&system);
+    EXPECT_LE(std::count(calls.begin(), calls.end(), "HeapAlloc"),
+              static_cast<std::ptrdiff_t>(system.dwNumberOfProcessors));
 }
 
 }  // namespace
