@@ -63,8 +63,8 @@ BOOL WINAPI TransmitMemory(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT elements, DWORD 
 
 // The system's other extension functions, behind fault points.
 
-BOOL WINAPI SystemAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receive, DWORD local, DWORD remote,
-                           LPDWORD received, LPOVERLAPPED overlapped) {
+BOOL WINAPI SystemAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receive, DWORD local,
+                           DWORD remote, LPDWORD received, LPOVERLAPPED overlapped) {
     const PlatformCall call("lower AcceptEx", WSAENOBUFS);
     if (call.Fails()) return FALSE;
     const auto acceptEx = SystemExtension<LPFN_ACCEPTEX>(listener, WSAID_ACCEPTEX);
@@ -80,8 +80,8 @@ BOOL WINAPI SystemDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, D
     return disconnectEx(s, overlapped, flags, reserved);
 }
 
-BOOL WINAPI SystemTransmitFile(SOCKET s, HANDLE file, DWORD bytes, DWORD bytesPerSend, LPOVERLAPPED overlapped,
-                               LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags) {
+BOOL WINAPI SystemTransmitFile(SOCKET s, HANDLE file, DWORD bytes, DWORD bytesPerSend,
+                               LPOVERLAPPED overlapped, LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags) {
     const PlatformCall call("lower TransmitFile", WSAENOBUFS);
     if (call.Fails()) return FALSE;
     const auto transmitFile = SystemExtension<LPFN_TRANSMITFILE>(s, WSAID_TRANSMITFILE);

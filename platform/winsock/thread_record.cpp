@@ -50,7 +50,8 @@ void EndRecord(ThreadRecord* record) {
 
 #ifdef _WIN32
 
-// Not a thread-local object: this target's runtime frees the memory of such objects before their destructors run.
+// Not a thread-local object: this target's runtime frees the memory of such objects before their destructors
+// run.
 void WINAPI OnThreadEnd(void* record) {
     ThisThreadRecord = static_cast<ThreadRecord*>(record);
     EndRecord(ThisThreadRecord);
