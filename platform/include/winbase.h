@@ -136,6 +136,9 @@ HANDLE WINAPI CreateIoCompletionPort(HANDLE file, HANDLE existingPort, ULONG_PTR
 BOOL WINAPI GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVERLAPPED* overlapped,
                                       DWORD milliseconds);
 BOOL WINAPI PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED overlapped);
+#define FILE_SKIP_COMPLETION_PORT_ON_SUCCESS 0x1
+#define FILE_SKIP_SET_EVENT_ON_HANDLE 0x2
+BOOL WINAPI SetFileCompletionNotificationModes(HANDLE file, UCHAR flags);
 
 // Critical sections
 void WINAPI InitializeCriticalSection(LPCRITICAL_SECTION section);

@@ -1,6 +1,7 @@
 #include "platform/kernel/completion_port.h"
 
 #include <new>
+#include <utility>
 
 #include "platform/kernel/file_object.h"
 #include "platform/kernel/last_error.h"
@@ -8,15 +9,21 @@
 
 namespace platform {
 
+void CompletionPort::EndWait(Waiter* waiter, Result result) noexcept {
+    Parker* const parker = waiter->parker;
+    waiter->result = result;
+    waiter->waiting.store(false, std::memory_order_release);
+    parker->Unpark();
+}
+
 bool CompletionPort::Post(const CompletionPacket& packet) noexcept {
-    const std::lock_guard<std::mutex> holder(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     if (closed_) return false;
-    if (Waiter* waiter = waiters_; waiter != nullptr) {
+    if (Waiter* const waiter = waiters_; waiter != nullptr) {
         waiters_ = waiter->below;
+        lock.unlock();
         waiter->packet = packet;
-        waiter->result = Result::kPacket;
-        waiter->waiting = false;
-        waiter->parker->Unpark();
+        EndWait(waiter, Result::kPacket);
         return true;
     }
     try {
@@ -27,49 +34,63 @@ bool CompletionPort::Post(const CompletionPacket& packet) noexcept {
     return true;
 }
 
-void CompletionPort::RemoveWaiter(Waiter* waiter) noexcept {
+/// False when somebody else has taken the waiter off the stack already and is about to end its wait.
+bool CompletionPort::RemoveWaiter(Waiter* waiter) noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
     Waiter** link = &waiters_;
-    while (*link != waiter)
+    while (*link != nullptr && *link != waiter)
         link = &(*link)->below;
+    if (*link == nullptr) return false;
     *link = waiter->below;
+    return true;
+}
+
+/// Ends the wait at once when there is a packet, or nothing to wait for; else puts the waiter on the stack.
+bool CompletionPort::EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    if (!packets_.empty()) {
+        waiter->packet = packets_.front();
+        packets_.pop_front();
+        return true;
+    }
+    waiter->result = closed_ ? Result::kClosed : Result::kTimeout;
+    if (closed_ || HasPassed(deadline)) return true;
+    waiter->below = waiters_;
+    waiters_ = waiter;
+    return false;
 }
 
 CompletionPort::Result CompletionPort::Get(CompletionPacket* packet, Deadline deadline) noexcept {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!packets_.empty()) {
-        *packet = packets_.front();
-        packets_.pop_front();
-        return Result::kPacket;
-    }
-    if (closed_) return Result::kClosed;
-    if (HasPassed(deadline)) return Result::kTimeout;
-
-    Waiter self = {&CurrentParker(), {}, waiters_, true, Result::kPacket};
-    waiters_ = &self;
-    while (self.waiting) {
-        lock.unlock();
+    Waiter self{&CurrentParker()};
+    bool ended = EndedAtOnce(&self, deadline);
+    while (!ended) {
         const bool unparked = CurrentThreadIsTerminated() || self.parker->ParkUntil(deadline);
-        lock.lock();
-        if (!self.waiting || (unparked && !CurrentThreadIsTerminated())) continue;
-        RemoveWaiter(&self);
-        return unparked ? Result::kTerminated : Result::kTimeout;
+        ended = !self.waiting.load(std::memory_order_acquire);
+        if (ended || (unparked && !CurrentThreadIsTerminated())) continue;
+        if (RemoveWaiter(&self)) {
+            self.result = unparked ? Result::kTerminated : Result::kTimeout;
+            break;
+        }
+        // Its packet is on the way and must not be lost.
+        deadline = kNoDeadline;
     }
     if (self.result == Result::kPacket) *packet = self.packet;
     return self.result;
 }
 
 void CompletionPort::OnLastHandleClosed() noexcept {
-    const std::lock_guard<std::mutex> holder(mutex_);
-    closed_ = true;
-    packets_.clear();
-    for (Waiter* waiter = waiters_; waiter != nullptr;) {
-        Waiter* below = waiter->below;
-        waiter->result = Result::kClosed;
-        waiter->waiting = false;
-        waiter->parker->Unpark();
+    Waiter* waiter;
+    {
+        const std::lock_guard<std::mutex> holder(mutex_);
+        closed_ = true;
+        packets_.clear();
+        waiter = std::exchange(waiters_, nullptr);
+    }
+    while (waiter != nullptr) {
+        Waiter* const below = waiter->below;
+        EndWait(waiter, Result::kClosed);
         waiter = below;
     }
-    waiters_ = nullptr;
 }
 
 FileObject::~FileObject() = default;
@@ -174,6 +195,18 @@ BOOL GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVE
     *key = packet.key;
     *overlapped = packet.overlapped;
     return packet.error == 0 ? TRUE : Fail(packet.error);
+}
+
+// That the event of a file handle itself is not set makes no difference here: such handles have none.
+BOOL SetFileCompletionNotificationModes(HANDLE file, UCHAR flags) {
+    PlatformCall call("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION);
+    if (call.Fails()) return FALSE;
+    if ((flags & ~(FILE_SKIP_COMPLETION_PORT_ON_SUCCESS | FILE_SKIP_SET_EVENT_ON_HANDLE)) != 0)
+        return Fail(ERROR_INVALID_PARAMETER);
+    const std::shared_ptr<FileObject> object = FileObject::From(platform::ReferenceHandle(file));
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    if ((flags & FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) != 0) object->SkipPortOnSuccess();
+    return TRUE;
 }
 
 BOOL PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key, LPOVERLAPPED overlapped) {

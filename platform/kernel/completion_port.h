@@ -1,10 +1,10 @@
 // Completion ports: a queue of packets and the threads that wait for one.
 //
 // Any thread may call. A packet posted while a thread waits is handed to the thread that waited last, as on
-// Windows; packets leave in the order they came. The port's lock is a leaf: nothing is called with it held
-// but wake-ups.
+// Windows; packets leave in the order they came. The port's lock is a leaf: nothing is called with it held.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <mutex>
 
@@ -39,14 +39,17 @@ class CompletionPort final : public Object {
     void OnLastHandleClosed() noexcept override;
 
   private:
+    /// A waiting thread, on its own stack: gone as soon as `waiting` is false, so that is written last.
     struct Waiter {
         Parker* parker;
-        CompletionPacket packet;
-        Waiter* below;
-        bool waiting;
-        Result result;
+        Waiter* below = nullptr;
+        CompletionPacket packet{};
+        Result result = Result::kPacket;
+        std::atomic<bool> waiting{true};
     };
-    void RemoveWaiter(Waiter* waiter) noexcept;
+    static void EndWait(Waiter* waiter, Result result) noexcept;
+    bool RemoveWaiter(Waiter* waiter) noexcept;
+    bool EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept;
 
     std::mutex mutex_;
     std::deque<CompletionPacket> packets_;

@@ -4,6 +4,7 @@
 // Any thread may call. The association lasts as long as the object.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -22,6 +23,10 @@ class FileObject : public Object {
     bool Associate(std::shared_ptr<CompletionPort> port, ULONG_PTR key) noexcept;
 
     bool HasPort() const noexcept;
+
+    /// From now on what succeeds inside its own call queues no packet; this can't be taken back.
+    void SkipPortOnSuccess() noexcept { skipsPortOnSuccess_.store(true, std::memory_order_relaxed); }
+    bool SkipsPortOnSuccess() const noexcept { return skipsPortOnSuccess_.load(std::memory_order_relaxed); }
 
     /// Queues a packet to the associated port, if any: `overlapped` and `bytes` come out of
     /// GetQueuedCompletionStatus as they are, `error` (0 or a system error) as its result. The record behind
@@ -42,6 +47,7 @@ class FileObject : public Object {
     mutable std::mutex mutex_;  // leaf; guards the two fields below
     std::shared_ptr<CompletionPort> port_;
     ULONG_PTR key_ = 0;
+    std::atomic<bool> skipsPortOnSuccess_{false};
 };
 
 }  // namespace platform

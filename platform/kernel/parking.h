@@ -5,28 +5,40 @@
 // platform clock.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+#include <cstdint>
 
 #include "platform/kernel/clock.h"
 
 namespace platform {
 
+/// Lives as long as the process: whoever woke a thread may still be about to unpark it when that thread has
+/// ended. A parker whose thread has ended is given to the next new thread, to which a late unpark is an early
+/// return.
 class Parker final : private ClockListener {
   public:
-    Parker() = default;
+    /// A parker that belongs to nobody. Throws std::bad_alloc.
+    static Parker& Acquire();
+
+    /// Gives a parker back on which nobody parks any more.
+    static void Release(Parker& parker) noexcept;
 
     /// Sleeps until unparked or the deadline has passed. False when it has passed.
     bool ParkUntil(Deadline deadline) noexcept;
 
+    /// May be called with any lock held, or none.
     void Unpark() noexcept;
 
   private:
-    void OnClockChanged() noexcept override { Unpark(); }
+    enum State : std::uint32_t { kIdle, kUnparked, kParked };
 
-    std::mutex mutex_;  // leaf
-    std::condition_variable condition_;
-    bool unparked_ = false;
+    Parker() = default;
+    void OnClockChanged() noexcept override { Unpark(); }
+    bool BeginParking() noexcept;
+    void SleepWhileParked(std::int64_t nanoseconds) noexcept;
+
+    std::atomic<std::uint32_t> state_{kIdle};
+    Parker* nextFree_ = nullptr;
 };
 
 /// The calling thread's parker.

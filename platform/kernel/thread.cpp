@@ -93,7 +93,10 @@ void ReleaseThreadState() noexcept {
 }
 
 ThreadObject::ThreadObject(bool made)
-    : WaitableObject(ObjectKind::kThread), id_(TheThreads().nextId.fetch_add(4)), made_(made) {
+    : WaitableObject(ObjectKind::kThread),
+      id_(TheThreads().nextId.fetch_add(4)),
+      made_(made),
+      parker_(Parker::Acquire()) {
     ThreadTable& table = TheThreads();
     {
         const std::lock_guard<std::mutex> holder(table.mutex);
@@ -104,9 +107,12 @@ ThreadObject::ThreadObject(bool made)
 
 ThreadObject::~ThreadObject() {
     MarkEnded(0);
-    ThreadTable& table = TheThreads();
-    const std::lock_guard<std::mutex> holder(table.mutex);
-    table.threads.erase(id_);
+    {
+        ThreadTable& table = TheThreads();
+        const std::lock_guard<std::mutex> holder(table.mutex);
+        table.threads.erase(id_);
+    }
+    Parker::Release(parker_);
 }
 
 DWORD ThreadObject::ExitCode() noexcept {

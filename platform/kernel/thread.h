@@ -59,7 +59,7 @@ class ThreadObject final : public WaitableObject {
 
     const DWORD id_;
     const bool made_;
-    Parker parker_;
+    Parker& parker_;
     bool ended_ = false;  // guarded by mutex_, as is exitCode_
     DWORD exitCode_ = STILL_ACTIVE;
     std::condition_variable endedCondition_;

@@ -76,9 +76,13 @@ void StoreResult(WSAOVERLAPPED* overlapped, DWORD bytes, DWORD status) {
     AnyCompletion.notify_all();
 }
 
-void FinishOverlapped(Socket& owner, WSAOVERLAPPED* overlapped, DWORD bytes, DWORD status) {
+/// Where a request ended: inside the call that started it, or later.
+enum class Ended { InCall, Later };
+
+void FinishOverlapped(Socket& owner, WSAOVERLAPPED* overlapped, DWORD bytes, DWORD status, Ended ended) {
     const HANDLE event = EventOf(overlapped);
-    const bool packet = WantsPacket(overlapped);
+    const bool packet =
+        WantsPacket(overlapped) && !(ended == Ended::InCall && status == 0 && owner.SkipsPortOnSuccess());
     StoreResult(overlapped, bytes, status);
     if (event != nullptr) SetEvent(event);
     if (packet) owner.PostCompletion(overlapped, bytes, SystemErrorFromStatus(status));
@@ -89,6 +93,19 @@ void BeginOverlapped(const Request& request) {
     StoreStatus(request.overlapped, kStatusPending);
     if (request.routine == nullptr && EventOf(request.overlapped) != nullptr)
         ResetEvent(EventOf(request.overlapped));
+}
+
+void Finish(Request* raw, int error, Ended ended) {
+    RequestPointer request(raw);
+    const DWORD status =
+        error == 0 && request->truncated ? kStatusBufferOverflow : StatusFromWinsockError(error);
+    if (error != 0) request->transferred = 0;
+    if (request->routine == nullptr) {
+        FinishOverlapped(*request->owner, request->overlapped, request->transferred, status, ended);
+        return;
+    }
+    StoreResult(request->overlapped, request->transferred, status);
+    QueueRoutine(std::move(request), WinsockErrorFromStatus(status), status);
 }
 
 /// Goes on with an accepted connection's request on the accepting socket: it waits for the first data there.
@@ -131,17 +148,8 @@ RequestPointer MakeRequest(const std::shared_ptr<Socket>& owner, const Overlappe
     return request;
 }
 
-void CompleteRequest(Request* raw, int error) {
-    RequestPointer request(raw);
-    const DWORD status =
-        error == 0 && request->truncated ? kStatusBufferOverflow : StatusFromWinsockError(error);
-    if (error != 0) request->transferred = 0;
-    if (request->routine == nullptr) {
-        FinishOverlapped(*request->owner, request->overlapped, request->transferred, status);
-        return;
-    }
-    StoreResult(request->overlapped, request->transferred, status);
-    QueueRoutine(std::move(request), WinsockErrorFromStatus(status), status);
+void CompleteRequest(Request* request, int error) {
+    Finish(request, error, Ended::Later);
 }
 
 int CompleteAtOnce(const std::shared_ptr<Socket>& owner, const OverlappedCall& call, DWORD bytes) {
@@ -149,7 +157,7 @@ int CompleteAtOnce(const std::shared_ptr<Socket>& owner, const OverlappedCall& c
     if (request == nullptr) return WSAENOBUFS;
     BeginOverlapped(*request);
     request->transferred = bytes;
-    CompleteRequest(request.release(), 0);
+    Finish(request.release(), 0, Ended::InCall);
     return 0;
 }
 
@@ -191,7 +199,7 @@ int StartRequest(Socket& socket, Direction direction, RequestPointer request, DW
         if (bytes != nullptr) *bytes = request->transferred;
         if (flags != nullptr) *flags = 0;
     }
-    CompleteRequest(request.release(), 0);
+    Finish(request.release(), 0, Ended::InCall);
     return truncated ? WSA_IO_PENDING : 0;
 }
 

@@ -20,7 +20,8 @@ RequestPointer MakeRequest(const std::shared_ptr<Socket>& owner, const Overlappe
                            RequestKind kind);
 
 /// Starts the request on the socket's direction. 0: it has completed at once, and its completion is
-/// delivered; WSA_IO_PENDING: it will be; anything else: it failed and nothing is delivered. `*bytes` and
+/// delivered (but to a port that is to be left out of it); WSA_IO_PENDING: it will be; anything else: it
+/// failed and nothing is delivered. `*bytes` and
 /// `*flags` (may be null) are set on success.
 int StartRequest(Socket& socket, Direction direction, RequestPointer request, DWORD* bytes, DWORD* flags);
 
