@@ -8,4 +8,6 @@ for program in build/bench/bin/*_bench; do
     taskset -c 0 "$program" "$@"
     found=$((found + 1))
 done
+echo "== echo server, memory"
+cmake/echo-memory.sh build/bench/bin
 [ "$found" -gt 0 ] || { echo "no benchmark was built" >&2; exit 1; }

@@ -44,14 +44,16 @@ int CallExtension(OverlappedOperation* operation, Call call) {
     return ResultOf(result, error);
 }
 
-/// A receive that the analysis blocked after the lower call had been made. When it is under way, its
-/// completion reports the block's error; that it was cancelled only makes this soon.
+/// A receive that the analysis blocked after the lower call had been made. Its completion reports the block's
+/// error; that one under way is cancelled only makes this soon.
 int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, int lowerResult) {
     const int blockError = BlockErrorOf(context);
     if (lowerResult != 0 && lowerResult != WSA_IO_PENDING) return blockError;
     InterlockedExchange(&operation->RefusedWith, blockError);
-    CancelIoEx(reinterpret_cast<HANDLE>(operation->ProviderSocket), &operation->ProviderOverlapped);
-    return WSA_IO_PENDING;
+    if (lowerResult == WSA_IO_PENDING) {
+        CancelIoEx(reinterpret_cast<HANDLE>(operation->ProviderSocket), &operation->ProviderOverlapped);
+    }
+    return lowerResult;
 }
 
 /// Keeps a record readable after the lower call was made: its completion may overtake us.

@@ -163,6 +163,21 @@ bool StartWorker() QX_REQUIRES(OverlappedLock) {
     return true;
 }
 
+/// One packet for each worker. Memory for a packet may be short for a moment only. False when one could not
+/// be posted.
+bool PostStopPackets(HANDLE port, DWORD count) {
+    constexpr DWORD kMostTries = 5;
+    constexpr DWORD kPauseMilliseconds = 10;
+    DWORD posted = 0;
+    for (DWORD tries = 0; tries < kMostTries; ++tries) {
+        if (tries > 0) Sleep(kPauseMilliseconds);
+        while (posted < count && PostQueuedCompletionStatus(port, kStopPacket, 0, nullptr))
+            ++posted;
+        if (posted == count) return true;
+    }
+    return false;
+}
+
 /// False when a worker has not ended in time: unloading under it is the worst that could happen.
 bool WaitForWorkers(const HANDLE* workers, DWORD count) {
     if (count == 0) return true;
@@ -246,7 +261,18 @@ void UndoPrepare(OverlappedOperation* operation, SocketContext* context) {
     ReleaseOverlappedRecord(operation);
 }
 
-enum class Association { kMade, kImpossible, kFailed };
+enum class Association { kMade, kMadeForLaterEnds, kImpossible, kFailed };
+
+/// Lets a request that succeeds inside its lower call be reported from there, without the detour by a worker.
+/// True when it queues no packet any more. Layered sockets are completed through Winsock, which queues one
+/// always; datagram sockets of older systems mix both.
+bool SkipPacketsOfSuccess(const SocketContext* context) {
+    const LspEntry* const provider = context->Provider;
+    return provider->NextProvider.iSocketType == SOCK_STREAM && !provider->LowerIsLayered() &&
+           (provider->NextProvider.dwServiceFlags1 & XP1_IFS_HANDLES) != 0 &&
+           SetFileCompletionNotificationModes(reinterpret_cast<HANDLE>(SOCKET{context->ProviderSocket}),
+                                              FILE_SKIP_COMPLETION_PORT_ON_SUCCESS);
+}
 
 /// Associates the lower socket with the layer's port on its first overlapped request.
 Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* context) {
@@ -258,8 +284,12 @@ Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* 
         if (context->CompletionPort == nullptr) {
             association =
                 GetLastError() == ERROR_INVALID_PARAMETER ? Association::kImpossible : Association::kFailed;
+        } else {
+            context->SkipsPackets = SkipPacketsOfSuccess(context);
         }
     }
+    if (association == Association::kMade && context->SkipsPackets)
+        association = Association::kMadeForLaterEnds;
     ReleaseSocketLock(context);
     return association;
 }
@@ -326,13 +356,9 @@ bool StopOverlappedManager() {
         Workers = nullptr;
         WorkerCount = 0;
     }
-    // Outside the lock: the workers take it, and others, until they end.
-    bool told = true;
-    for (DWORD i = 0; port != nullptr && i < count; ++i) {
-        told = PostQueuedCompletionStatus(port, kStopPacket, 0, nullptr) && told;
-    }
-    // Losing their port ends the workers too, though with whatever is still queued in it.
-    if (!told) SafeCloseHandle(std::exchange(port, nullptr));
+    // Outside the lock: the workers take it, and others, until they end. Losing their port ends them too,
+    // though with whatever is still queued in it.
+    if (port != nullptr && !PostStopPackets(port, count)) SafeCloseHandle(std::exchange(port, nullptr));
     if (semaphore != nullptr) ReleaseSemaphore(semaphore, 1, nullptr);
     const bool ended = WaitForWorkers(workers, count);
     for (DWORD i = 0; i < count; ++i)
@@ -389,6 +415,10 @@ int QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* cont
     }
     if (association == Association::kImpossible) return ExecuteSynchronously(operation, context);
     const int result = CallLowerOverlapped(operation, context, CompletionNotice());
+    if (result == 0 && association == Association::kMadeForLaterEnds) {
+        CompleteOverlappedOperation(WSA_IO_PENDING, 0, &operation->ProviderOverlapped, 0);
+        return WSA_IO_PENDING;
+    }
     // Its completion arrives through the port, also when the lower call has succeeded already.
     if (result == 0 || result == WSA_IO_PENDING) return WSA_IO_PENDING;
     FailOverlappedOperation(operation, context, result);

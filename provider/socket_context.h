@@ -5,7 +5,7 @@
 // (FindAndRefSocketContext, ContextReference); lookups and reference changes happen under GlobalLock, so the
 // last dereference of a closing context can free it with nobody reaching it meanwhile. Its fields are read
 // and written by application threads without a lock, each access being whole (Relaxed, AddressField); `Lock`
-// guards OutstandingAsync, CompletionPort and the change to Closing.
+// guards OutstandingAsync, CompletionPort, SkipsPackets and the change to Closing.
 #pragma once
 
 #include <winsock2.h>
@@ -41,8 +41,9 @@ struct SocketContext {
     Relaxed<std::uint64_t> BytesSent;
     Relaxed<std::uint64_t> BytesRecv;
     HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock
-    Relaxed<int> LastError;           ///< of the last completed overlapped operation
-    HWND AsyncWindow = nullptr;       ///< as given to WSPAsyncSelect
+    bool SkipsPackets = false;   ///< requests that succeed inside the lower call queue none; guarded by Lock
+    Relaxed<int> LastError;      ///< of the last completed overlapped operation
+    HWND AsyncWindow = nullptr;  ///< as given to WSPAsyncSelect
     UINT AsyncMessage = 0;
     Relaxed<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
     CriticalSection Lock;

@@ -18,9 +18,10 @@
 #include "tests/support/layer_fixture.h"
 #include "tests/support/loopback_stream.h"
 
-/// How the layer carries requests out: above its completion port, with a worker that waits alertably because
-/// there is no port, or inside the call because somebody else's port has the lower socket.
-enum class Mode { kCompletionPort, kAlertable, kSynchronous };
+/// How the layer carries requests out: above its completion port, past which what succeeds at once goes or
+/// (kEveryPacket) not; with a worker that waits alertably because there is no port; or inside the call
+/// because somebody else's port has the lower socket.
+enum class Mode { kCompletionPort, kEveryPacket, kAlertable, kSynchronous };
 
 /// A peer that sends back what it gets, on every connection, until it is destroyed.
 class EchoPeer {
@@ -158,6 +159,8 @@ inline std::string NameOf(Mode mode) {
     switch (mode) {
         case Mode::kCompletionPort:
             return "CompletionPort";
+        case Mode::kEveryPacket:
+            return "EveryPacket";
         case Mode::kAlertable:
             return "Alertable";
         case Mode::kSynchronous:

@@ -14,6 +14,13 @@
 
 namespace {
 
+// Under Wine a request takes many times as long.
+#ifdef _WIN32
+constexpr int kRandomRequests = 20'000;
+#else
+constexpr int kRandomRequests = 100'000;
+#endif
+
 INSTANTIATE_TEST_SUITE_P(Modes, OverlappedTest, ::testing::Values(Mode::kCompletionPort, Mode::kAlertable),
                          [](const auto& parameter) { return NameOf(parameter.param); });
 
@@ -87,6 +94,16 @@ TEST_P(OverlappedTest, TheLastCleanUpEndsWhatIsPending) {
     EXPECT_EQ(WaitForSingleObject(receive.overlapped.hEvent, 20000), WAIT_OBJECT_0);
     EXPECT_NE(receive.overlapped.Internal, 0x103u);
     EXPECT_EQ(receive.overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
+}
+
+TEST_P(OverlappedTest, TheLastCleanUpNeedsNoPackets) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    EventRequest receive;
+    ASSERT_EQ(Receive(s, receive), WSA_IO_PENDING);
+    FailCall("PostQueuedCompletionStatus", ERROR_NO_SYSTEM_RESOURCES, true);
+    StopWinsock();
+    platform::DisarmFaults();
 }
 
 TEST_P(OverlappedTest, RefusedRequestsAreReportedOnce) {
@@ -264,8 +281,8 @@ TEST_P(OverlappedTest, RandomTrafficCompletesEachRequestOnce) {
     std::printf("QX_TEST_SEED=%u\n", seed);
     EchoPeer peer;
     RandomTraffic traffic(peer.Port(), seed);
-    traffic.Run(100000);
+    traffic.Run(kRandomRequests);
     EXPECT_EQ(traffic.Outstanding(), 0);
     EXPECT_EQ(traffic.Wrong(), 0);
-    EXPECT_GT(traffic.Taken(), 50000);
+    EXPECT_GT(traffic.Taken(), kRandomRequests / 2);
 }
