@@ -93,15 +93,25 @@ bool ParseV6(const char** text, std::uint8_t* bytes) {
     return true;
 }
 
+/// Whether Windows writes the last 32 bits as an IPv4 address: those that are compatible with one, mapped or
+/// translated from one, or lead to one through a tunnel.
+bool EndsInV4(const unsigned* groups) {
+    if (groups[5] == 0x5EFE && (groups[4] & ~0x200u) == 0) return true;
+    if ((groups[0] | groups[1] | groups[2] | groups[3]) != 0 || groups[6] == 0) return false;
+    if (groups[4] == 0) return groups[5] == 0 || groups[5] == 0xFFFF;
+    return groups[4] == 0xFFFF && groups[5] == 0;
+}
+
 int FormatV6(const Endpoint& endpoint, char* text, std::size_t size) {
     unsigned groups[8];
     for (std::size_t i = 0; i < 8; ++i)
         groups[i] = endpoint.address[2 * i] * 256u + endpoint.address[2 * i + 1];
+    const int count = EndsInV4(groups) ? 6 : 8;
     // The longest run of at least two zero groups, the first of equals, is left out.
     int gapStart = -1, gapLength = 1;
-    for (int i = 0; i < 8;) {
+    for (int i = 0; i < count;) {
         int end = i;
-        while (end < 8 && groups[end] == 0)
+        while (end < count && groups[end] == 0)
             ++end;
         if (end - i > gapLength) {
             gapStart = i;
@@ -110,16 +120,23 @@ int FormatV6(const Endpoint& endpoint, char* text, std::size_t size) {
         i = std::max(end, i + 1);
     }
     int length = 0;
-    for (int i = 0; i < 8;) {
+    const auto room = [&] { return size - static_cast<std::size_t>(length); };
+    const auto separator = [&](int i) {
+        return i > 0 && (gapStart < 0 || i != gapStart + gapLength) ? ":" : "";
+    };
+    for (int i = 0; i < count;) {
         if (i == gapStart) {
-            length += std::snprintf(text + length, size - static_cast<std::size_t>(length), "::");
+            length += std::snprintf(text + length, room(), "::");
             i += gapLength;
             continue;
         }
-        const bool separated = i > 0 && i != gapStart + gapLength;
-        length += std::snprintf(text + length, size - static_cast<std::size_t>(length),
-                                separated || (i > 0 && gapStart < 0) ? ":%x" : "%x", groups[i]);
+        length += std::snprintf(text + length, room(), "%s%x", separator(i), groups[i]);
         ++i;
+    }
+    if (count == 6) {
+        const std::uint8_t* v4 = endpoint.address.data() + 12;
+        length +=
+            std::snprintf(text + length, room(), "%s%u.%u.%u.%u", separator(6), v4[0], v4[1], v4[2], v4[3]);
     }
     return length;
 }

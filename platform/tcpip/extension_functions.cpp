@@ -30,10 +30,11 @@ constexpr DWORD kAddressOverhead = 16;
 
 int AcceptExtended(const SocketUse& listener, SOCKET acceptingHandle, char* output, DWORD receiveLength,
                    DWORD localLength, DWORD remoteLength, DWORD* received, OVERLAPPED* overlapped) {
+    if (overlapped == nullptr) return WSA_INVALID_PARAMETER;
     const SocketUse accepting(acceptingHandle);
     if (!accepting) return WSAENOTSOCK;
     const DWORD needed = static_cast<DWORD>(AddressLength(listener->v6)) + kAddressOverhead;
-    if (overlapped == nullptr || localLength < needed || remoteLength < needed) return WSAEINVAL;
+    if (localLength < needed || remoteLength < needed) return WSAEINVAL;
     if (output == nullptr) return WSAEFAULT;
     if (listener->state.load() != State::Listening || accepting->v6 != listener->v6) return WSAEINVAL;
     if (!accepting->IsStream() || accepting->state.load() != State::Idle || accepting->bound.load())
@@ -57,29 +58,13 @@ int AcceptExtended(const SocketUse& listener, SOCKET acceptingHandle, char* outp
     return StartRequest(*listener, kRead, std::move(request), received, nullptr);
 }
 
-/// Without an overlapped record, which Windows does not allow, it simply connects and sends before it
-/// returns.
-int ConnectAndSend(const SocketUse& socket, const Endpoint& peer, void* data, DWORD dataLength, DWORD* sent) {
-    int error = ConnectStream(*socket, peer, true);
-    if (error != 0) return error;
-    socket->missingContext.store(MissingContext::Connect);
-    if (data == nullptr || dataLength == 0) return 0;
-    const WSABUF buffer = {dataLength, static_cast<CHAR*>(data)};
-    BufferList list;
-    DWORD bytes = 0;
-    error = list.Assign(&buffer, 1, dataLength);
-    if (error == 0) error = SendNow(*socket, list, 0, nullptr, &bytes);
-    if (sent != nullptr) *sent = bytes;
-    return error;
-}
-
 int ConnectExtended(const SocketUse& socket, const sockaddr* name, int namelen, void* data, DWORD dataLength,
                     DWORD* sent, OVERLAPPED* overlapped) {
+    if (overlapped == nullptr) return WSA_INVALID_PARAMETER;
     Endpoint peer;
     int error = ReadAddress(name, namelen, socket->v6, &peer);
     if (error != 0) return error;
     if (!socket->IsStream() || !socket->bound.load()) return WSAEINVAL;
-    if (overlapped == nullptr) return ConnectAndSend(socket, peer, data, dataLength, sent);
     RequestPointer request =
         MakeRequest(socket.pointer(), {overlapped, nullptr, nullptr}, RequestKind::Connect);
     if (request == nullptr) return WSAENOBUFS;

@@ -12,6 +12,8 @@ namespace tcpip {
 namespace {
 
 constexpr std::size_t kFewSockets = 8;  // need no memory of their own
+// Applications may compile their sets for more than FD_SETSIZE sockets; what claims more than this is none.
+constexpr std::size_t kMostSockets = 0x10000;
 enum SetBit : unsigned { kInRead = 1, kInWrite = 2, kInExcept = 4 };
 
 struct Watched {
@@ -189,12 +191,8 @@ int Selection::Store(fd_set* set, unsigned bit) const {
     return static_cast<int>(left);
 }
 
-/// The number of handles; WSAENOBUFS when a set claims more than it can hold.
-int CountHandles(const fd_set* set, std::size_t* count) {
-    if (set == nullptr) return 0;
-    if (set->fd_count > FD_SETSIZE) return WSAENOBUFS;
-    *count += set->fd_count;
-    return 0;
+std::size_t CountHandles(const fd_set* set) {
+    return set == nullptr ? 0 : set->fd_count;
 }
 
 platform::Deadline DeadlineOf(const timeval* timeout) {
@@ -211,13 +209,11 @@ int WSPAPI TcpipSelect(int, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet
     return RunOperation(
         "lower WSPSelect", WSAENETDOWN, SOCKET_ERROR, lpErrno, [&](platform::PlatformCall&, int* result) {
             if (timeout != nullptr && (timeout->tv_sec < 0 || timeout->tv_usec < 0)) return WSAEINVAL;
-            std::size_t handles = 0;
-            int error = CountHandles(readSet, &handles);
-            if (error == 0) error = CountHandles(writeSet, &handles);
-            if (error == 0) error = CountHandles(exceptSet, &handles);
-            if (error != 0) return error;
+            const std::size_t handles =
+                CountHandles(readSet) + CountHandles(writeSet) + CountHandles(exceptSet);
+            if (handles > kMostSockets) return WSAENOBUFS;
             Selection selection(handles);
-            error = selection.Add(readSet, kInRead);
+            int error = selection.Add(readSet, kInRead);
             if (error == 0) error = selection.Add(writeSet, kInWrite);
             if (error == 0) error = selection.Add(exceptSet, kInExcept);
             if (error == 0 && selection.IsEmpty()) error = WSAEINVAL;

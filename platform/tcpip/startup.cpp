@@ -95,7 +95,9 @@ int ResolveKind(const WSAPROTOCOL_INFOW& info, int* family, int* type, int* prot
         if (row.type != *type) continue;
         *kind = row.kind;
         if (*protocol == 0) *protocol = row.protocol;
-        return *protocol == row.protocol ? 0 : WSAEPROTOTYPE;
+        if (*protocol == row.protocol) return 0;
+        // Windows tells a stream that is to be UDP from a datagram socket with a stream protocol.
+        return *type == SOCK_DGRAM ? WSAEPROTONOSUPPORT : WSAEPROTOTYPE;
     }
     return WSAESOCKTNOSUPPORT;
 }

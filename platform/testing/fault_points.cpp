@@ -119,6 +119,8 @@ void PlatformCall::Count(const char* name, DWORD defaultError) {
             limit_ = fault.value;
             break;
         case FaultKind::kException:
+            // The exception leaves without the scope's destructor.
+            --CurrentThreadState().callDepth;
             RaiseException(fault.value, 0, 0, nullptr);
             break;
     }

@@ -2,11 +2,19 @@
 
 #include "platform/kernel/clock.h"
 
+#include <atomic>
+#include <mutex>
+
 namespace platform {
 
 namespace {
 
 constexpr DWORD kSliceMilliseconds = 2;
+constexpr DWORD kEndPatienceMilliseconds = 1000;
+
+// The thread that is to end in its wait, by its id; 0: none.
+std::atomic<DWORD> EndingThread{0};
+std::atomic<DWORD> EndingCode{0};
 
 // A wait with a limit is known to the clock, so that tests can wait until it has begun. Nobody has to be
 // woken.
@@ -15,6 +23,13 @@ class TimedWait final : public ClockListener {
     TimedWait() { Register(); }
     ~TimedWait() override { Unregister(); }
     void OnClockChanged() noexcept override {}
+
+    /// Between two real waits. Does not return in a thread that is to end.
+    void EndIfAsked() {
+        if (EndingThread.load() != GetCurrentThreadId()) return;
+        Unregister();
+        ExitThread(EndingCode.load());
+    }
 };
 
 }  // namespace
@@ -25,16 +40,19 @@ void SleepOnClock(DWORD milliseconds) noexcept {
         return;
     }
     const Deadline deadline = DeadlineAfter(milliseconds);
-    const TimedWait registered;
-    while (!HasPassed(deadline))
+    TimedWait registered;
+    for (; !HasPassed(deadline); registered.EndIfAsked())
         Sleep(1);
 }
 
 DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept {
-    if (milliseconds == 0 || milliseconds == INFINITE) return WaitForSingleObject(handle, milliseconds);
+    // A thread needs real time to end, however fast the clock runs; one that is ended by force in the middle
+    // of the system's code takes the process with it.
+    if (milliseconds == 0 || milliseconds == INFINITE || GetThreadId(handle) != 0)
+        return WaitForSingleObject(handle, milliseconds);
     const Deadline deadline = DeadlineAfter(milliseconds);
-    const TimedWait registered;
-    for (;;) {
+    TimedWait registered;
+    for (;; registered.EndIfAsked()) {
         const DWORD result = WaitForSingleObject(handle, kSliceMilliseconds);
         if (result != WAIT_TIMEOUT || HasPassed(deadline)) return result;
     }
@@ -52,8 +70,8 @@ int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval*
     }
     const Deadline deadline = DeadlineAfter(static_cast<DWORD>(timeout->tv_sec) * 1000 +
                                             static_cast<DWORD>(timeout->tv_usec) / 1000);
-    const TimedWait registered;
-    for (;;) {
+    TimedWait registered;
+    for (;; registered.EndIfAsked()) {
         timeval slice = {0, kSliceMilliseconds * 1000};
         const int result = select(0, readSet, writeSet, exceptSet, &slice);
         if (result != 0 || HasPassed(deadline)) return result;
@@ -62,6 +80,16 @@ int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval*
             if (sets[i] != nullptr) *sets[i] = asked[i];
         }
     }
+}
+
+BOOL TerminateInWait(HANDLE thread, DWORD exitCode) noexcept {
+    static std::mutex& oneAtATime = *new std::mutex;
+    const std::lock_guard<std::mutex> lock(oneAtATime);
+    EndingCode = exitCode;
+    EndingThread = GetThreadId(thread);
+    const bool ended = WaitForSingleObject(thread, kEndPatienceMilliseconds) == WAIT_OBJECT_0;
+    EndingThread = 0;
+    return ended || TerminateThread(thread, exitCode);
 }
 
 }  // namespace platform

@@ -16,4 +16,9 @@ DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept;
 /// The system's select with a limit on the clock. Null `timeout`: none.
 int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) noexcept;
 
+/// TerminateThread, of a thread that comes to one of these waits or to its end: there it holds no lock of the
+/// system, and nothing of the wait stays behind. A thread that does not, within a second, is ended where it
+/// stands.
+BOOL TerminateInWait(HANDLE thread, DWORD exitCode) noexcept;
+
 }  // namespace platform

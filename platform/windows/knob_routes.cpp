@@ -50,7 +50,8 @@ struct Guarded<Point, Result(WINAPI*)(Arguments...)> {
         static auto Real() { return &::function; }      \
     };
 
-// The same for a function whose results are counted; Run is what it does when it does not fail.
+// The same for a function that does more, mostly counting its results; Run is what it does when it does not
+// fail.
 #define QX_TRACKED(function, error, parameters, ...)    \
     struct function##Point {                            \
         static constexpr const char* kName = #function; \
@@ -71,13 +72,12 @@ QX_POINT(ExpandEnvironmentStringsW, ERROR_NOT_ENOUGH_MEMORY)
 QX_POINT(MultiByteToWideChar, ERROR_INVALID_PARAMETER)
 QX_POINT(WideCharToMultiByte, ERROR_INVALID_PARAMETER)
 QX_POINT(PostQueuedCompletionStatus, ERROR_NO_SYSTEM_RESOURCES)
-QX_POINT(GetQueuedCompletionStatus, ERROR_INVALID_HANDLE)
 QX_POINT(SetEvent, ERROR_INVALID_HANDLE)
 QX_POINT(ResetEvent, ERROR_INVALID_HANDLE)
 QX_POINT(DuplicateHandle, ERROR_INVALID_HANDLE)
 QX_POINT(QueueUserAPC, ERROR_NOT_ENOUGH_MEMORY)
-QX_POINT(TerminateThread, ERROR_ACCESS_DENIED)
 QX_POINT(CancelIoEx, ERROR_NOT_FOUND)
+QX_POINT(SetFileCompletionNotificationModes, ERROR_INVALID_FUNCTION)
 
 QX_TRACKED(CreateEventA, ERROR_NOT_ENOUGH_MEMORY,
            (LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCSTR name),
@@ -90,6 +90,8 @@ QX_TRACKED(CreateThread, ERROR_NOT_ENOUGH_MEMORY,
             DWORD flags, LPDWORD id),
            return TrackHandle(::CreateThread(security, stack, start, argument, flags, id),
                               TrackedKind::kThread);)
+QX_TRACKED(TerminateThread, ERROR_ACCESS_DENIED, (HANDLE thread, DWORD exitCode),
+           return TerminateInWait(thread, exitCode);)
 QX_TRACKED(CloseHandle, ERROR_INVALID_HANDLE, (HANDLE handle), ForgetHandle(handle);
            return ::CloseHandle(handle);)
 QX_TRACKED(HeapCreate, ERROR_NOT_ENOUGH_MEMORY, (DWORD options, SIZE_T initial, SIZE_T maximum),
@@ -118,6 +120,13 @@ HANDLE WINAPI MakeCompletionPort(HANDLE file, HANDLE port, ULONG_PTR key, DWORD 
     if (call.Fails()) return nullptr;
     const HANDLE made = winsock_host::HostCreateIoCompletionPort(file, port, key, threads);
     return port == nullptr ? TrackHandle(made, TrackedKind::kCompletionPort) : made;
+}
+
+BOOL WINAPI TakePacket(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVERLAPPED* overlapped,
+                       DWORD milliseconds) {
+    PlatformCall call("GetQueuedCompletionStatus", ERROR_INVALID_HANDLE);
+    if (call.Fails()) return FALSE;
+    return winsock_host::HostGetQueuedCompletionStatus(port, bytes, key, overlapped, milliseconds);
 }
 
 DWORD WINAPI AllocateTls() {
@@ -200,7 +209,6 @@ std::vector<Route> KnobRoutes(bool waits) {
         At<CreateThreadPoint>(),
         At<CloseHandlePoint>(),
         At<PostQueuedCompletionStatusPoint>(),
-        At<GetQueuedCompletionStatusPoint>(),
         At<SetEventPoint>(),
         At<ResetEventPoint>(),
         At<DuplicateHandlePoint>(),
@@ -208,11 +216,14 @@ std::vector<Route> KnobRoutes(bool waits) {
         {"kernel32.dll", "TlsAlloc", Address(AllocateTls)},
         At<TerminateThreadPoint>(),
         At<CancelIoExPoint>(),
+        At<SetFileCompletionNotificationModesPoint>(),
         {"kernel32.dll", "WaitForSingleObject", Address(WaitForOne)},
         {"kernel32.dll", "Sleep", Address(SleepAwhile)},
-        // The Winsock routes came first: the slot leads to the host by now.
+        // The Winsock routes came first: these slots lead to the host by now.
         {"", "CreateIoCompletionPort", Address(MakeCompletionPort),
          Address(winsock_host::HostCreateIoCompletionPort)},
+        {"", "GetQueuedCompletionStatus", Address(TakePacket),
+         Address(winsock_host::HostGetQueuedCompletionStatus)},
     };
     routes.insert(routes.end(), std::begin(ofModules), std::end(ofModules));
     return routes;

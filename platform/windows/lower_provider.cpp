@@ -3,6 +3,7 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -43,10 +44,51 @@ SOCKET Publish(SOCKET s, const SocketRecord& record) {
     return FailWith(error, INVALID_SOCKET);
 }
 
+// Wine ends what is pending on a closed socket late, or with a status that Windows has not: so it is
+// cancelled. The socket is forgotten already.
+int CancelAndClose(SOCKET s) {
+    { const std::unique_lock<std::shared_mutex> nobodyHandsOver(HandingOver()); }
+    CancelIoEx(reinterpret_cast<HANDLE>(s), nullptr);
+    return closesocket(s);
+}
+
 bool Forget(SOCKET s) {
     ForgetNames(s);
     const std::lock_guard<std::mutex> lock(TheProvider().mutex);
     return TheProvider().sockets.erase(s) != 0;
+}
+
+constexpr DWORD kNoTicket = 0xFFFFFFFF;
+
+/// Which entry of the catalog a protocol is.
+void CopyEntry(const WSAPROTOCOL_INFOW& from, WSAPROTOCOL_INFOW* to) {
+    to->ProviderId = from.ProviderId;
+    to->dwCatalogEntryId = from.dwCatalogEntryId;
+    to->ProtocolChain = from.ProtocolChain;
+}
+
+/// The system's own entry for the protocol, or what was given.
+WSAPROTOCOL_INFOW SystemEntry(const WSAPROTOCOL_INFOW& info) {
+    DWORD size = 0;
+    WSAEnumProtocolsW(nullptr, nullptr, &size);
+    std::vector<WSAPROTOCOL_INFOW> entries(size / sizeof info);
+    const int count = entries.empty() ? 0 : WSAEnumProtocolsW(nullptr, entries.data(), &size);
+    for (int i = 0; i < count; ++i) {
+        const WSAPROTOCOL_INFOW& entry = entries[static_cast<std::size_t>(i)];
+        if (entry.iAddressFamily == info.iAddressFamily && entry.iSocketType == info.iSocketType &&
+            entry.iProtocol == info.iProtocol && entry.ProtocolChain.ChainLen == BASE_PROTOCOL)
+            return entry;
+    }
+    return info;
+}
+
+WSAPROTOCOL_INFOA Narrow(const WSAPROTOCOL_INFOW& info) {
+    WSAPROTOCOL_INFOA narrow;
+    static_assert(offsetof(WSAPROTOCOL_INFOA, szProtocol) == offsetof(WSAPROTOCOL_INFOW, szProtocol));
+    std::memcpy(&narrow, &info, offsetof(WSAPROTOCOL_INFOW, szProtocol));
+    WideCharToMultiByte(CP_ACP, 0, info.szProtocol, -1, narrow.szProtocol, sizeof narrow.szProtocol, nullptr,
+                        nullptr);
+    return narrow;
 }
 
 // The operations without routes: a fault point, and the system's function.
@@ -91,18 +133,19 @@ int WSPAPI CancelBlockingCall(LPINT error) {
 
 int WSPAPI CloseSocket(SOCKET s, LPINT error) {
     return Run("lower WSPCloseSocket", WSAENOTSOCK, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        return Forget(s) ? closesocket(s) : FailWith(WSAENOTSOCK, SOCKET_ERROR);
+        return Forget(s) ? CancelAndClose(s) : FailWith(WSAENOTSOCK, SOCKET_ERROR);
     });
 }
 
+// What the system writes stays, since its other end is made from that; only whose entry it is, is ours.
 int WSPAPI DuplicateSocket(SOCKET s, DWORD process, LPWSAPROTOCOL_INFOW info, LPINT error) {
     return Run("lower WSPDuplicateSocket", WSAENOBUFS, SOCKET_ERROR, error, [&](const PlatformCall&) {
         SocketRecord record;
         if (!FindSocket(s, &record)) return FailWith(WSAENOTSOCK, SOCKET_ERROR);
         if (WSADuplicateSocketW(s, process, info) != 0) return SOCKET_ERROR;
-        const DWORD ticket = info->dwProviderReserved;
-        *info = record.info;
-        info->dwProviderReserved = ticket;
+        CopyEntry(record.info, info);
+        // Not every system needs the ticket, but by it the other end is told from a new socket.
+        if (info->dwProviderReserved == 0) info->dwProviderReserved = kNoTicket;
         return 0;
     });
 }
@@ -132,12 +175,15 @@ int WSPAPI GetSockName(SOCKET s, sockaddr* name, LPINT length, LPINT error) {
 int WSPAPI GetSockOpt(SOCKET s, int level, int option, char* value, LPINT length, LPINT error) {
     return Run("lower WSPGetSockOpt", WSAENOBUFS, SOCKET_ERROR, error, [&](const PlatformCall&) {
         SocketRecord record;
-        if (level != SOL_SOCKET || option != SO_PROTOCOL_INFOW || !FindSocket(s, &record))
+        const bool wide = option == SO_PROTOCOL_INFOW;
+        if (level != SOL_SOCKET || (!wide && option != SO_PROTOCOL_INFOA) || !FindSocket(s, &record))
             return getsockopt(s, level, option, value, length);
-        if (value == nullptr || length == nullptr || *length < static_cast<int>(sizeof record.info))
-            return FailWith(WSAEFAULT, SOCKET_ERROR);
-        std::memcpy(value, &record.info, sizeof record.info);
-        *length = sizeof record.info;
+        const WSAPROTOCOL_INFOA narrow = Narrow(record.info);
+        const auto size = static_cast<int>(wide ? sizeof record.info : sizeof narrow);
+        if (value == nullptr || length == nullptr || *length < size) return FailWith(WSAEFAULT, SOCKET_ERROR);
+        const void* const source = wide ? static_cast<const void*>(&record.info) : &narrow;
+        std::memcpy(value, source, static_cast<std::size_t>(size));
+        *length = size;
         return 0;
     });
 }
@@ -151,8 +197,10 @@ int WSPAPI Ioctl(SOCKET s, DWORD code, LPVOID in, DWORD inLength, LPVOID out, DW
                  LPDWORD returned, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
                  LPWSATHREADID, LPINT error) {
     return Run("lower WSPIoctl", WSAENETDOWN, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        if (code == SIO_GET_EXTENSION_FUNCTION_POINTER && in != nullptr && inLength >= sizeof(GUID))
+        if (code == SIO_GET_EXTENSION_FUNCTION_POINTER) {
+            if (in == nullptr || inLength < sizeof(GUID)) return FailWith(WSAEFAULT, SOCKET_ERROR);
             return GiveExtension(s, *static_cast<const GUID*>(in), out, outLength, returned);
+        }
         return WSAIoctl(s, code, in, inLength, out, outLength, returned, overlapped, routine);
     });
 }
@@ -172,8 +220,11 @@ int WSPAPI Listen(SOCKET s, int backlog, LPINT error) {
 int WSPAPI Recv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags,
                 LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, LPWSATHREADID,
                 LPINT error) {
-    return Run("lower WSPRecv", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        return WSARecv(s, buffers, count, received, flags, overlapped, routine);
+    return Run("lower WSPRecv", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall& call) {
+        LimitedBuffers limited(call, buffers, count);
+        return HandOver(s, overlapped, SOCKET_ERROR, [&] {
+            return WSARecv(s, limited.data(), limited.count(), received, flags, overlapped, routine);
+        });
     });
 }
 
@@ -185,8 +236,11 @@ int WSPAPI RecvDisconnect(SOCKET s, LPWSABUF data, LPINT error) {
 int WSPAPI Send(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
                 LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, LPWSATHREADID,
                 LPINT error) {
-    return Run("lower WSPSend", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        return WSASend(s, buffers, count, sent, flags, overlapped, routine);
+    return Run("lower WSPSend", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall& call) {
+        LimitedBuffers limited(call, buffers, count);
+        return HandOver(s, overlapped, SOCKET_ERROR, [&] {
+            return WSASend(s, limited.data(), limited.count(), sent, flags, overlapped, routine);
+        });
     });
 }
 
@@ -211,11 +265,16 @@ SOCKET WSPAPI Socket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW inf
         if (info == nullptr) return FailWith(WSAEFAULT, INVALID_SOCKET);
         SocketRecord record;
         record.info = *info;
+        record.info.dwProviderReserved = 0;
         record.type = type > 0 ? type : info->iSocketType;
-        if (info->dwProviderReserved != 0)  // the other end of a duplication
+        if (info->dwProviderReserved != 0) {  // the other end of a duplication
+            WSAPROTOCOL_INFOW systems = *info;
+            if (systems.dwProviderReserved == kNoTicket) systems.dwProviderReserved = 0;
+            CopyEntry(SystemEntry(*info), &systems);
             return Publish(
-                WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, info, 0, flags),
+                WSASocketW(FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, FROM_PROTOCOL_INFO, &systems, 0, flags),
                 record);
+        }
         const int wantedFamily = family > 0 ? family : info->iAddressFamily;
         const int wantedProtocol = protocol > 0 ? protocol : info->iProtocol;
         return Publish(WSASocketW(wantedFamily, record.type, wantedProtocol, nullptr, 0, flags), record);
@@ -234,7 +293,7 @@ int WSPAPI Cleanup(LPINT error) {
         }
         for (const auto& [s, record] : open) {
             ForgetNames(s);
-            closesocket(s);
+            CancelAndClose(s);
         }
         CloseBlackHoles();
         return WSACleanup();
@@ -242,6 +301,24 @@ int WSPAPI Cleanup(LPINT error) {
 }
 
 }  // namespace
+
+LimitedBuffers::LimitedBuffers(const PlatformCall& call, LPWSABUF buffers, DWORD count)
+    : data_(buffers), count_(count) {
+    constexpr DWORD kAll = 0xFFFFFFFF;
+    DWORD left = call.LimitCount(kAll);
+    if (left == kAll || buffers == nullptr) return;
+    for (DWORD i = 0; i < count && left > 0; ++i) {
+        cut_.push_back({std::min(buffers[i].len, left), buffers[i].buf});
+        left -= cut_.back().len;
+    }
+    data_ = cut_.data();
+    count_ = static_cast<DWORD>(cut_.size());
+}
+
+std::shared_mutex& HandingOver() {
+    static std::shared_mutex& mutex = *new std::shared_mutex;
+    return mutex;
+}
 
 bool FindSocket(SOCKET s, SocketRecord* record) {
     const std::lock_guard<std::mutex> lock(TheProvider().mutex);

@@ -8,6 +8,10 @@
 #include <mswsock.h>
 #include <ws2spi.h>
 
+#include <vector>
+
+#include <shared_mutex>
+
 #include "platform/testing/fault_points.h"
 
 namespace lower {
@@ -23,6 +27,15 @@ struct SocketRecord {
 /// The record of an open socket; false when it is none of this provider.
 bool FindSocket(SOCKET s, SocketRecord* record);
 
+/// Held shared while an overlapped request is handed to the system, so that a closing socket has either all
+/// of it or nothing.
+std::shared_mutex& HandingOver();
+
+/// Hands a request on an open socket to the system; without `overlapped` the call may block and is simply
+/// made.
+template <class Result, class Call>
+Result HandOver(SOCKET s, LPWSAOVERLAPPED overlapped, Result failure, Call call);
+
 /// Runs an operation behind its fault point. What it fails with is in the thread's last error.
 template <class Result, class Operation>
 Result Run(const char* name, DWORD fault, Result failure, LPINT error, Operation operation) {
@@ -36,11 +49,32 @@ Result Run(const char* name, DWORD fault, Result failure, LPINT error, Operation
     return result;
 }
 
+/// A caller's buffers, cut to what a short count of the call's fault point leaves of them.
+class LimitedBuffers {
+  public:
+    LimitedBuffers(const PlatformCall& call, LPWSABUF buffers, DWORD count);
+    LPWSABUF data() { return data_; }
+    DWORD count() const { return count_; }
+
+  private:
+    std::vector<WSABUF> cut_;
+    LPWSABUF data_;
+    DWORD count_;
+};
+
 /// Fails with a Winsock error.
 template <class Result>
 Result FailWith(int error, Result failure) {
     WSASetLastError(error);
     return failure;
+}
+
+template <class Result, class Call>
+Result HandOver(SOCKET s, LPWSAOVERLAPPED overlapped, Result failure, Call call) {
+    if (overlapped == nullptr) return call();
+    const std::shared_lock<std::shared_mutex> lock(HandingOver());
+    SocketRecord record;
+    return FindSocket(s, &record) ? call() : FailWith(WSAENOTSOCK, failure);
 }
 
 /// Answers a request for an extension function: 0, or SOCKET_ERROR with the last error.

@@ -42,7 +42,9 @@ BOOL WINAPI RoutedConnectEx(SOCKET s, const sockaddr* name, int length, PVOID da
     if (!RouteOf(s, name, length, &route)) return FALSE;
     const auto connectEx = SystemExtension<LPFN_CONNECTEX>(s, WSAID_CONNECTEX);
     if (connectEx == nullptr) return FailWith(WSAEOPNOTSUPP, FALSE);
-    return connectEx(s, TargetOf(route), length, data, dataLength, sent, overlapped);
+    return HandOver(s, overlapped, FALSE, [&] {
+        return connectEx(s, TargetOf(route), length, data, dataLength, sent, overlapped);
+    });
 }
 
 // The memory elements are sent as one request; files are not taken.
@@ -69,7 +71,9 @@ BOOL WINAPI SystemAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWOR
     if (call.Fails()) return FALSE;
     const auto acceptEx = SystemExtension<LPFN_ACCEPTEX>(listener, WSAID_ACCEPTEX);
     if (acceptEx == nullptr) return FailWith(WSAENOTSOCK, FALSE);
-    return acceptEx(listener, accepting, output, receive, local, remote, received, overlapped);
+    return HandOver(listener, overlapped, FALSE, [&] {
+        return acceptEx(listener, accepting, output, receive, local, remote, received, overlapped);
+    });
 }
 
 BOOL WINAPI SystemDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DWORD reserved) {
@@ -77,13 +81,19 @@ BOOL WINAPI SystemDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, D
     if (call.Fails()) return FALSE;
     const auto disconnectEx = SystemExtension<LPFN_DISCONNECTEX>(s, WSAID_DISCONNECTEX);
     if (disconnectEx == nullptr) return FailWith(WSAENOTSOCK, FALSE);
-    return disconnectEx(s, overlapped, flags, reserved);
+    if (disconnectEx(s, overlapped, flags, reserved)) return TRUE;
+    // Wine calls pending what has ended inside the call, and then queues no packet for a socket that wants
+    // none for such ends.
+    return overlapped != nullptr && GetLastError() == WSA_IO_PENDING && overlapped->Internal == 0;
 }
 
 BOOL WINAPI SystemTransmitFile(SOCKET s, HANDLE file, DWORD bytes, DWORD bytesPerSend,
                                LPOVERLAPPED overlapped, LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags) {
     const PlatformCall call("lower TransmitFile", WSAENOBUFS);
     if (call.Fails()) return FALSE;
+    // Wine has another error for this.
+    if (file != nullptr && GetFileType(file) == FILE_TYPE_UNKNOWN && GetLastError() == ERROR_INVALID_HANDLE)
+        return FailWith(WSA_INVALID_HANDLE, FALSE);
     const auto transmitFile = SystemExtension<LPFN_TRANSMITFILE>(s, WSAID_TRANSMITFILE);
     if (transmitFile == nullptr) return FailWith(WSAENOTSOCK, FALSE);
     return transmitFile(s, file, bytes, bytesPerSend, overlapped, buffers, flags);
@@ -95,7 +105,8 @@ INT WINAPI SystemWsaRecvMsg(SOCKET s, LPWSAMSG message, LPDWORD received, LPWSAO
     if (call.Fails()) return SOCKET_ERROR;
     const auto recvMsg = SystemExtension<LPFN_WSARECVMSG>(s, WSAID_WSARECVMSG);
     if (recvMsg == nullptr) return FailWith(WSAENOTSOCK, SOCKET_ERROR);
-    return recvMsg(s, message, received, overlapped, routine);
+    return HandOver(s, overlapped, SOCKET_ERROR,
+                    [&] { return recvMsg(s, message, received, overlapped, routine); });
 }
 
 template <class Function>
@@ -146,11 +157,18 @@ int WSPAPI GetPeerName(SOCKET s, sockaddr* name, LPINT length, LPINT error) {
 int WSPAPI SendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags, const sockaddr* to,
                   int toLength, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
                   LPWSATHREADID, LPINT error) {
-    return Run("lower WSPSendTo", WSAENETUNREACH, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        if (to == nullptr) return WSASend(s, buffers, count, sent, flags, overlapped, routine);
+    return Run("lower WSPSendTo", WSAENETUNREACH, SOCKET_ERROR, error, [&](const PlatformCall& call) {
+        LimitedBuffers limited(call, buffers, count);
+        if (to == nullptr)
+            return HandOver(s, overlapped, SOCKET_ERROR, [&] {
+                return WSASend(s, limited.data(), limited.count(), sent, flags, overlapped, routine);
+            });
         Route route;
         if (!RouteOf(s, to, toLength, &route)) return SOCKET_ERROR;
-        return WSASendTo(s, buffers, count, sent, flags, TargetOf(route), toLength, overlapped, routine);
+        return HandOver(s, overlapped, SOCKET_ERROR, [&] {
+            return WSASendTo(s, limited.data(), limited.count(), sent, flags, TargetOf(route), toLength,
+                             overlapped, routine);
+        });
     });
 }
 
@@ -158,9 +176,12 @@ int WSPAPI SendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD f
 int WSPAPI RecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags, sockaddr* from,
                     LPINT fromLength, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
                     LPWSATHREADID, LPINT error) {
-    return Run("lower WSPRecvFrom", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall&) {
-        const int result =
-            WSARecvFrom(s, buffers, count, received, flags, from, fromLength, overlapped, routine);
+    return Run("lower WSPRecvFrom", WSAECONNRESET, SOCKET_ERROR, error, [&](const PlatformCall& call) {
+        LimitedBuffers limited(call, buffers, count);
+        const int result = HandOver(s, overlapped, SOCKET_ERROR, [&] {
+            return WSARecvFrom(s, limited.data(), limited.count(), received, flags, from, fromLength,
+                               overlapped, routine);
+        });
         if (result == 0) RestoreName(s, from, fromLength);
         return result;
     });

@@ -41,10 +41,14 @@ bool IsSystems(HMODULE module) {
     return lstrcmpiA(path, folder) == 0;
 }
 
+// The toolchain's runtime library, when the program has not linked it in.
+constexpr char kRuntimeThreads[] = "libwinpthread-1.dll";
+
 bool StaysReal(HMODULE module) {
     if (module == TheRoutes().thisLibrary) return true;
     const std::string name = FileNameOf(module);
-    for (const char* real : {"ws2_32.dll", "mswsock.dll", "qxlower.dll"}) {
+    for (const char* real : {"ws2_32.dll", "mswsock.dll", "qxlower.dll", "libgcc_s_dw2-1.dll",
+                             "libstdc++-6.dll", kRuntimeThreads}) {
         if (lstrcmpiA(name.c_str(), real) == 0) return true;
     }
     return false;
@@ -144,7 +148,7 @@ void RouteProcess(HMODULE thisLibrary) {
     const char* choice = std::getenv("QX_ROUTE");
     routes.systemModules = choice != nullptr && std::strcmp(choice, "all") == 0;
     routes.winsock = WinsockRoutes();
-    routes.programKnobs = KnobRoutes(false);
+    routes.programKnobs = KnobRoutes(GetModuleHandleA(kRuntimeThreads) != nullptr);
     routes.moduleKnobs = KnobRoutes(true);
     ResolveAll();
     WatchLoads();

@@ -34,8 +34,8 @@ void RouteProcess(HMODULE thisLibrary);
 
 std::vector<Route> WinsockRoutes();
 
-/// `waits`: also the waits of the clock, and the counting of what is made. Not for programs, whose own
-/// runtime library waits in real time and keeps what it makes.
+/// `waits`: also the waits of the clock, and the counting of what is made. Not for programs with their
+/// runtime library inside, which waits in real time and keeps what it makes.
 std::vector<Route> KnobRoutes(bool waits);
 
 /// Modules loaded that are not the system's, this library and the program among them.

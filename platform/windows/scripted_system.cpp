@@ -44,12 +44,21 @@ std::string PathOfKey(HKEY key) {
     return TheOpenKeys().paths.count(path) != 0 ? *path : std::string();
 }
 
+/// A key exists when it is in the machine, or when one below it is.
+bool KeyExists(const Machine& machine, const std::string& path) {
+    if (machine.registry.count(path) != 0) return true;
+    const std::string prefix = path + "\\";
+    const auto below = machine.registry.lower_bound(prefix);
+    return below != machine.registry.end() &&
+           lstrcmpiA(below->first.substr(0, prefix.size()).c_str(), prefix.c_str()) == 0;
+}
+
 LSTATUS OpenKey(HKEY key, LPCSTR subKey, REGSAM access, PHKEY result) {
     std::string path = PathOfKey(key);
     if (path.empty()) return ERROR_INVALID_HANDLE;
     if (subKey != nullptr && *subKey != 0) path += std::string("\\") + subKey;
     const auto machine = TheMachine();
-    if (machine->registry.count(path) == 0) return ERROR_FILE_NOT_FOUND;
+    if (!KeyExists(*machine, path)) return ERROR_FILE_NOT_FOUND;
     if (machine->denyRegistryWrite && (access & kWriteRights) != 0) return ERROR_ACCESS_DENIED;
     auto* const record = new std::string(path);
     const std::lock_guard<std::mutex> lock(TheOpenKeys().mutex);
@@ -59,8 +68,10 @@ LSTATUS OpenKey(HKEY key, LPCSTR subKey, REGSAM access, PHKEY result) {
 }
 
 LSTATUS QueryValue(HKEY key, LPCSTR name, LPDWORD type, LPBYTE data, LPDWORD size) {
+    const std::string path = PathOfKey(key);
+    if (path.empty()) return ERROR_INVALID_HANDLE;
     const auto machine = TheMachine();
-    const auto values = machine->registry.find(PathOfKey(key));
+    const auto values = machine->registry.find(path);
     if (values == machine->registry.end()) return ERROR_FILE_NOT_FOUND;
     const auto found = values->second.find(name != nullptr ? name : "");
     if (found == values->second.end()) return ERROR_FILE_NOT_FOUND;
@@ -162,8 +173,9 @@ HMODULE StandInGetModuleHandleA(LPCSTR name) {
     PlatformCall call("GetModuleHandleA", ERROR_MOD_NOT_FOUND);
     if (call.Fails()) return nullptr;
     if (name != nullptr) {
+        const std::string asked = std::strchr(name, '.') == nullptr ? std::string(name) + ".dll" : name;
         for (const std::string& extra : TheMachine()->extraModules) {
-            if (lstrcmpiA(extra.c_str(), name) == 0) return GetModuleHandleA(nullptr);
+            if (lstrcmpiA(extra.c_str(), asked.c_str()) == 0) return GetModuleHandleA(nullptr);
         }
     }
     return GetModuleHandleA(name);

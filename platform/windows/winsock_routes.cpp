@@ -81,6 +81,7 @@ std::vector<Route> WinsockRoutes() {
         {kExtensions, "GetAcceptExSockaddrs", Address(HostGetAcceptExSockaddrs)},
         {kExtensions, "TransmitFile", Address(HostTransmitFile)},
         {"kernel32.dll", "CreateIoCompletionPort", Address(HostCreateIoCompletionPort)},
+        {"kernel32.dll", "GetQueuedCompletionStatus", Address(HostGetQueuedCompletionStatus)},
     };
 }
 

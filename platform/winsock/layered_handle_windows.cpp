@@ -1,7 +1,7 @@
 // An event object stands for the handle: its value is the process's own, and CloseHandle and DuplicateHandle
 // behave. What the system would keep with a file object, the completion port and its key, is kept in a table
-// here; HostCreateIoCompletionPort fills it, to which the program routes CreateIoCompletionPort of the
-// modules it hosts.
+// here, and so is the status of a packet, which a program cannot post. The port functions of the modules
+// under test are routed to those of this file, which fill the table and look there.
 #include "platform/winsock/layered_handle_windows.h"
 
 #include <map>
@@ -21,6 +21,7 @@ struct Association {
 struct Associations {
     std::mutex mutex;  // leaf
     std::map<SOCKET, Association> bySocket;
+    std::map<const OVERLAPPED*, DWORD> failures;  // errors of packets in the queues
 };
 
 // Never destroyed: modules that are detached at process exit still close sockets.
@@ -44,12 +45,13 @@ void CloseLayeredHandle(SOCKET handle) noexcept {
     CloseHandle(reinterpret_cast<HANDLE>(handle));
 }
 
-// The packet's status cannot be given to PostQueuedCompletionStatus: a waiter gets every packet as a success
-// and finds the error in the record, where WSAGetOverlappedResult looks.
-void AnnounceCompletion(SOCKET handle, OVERLAPPED* overlapped, DWORD bytes, DWORD) noexcept {
-    std::lock_guard<std::mutex> lock(TheAssociations().mutex);
-    const auto found = TheAssociations().bySocket.find(handle);
-    if (found == TheAssociations().bySocket.end()) return;
+void AnnounceCompletion(SOCKET handle, OVERLAPPED* overlapped, DWORD bytes, DWORD error) noexcept {
+    Associations& associations = TheAssociations();
+    std::lock_guard<std::mutex> lock(associations.mutex);
+    const auto found = associations.bySocket.find(handle);
+    if (found == associations.bySocket.end()) return;
+    associations.failures.erase(overlapped);
+    if (error != 0) associations.failures[overlapped] = error;
     PostQueuedCompletionStatus(found->second.port, bytes, found->second.key, overlapped);
 }
 
@@ -66,6 +68,21 @@ HANDLE WINAPI HostCreateIoCompletionPort(HANDLE file, HANDLE port, ULONG_PTR key
     if (port == nullptr) port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, threads);
     if (port != nullptr) TheAssociations().bySocket[s] = {port, key};
     return port;
+}
+
+BOOL WINAPI HostGetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key,
+                                          LPOVERLAPPED* overlapped, DWORD milliseconds) {
+    if (!GetQueuedCompletionStatus(port, bytes, key, overlapped, milliseconds)) return FALSE;
+    DWORD error = 0;
+    {
+        std::lock_guard<std::mutex> lock(TheAssociations().mutex);
+        const auto failure = TheAssociations().failures.find(*overlapped);
+        if (failure == TheAssociations().failures.end()) return TRUE;
+        error = failure->second;
+        TheAssociations().failures.erase(failure);
+    }
+    SetLastError(error);
+    return FALSE;
 }
 
 }  // namespace winsock_host

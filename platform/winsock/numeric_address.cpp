@@ -130,6 +130,19 @@ std::string FormatIpv4(const in_addr& address) {
     return text;
 }
 
+namespace {
+
+/// Whether the last four bytes are an IPv4 address: mapped, translated, compatible, or those of an automatic
+/// tunnel.
+bool EndsInIpv4(const unsigned (&groups)[8]) {
+    if ((groups[4] & ~0x200u) == 0 && groups[5] == 0x5efe) return true;
+    if ((groups[0] | groups[1] | groups[2] | groups[3]) != 0 || groups[6] == 0) return false;
+    if (groups[4] == 0) return groups[5] == 0 || groups[5] == 0xffff;
+    return groups[4] == 0xffff && groups[5] == 0;
+}
+
+}  // namespace
+
 std::string FormatIpv6(const in6_addr& address) {
     unsigned groups[8];
     const UCHAR* pair = address.u.Byte;
@@ -137,11 +150,12 @@ std::string FormatIpv6(const in6_addr& address) {
         group = pair[0] * 256u + pair[1];
         pair += 2;
     }
+    const int groupCount = EndsInIpv4(groups) ? 6 : 8;
     int gapAt = -1;
     int gapLength = 1;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < groupCount; ++i) {
         int length = 0;
-        while (i + length < 8 && groups[i + length] == 0)
+        while (i + length < groupCount && groups[i + length] == 0)
             ++length;
         if (length > gapLength) {
             gapAt = i;
@@ -149,7 +163,7 @@ std::string FormatIpv6(const in6_addr& address) {
         }
     }
     std::string text;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < groupCount; ++i) {
         if (i == gapAt) {
             text += "::";
             i += gapLength - 1;
@@ -160,7 +174,11 @@ std::string FormatIpv6(const in6_addr& address) {
         std::snprintf(group, sizeof group, "%x", groups[i]);
         text += group;
     }
-    return text;
+    if (groupCount == 8) return text;
+    in_addr v4{};
+    std::memcpy(&v4, address.u.Byte + 12, sizeof v4);
+    if (text.back() != ':') text += ':';
+    return text + FormatIpv4(v4);
 }
 
 }  // namespace winsock_host

@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "guarded_call.h"
-#include "platform/testing/debug_output.h"
 #include "platform/testing/fault_points.h"
-#include "platform/testing/resource_counts.h"
 #include "tests/platform/kernel/test_handle.h"
 
 using platform::Fault;
@@ -47,15 +45,15 @@ TEST(FaultPoints, FailTheNthCallOfAFunctionWithItsOwnOrAGivenError) {
 }
 
 TEST(FaultPoints, CountOutermostCallsOnlyAndThoseBeyondABoundary) {
+    TestHandle self(OpenThread(THREAD_ALL_ACCESS, FALSE, GetCurrentThreadId()));
     platform::CountCalls();
     Transfer(10);
     HANDLE event = NewEvent(true);
-    TestHandle self(OpenThread(THREAD_ALL_ACCESS, FALSE, GetCurrentThreadId()));
     QueueUserAPC(CloseInApc, self, reinterpret_cast<ULONG_PTR>(event));
     SleepEx(0, TRUE);
     platform::DisarmFaults();
-    EXPECT_EQ(platform::CountedCalls(), (std::vector<std::string>{"Transfer", "CreateEventA", "OpenThread",
-                                                                  "QueueUserAPC", "CloseHandle"}));
+    EXPECT_EQ(platform::CountedCalls(),
+              (std::vector<std::string>{"Transfer", "CreateEventA", "QueueUserAPC", "CloseHandle"}));
 }
 
 TEST(FaultPoints, ShortCountsAndExceptions) {
@@ -71,35 +69,4 @@ TEST(FaultPoints, ShortCountsAndExceptions) {
     // The abandoned call no longer hides the calls after it.
     Transfer(10);
     EXPECT_EQ(platform::CountedCalls().size(), 2u);
-}
-
-TEST(Observation, ResourcesAreCountedAndGrowthIsNamed) {
-    const platform::ResourceCounts before = platform::CountResources();
-    HANDLE event = NewEvent(true);
-    HANDLE heap = HeapCreate(0, 0, 0);
-    void* block = HeapAlloc(heap, 0, 10);
-    const DWORD slot = TlsAlloc();
-    const std::string growth = platform::DescribeGrowth(before, platform::CountResources());
-    EXPECT_EQ(growth,
-              "events: " + std::to_string(before.events) + " -> " + std::to_string(before.events + 1) +
-                  "\nheaps: 0 -> 1\nheap blocks: 0 -> 1\nTLS slots: " + std::to_string(before.tlsSlots) +
-                  " -> " + std::to_string(before.tlsSlots + 1) + "\n");
-    EXPECT_NE(block, nullptr);
-    TlsFree(slot);
-    HeapDestroy(heap);
-    CloseHandle(event);
-    auto body = [] { return 0; };
-    CloseHandle(StartThread(&body));
-    EXPECT_EQ(platform::SettleTo(before), "");
-}
-
-TEST(Observation, DebugOutputIsCaptured) {
-    OutputDebugStringA("before");
-    const platform::DebugOutputCapture capture;
-    SetLastError(321);
-    OutputDebugStringA("one line\n");
-    EXPECT_EQ(GetLastError(), 321u);
-    EXPECT_EQ(capture.Texts(), (std::vector<std::string>{"one line\n"}));
-    EXPECT_TRUE(capture.Contains("line"));
-    EXPECT_FALSE(capture.Contains("before"));
 }

@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "tests/platform/kernel/environment_variable.h"
+#include "tests/platform/wine.h"
 
 namespace {
 
@@ -66,14 +68,15 @@ TEST(Text, SizesAndErrorsFollowTheBuffer) {
     const WCHAR abc[] = {'a', 'b', 'c', 0};
     EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, abc, -1, text, 4, nullptr, nullptr), 4);
     EXPECT_STREQ(text, "abc");
+    BOOL used = FALSE;
+    if (Keeps(Documented::kUtf8TakesNoDefault)) {
+        EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, abc, -1, text, 4, nullptr, &used), 0);
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
 }
 
 TEST(Text, ExpandsSetVariablesOnly) {
-#ifdef _WIN32
-    _putenv("QX_KERNEL_TEST=va\xC3\xA9");
-#else
-    setenv("QX_KERNEL_TEST", "va\xC3\xA9", 1);
-#endif
+    const ScopedVariable variable("QX_KERNEL_TEST", "va\xC3\xA9");
     char text[64];
     const std::string expected =
         "1va\xC3\xA9"

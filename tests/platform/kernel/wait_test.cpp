@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/platform/kernel/test_handle.h"
+#include "tests/platform/wine.h"
 
 TEST(Wait, ManualEventStaysSignaledAutoEventReleasesOnce) {
     TestHandle manual(NewEvent(true));
@@ -134,6 +135,20 @@ TEST(Wait, BadArgumentsFailWithTheirErrors) {
     EXPECT_EQ(WaitForMultipleObjects(0, many.data(), FALSE, 0), WAIT_FAILED);
     EXPECT_EQ(WaitForMultipleObjects(2, many.data(), FALSE, 0), WAIT_OBJECT_0)
         << "the same object twice, any";
+}
+
+TEST(Wait, RefusesAnEmptyReleaseAndAllOfTheSame) {
+    TestHandle semaphore(CreateSemaphoreA(nullptr, 1, 3, nullptr));
+    if (Keeps(Documented::kEmptyReleasesFail)) {
+        EXPECT_FALSE(ReleaseSemaphore(semaphore, 0, nullptr));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+    const HANDLE twice[] = {semaphore, semaphore};
+    if (Keeps(Documented::kWaitForAllWantsDifferentObjects)) {
+        EXPECT_EQ(WaitForMultipleObjects(2, twice, TRUE, 0), WAIT_FAILED);
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+    EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_OBJECT_0) << "nothing was consumed";
 }
 
 TEST(Wait, DuplicatedHandlesNameOneObjectUntilTheLastIsClosed) {

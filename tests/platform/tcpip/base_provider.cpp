@@ -168,7 +168,8 @@ int BaseProvider::GetNumber(SOCKET s, int level, int name) {
     int value = -1;
     int length = sizeof(value);
     EXPECT_EQ(CALL(GetSockOpt, s, level, name, reinterpret_cast<char*>(&value), &length), 0) << Error;
-    return value;
+    // Some flags come as one byte.
+    return length == 1 ? static_cast<unsigned char>(value) : value;
 }
 
 bool BaseProvider::WaitFor(SOCKET s, char set) {

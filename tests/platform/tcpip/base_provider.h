@@ -15,6 +15,7 @@
 
 #include "platform/system/machine.h"
 #include "platform/testing/resource_counts.h"
+#include "tests/platform/wine.h"
 
 /// Calls one operation of the table with `Error` as its last argument.
 #define CALL(operation, ...) Table.lpWSP##operation(__VA_ARGS__, &Error)

@@ -40,20 +40,26 @@ class RouteTest : public BaseProvider {
         int length = sizeof(from);
         const int result = CALL(RecvFrom, s, &buffer, 1, &received, &flags,
                                 reinterpret_cast<sockaddr*>(&from), &length, nullptr, nullptr, nullptr);
-        text.resize(received);
+        const bool isCut = result != 0 && Error == WSAEMSGSIZE;
+        const bool isMarked = flags == MSG_PARTIAL && received == size;
+        text.resize(isCut ? size : received);
         const std::string told = text + " from " + Text(from);
         if (result == 0) return told;
-        return Error == WSAEMSGSIZE && flags == MSG_PARTIAL ? told + " cut"
-                                                            : "error " + std::to_string(Error);
+        if (isCut && (isMarked || !Keeps(Documented::kPartialDatagramIsMarked))) return told + " cut";
+        return "error " + std::to_string(Error);
     }
 };
 
 TEST_F(RouteTest, DatagramsKeepTheirBoundariesAndTheirSender) {
     const SOCKET a = Datagram();
-    EXPECT_EQ(ReceiveFrom(a), "error 10022");
+    if (Keeps(Documented::kUnboundReceiveFails)) {
+        EXPECT_EQ(ReceiveFrom(a), "error 10022");
+    }
     const SOCKET b = Bound(Datagram());
     EXPECT_EQ(Send(a, "x"), SOCKET_ERROR);
-    EXPECT_EQ(Error, WSAENOTCONN);
+    if (Keeps(Documented::kSendNeedsAConnection)) {
+        EXPECT_EQ(Error, WSAENOTCONN);
+    }
     ASSERT_EQ(SendTo(a, "first", NameOf(b)), 0) << Error;
     ASSERT_EQ(SendTo(a, "second", NameOf(b)), 0);
     const std::string sender = "127.0.0.1:" + std::to_string(PortOf(NameOf(a)));
@@ -64,7 +70,9 @@ TEST_F(RouteTest, DatagramsKeepTheirBoundariesAndTheirSender) {
     EXPECT_EQ(ReceiveFrom(b), " from " + sender);
     Close(b);
     EXPECT_EQ(Send(a, "lost"), 4);
-    EXPECT_EQ(ReceiveFrom(a), "error 10054");
+    if (Keeps(Documented::kUnreachablePortIsTold)) {
+        EXPECT_EQ(ReceiveFrom(a), "error 10054");
+    }
 }
 
 TEST_F(RouteTest, NothingLeavesTheMachine) {
@@ -114,6 +122,8 @@ TEST_F(RouteTest, AnswerToARoutedDatagramComesFromThePublicAddress) {
     EXPECT_EQ(ReceiveFrom(s), "reply from 203.0.113.53:53");
 }
 
+#ifndef _WIN32
+// The system's own provider waits in real time.
 TEST_F(RouteTest, BlackHoleAnswersNobodyUntilTheTimeOut) {
     RouteTo("203.0.113.99", 0, nullptr);
     const sockaddr_in nowhere = At("203.0.113.99", 443);
@@ -160,6 +170,7 @@ TEST_F(RouteTest, CloseEndsAConnectIntoTheBlackHole) {
     EXPECT_EQ(error, WSAEINTR);
 }
 
+// The system's own provider would send to groups over any interface of the machine.
 TEST_F(RouteTest, JoinedGroupIsHeardOnTheLoopbackInterface) {
     const SOCKET s = Bound(Datagram());
     sockaddr_in group = At("239.1.2.3", 0);
@@ -183,5 +194,6 @@ TEST_F(RouteTest, JoinedGroupIsHeardOnTheLoopbackInterface) {
               INVALID_SOCKET);
     EXPECT_EQ(Error, WSAEOPNOTSUPP);
 }
+#endif
 
 }  // namespace

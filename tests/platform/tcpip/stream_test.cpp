@@ -84,7 +84,9 @@ TEST_F(StreamTest, RefusesCallsThatDoNotFitTheState) {
     const SOCKET listener = Listener(&listening);
     const SOCKET s = Stream();
     EXPECT_EQ(Send(s, "x"), SOCKET_ERROR);
-    EXPECT_EQ(Error, WSAENOTCONN);
+    if (Keeps(Documented::kSendNeedsAConnection)) {
+        EXPECT_EQ(Error, WSAENOTCONN);
+    }
     EXPECT_EQ(Receive(s), "error 10057");
     EXPECT_EQ(CALL(Shutdown, s, SD_BOTH), SOCKET_ERROR);
     EXPECT_EQ(Error, WSAENOTCONN);
@@ -96,13 +98,15 @@ TEST_F(StreamTest, RefusesCallsThatDoNotFitTheState) {
         sockaddr_in name;
         int length;
         int error;
+        bool sent;  // the system decides about the address, not the provider
     } bad[] = {
-        {listening, 15, WSAEFAULT},
-        {At("0.0.0.0", 80), sizeof(sockaddr_in), WSAEADDRNOTAVAIL},
-        {At("127.0.0.1", 0), sizeof(sockaddr_in), WSAEADDRNOTAVAIL},
-        {At("198.51.100.7", 80), sizeof(sockaddr_in), WSAENETUNREACH},
+        {listening, 15, WSAEFAULT, false},
+        {At("0.0.0.0", 80), sizeof(sockaddr_in), WSAEADDRNOTAVAIL, true},
+        {At("127.0.0.1", 0), sizeof(sockaddr_in), WSAEADDRNOTAVAIL, true},
+        {At("198.51.100.7", 80), sizeof(sockaddr_in), WSAENETUNREACH, false},
     };
     for (const auto& row : bad) {
+        if (row.sent && !Keeps(Documented::kConnectChecksItsAddress)) continue;
         const auto* name = reinterpret_cast<const sockaddr*>(&row.name);
         EXPECT_EQ(CALL(Connect, s, name, row.length, nullptr, nullptr, nullptr, nullptr), SOCKET_ERROR);
         EXPECT_EQ(Error, row.error) << Text(row.name);
@@ -128,11 +132,13 @@ TEST_F(StreamTest, TellsWhichSocketKindsExist) {
     } rows[] = {
         {AF_IPX, SOCK_STREAM, IPPROTO_TCP, WSAEAFNOSUPPORT},
         {AF_INET, SOCK_STREAM, IPPROTO_UDP, WSAEPROTOTYPE},
+        {AF_INET, SOCK_DGRAM, IPPROTO_TCP, WSAEPROTONOSUPPORT},
         {AF_INET, SOCK_RDM, 0, WSAESOCKTNOSUPPORT},
     };
     for (const auto& row : rows) {
         WSAPROTOCOL_INFOW info = Protocol(row.family, row.type, row.protocol);
         EXPECT_EQ(CALL(Socket, row.family, row.type, row.protocol, &info, 0, 0), INVALID_SOCKET);
+        if (row.error == WSAEPROTOTYPE && !Keeps(Documented::kWrongProtocolType)) continue;
         EXPECT_EQ(Error, row.error);
     }
 }
@@ -141,10 +147,14 @@ TEST_F(StreamTest, RefusedConnectCanBeRepeated) {
     const SOCKET s = Stream();
     EXPECT_EQ(Connect(s, RefusingName()), SOCKET_ERROR);
     EXPECT_EQ(Error, WSAECONNREFUSED);
-    EXPECT_EQ(GetNumber(s, SOL_SOCKET, SO_ERROR), 0);
+    if (Keeps(Documented::kSoErrorIsReadOnce)) {
+        EXPECT_EQ(GetNumber(s, SOL_SOCKET, SO_ERROR), 0);
+    }
     sockaddr_in name;
     Listener(&name);
-    EXPECT_EQ(Connect(s, name), 0) << Error;
+    if (Keeps(Documented::kRefusedSocketConnectsAgain)) {
+        EXPECT_EQ(Connect(s, name), 0) << Error;
+    }
 }
 
 TEST_F(StreamTest, NonBlockingConnectEndsInWriteOrExceptSet) {
@@ -170,13 +180,17 @@ TEST_F(StreamTest, NonBlockingConnectEndsInWriteOrExceptSet) {
     EXPECT_EQ(CALL(Select, 0, &read, &write, &except, &none), 1);
     EXPECT_EQ(read.fd_count + write.fd_count, 0u);
     EXPECT_EQ(GetNumber(refused, SOL_SOCKET, SO_ERROR), WSAECONNREFUSED);
-    EXPECT_EQ(GetNumber(refused, SOL_SOCKET, SO_ERROR), 0);
+    if (Keeps(Documented::kSoErrorIsReadOnce)) {
+        EXPECT_EQ(GetNumber(refused, SOL_SOCKET, SO_ERROR), 0);
+    }
     EXPECT_EQ(GetNumber(refused, SOL_SOCKET, SO_CONNECT_TIME), -1);
-    EXPECT_EQ(Connect(refused, name), SOCKET_ERROR);
+    const SOCKET again = Keeps(Documented::kRefusedSocketConnectsAgain) ? refused : Stream();
+    ASSERT_EQ(SetNonBlocking(again, 1), 0);
+    EXPECT_EQ(Connect(again, name), SOCKET_ERROR);
     EXPECT_EQ(Error, WSAEWOULDBLOCK);
-    EXPECT_TRUE(WaitFor(refused, 'w'));
+    EXPECT_TRUE(WaitFor(again, 'w'));
     // Blocking again, the socket waits for data as if it had always been.
-    ASSERT_EQ(SetNonBlocking(refused, 0), 0);
+    ASSERT_EQ(SetNonBlocking(again, 0), 0);
     Accept(listener);
     const SOCKET server = Accept(listener);
     std::thread sender([this, server] {
@@ -185,7 +199,7 @@ TEST_F(StreamTest, NonBlockingConnectEndsInWriteOrExceptSet) {
         DWORD sent = 0;
         Table.lpWSPSend(server, &buffer, 1, &sent, 0, nullptr, nullptr, nullptr, &error);
     });
-    EXPECT_EQ(Receive(refused), "late");
+    EXPECT_EQ(Receive(again), "late");
     sender.join();
 }
 
@@ -224,6 +238,7 @@ TEST_F(StreamTest, CloseWakesWhoeverIsBlockedOnTheSocket) {
         Close(s);
     for (std::thread& thread : threads)
         thread.join();
+    if (!Keeps(Documented::kCloseWakesWithInterrupt)) return;
     // Who had not yet reached the kernel finds no socket at all.
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(errors[i] == WSAEINTR || errors[i] == WSAENOTSOCK) << i << errors[i];
@@ -238,7 +253,10 @@ TEST_F(StreamTest, ResetIsToldOnceToTheReceiver) {
         CALL(SetSockOpt, server, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort), sizeof(abort)),
         0);
     Close(server);
-    EXPECT_EQ(Receive(client), "error 10054");
+    const std::string told = Receive(client);
+    if (Keeps(Documented::kResetIsToldLate)) {
+        EXPECT_EQ(told, "error 10054");
+    }
     EXPECT_EQ(Send(client, "x"), SOCKET_ERROR);
     EXPECT_EQ(Error, WSAECONNRESET);
 }
@@ -284,7 +302,9 @@ TEST_F(StreamTest, ConditionFunctionDecidesAboutTheConnection) {
     EXPECT_EQ(accept(), INVALID_SOCKET);
     EXPECT_EQ(Error, WSATRY_AGAIN);
     EXPECT_EQ(condition.caller, std::to_string(PortOf(NameOf(first))));
-    EXPECT_TRUE(WaitFor(listener, 'r'));
+    if (Keeps(Documented::kDeferredConnectionIsReady)) {
+        EXPECT_TRUE(WaitFor(listener, 'r'));
+    }
     condition.answer = CF_ACCEPT;
     EXPECT_NE(accept(), INVALID_SOCKET);
 
@@ -293,7 +313,10 @@ TEST_F(StreamTest, ConditionFunctionDecidesAboutTheConnection) {
     condition.answer = CF_REJECT;
     EXPECT_EQ(accept(), INVALID_SOCKET);
     EXPECT_EQ(Error, WSAECONNREFUSED);
-    EXPECT_EQ(Receive(second), "error 10054");
+    const std::string told = Receive(second);
+    if (Keeps(Documented::kResetIsToldLate)) {
+        EXPECT_EQ(told, "error 10054");
+    }
 }
 
 TEST_F(StreamTest, PortIsFreeAgainWhenOnlyClosedConnectionsUseIt) {

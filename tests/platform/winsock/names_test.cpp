@@ -41,7 +41,14 @@ TEST(NamesTest, Ipv6TextsAndTheirShortestForm) {
         {"1:0:0:2:0:0:0:3", "1:0:0:2::3"},
         {"1:0:2:0:3:0:4:0", "1:0:2:0:3:0:4:0"},
         {"0:0:1:0:0:1:0:0", "::1:0:0:1:0:0"},
-        {"::ffff:1.2.3.4", "::ffff:102:304"},
+        {"::ffff:1.2.3.4", "::ffff:1.2.3.4"},
+        {"::ffff:102:304", "::ffff:1.2.3.4"},
+        {"::1.2.3.4", "::1.2.3.4"},
+        {"::1234", "::1234"},
+        {"::fffe:102:304", "::fffe:102:304"},
+        {"::ffff:0:102:304", "::ffff:0:1.2.3.4"},
+        {"fe80::5efe:102:304", "fe80::5efe:1.2.3.4"},
+        {"1:2:3:4:200:5efe:102:304", "1:2:3:4:200:5efe:1.2.3.4"},
         {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
         {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6:102:304"},
         {"1:2:3:4:5:6:7", nullptr},
@@ -117,16 +124,19 @@ class ResolverTest : public HostFixture {
     }
 };
 
-TEST_F(ResolverTest, NumericHostsAndLocalhost) {
+TEST_F(ResolverTest, NumbersNeedNoNameServer) {
     EXPECT_EQ(Resolve("192.0.2.1", "80", AF_UNSPEC), "192.0.2.1/80");
     EXPECT_EQ(Resolve("::1", nullptr, AF_INET6), "::1/0");
-    EXPECT_EQ(Resolve("localhost", "8080", AF_UNSPEC), "::1/8080 127.0.0.1/8080");
     EXPECT_EQ(Resolve("localhost", "8080", AF_INET), "127.0.0.1/8080");
     EXPECT_EQ(Resolve(nullptr, "1", AF_INET, AI_PASSIVE), "0.0.0.0/1");
+    EXPECT_EQ(Resolve("localhost", "80", AF_UNSPEC, AI_NUMERICHOST), std::to_string(WSAHOST_NOT_FOUND));
+    EXPECT_EQ(Resolve("localhost", "no-such-service", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
+}
+
+TEST_F(ResolverTest, NamesOfTheMachine) {
+    EXPECT_EQ(Resolve("localhost", "8080", AF_UNSPEC), "::1/8080 127.0.0.1/8080");
     EXPECT_EQ(Resolve("192.0.2.1", "80", AF_INET6), std::to_string(WSAHOST_NOT_FOUND));
     EXPECT_EQ(Resolve("example.org", "80", AF_UNSPEC), std::to_string(WSAHOST_NOT_FOUND));
-    EXPECT_EQ(Resolve("localhost", "80", AF_UNSPEC, AI_NUMERICHOST), std::to_string(WSAHOST_NOT_FOUND));
-    EXPECT_EQ(Resolve("localhost", "http", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
     EXPECT_EQ(Resolve("localhost", "65536", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
 }
 

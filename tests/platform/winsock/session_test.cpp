@@ -102,7 +102,11 @@ TEST_F(SessionTest, AProviderThatCannotStartFailsTheSocketAndIsTriedAgain) {
 TEST_F(SessionTest, PathsAreExpanded) {
     const std::string path = winsock_host::Narrow(ScriptedProviderModule::Path().c_str());
     const std::size_t slash = path.rfind('/');
+#ifdef _WIN32
+    ASSERT_TRUE(SetEnvironmentVariableA("QX_TEST_FOLDER", path.substr(0, slash).c_str()));
+#else
     ASSERT_EQ(setenv("QX_TEST_FOLDER", path.substr(0, slash).c_str(), 1), 0);
+#endif
     RestartWith(winsock_host::MakeBaseCatalog(winsock_host::Widen("%QX_TEST_FOLDER%" + path.substr(slash))));
     EXPECT_NE(TcpSocket(), INVALID_SOCKET);
 }

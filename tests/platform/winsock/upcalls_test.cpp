@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/platform/winsock/host_fixture.h"
+#include "tests/support/callback.h"
 
 namespace {
 
@@ -150,8 +151,7 @@ TEST_F(UpcallsTest, AnApcRunsOnTheThreadThatWasOpened) {
     got = 0;
     std::thread([&] {
         int error = 0;
-        EXPECT_EQ(upcalls_.lpWPUQueueApc(
-                      &thread, [](DWORD_PTR value) { got = value; }, 42, &error),
+        EXPECT_EQ(upcalls_.lpWPUQueueApc(&thread, Callback([](DWORD_PTR value) { got = value; }), 42, &error),
                   0);
     }).join();
     EXPECT_EQ(got, 0u) << "only an alertable wait runs it";
@@ -182,7 +182,7 @@ TEST_F(UpcallsTest, EventsAndSetsAndTheBlockingHook) {
     EXPECT_TRUE(upcalls_.lpWPUFDIsSet(socket_, &set));
     EXPECT_FALSE(FD_ISSET(socket_ + 4, &set));
 
-    LPBLOCKINGCALLBACK callback = [](DWORD_PTR) { return BOOL{TRUE}; };
+    LPBLOCKINGCALLBACK callback = Callback([](DWORD_PTR) { return BOOL{TRUE}; });
     DWORD_PTR context = 1;
     EXPECT_EQ(upcalls_.lpWPUQueryBlockingCallback(winsock_host::kTcpEntry, &callback, &context, &error_), 0);
     EXPECT_EQ(callback, nullptr);

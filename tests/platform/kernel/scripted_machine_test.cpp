@@ -1,19 +1,21 @@
-// The machine: its file, and what registry, user, folders, windows and certificates make of it.
+// What registry, user, folders, windows, certificates and modules make of the scripted machine.
+#include <windows.h>
+
 #include <security.h>
 #include <shlobj.h>
 #include <wincrypt.h>
-#include <windows.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "platform/testing/clock.h"
 #include "platform/testing/machine.h"
 #include "platform/testing/resource_counts.h"
+#include "tests/platform/kernel/registry_checks.h"
 #include "tests/platform/kernel/test_handle.h"
 
 namespace {
@@ -39,7 +41,7 @@ title = "Elsewhere"
 process = 4
 )";
 
-class System : public ::testing::Test {
+class ScriptedMachine : public ::testing::Test {
   protected:
     void SetUp() override {
         std::string message;
@@ -61,30 +63,16 @@ class System : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(System, RegistryGivesValuesWithTheirTypesAndSizes) {
+TEST_F(ScriptedMachine, RegistryGivesValuesWithTheirTypesAndSizes) {
     HKEY key = nullptr;
     ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "software\\DEMO\\Product", 0, KEY_READ, &key), ERROR_SUCCESS);
-    DWORD value = 0, type = 0, size = sizeof(value);
-    EXPECT_EQ(RegQueryValueExA(key, "port", nullptr, &type, reinterpret_cast<BYTE*>(&value), &size),
-              ERROR_SUCCESS);
-    EXPECT_TRUE(value == 48191 && type == REG_DWORD && size == 4);
-    size = 0;
-    EXPECT_EQ(RegQueryValueExA(key, "Name", nullptr, &type, nullptr, &size), ERROR_SUCCESS);
-    EXPECT_TRUE(type == REG_SZ && size == 5);
-    char text[5] = "";
-    size = 4;
-    EXPECT_EQ(RegQueryValueExA(key, "Name", nullptr, &type, reinterpret_cast<BYTE*>(text), &size),
-              ERROR_MORE_DATA);
-    EXPECT_EQ(size, 5u);
-    EXPECT_EQ(RegQueryValueExA(key, "Name", nullptr, nullptr, reinterpret_cast<BYTE*>(text), &size),
-              ERROR_SUCCESS);
-    EXPECT_STREQ(text, "text");
+    ExpectPortAndName(key);
     EXPECT_EQ(RegQueryValueExA(key, "Other", nullptr, nullptr, nullptr, nullptr), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
     EXPECT_EQ(RegQueryValueExA(key, "Port", nullptr, nullptr, nullptr, nullptr), ERROR_INVALID_HANDLE);
 }
 
-TEST_F(System, RegistryOpensParentsAndRefusesWhatItMust) {
+TEST_F(ScriptedMachine, RegistryOpensParentsAndRefusesWhatItMust) {
     HKEY parent = nullptr, key = nullptr;
     ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_READ, &parent), ERROR_SUCCESS);
     EXPECT_EQ(RegOpenKeyExA(parent, "Demo\\Product", 0, KEY_READ, &key), ERROR_SUCCESS);
@@ -94,7 +82,7 @@ TEST_F(System, RegistryOpensParentsAndRefusesWhatItMust) {
     RegCloseKey(parent);
 }
 
-TEST_F(System, UserAndFolder) {
+TEST_F(ScriptedMachine, UserAndFolder) {
     WCHAR name[32];
     ULONG size = 32;
     EXPECT_TRUE(GetUserNameExW(NameSamCompatible, name, &size));
@@ -107,10 +95,10 @@ TEST_F(System, UserAndFolder) {
     char path[MAX_PATH];
     EXPECT_EQ(SHGetFolderPathA(nullptr, CSIDL_COMMON_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path), S_OK);
     EXPECT_EQ(path, folder_);
-    EXPECT_EQ(std::remove(path), 0) << "it was made";
+    EXPECT_TRUE(std::filesystem::remove(path)) << "it was made";
 }
 
-TEST_F(System, WindowsAreEnumeratedOwnedAndAskedForTheirText) {
+TEST_F(ScriptedMachine, WindowsAreEnumeratedOwnedAndAskedForTheirText) {
     std::vector<HWND> windows;
     EnumWindows(
         [](HWND window, LPARAM parameter) CALLBACK -> BOOL {
@@ -145,7 +133,7 @@ TEST_F(System, WindowsAreEnumeratedOwnedAndAskedForTheirText) {
     EXPECT_GE(GetTickCount() - start, 3000u);
 }
 
-TEST_F(System, CertificateLeadsFromTheFileToTheSubject) {
+TEST_F(ScriptedMachine, CertificateLeadsFromTheFileToTheSubject) {
     const WCHAR path[] = {'x', 0};
     HCERTSTORE store = nullptr;
     HCRYPTMSG message = nullptr;
@@ -184,44 +172,15 @@ TEST_F(System, CertificateLeadsFromTheFileToTheSubject) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NO_MATCH));
 }
 
-TEST(MachineFile, ErrorsNameTheirPlaceAndReason) {
-    const struct {
-        const char* text;
-        const char* message;
-    } cases[] = {
-        {"[catalog]\nlayer = \n", "m.toml:2:"},
-        {"[catalog]\nlayers = 'x'\n", "m.toml:2:1: unknown key 'layers'"},
-        {"[machine]\n", "unknown key 'machine'"},
-        {"[user]\nname = 5\n", "m.toml:2:8: expected a string"},
-        {"[registry.'HKEY_LOCAL_MACHINE\\A']\nv = 4294967296\n",
-         "m.toml:2:5: expected an integer from 0 to 4294967295"},
-        {"[[routes]]\ndestination = '203.0.113.10'\ntarget = '127.0.0.1:1'\n",
-         "m.toml:2:15: expected a numeric address"},
-        {"[[routes]]\ndestination = '203.0.113.10:70000'\ntarget = '127.0.0.1:1'\n", "m.toml:2:15: "},
-        {"[[routes]]\ndestination = '203.0.113.10:7'\n", "a route has a destination and a target"},
-        {"[[windows]]\nowner = 0\n", "a window's owner is an earlier window"},
-    };
-    for (const auto& test : cases) {
-        std::string message;
-        EXPECT_EQ(platform::ParseMachine(test.text, "m.toml", &message), nullptr) << test.text;
-        EXPECT_NE(message.find(test.message), std::string::npos) << message;
-        EXPECT_EQ(message.rfind("m.toml:", 0), 0u) << message;
-    }
-}
-
-TEST(MachineFile, RoutesAndDefaults) {
+TEST_F(ScriptedMachine, AddsModuleNamesAndTheImagePath) {
     std::string message;
     const auto machine = platform::ParseMachine(
-        "[catalog]\nlayer = 'default'\n[[routes]]\ndestination = '203.0.113.10:0'\ntarget = 'blackhole'\n"
-        "[[routes]]\ndestination = '[2001:db8::1]:443'\ntarget = '127.0.0.1:41080'\n",
-        "m.toml", &message);
+        "[process]\nimage = 'C:/Program Files/Demo/demo.exe'\nmodules = ['extra.dll']\n", "test", &message);
     ASSERT_NE(machine, nullptr) << message;
-    EXPECT_NE(machine->baseProvider.find("/libqxtcpip.so"), std::string::npos);
-    EXPECT_NE(machine->layer.find("/libqxlsp.so"), std::string::npos);
-    EXPECT_NE(machine->userName.find('\\'), std::string::npos);
-    ASSERT_EQ(machine->routes.size(), 2u);
-    EXPECT_TRUE(machine->routes[0].blackHole && machine->routes[0].destinationPort == 0);
-    EXPECT_EQ(machine->routes[1].destinationAddress, "2001:db8::1");
-    EXPECT_EQ(machine->routes[1].destinationPort, 443);
-    EXPECT_EQ(machine->routes[1].targetPort, 41080);
+    platform::SetMachineForTest(*machine);
+    EXPECT_NE(GetModuleHandleA("EXTRA"), nullptr);
+    EXPECT_EQ(GetModuleHandleA("extra2.dll"), nullptr);
+    char buffer[MAX_PATH];
+    GetModuleFileNameA(nullptr, buffer, MAX_PATH);
+    EXPECT_STREQ(buffer, "C:/Program Files/Demo/demo.exe");
 }
