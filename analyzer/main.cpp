@@ -1,25 +1,50 @@
 // qxanalyzer: answers the layer's requests by rules from a file, and writes what it was asked. It serves
-// demos, tests and people who write an analyzer of their own. Ends with status 0 on SIGINT and SIGTERM, 1
-// when it can't start, 2 on wrong arguments or a wrong rule file.
+// demos, tests and people who write an analyzer of their own. Ends with status 0 when it is told to, 1 when
+// it can't start, 2 on wrong arguments or a wrong rule file.
 #include <CLI/CLI.hpp>
-#include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
 
 #include "analyzer/decision.h"
 #include "analyzer/port_file.h"
 #include "analyzer/request_log.h"
 #include "analyzer/rules.h"
 #include "analyzer/server.h"
+#include "analyzer/stop_signals.h"
 
 namespace {
 
-std::atomic<Server*> RunningServer{nullptr};
+/// Stops the server at the end of standard input, if that comes before the server's own.
+class InputWatch {
+  public:
+    explicit InputWatch(Server* server) : shared_(std::make_shared<Shared>()) {
+        shared_->server = server;
+        // Detached: it may wait for input for ever.
+        std::thread([shared = shared_] {
+            while (std::getchar() != EOF) {
+            }
+            const std::lock_guard<std::mutex> hold(shared->lock);
+            if (shared->server != nullptr) shared->server->Stop();
+        }).detach();
+    }
+    InputWatch(const InputWatch&) = delete;
+    InputWatch& operator=(const InputWatch&) = delete;
+    ~InputWatch() {
+        const std::lock_guard<std::mutex> hold(shared_->lock);
+        shared_->server = nullptr;
+    }
 
-void StopOnSignal(int) {
-    if (Server* server = RunningServer.load()) server->Stop();
-}
+  private:
+    struct Shared {
+        std::mutex lock;  ///< guards server, which lives as long as it is set
+        Server* server = nullptr;
+    };
+    std::shared_ptr<Shared> shared_;
+};
 
 struct Options {
     std::uint16_t port = 48191;
@@ -27,6 +52,7 @@ struct Options {
     std::string rules;
     bool json = false;
     bool quiet = false;
+    bool untilInputEnds = false;
 };
 
 void Note(const std::string& text) {
@@ -37,19 +63,14 @@ void Serve(const Options& options, const RuleSet& rules) {
     RequestLog log(stdout, options.json ? LogFormat::kJson : LogFormat::kReadable);
     Decision decision(rules, options.quiet ? nullptr : &log);
     Server server(options.port, decision, ServerLimits(), Note);
-
-    RunningServer = &server;
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGINT, StopOnSignal);
-    std::signal(SIGTERM, StopOnSignal);
+    const StopSignals signals(&server);
+    std::optional<InputWatch> input;
+    if (options.untilInputEnds) input.emplace(&server);
 
     if (!options.portFile.empty()) WritePortFile(options.portFile, server.Port());
     std::printf("listening on 127.0.0.1:%u\n", static_cast<unsigned>(server.Port()));
     std::fflush(stdout);
     server.Run();
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    RunningServer = nullptr;
 }
 
 }  // namespace
@@ -65,6 +86,7 @@ int main(int argc, char** argv) {
     app.add_option("--rules", options.rules, "rule file (TOML); without it everything is allowed");
     app.add_flag("--json", options.json, "one JSON object per request instead of a readable line");
     app.add_flag("--quiet", options.quiet, "no line per request");
+    app.add_flag("--until-input-ends", options.untilInputEnds, "stop at the end of standard input too");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -1,24 +1,15 @@
-// POSIX sockets live here and nowhere else in the analyzer; no Windows header may be included.
+// Connections, their frames and their limits, on the sockets of sockets.h.
 #include "analyzer/server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <map>
-#include <system_error>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "analyzer/frame_handler.h"
+#include "analyzer/sockets.h"
 
 namespace {
 
@@ -27,35 +18,14 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr std::size_t kLengthWordSize = 4;
 constexpr int kAcceptsPerWake = 64;
-constexpr int kEventsPerWake = 128;
 constexpr int kListenerPauseMilliseconds = 100;
 
-[[noreturn]] void ThrowErrno(const char* what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
-
-/// A file descriptor that closes itself.
-class Descriptor {
-  public:
-    Descriptor(int fd, const char* what) : fd_(fd) {
-        if (fd_ < 0) ThrowErrno(what);
-    }
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { ::close(fd_); }
-    int Get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 struct Connection {
-    explicit Connection(int fd) : socket(fd) {}
+    explicit Connection(SocketHandle handle) : socket(handle) {}
 
     std::size_t Unsent() const { return out.size() - sent + delayedBytes; }
 
-    Descriptor socket;
+    OwnedSocket socket;
     /// The beginning of a frame that isn't all there.
     std::vector<unsigned char> in;
     Clock::time_point frameStarted;
@@ -64,7 +34,9 @@ struct Connection {
     std::size_t sent = 0;
     std::size_t delayedBytes = 0;
     bool inputEnded = false;
-    std::uint32_t interest = 0;
+    /// What the socket is watched for.
+    bool reading = true;
+    bool writing = false;
 };
 
 struct DelayedAnswer {
@@ -84,17 +56,16 @@ class Server::Implementation {
     void Stop() noexcept;
 
   private:
-    // Keys of the two descriptors that are no connections; connections count up from the next.
-    enum Key : std::uint64_t { kListenerKey, kStopKey, kFirstConnectionKey };
+    // Connections count up from the key behind the listener's.
+    enum Key : std::uint64_t { kListenerKey, kFirstConnectionKey };
 
-    void Watch(int operation, int fd, std::uint64_t key, std::uint32_t events);
     int WaitMilliseconds(Clock::time_point now) const;
     int SweepMilliseconds() const {
         return static_cast<int>(std::min(1000u, limits_.frameMilliseconds / 2 + 1));
     }
     void Accept();
     void SetListening(bool on);
-    void HandleEvent(std::uint64_t key, std::uint32_t events);
+    void HandleEvent(const SocketEvent& event);
     bool Receive(std::uint64_t key, Connection& connection);
     bool TakeBytes(std::uint64_t key, Connection& connection, const unsigned char* bytes, std::size_t count);
     bool TakeFrames(std::uint64_t key, Connection& connection, const unsigned char* bytes, std::size_t count,
@@ -109,12 +80,10 @@ class Server::Implementation {
     FrameHandler& handler_;
     const ServerLimits limits_;
     const std::function<void(const std::string&)> note_;
-    Descriptor listener_;
-    Descriptor epoll_;
-    Descriptor stop_;
-    std::uint16_t port_ = 0;
-    bool listening_ = false;
-    bool stopping_ = false;
+    std::uint16_t port_;
+    const OwnedSocket listener_;
+    SocketWatch watch_;
+    bool listening_ = true;
     std::uint64_t nextKey_ = kFirstConnectionKey;
     std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> connections_;
     std::multimap<Clock::time_point, DelayedAnswer> delayed_;
@@ -128,59 +97,33 @@ Server::Implementation::Implementation(std::uint16_t port, FrameHandler& handler
     : handler_(handler),
       limits_(limits),
       note_(std::move(note)),
-      listener_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"),
-      epoll_(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1"),
-      stop_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC), "eventfd") {
-    const int on = 1;
-    ::setsockopt(listener_.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (::bind(listener_.Get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) ThrowErrno("bind");
-    if (::listen(listener_.Get(), SOMAXCONN) != 0) ThrowErrno("listen");
-    if (::getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        ThrowErrno("getsockname");
-    }
-    port_ = ntohs(address.sin_port);
-    Watch(EPOLL_CTL_ADD, stop_.Get(), kStopKey, EPOLLIN);
-    Watch(EPOLL_CTL_ADD, listener_.Get(), kListenerKey, 0);
-    SetListening(true);
-}
-
-void Server::Implementation::Watch(int operation, int fd, std::uint64_t key, std::uint32_t events) {
-    epoll_event event{};
-    event.events = events;
-    event.data.u64 = key;
-    if (::epoll_ctl(epoll_.Get(), operation, fd, &event) != 0) ThrowErrno("epoll_ctl");
+      port_(port),
+      listener_(ListenOnLoopback(&port_)) {
+    watch_.Add(listener_.Get(), kListenerKey, true, false);
 }
 
 void Server::Implementation::SetListening(bool on) {
     if (listening_ == on) return;
     listening_ = on;
-    Watch(EPOLL_CTL_MOD, listener_.Get(), kListenerKey, on ? EPOLLIN : 0u);
+    watch_.Change(listener_.Get(), kListenerKey, on, false);
 }
 
 void Server::Implementation::Stop() noexcept {
-    const std::uint64_t one = 1;
-    // It can only fail when the counter is full, and then the stop is on its way.
-    [[maybe_unused]] const ssize_t written = ::write(stop_.Get(), &one, sizeof(one));
+    watch_.Wake();
 }
 
 void Server::Implementation::Run() {
-    epoll_event events[kEventsPerWake];
-    while (!stopping_) {
-        const int count = ::epoll_wait(epoll_.Get(), events, kEventsPerWake, WaitMilliseconds(Clock::now()));
-        if (count < 0 && errno != EINTR) ThrowErrno("epoll_wait");
-        for (int index = 0; index < count; ++index)
-            HandleEvent(events[index].data.u64, events[index].events);
+    std::vector<SocketEvent> events;
+    for (bool goesOn = true; goesOn;) {
+        goesOn = watch_.Wait(WaitMilliseconds(Clock::now()), &events);
+        for (const SocketEvent& event : events)
+            HandleEvent(event);
         if (!delayed_.empty() || buffered_ != 0) {
             const Clock::time_point now = Clock::now();
             SendDelayed(now);
             CloseStalled(now);
         }
-        if (count == 0) SetListening(true);
+        if (events.empty()) SetListening(true);
         handler_.OnIdle();
     }
 }
@@ -200,55 +143,51 @@ int Server::Implementation::WaitMilliseconds(Clock::time_point now) const {
     return static_cast<int>(wait);
 }
 
-void Server::Implementation::HandleEvent(std::uint64_t key, std::uint32_t events) {
-    if (key == kStopKey) {
-        stopping_ = true;
-        return;
-    }
-    if (key == kListenerKey) return Accept();
+void Server::Implementation::HandleEvent(const SocketEvent& event) {
+    if (event.key == kListenerKey) return Accept();
     // An earlier event of the same wake may have closed it.
-    const auto found = connections_.find(key);
+    const auto found = connections_.find(event.key);
     if (found == connections_.end()) return;
     Connection& connection = *found->second;
-    if ((events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLIN) == 0) return Close(key, nullptr);
-    if ((events & EPOLLIN) != 0 && !Receive(key, connection)) return;
-    Settle(key, connection);
+    if (event.failed && !event.readable) return Close(event.key, nullptr);
+    if (event.readable && !Receive(event.key, connection)) return;
+    Settle(event.key, connection);
 }
 
 void Server::Implementation::Accept() {
     for (int count = 0; count < kAcceptsPerWake; ++count) {
-        const int fd = ::accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) {
-            // Without descriptors or memory the listener would stay readable and keep this thread awake.
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-                SetListening(false);
-            return;
-        }
-        auto connection = std::make_unique<Connection>(fd);
+        SocketHandle accepted = 0;
+        const Accepted outcome = AcceptNext(listener_.Get(), &accepted);
+        // Without resources the listener would stay readable and keep this thread awake.
+        if (outcome == Accepted::kNoResources) SetListening(false);
+        if (outcome != Accepted::kConnection) return;
+        auto connection = std::make_unique<Connection>(accepted);
         if (connections_.size() >= limits_.connections) {
             if (note_)
                 note_("connection refused: there are " + std::to_string(connections_.size()) + " already");
             continue;
         }
-        const int on = 1;
-        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         const std::uint64_t key = nextKey_++;
-        connection->interest = EPOLLIN;
-        Watch(EPOLL_CTL_ADD, fd, key, EPOLLIN);
+        watch_.Add(accepted, key, true, false);
         connections_.emplace(key, std::move(connection));
     }
 }
 
 /// False when the connection is gone.
 bool Server::Implementation::Receive(std::uint64_t key, Connection& connection) {
-    const ssize_t received = ::recv(connection.socket.Get(), scratch_.data(), scratch_.size(), 0);
-    if (received > 0) return TakeBytes(key, connection, scratch_.data(), static_cast<std::size_t>(received));
-    if (received == 0) {
-        // It may still want the answers to what it has asked.
-        connection.inputEnded = true;
-        return true;
+    std::size_t received = 0;
+    switch (ReceiveSome(connection.socket.Get(), scratch_.data(), scratch_.size(), &received)) {
+        case Transfer::kDone:
+            return TakeBytes(key, connection, scratch_.data(), received);
+        case Transfer::kEnded:
+            // It may still want the answers to what it has asked.
+            connection.inputEnded = true;
+            return true;
+        case Transfer::kNotNow:
+            return true;
+        case Transfer::kFailed:
+            break;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return true;
     Close(key, nullptr);
     return false;
 }
@@ -316,13 +255,11 @@ bool Server::Implementation::TakeFrames(std::uint64_t key, Connection& connectio
 /// Sends what can be sent now. False when the other side is gone.
 bool Server::Implementation::Send(Connection& connection) {
     while (connection.sent < connection.out.size()) {
-        const ssize_t count = ::send(connection.socket.Get(), connection.out.data() + connection.sent,
-                                     connection.out.size() - connection.sent, MSG_NOSIGNAL);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return errno == EAGAIN || errno == EWOULDBLOCK;
-        }
-        connection.sent += static_cast<std::size_t>(count);
+        std::size_t count = 0;
+        const Transfer outcome = SendSome(connection.socket.Get(), connection.out.data() + connection.sent,
+                                          connection.out.size() - connection.sent, &count);
+        if (outcome != Transfer::kDone) return outcome == Transfer::kNotNow;
+        connection.sent += count;
     }
     connection.out.clear();
     connection.sent = 0;
@@ -334,18 +271,19 @@ bool Server::Implementation::Send(Connection& connection) {
 void Server::Implementation::Settle(std::uint64_t key, Connection& connection) {
     if (!Send(connection)) return Close(key, nullptr);
     if (connection.inputEnded && connection.Unsent() == 0) return Close(key, nullptr);
-    std::uint32_t interest = 0;
-    if (!connection.inputEnded && connection.Unsent() <= limits_.unsentBytes) interest |= EPOLLIN;
-    if (!connection.out.empty()) interest |= EPOLLOUT;
-    if (interest == connection.interest) return;
-    connection.interest = interest;
-    Watch(EPOLL_CTL_MOD, connection.socket.Get(), key, interest);
+    const bool reading = !connection.inputEnded && connection.Unsent() <= limits_.unsentBytes;
+    const bool writing = !connection.out.empty();
+    if (reading == connection.reading && writing == connection.writing) return;
+    connection.reading = reading;
+    connection.writing = writing;
+    watch_.Change(connection.socket.Get(), key, reading, writing);
 }
 
 void Server::Implementation::Close(std::uint64_t key, const char* reason) {
     const auto found = connections_.find(key);
     if (reason != nullptr && note_) note_(std::string("connection closed: ") + reason);
     buffered_ -= found->second->in.size();
+    watch_.Forget(found->second->socket.Get());
     connections_.erase(found);
     SetListening(true);
 }
@@ -370,8 +308,8 @@ void Server::Implementation::CloseStalled(Clock::time_point now) {
     std::vector<std::uint64_t> stalled;
     for (const auto& [key, connection] : connections_) {
         // A client that isn't read from at the moment isn't the one that lets the frame wait.
-        const bool reading = (connection->interest & EPOLLIN) != 0;
-        if (reading && !connection->in.empty() && connection->frameStarted < oldest) stalled.push_back(key);
+        if (connection->reading && !connection->in.empty() && connection->frameStarted < oldest)
+            stalled.push_back(key);
     }
     for (std::uint64_t key : stalled)
         Close(key, "a frame took too long to arrive");

@@ -6,6 +6,8 @@
 #include "apps/shared/run_main.h"
 #include "apps/shared/winsock_session.h"
 
+#include <windows.h>
+
 #include <nlohmann/json.hpp>
 
 #include <iostream>
@@ -46,6 +48,7 @@ void PrintJson(const Target& target, const ExchangeResult& result) {
         {"bytes", result.bytes},
         {"body", result.firstBodyLine},
         {"elapsed_ms", static_cast<unsigned long>(result.elapsedMilliseconds)},
+        {"process_id", static_cast<unsigned long>(GetCurrentProcessId())},
     };
     std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
 }

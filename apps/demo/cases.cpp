@@ -1,6 +1,8 @@
 // The table of cases. 203.0.113.0/24 is set aside for documentation: no packet to it ever leaves the machine.
 #include "apps/demo/cases.h"
 
+#include <stdexcept>
+
 namespace {
 
 constexpr int kConnectionRefused = 10061;
@@ -102,4 +104,11 @@ std::vector<Case> MakeCases() {
 const std::vector<Case>& Cases() {
     static const std::vector<Case> cases = MakeCases();
     return cases;
+}
+
+const Case& CaseNamed(const std::string& name) {
+    for (const Case& scene : Cases()) {
+        if (scene.name == name) return scene;
+    }
+    throw std::runtime_error("no case " + name);
 }

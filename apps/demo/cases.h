@@ -49,3 +49,6 @@ constexpr const char* kLocalDestination = "local";
 constexpr const char* kBetaAddress = "203.0.113.200:80";
 
 const std::vector<Case>& Cases();
+
+/// Throws std::runtime_error when there is none of that name.
+const Case& CaseNamed(const std::string& name);

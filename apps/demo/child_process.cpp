@@ -125,7 +125,7 @@ ChildProcess::ChildProcess(const ChildOptions& options) {
 ChildProcess::~ChildProcess() {
     Wait(After(0ms));
     reader_.join();
-    close(input_);
+    EndInput();
     close(output_);
 }
 
@@ -145,6 +145,8 @@ void ChildProcess::ReadOutput() {
         partial.append(buffer, static_cast<std::size_t>(count));
         for (std::size_t end = partial.find('\n'); end != std::string::npos; end = partial.find('\n')) {
             lines_.push_back(partial.substr(0, end));
+            // A Windows program ends its lines with two characters.
+            if (!lines_.back().empty() && lines_.back().back() == '\r') lines_.back().pop_back();
             partial.erase(0, end + 1);
         }
         changed_.notify_all();
@@ -177,6 +179,11 @@ bool ChildProcess::WriteLine(const std::string& line) {
     if (!written) sigtimedwait(&pipeSignal, nullptr, &noWait);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return written;
+}
+
+void ChildProcess::EndInput() {
+    if (input_ >= 0) close(input_);
+    input_ = -1;
 }
 
 void ChildProcess::RequestStop() {

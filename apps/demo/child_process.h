@@ -52,6 +52,9 @@ class ChildProcess {
     /// Sends a line to the child's standard input; false when the child doesn't read any more.
     bool WriteLine(const std::string& line);
 
+    /// Ends the child's standard input. What was written before is still read.
+    void EndInput();
+
     /// Asks the child to end (SIGTERM). Does nothing for a child that has ended.
     void RequestStop();
 
@@ -70,7 +73,7 @@ class ChildProcess {
     bool TryReap();
 
     pid_t id_ = -1;
-    int input_ = -1;
+    int input_ = -1;  ///< the owner's
     int output_ = -1;
     std::optional<int> status_;
 

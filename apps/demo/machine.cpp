@@ -32,7 +32,7 @@ fs::path WriteMachine(const MachineDescription& machine, const fs::path& directo
     text += "[registry.'HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantrex Software\\Talvessa QX']\n";
     text +=
         std::string("StopActivityOnFailConnect = ") + (machine.refuseWithoutAnalyzer ? "1" : "0") + "\n\n";
-    text += "[folders]\ncommon_app_data = '" + commonAppData.string() + "'\n\n";
+    text += "[folders]\ncommon_app_data = '" + machine.root + commonAppData.string() + "'\n\n";
     text += "[user]\nname = '" + machine.user + "'\n";
     for (const auto& [destination, target] : machine.routes) {
         text.append("\n[[routes]]\ndestination = \"").append(destination);

@@ -29,20 +29,21 @@ std::vector<Case> SelectCases(const std::vector<std::string>& names) {
     return selected;
 }
 
-void Announce(const Case& scene, int processId) {
+void Announce(const Case& scene, pid_t processId) {
     static std::mutex lock;
     const std::lock_guard<std::mutex> hold(lock);
     std::cout << "process " << processId << " plays " << scene.name << std::endl;
 }
 
 /// Plays all cases at the same time; the outcomes are in the order of the cases.
-std::vector<Outcome> PlayAll(const std::vector<Case>& cases, bool announce, std::string* errorOutput) {
-    Stage stage(cases);
+std::vector<Outcome> PlayAll(const std::vector<Case>& cases, const ApplicationPrograms& applications,
+                             bool announce, std::string* errorOutput) {
+    Stage stage(cases, applications);
     std::vector<std::future<ClientRun>> runs;
     runs.reserve(cases.size());
     for (const Case& scene : cases) {
         runs.push_back(std::async(std::launch::async, [&stage, &scene, announce] {
-            return stage.Play(scene, [&scene, announce](int processId) {
+            return stage.Play(scene, [&scene, announce](pid_t processId) {
                 if (announce) Announce(scene, processId);
             });
         }));
@@ -71,12 +72,17 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     bool list = false;
     bool json = false;
     bool verbose = false;
+    ApplicationPrograms applications = ApplicationPrograms::FromEnvironment();
 
     app.add_option("--case", names, "play only this case; may be given several times");
     app.add_flag("--list", list, "list the cases");
     app.add_flag("--json", json, "print one line of JSON per case");
     app.add_flag("--verbose", verbose,
                  "print the processes as they start, and what they wrote to their standard errors");
+
+    app.add_option("--windows-programs", applications.windowsFolder,
+                   "the applications are the Windows programs of this folder, run by Wine");
+    app.add_option("--wine", applications.wine, "what runs a Windows program")->capture_default_str();
 
     parse();
 
@@ -86,7 +92,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     std::string errorOutput;
     std::vector<Outcome> outcomes;
     try {
-        outcomes = PlayAll(cases, verbose && !json, &errorOutput);
+        outcomes = PlayAll(cases, applications, verbose && !json, &errorOutput);
     } catch (const std::exception&) {
         if (ChildProcess::Interrupted()) return kInterruptedStatus;
         throw;

@@ -26,9 +26,9 @@ constexpr int kLeastAnalyzerPort = 1025;
 constexpr int kMostAnalyzerPort = 64999;
 constexpr int kPortAttempts = 20;
 
-/// The programs lie beside this one.
-fs::path ProgramDirectory() {
-    return fs::read_symlink("/proc/self/exe").parent_path();
+/// The command of a program that is native in any case.
+std::vector<std::string> NativeCommand(const std::string& program) {
+    return {(ProgramDirectory() / program).string()};
 }
 
 fs::path MakeTemporaryDirectory() {
@@ -60,12 +60,14 @@ ClientLine ParseClientLine(const std::string& line) {
     parsed.status = json.value("status", 0);
     parsed.body = json.value("body", "");
     parsed.elapsedMilliseconds = json.value("elapsed_ms", 0);
+    parsed.processId = json.value("process_id", 0);
     return parsed;
 }
 
 }  // namespace
 
-Stage::Stage(const std::vector<Case>& cases) : directory_(MakeTemporaryDirectory()) {
+Stage::Stage(const std::vector<Case>& cases, ApplicationPrograms applications)
+    : applications_(std::move(applications)), directory_(MakeTemporaryDirectory()) {
     try {
         StartServers();
         WriteRules(cases);
@@ -90,8 +92,9 @@ Stage::~Stage() {
 }
 
 void Stage::StartServers() {
-    auto http = StartProgram("qxorigin", {"--name", kAlpha, "--name", kBeta}, {}, "qxorigin-http");
-    auto datagram = StartProgram("qxorigin", {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
+    auto http =
+        StartProgram(NativeCommand("qxorigin"), {"--name", kAlpha, "--name", kBeta}, {}, "qxorigin-http");
+    auto datagram = StartProgram(NativeCommand("qxorigin"), {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
     serverAddresses_[kAlpha] = ListeningAddress(http.get(), 0, "qxorigin");
     serverAddresses_[kBeta] = ListeningAddress(http.get(), 1, "qxorigin");
     serverAddresses_[kEcho] = ListeningAddress(datagram.get(), 0, "qxorigin");
@@ -111,7 +114,7 @@ void Stage::WriteRules(const std::vector<Case>& cases) const {
 
 void Stage::StartAnalyzer() {
     for (int attempt = 0; attempt < kPortAttempts; ++attempt) {
-        auto analyzer = StartProgram("qxanalyzer",
+        auto analyzer = StartProgram(NativeCommand("qxanalyzer"),
                                      {"--port", std::to_string(analyzerPort_), "--json", "--rules",
                                       (directory_ / "rules.toml").string()},
                                      {}, "qxanalyzer");
@@ -145,39 +148,49 @@ std::string Stage::DestinationOf(const Case& scene) const {
     return scene.destination == kLocalDestination ? serverAddresses_.at(scene.server) : scene.destination;
 }
 
-std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
-                                                 const std::vector<std::string>& arguments) {
+std::unique_ptr<ChildProcess> Stage::StartApplication(const Case& scene, const std::string& program,
+                                                      const std::vector<std::string>& arguments) {
     MachineDescription machine;
     machine.analyzerPort = scene.analyzer == AnalyzerState::Down ? closedPort_.Number() : analyzerPort_;
     machine.refuseWithoutAnalyzer = scene.refuseWithoutAnalyzer;
     machine.user = kUser;
+    machine.root = applications_.PathFor("");
     machine.routes[kBetaAddress] = serverAddresses_.at(kBeta);
     if (scene.destination != kLocalDestination) {
         machine.routes[scene.destination] = serverAddresses_.at(scene.server);
     }
     const std::string name = "machine-" + std::to_string(++machines_);
     const fs::path file = WriteMachine(machine, directory_ / name);
+    return StartProgram(
+        applications_.Command(program), arguments,
+        {{"QX_MACHINE", applications_.PathFor(file)}, {"QX_CLOCK_SCALE", std::to_string(scene.clockRate)}},
+        name);
+}
 
+std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
+                                                 const std::vector<std::string>& arguments) {
     std::vector<std::string> all = {DestinationOf(scene) + "/hello", "--json", "--repeat",
                                     std::to_string(scene.requests)};
     if (scene.transport == Transport::Datagram) all.emplace_back("--datagram");
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return StartProgram("qxhttp", all,
-                        {{"QX_MACHINE", file.string()}, {"QX_CLOCK_SCALE", std::to_string(scene.clockRate)}},
-                        name);
+    return StartApplication(scene, "qxhttp", all);
 }
 
 ClientRun Stage::Finish(const Case& scene, ChildProcess* client) {
     ClientRun run;
-    run.processId = client->Id();
     run.destination = DestinationOf(scene);
     run.exitStatus = client->Wait(After(kClientLimit));
     for (const std::string& line : client->Output())
         run.lines.push_back(ParseClientLine(line));
+    if (applications_.AreNative()) {
+        run.processId = client->Id();
+    } else if (!run.lines.empty()) {
+        run.processId = run.lines.front().processId;
+    }
     return run;
 }
 
-ClientRun Stage::Play(const Case& scene, const std::function<void(int processId)>& started) {
+ClientRun Stage::Play(const Case& scene, const std::function<void(pid_t processId)>& started) {
     const auto begin = std::chrono::steady_clock::now();
     const auto client = StartClient(scene, {});
     if (started) started(client->Id());
@@ -187,12 +200,12 @@ ClientRun Stage::Play(const Case& scene, const std::function<void(int processId)
     return run;
 }
 
-std::unique_ptr<ChildProcess> Stage::StartProgram(const std::string& program,
+std::unique_ptr<ChildProcess> Stage::StartProgram(std::vector<std::string> command,
                                                   const std::vector<std::string>& arguments,
                                                   const std::map<std::string, std::string>& environment,
                                                   const std::string& name) const {
     ChildOptions options;
-    options.arguments = {(ProgramDirectory() / program).string()};
+    options.arguments = std::move(command);
     options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
     // A machine or clock that this process was given is not the children's.
     options.environment = {{"QX_MACHINE", ""}, {"QX_CLOCK_SCALE", ""}};

@@ -2,11 +2,12 @@
 // of the cases, and one application process per case on a machine of its own. The demo plays all cases on one
 // stage at the same time; a test makes its own.
 //
-// StartClient and Play may be called from several threads at once; everything else belongs to the thread that
-// made the stage, which must outlive it (the servers die with that thread).
+// StartApplication, StartClient and Play may be called from several threads at once; everything else belongs
+// to the thread that made the stage, which must outlive it (the servers die with that thread).
 #pragma once
 
 #include "apps/demo/analyzer_log.h"
+#include "apps/demo/application_programs.h"
 #include "apps/demo/cases.h"
 #include "apps/demo/child_process.h"
 #include "apps/demo/closed_port.h"
@@ -27,10 +28,13 @@ struct ClientLine {
     int status = 0;
     std::string body;
     int elapsedMilliseconds = 0;
+    int processId = 0;
 };
 
 /// What an application saw.
 struct ClientRun {
+    /// The application's own number for itself. Under Wine only the application knows it; there it is 0 when
+    /// the application told nothing.
     int processId = 0;
     int exitStatus = 0;
     std::string destination;
@@ -41,7 +45,8 @@ struct ClientRun {
 class Stage {
   public:
     /// Starts the servers and an analyzer that knows the rules of `cases`. Throws std::runtime_error.
-    explicit Stage(const std::vector<Case>& cases);
+    explicit Stage(const std::vector<Case>& cases,
+                   ApplicationPrograms applications = ApplicationPrograms::FromEnvironment());
 
     /// Ends all processes and removes the directory.
     ~Stage();
@@ -49,12 +54,16 @@ class Stage {
     Stage(const Stage&) = delete;
     Stage& operator=(const Stage&) = delete;
 
-    /// Runs the application of a case to its end; `started` is called with its process id. Throws
-    /// std::runtime_error.
-    ClientRun Play(const Case& scene, const std::function<void(int processId)>& started = {});
+    /// Runs the application of a case to its end; `started` is called with this machine's id of the process.
+    /// Throws std::runtime_error.
+    ClientRun Play(const Case& scene, const std::function<void(pid_t processId)>& started = {});
 
-    /// Starts the application of a case with further arguments and leaves the rest to the caller, who
-    /// collects the outcome with Finish from the same thread.
+    /// Starts a program as the application of a case, on the case's machine.
+    std::unique_ptr<ChildProcess> StartApplication(const Case& scene, const std::string& program,
+                                                   const std::vector<std::string>& arguments);
+
+    /// Starts the client of a case with further arguments and leaves the rest to the caller, who collects the
+    /// outcome with Finish from the same thread.
     std::unique_ptr<ChildProcess> StartClient(const Case& scene, const std::vector<std::string>& arguments);
     ClientRun Finish(const Case& scene, ChildProcess* client);
 
@@ -76,11 +85,12 @@ class Stage {
   private:
     void StartServers();
     void WriteRules(const std::vector<Case>& cases) const;
-    std::unique_ptr<ChildProcess> StartProgram(const std::string& program,
+    std::unique_ptr<ChildProcess> StartProgram(std::vector<std::string> command,
                                                const std::vector<std::string>& arguments,
                                                const std::map<std::string, std::string>& environment,
                                                const std::string& name) const;
 
+    const ApplicationPrograms applications_;
     std::filesystem::path directory_;
     ClosedPort closedPort_;
     std::map<std::string, std::string> serverAddresses_;  ///< by name, "127.0.0.1:PORT"

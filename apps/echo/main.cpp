@@ -17,8 +17,9 @@
 
 namespace {
 
-int RunServer(unsigned short port, int threads) {
+int RunServer(unsigned short port, int threads, bool untilInputEnds) {
     StopOnSignals();
+    if (untilInputEnds) StopWhenInputEnds();
     const WinsockSession winsock;
     EchoServer server(port, threads);
     std::cout << "listening on " << FormatEndpoint(LoopbackEndpoint(server.Port())) << std::endl;
@@ -64,11 +65,13 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
 
     unsigned short port = 0;
     int threads = 2;
+    bool untilInputEnds = false;
     CLI::App* const server = app.add_subcommand("server", "serve until interrupted");
     server->add_option("--port", port, "port on 127.0.0.1; 0: a free one")->capture_default_str();
     server->add_option("--threads", threads, "workers on the completion port")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
+    server->add_flag("--until-input-ends", untilInputEnds, "stop at the end of standard input too");
 
     std::string serverText;
     EchoLoad load;
@@ -94,7 +97,8 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
 
     parse();
 
-    return server->parsed() ? RunServer(port, threads) : RunClient(serverText, load, step, json);
+    return server->parsed() ? RunServer(port, threads, untilInputEnds)
+                            : RunClient(serverText, load, step, json);
 }
 
 }  // namespace

@@ -1,18 +1,15 @@
 // The program itself: what it prints, writes and returns.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
-#include <vector>
 
 #include "tests/analyzer/request_frames.h"
+#include "tests/analyzer/running_program.h"
 #include "tests/analyzer/test_client.h"
 
 namespace {
@@ -20,63 +17,16 @@ namespace {
 /// A folder of its own for each test.
 class Folder {
   public:
-    Folder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qxanalyzer-test-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
+    Folder()
+        : path_(std::filesystem::temp_directory_path() /
+                ("qxanalyzer-test-" + std::to_string(std::random_device()()))) {
+        std::filesystem::create_directories(path_);
     }
     ~Folder() { std::filesystem::remove_all(path_); }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
 
   private:
-    std::string path_;
-};
-
-/// The running program, with its standard output (and error) in a pipe.
-class Program {
-  public:
-    explicit Program(std::vector<std::string> arguments) {
-        int pipe[2];
-        if (::pipe2(pipe, O_CLOEXEC) != 0) std::abort();
-        arguments.insert(arguments.begin(), QX_ANALYZER);
-        std::vector<char*> argv;
-        for (std::string& argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        id_ = ::fork();
-        if (id_ == 0) {
-            ::dup2(pipe[1], 1);
-            ::dup2(pipe[1], 2);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(pipe[1]);
-        output_ = ::fdopen(pipe[0], "r");
-    }
-    ~Program() {
-        if (id_ > 0) {
-            ::kill(id_, SIGKILL);
-            ::waitpid(id_, nullptr, 0);
-        }
-        std::fclose(output_);
-    }
-
-    std::string Line() {
-        char line[8192];
-        return std::fgets(line, sizeof(line), output_) != nullptr ? line : "";
-    }
-
-    void Signal(int number) { ::kill(id_, number); }
-
-    int Status() {
-        int status = 0;
-        ::waitpid(id_, &status, 0);
-        id_ = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-
-  private:
-    pid_t id_ = 0;
-    std::FILE* output_ = nullptr;
+    const std::filesystem::path path_;
 };
 
 std::uint16_t PortIn(const std::string& line) {
@@ -86,9 +36,9 @@ std::uint16_t PortIn(const std::string& line) {
 TEST(AnalyzerProgram, ServesUntilItIsToldToStop) {
     const Folder folder;
     std::ofstream(folder / "rules.toml") << "[[rule]]\nname = \"no web\"\nport = 80\naction = \"refuse\"\n";
-    for (const int signal : {SIGTERM, SIGINT}) {
-        Program program(
-            {"--port", "0", "--rules", folder / "rules.toml", "--port-file", folder / "a/b/p_info"});
+    for (const Stop stop : WaysToStop()) {
+        RunningProgram program({"--port", "0", "--rules", folder / "rules.toml", "--port-file",
+                                folder / "a/b/p_info", "--until-input-ends"});
         const std::string first = program.Line();
         ASSERT_EQ(first.rfind("listening on 127.0.0.1:", 0), 0u) << first;
         const std::uint16_t port = PortIn(first);
@@ -107,7 +57,7 @@ TEST(AnalyzerProgram, ServesUntilItIsToldToStop) {
         const std::string line = program.Line();
         EXPECT_NE(line.find("connect process 4321 user \"DEMO\\\\alice\""), std::string::npos) << line;
         EXPECT_NE(line.find("192.0.2.1:80 : refuse (\"no web\")"), std::string::npos) << line;
-        program.Signal(signal);
+        program.Tell(stop);
         EXPECT_EQ(program.Status(), 0);
     }
 }
@@ -115,15 +65,15 @@ TEST(AnalyzerProgram, ServesUntilItIsToldToStop) {
 TEST(AnalyzerProgram, RefusesWhatItCannotUse) {
     const Folder folder;
     std::ofstream(folder / "rules.toml") << "[[rule]]\nactoin = \"refuse\"\n";
-    Program wrongRules({"--port", "0", "--rules", folder / "rules.toml"});
+    RunningProgram wrongRules({"--port", "0", "--rules", folder / "rules.toml"});
     EXPECT_NE(wrongRules.Line().find("rules.toml:2:1: there is no key \"actoin\""), std::string::npos);
     EXPECT_EQ(wrongRules.Status(), 2);
-    EXPECT_EQ(Program({"--port", "65536"}).Status(), 2);
-    EXPECT_EQ(Program({"--bogus"}).Status(), 2);
+    EXPECT_EQ(RunningProgram({"--port", "65536"}).Status(), 2);
+    EXPECT_EQ(RunningProgram({"--bogus"}).Status(), 2);
 
-    Program first({"--port", "0"});
+    RunningProgram first({"--port", "0"});
     const std::string port = std::to_string(PortIn(first.Line()));
-    EXPECT_EQ(Program({"--port", port}).Status(), 1) << "the port is taken";
+    EXPECT_EQ(RunningProgram({"--port", port}).Status(), 1) << "the port is taken";
 }
 
 }  // namespace

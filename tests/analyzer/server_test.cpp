@@ -160,8 +160,7 @@ TEST_F(ServerTest, AClientThatTakesNoAnswersIsNoLongerRead) {
     TestClient client(Port());
     const Bytes frame = Frame('e', 50000);
     // Far beyond what the kernel keeps for both directions; without the bound all of it would be taken.
-    const timeval patience{0, 200000};
-    ::setsockopt(client.Descriptor(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    client.SetSendPatience(200);
     std::size_t sent = 0;
     while (sent < 2000 && client.Send(frame))
         ++sent;

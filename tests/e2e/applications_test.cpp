@@ -15,13 +15,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kLimit = 60s;
 
-const Case& CaseNamed(const std::string& name) {
-    for (const Case& scene : Cases()) {
-        if (scene.name == name) return scene;
-    }
-    throw std::runtime_error("no case " + name);
-}
-
 Case Repeated(const std::string& name, int requests) {
     Case scene = CaseNamed(name);
     scene.requests = requests;
