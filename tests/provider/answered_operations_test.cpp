@@ -8,6 +8,7 @@
 #include "provider/extension_functions.h"
 #include "provider/overlapped_manager.h"
 #include "tests/provider/fake_winsock.h"
+#include "tests/support/callback.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ struct SelectFake {
 };
 SelectFake* Select = nullptr;
 
-int LowerSelect(int, fd_set* reads, fd_set* writes, fd_set* excepts, const PTIMEVAL, LPINT) {
+int WSPAPI LowerSelect(int, fd_set* reads, fd_set* writes, fd_set* excepts, const PTIMEVAL, LPINT) {
     fd_set* const sets[3] = {reads, writes, excepts};
     for (int i = 0; i < 3; ++i) {
         Select->asked[i].fd_count = 0;
@@ -128,11 +129,11 @@ TEST_F(AnsweredOperations, ProtocolInformationIsTheLayersOwn) {
                   SOCKET_ERROR);
         EXPECT_EQ(error_, WSAEFAULT);
     }
-    Lower().lpWSPDuplicateSocket = [](SOCKET, DWORD, LPWSAPROTOCOL_INFOW info, LPINT) {
+    Lower().lpWSPDuplicateSocket = Callback([](SOCKET, DWORD, LPWSAPROTOCOL_INFOW info, LPINT) {
         *info = WSAPROTOCOL_INFOW{};
         info->dwProviderReserved = 99;
         return 0;
-    };
+    });
     EXPECT_EQ(WSPDuplicateSocket(s, 1, &wide, &error_), 0);
     EXPECT_EQ(wide.dwCatalogEntryId, layer.dwCatalogEntryId) << "the target process comes to the layer";
     EXPECT_EQ(wide.dwProviderReserved, 99u) << "with what the lower provider left for itself";
@@ -142,12 +143,12 @@ TEST_F(AnsweredOperations, ProtocolInformationIsTheLayersOwn) {
 SOCKET AcceptContextListener = 0;
 
 TEST_F(AnsweredOperations, AcceptContextNamesTheListenerByItsLowerSocket) {
-    Lower().lpWSPSetSockOpt = [](SOCKET, int, int option, const char* value, int length, LPINT) {
+    Lower().lpWSPSetSockOpt = Callback([](SOCKET, int, int option, const char* value, int length, LPINT) {
         if (option == SO_UPDATE_ACCEPT_CONTEXT && length == sizeof(SOCKET)) {
             std::memcpy(&AcceptContextListener, value, sizeof(SOCKET));
         }
         return 0;
-    };
+    });
     const SOCKET listener = MakeSocket();
     const SOCKET accepted = MakeSocket();
     const auto update = [&](SOCKET named, int length) {
@@ -168,11 +169,11 @@ TEST_F(AnsweredOperations, AcceptContextNamesTheListenerByItsLowerSocket) {
 SOCKET LeafSocket = 0;
 
 TEST_F(AnsweredOperations, JoinedLeafIsTheRootOrASocketOfItsOwn) {
-    Lower().lpWSPJoinLeaf = [](SOCKET, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS, DWORD,
-                               LPINT error) {
-        if (LeafSocket == INVALID_SOCKET) *error = WSAENETDOWN;
-        return LeafSocket;
-    };
+    Lower().lpWSPJoinLeaf =
+        Callback([](SOCKET, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS, DWORD, LPINT error) {
+            if (LeafSocket == INVALID_SOCKET) *error = WSAENETDOWN;
+            return LeafSocket;
+        });
     const SOCKET root = MakeSocket();
     const auto join = [&] {
         return WSPJoinLeaf(root, nullptr, 0, nullptr, nullptr, nullptr, nullptr, JL_BOTH, &error_);
@@ -195,8 +196,8 @@ BOOL WINAPI LowerConnectEx(SOCKET, const sockaddr*, int, PVOID, DWORD, LPDWORD, 
     return overlapped == nullptr ? TRUE : FALSE;
 }
 
-int LowerIoctl(SOCKET, DWORD code, LPVOID input, DWORD, LPVOID output, DWORD, LPDWORD bytes, LPWSAOVERLAPPED,
-               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+int WSPAPI LowerIoctl(SOCKET, DWORD code, LPVOID input, DWORD, LPVOID output, DWORD, LPDWORD bytes,
+                      LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
     const GUID connectEx = WSAID_CONNECTEX;
     const GUID sockaddrs = WSAID_GETACCEPTEXSOCKADDRS;
     *bytes = sizeof(void*);
@@ -318,11 +319,11 @@ TEST_F(AnsweredOperations, OverlappedResultIsReadFromTheRecord) {
 }
 
 TEST_F(AnsweredOperations, AddressesAreConvertedByTheNamedProtocol) {
-    Lower().lpWSPAddressToString = [](LPSOCKADDR, DWORD, LPWSAPROTOCOL_INFOW info, LPWSTR text, LPDWORD,
-                                      LPINT) {
-        text[0] = static_cast<WCHAR>(info->ProtocolChain.ChainLen);
-        return INT{0};
-    };
+    Lower().lpWSPAddressToString =
+        Callback([](LPSOCKADDR, DWORD, LPWSAPROTOCOL_INFOW info, LPWSTR text, LPDWORD, LPINT) {
+            text[0] = static_cast<WCHAR>(info->ProtocolChain.ChainLen);
+            return INT{0};
+        });
     WCHAR text[4] = {};
     DWORD length = 4;
     WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;

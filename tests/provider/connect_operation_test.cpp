@@ -1,7 +1,7 @@
 // What becomes of a connect for each verdict.
-#include <sys/mman.h>
-
 #include "tests/provider/fake_winsock.h"
+#include "tests/support/callback.h"
+#include "tests/support/edge_of_memory.h"
 
 namespace {
 
@@ -126,15 +126,13 @@ TEST_F(ConnectOperation, NamesThatCantBeTakenAreRefusedBeforeAnyoneIsAsked) {
         EXPECT_EQ(error_, WSAEFAULT) << length;
     }
     // A name on the last bytes before memory that can't be read.
-    void* const pages = mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_EQ(mprotect(static_cast<char*>(pages) + 4096, 4096, PROT_NONE), 0);
-    auto* const edge = reinterpret_cast<sockaddr*>(static_cast<char*>(pages) + 4096 - 8);
+    const EdgeOfMemory memory;
+    auto* const edge = reinterpret_cast<sockaddr*>(memory.LastBytes(8));
     EXPECT_EQ(WSPConnect(s_, edge, 16, nullptr, nullptr, nullptr, nullptr, &error_), SOCKET_ERROR);
     EXPECT_EQ(error_, WSAEFAULT);
     EXPECT_EQ(WSPConnect(s_, nullptr, 16, nullptr, nullptr, nullptr, nullptr, &error_), SOCKET_ERROR);
     EXPECT_EQ(error_, WSAEFAULT);
     EXPECT_FALSE(asked);
-    munmap(pages, 8192);
 
     EXPECT_EQ(WSPConnect(INVALID_SOCKET, nullptr, 0, nullptr, nullptr, nullptr, nullptr, &error_),
               SOCKET_ERROR);
@@ -142,10 +140,10 @@ TEST_F(ConnectOperation, NamesThatCantBeTakenAreRefusedBeforeAnyoneIsAsked) {
 }
 
 TEST_F(ConnectOperation, BindIsRefusedByAVerdict) {
-    Lower().lpWSPBind = [](SOCKET, const sockaddr* name, int, LPINT) {
+    Lower().lpWSPBind = Callback([](SOCKET, const sockaddr* name, int, LPINT) {
         EXPECT_NE(name, nullptr);
         return 0;
-    };
+    });
     auto* const name = reinterpret_cast<sockaddr*>(&name_);
     EXPECT_EQ(WSPBind(s_, name, sizeof(name_), &error_), 0);
     Fake().bound = [](SocketContext* context) { context->Blocked = TRUE; };

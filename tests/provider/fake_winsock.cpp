@@ -10,7 +10,7 @@ FakeState* State = nullptr;
 
 // ---- Winsock above
 
-SOCKET CreateHandle(DWORD entry, DWORD_PTR context, LPINT error) {
+SOCKET WSPAPI CreateHandle(DWORD entry, DWORD_PTR context, LPINT error) {
     if (Fake().createHandleError != 0) {
         *error = Fake().createHandleError;
         return INVALID_SOCKET;
@@ -21,7 +21,7 @@ SOCKET CreateHandle(DWORD entry, DWORD_PTR context, LPINT error) {
     return Fake().nextHandle++;
 }
 
-int QueryHandle(SOCKET s, PDWORD_PTR context, LPINT error) {
+int WSPAPI QueryHandle(SOCKET s, PDWORD_PTR context, LPINT error) {
     const std::lock_guard<std::mutex> lock(Fake().mutex);
     const auto found = Fake().handles.find(s);
     if (found == Fake().handles.end()) {
@@ -32,7 +32,7 @@ int QueryHandle(SOCKET s, PDWORD_PTR context, LPINT error) {
     return 0;
 }
 
-int CloseHandleOfSocket(SOCKET s, LPINT error) {
+int WSPAPI CloseHandleOfSocket(SOCKET s, LPINT error) {
     const std::lock_guard<std::mutex> lock(Fake().mutex);
     if (Fake().handles.erase(s) == 1) return 0;
     *error = WSAENOTSOCK;
@@ -41,13 +41,13 @@ int CloseHandleOfSocket(SOCKET s, LPINT error) {
 
 // ---- The lower provider below
 
-SOCKET LowerSocket(int, int, int, LPWSAPROTOCOL_INFOW info, GROUP, DWORD flags, LPINT) {
+SOCKET WSPAPI LowerSocket(int, int, int, LPWSAPROTOCOL_INFOW info, GROUP, DWORD flags, LPINT) {
     Fake().socketInfo = *info;
     Fake().socketFlags = flags;
     return Fake().nextLowerSocket++;
 }
 
-int LowerCloseSocket(SOCKET s, LPINT error) {
+int WSPAPI LowerCloseSocket(SOCKET s, LPINT error) {
     if (Fake().closeError != 0) {
         *error = Fake().closeError;
         return SOCKET_ERROR;
@@ -56,7 +56,8 @@ int LowerCloseSocket(SOCKET s, LPINT error) {
     return 0;
 }
 
-int LowerConnect(SOCKET, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, LPQOS, LPQOS, LPINT error) {
+int WSPAPI LowerConnect(SOCKET, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
+                        LPINT error) {
     sockaddr_in address;
     std::memcpy(&address, name, sizeof(address));
     Fake().connected.push_back(std::string(inet_ntoa(address.sin_addr)) + ":" +
@@ -66,18 +67,18 @@ int LowerConnect(SOCKET, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, 
     return SOCKET_ERROR;
 }
 
-int LowerGetSockName(SOCKET, sockaddr* name, LPINT namelen, LPINT) {
+int WSPAPI LowerGetSockName(SOCKET, sockaddr* name, LPINT namelen, LPINT) {
     const sockaddr_in local = MakeAddress("127.0.0.1", 7777);
     std::memcpy(name, &local, sizeof(local));
     *namelen = sizeof(local);
     return 0;
 }
 
-int LowerSetSockOpt(SOCKET, int, int, const char*, int, LPINT) {
+int WSPAPI LowerSetSockOpt(SOCKET, int, int, const char*, int, LPINT) {
     return 0;
 }
 
-int LowerCleanup(LPINT) {
+int WSPAPI LowerCleanup(LPINT) {
     ++Fake().cleanups;
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -31,6 +32,7 @@ class RelayPort : public ::testing::Test {
     }
     void TearDown() override {
         platform::ResetClock();
+        platform::SetMachineForTest(*machine_);
         std::filesystem::remove_all(folder_);
     }
 
@@ -59,6 +61,7 @@ class RelayPort : public ::testing::Test {
     }
 
     std::filesystem::path folder_;
+    std::shared_ptr<const platform::Machine> machine_ = platform::TheMachine();
 };
 
 TEST_F(RelayPort, RegistryAndFileDecideTogether) {

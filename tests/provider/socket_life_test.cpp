@@ -5,6 +5,7 @@
 #include "platform/testing/fault_points.h"
 #include "provider/lower_call.h"
 #include "tests/provider/fake_winsock.h"
+#include "tests/support/callback.h"
 
 namespace {
 
@@ -89,9 +90,8 @@ TEST_F(SocketLife, FailuresAfterTheLowerSocketCloseIt) {
     EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5000, 0x5001}));
 
     const SOCKET listener = MakeSocket();
-    Lower().lpWSPAccept = [](SOCKET, sockaddr*, LPINT, LPCONDITIONPROC, DWORD_PTR, LPINT) {
-        return SOCKET{0x6000};
-    };
+    Lower().lpWSPAccept =
+        Callback([](SOCKET, sockaddr*, LPINT, LPCONDITIONPROC, DWORD_PTR, LPINT) { return SOCKET{0x6000}; });
     Fake().createHandleError = WSAEMFILE;
     EXPECT_EQ(WSPAccept(listener, nullptr, nullptr, nullptr, 0, &error_), INVALID_SOCKET);
     EXPECT_EQ(error_, WSAEMFILE);
@@ -140,7 +140,7 @@ TEST_F(SocketLife, CloseWaitsForOtherUsers) {
 }
 
 TEST_F(SocketLife, ConcurrentUseAndCloseNeverMeetAFreedContext) {
-    Lower().lpWSPShutdown = [](SOCKET, int, LPINT) { return 0; };
+    Lower().lpWSPShutdown = Callback([](SOCKET, int, LPINT) { return 0; });
     for (int round = 0; round < 200; ++round) {
         const SOCKET s = MakeSocket();
         std::vector<std::thread> users;
@@ -169,11 +169,11 @@ TEST_F(SocketLife, CleanUpLeavesToACallUnderWayWhatItUses) {
     std::shared_future<void> left = leave.get_future().share();
     Entered = &entered;
     Leave = &left;
-    Lower().lpWSPListen = [](SOCKET, int, LPINT) {
+    Lower().lpWSPListen = Callback([](SOCKET, int, LPINT) {
         Entered->set_value();
         Leave->wait();
         return 0;
-    };
+    });
     const SOCKET s = MakeSocket();
     const SOCKET idle = MakeSocket();
     std::thread inside([s] {
@@ -194,21 +194,21 @@ TEST_F(SocketLife, CleanUpLeavesToACallUnderWayWhatItUses) {
 }
 
 TEST_F(SocketLife, SocketMadeDuringCleanUpIsRefused) {
-    Lower().lpWSPSocket = [](int, int, int, LPWSAPROTOCOL_INFOW, GROUP, DWORD, LPINT) {
+    Lower().lpWSPSocket = Callback([](int, int, int, LPWSAPROTOCOL_INFOW, GROUP, DWORD, LPINT) {
         EXPECT_FALSE(FreeCatalog());
         return SOCKET{0x5100};
-    };
+    });
     EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSANOTINITIALISED);
     EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5100}));
 }
 
 TEST_F(SocketLife, LowerProviderThatRaisesFailsTheCallAndHoldsNothing) {
-    Lower().lpWSPListen = [](SOCKET, int, LPINT) -> int {
+    Lower().lpWSPListen = Callback([](SOCKET, int, LPINT) -> int {
         EXPECT_EQ(TlsGetValue(ThreadSlot), ContextOf(0x1000)->Provider)
             << "the slot names the provider being called";
         RaiseException(0xC0000005, 0, 0, nullptr);
         return 0;
-    };
+    });
     const SOCKET s = MakeSocket();
     EXPECT_EQ(WSPListen(s, 1, &error_), SOCKET_ERROR);
     EXPECT_EQ(error_, WSAEFAULT);

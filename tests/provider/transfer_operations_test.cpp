@@ -1,6 +1,7 @@
 // Sends and receives that are carried out at once: what is counted, what the analysis sees, what a block
 // does.
 #include "tests/provider/fake_winsock.h"
+#include "tests/support/callback.h"
 
 namespace {
 
@@ -12,23 +13,23 @@ class TransferOperations : public FakeWinsock {
         context_ = ContextOf(s_);
         calls_ = 0;
         lowerError_ = 0;
-        Lower().lpWSPSend = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, LPWSAOVERLAPPED,
-                               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
-                               LPINT error) { return Transfer(bytes, 7, error); };
-        Lower().lpWSPSendTo = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, const sockaddr*, int,
-                                 LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
-                                 LPINT error) { return Transfer(bytes, 8, error); };
-        Lower().lpWSPRecv = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, LPWSAOVERLAPPED,
-                               LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
-                               LPINT error) { return Transfer(bytes, 5, error); };
-        Lower().lpWSPRecvFrom = [](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, sockaddr* from,
-                                   LPINT length, LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
-                                   LPWSATHREADID, LPINT error) {
-            const sockaddr_in source = MakeAddress("198.51.100.7", 53);
-            if (from != nullptr) std::memcpy(from, &source, sizeof(source));
-            if (length != nullptr) *length = sizeof(source);
-            return Transfer(bytes, 6, error);
-        };
+        Lower().lpWSPSend = Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, LPWSAOVERLAPPED,
+                                        LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                                        LPINT error) { return Transfer(bytes, 7, error); });
+        Lower().lpWSPSendTo = Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, const sockaddr*, int,
+                                          LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                                          LPINT error) { return Transfer(bytes, 8, error); });
+        Lower().lpWSPRecv = Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, LPWSAOVERLAPPED,
+                                        LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID,
+                                        LPINT error) { return Transfer(bytes, 5, error); });
+        Lower().lpWSPRecvFrom =
+            Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, LPDWORD, sockaddr* from, LPINT length,
+                        LPWSAOVERLAPPED, LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+                const sockaddr_in source = MakeAddress("198.51.100.7", 53);
+                if (from != nullptr) std::memcpy(from, &source, sizeof(source));
+                if (length != nullptr) *length = sizeof(source);
+                return Transfer(bytes, 6, error);
+            });
     }
     void TearDown() override {
         Close(s_);

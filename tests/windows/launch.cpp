@@ -1,7 +1,8 @@
 // qxlaunch PROGRAM [ARGUMENT...]: runs a program that knows nothing of us with its sockets led into the
 // layer. It is started suspended, made to load the Winsock host, which routes every module of the process,
 // and let go. Exits with the program's exit code; 125 when it could not be started. The machine is
-// QX_MACHINE's, as everywhere.
+// QX_MACHINE's, the clock's speed QX_CLOCK_SCALE's, as everywhere. The program does not outlive the launcher,
+// whatever ends it.
 #include <windows.h>
 
 #include <cstdio>
@@ -46,6 +47,16 @@ bool LoadInto(HANDLE process, const std::string& library) {
     return ended && module != 0;
 }
 
+/// Puts this process into a job that ends with it, before it starts another: that one is born into the job.
+void EndTogether() {
+    const HANDLE job = CreateJobObjectA(nullptr, nullptr);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    // Refused where jobs do not nest and somebody else's job is in charge: then that one decides.
+    AssignProcessToJobObject(job, GetCurrentProcess());
+}
+
 int Fail(const char* what) {
     std::fprintf(stderr, "qxlaunch: %s: error %lu\n", what, GetLastError());
     return kNotStarted;
@@ -58,6 +69,7 @@ int main(int argc, char**) {
         std::fprintf(stderr, "usage: qxlaunch PROGRAM [ARGUMENT...]\n");
         return 2;
     }
+    EndTogether();
     SetEnvironmentVariableA("QX_ROUTE", "all");
     std::string command = ProgramCommandLine();
     STARTUPINFOA startup{};
