@@ -14,13 +14,20 @@ namespace {
 std::atomic<bool> Counting{false};
 std::atomic<int> Allocations{0};
 
+void* Allocate(std::size_t size) {
+    if (Counting.load(std::memory_order_relaxed) && platform::CurrentThreadState().callDepth == 0)
+        Allocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size != 0 ? size : 1);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
-    if (Counting.load(std::memory_order_relaxed) && platform::CurrentThreadState().callDepth == 0)
-        Allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
+    if (void* memory = Allocate(size)) return memory;
     throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return Allocate(size);
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
