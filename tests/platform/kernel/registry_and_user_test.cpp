@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/platform/kernel/registry_checks.h"
+
 #ifndef _WIN32
 #include "platform/testing/machine.h"
-
-#include "tests/platform/kernel/registry_checks.h"
 #endif
 
 namespace {
