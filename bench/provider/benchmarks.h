@@ -3,8 +3,10 @@
 
 #include <cstdint>
 
+class ConnectionBacklog;
+
 struct BenchPeers {
-    std::uint16_t sinkPort;
+    const ConnectionBacklog* destination;  ///< of the connects; outlives the benchmarks
     std::uint16_t echoPort;
     std::uint16_t verdictPort;
 };

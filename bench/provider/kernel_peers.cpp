@@ -134,15 +134,25 @@ struct LoopbackServer::Running {
     }
 };
 
-LoopbackServer::LoopbackServer(Kind kind) : running_(std::make_unique<Running>()) {
-    running_->listener = NewSocket();
+namespace {
+
+/// A listener on a port that the kernel chose.
+int Listen(int room, std::uint16_t* port) {
+    const int listener = NewSocket();
     sockaddr_in address = LoopbackAddress(0);
     socklen_t length = sizeof(address);
     auto* name = reinterpret_cast<sockaddr*>(&address);
-    Require(bind(running_->listener, name, length) == 0, "bind");
-    Require(listen(running_->listener, 4096) == 0, "listen");
-    Require(getsockname(running_->listener, name, &length) == 0, "getsockname");
-    running_->port = ntohs(address.sin_port);
+    Require(bind(listener, name, length) == 0, "bind");
+    Require(listen(listener, room) == 0, "listen");
+    Require(getsockname(listener, name, &length) == 0, "getsockname");
+    *port = ntohs(address.sin_port);
+    return listener;
+}
+
+}  // namespace
+
+LoopbackServer::LoopbackServer(Kind kind) : running_(std::make_unique<Running>()) {
+    running_->listener = Listen(4096, &running_->port);
     running_->thread = std::thread([this, kind] { running_->Accept(kind); });
 }
 
@@ -155,6 +165,20 @@ LoopbackServer::~LoopbackServer() {
 
 std::uint16_t LoopbackServer::Port() const {
     return running_->port;
+}
+
+ConnectionBacklog::ConnectionBacklog() : listener_(Listen(kRoom, &port_)) {
+    SetNonBlocking(listener_, 1);
+}
+
+ConnectionBacklog::~ConnectionBacklog() {
+    Empty();
+    close(listener_);
+}
+
+void ConnectionBacklog::Empty() const {
+    for (int s; (s = accept(listener_, nullptr, nullptr)) >= 0;)
+        close(s);
 }
 
 void KernelConnectAndClose(std::uint16_t port) {

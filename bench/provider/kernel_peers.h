@@ -27,6 +27,28 @@ class LoopbackServer {
     std::unique_ptr<Running> running_;
 };
 
+/// A destination at which the kernel answers alone: connections wait in the listener's queue, so that no
+/// thread of a server is woken, at this moment or that, inside what is measured.
+class ConnectionBacklog {
+  public:
+    /// How many connections fit until they are taken out.
+    static constexpr int kRoom = 1000;
+
+    ConnectionBacklog();
+    ~ConnectionBacklog();
+    ConnectionBacklog(const ConnectionBacklog&) = delete;
+    ConnectionBacklog& operator=(const ConnectionBacklog&) = delete;
+
+    std::uint16_t Port() const { return port_; }
+
+    /// Takes out all that wait, and closes them.
+    void Empty() const;
+
+  private:
+    std::uint16_t port_ = 0;  // written while listener_ is made
+    const int listener_;
+};
+
 /// socket, connect, close.
 void KernelConnectAndClose(std::uint16_t port);
 

@@ -11,14 +11,14 @@
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    const LoopbackServer sink(LoopbackServer::Kind::kSink);
+    const ConnectionBacklog destination;
     const LoopbackServer echo(LoopbackServer::Kind::kEcho);
     const LoopbackServer verdict(LoopbackServer::Kind::kVerdict);
-    if (!StartBenchMachine(verdict.Port(), sink.Port())) {
+    if (!StartBenchMachine(verdict.Port(), destination.Port())) {
         std::fprintf(stderr, "the benchmark machine could not be started\n");
         return 1;
     }
-    const BenchPeers peers{sink.Port(), echo.Port(), verdict.Port()};
+    const BenchPeers peers{&destination, echo.Port(), verdict.Port()};
     RegisterRatioBenchmarks(peers);
     RegisterOverlappedBenchmarks();
     RegisterOperationBenchmarks(peers);

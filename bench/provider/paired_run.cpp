@@ -14,18 +14,22 @@ double Microseconds(const Batch& batch) {
 
 }  // namespace
 
-void RunPaired(benchmark::State& state, int operations, const Batch& reference, const Batch& subject) {
+void RunPaired(benchmark::State& state, int operations, const Batch& reference, const Batch& subject,
+               const Batch& tidyUp) {
     std::vector<double> ratios;
     std::vector<double> referenceTimes;
     std::vector<double> subjectTimes;
-    reference();
-    subject();
+    for (const Batch& batch : {reference, subject}) {
+        batch();
+        tidyUp();
+    }
     bool referenceFirst = true;
     for (auto _ : state) {
         double times[2];
         for (int turn = 0; turn < 2; ++turn) {
             const bool isReference = (turn == 0) == referenceFirst;
             times[isReference ? 0 : 1] = Microseconds(isReference ? reference : subject) / operations;
+            tidyUp();
         }
         referenceFirst = !referenceFirst;
         referenceTimes.push_back(times[0]);

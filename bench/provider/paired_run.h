@@ -8,5 +8,8 @@
 using Batch = std::function<void()>;
 
 /// Runs a batch of the reference and one of the subject in turn, the order changing each round, and reports
-/// the time ratio subject / reference per round as median, minimum and maximum.
-void RunPaired(benchmark::State& state, int operations, const Batch& reference, const Batch& subject);
+/// the time ratio subject / reference per round as median, minimum and maximum. `tidyUp` runs after every
+/// batch, untimed.
+void RunPaired(
+    benchmark::State& state, int operations, const Batch& reference, const Batch& subject,
+    const Batch& tidyUp = [] {});

@@ -40,10 +40,10 @@ void BenchPingPong(benchmark::State& state, const BenchPeers& peers) {
 
 void BenchUnaskedConnect(benchmark::State& state, const BenchPeers& peers) {
     constexpr int kCount = 200;
-    const sockaddr_in address = LoopbackAddress(peers.sinkPort);
+    const sockaddr_in address = LoopbackAddress(peers.destination->Port());
     RunPaired(
         state, kCount, [&] { ConnectAndClose(Through::kBase, address, kCount); },
-        [&] { ConnectAndClose(Through::kLayer, address, kCount); });
+        [&] { ConnectAndClose(Through::kLayer, address, kCount); }, [&] { peers.destination->Empty(); });
 }
 
 void BenchVerdictConnect(benchmark::State& state, const BenchPeers& peers) {
@@ -53,9 +53,9 @@ void BenchVerdictConnect(benchmark::State& state, const BenchPeers& peers) {
         state, kCount,
         [&] {
             for (int i = 0; i < kCount; ++i)
-                KernelConnectWithVerdict(peers.verdictPort, peers.sinkPort);
+                KernelConnectWithVerdict(peers.verdictPort, peers.destination->Port());
         },
-        [&] { ConnectAndClose(Through::kLayer, address, kCount); });
+        [&] { ConnectAndClose(Through::kLayer, address, kCount); }, [&] { peers.destination->Empty(); });
 }
 
 void BenchVerdictBesideDirect(benchmark::State& state, const BenchPeers& peers) {
@@ -65,9 +65,9 @@ void BenchVerdictBesideDirect(benchmark::State& state, const BenchPeers& peers) 
         state, kCount,
         [&] {
             for (int i = 0; i < kCount; ++i)
-                KernelConnectAndClose(peers.sinkPort);
+                KernelConnectAndClose(peers.destination->Port());
         },
-        [&] { ConnectAndClose(Through::kLayer, address, kCount); });
+        [&] { ConnectAndClose(Through::kLayer, address, kCount); }, [&] { peers.destination->Empty(); });
 }
 
 }  // namespace
@@ -79,7 +79,7 @@ void RegisterRatioBenchmarks(const BenchPeers& peers) {
             ->Unit(benchmark::kMillisecond);
     };
     add("ratio/ping_pong_64_bytes_layer_to_base", BenchPingPong, 31);
-    add("ratio/unasked_connect_layer_to_base", BenchUnaskedConnect, 15);
-    add("ratio/verdict_connect_to_same_system_calls", BenchVerdictConnect, 15);
-    add("ratio/verdict_connect_to_direct_connect", BenchVerdictBesideDirect, 15);
+    add("ratio/unasked_connect_layer_to_base", BenchUnaskedConnect, 31);
+    add("ratio/verdict_connect_to_same_system_calls", BenchVerdictConnect, 31);
+    add("ratio/verdict_connect_to_direct_connect", BenchVerdictBesideDirect, 31);
 }
