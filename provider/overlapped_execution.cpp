@@ -56,20 +56,6 @@ int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, 
     return lowerResult;
 }
 
-/// Keeps a record readable after the lower call was made: its completion may overtake us.
-class RecordHold {
-  public:
-    explicit RecordHold(OverlappedOperation* operation) : operation_(operation) {
-        InterlockedIncrement(&operation->Holds);
-    }
-    ~RecordHold() { ReleaseOverlappedRecord(operation_); }
-    RecordHold(const RecordHold&) = delete;
-    RecordHold& operator=(const RecordHold&) = delete;
-
-  private:
-    OverlappedOperation* operation_;
-};
-
 int Receive(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
     if (context->Blocked) return BlockErrorOf(context);
     const RecordHold hold(operation);

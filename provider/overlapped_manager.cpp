@@ -38,6 +38,20 @@ HANDLE EventOf(const WSAOVERLAPPED* overlapped) {
     return reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1});
 }
 
+/// Lets a record be completed once, by its packet or by the thread that made the lower call.
+void AwaitEnd(OverlappedOperation* operation, bool skipsPackets) {
+    if (skipsPackets) operation->ProviderOverlapped.Internal = kOperationInProgress;
+    InterlockedExchange(&operation->EndAwaited, TRUE);
+}
+
+/// Whether the worker that has the packet is to complete the request. Not every system keeps its promise to
+/// queue no packet for what ended inside the call, or failed there: one that comes nevertheless finds its
+/// record free, or under way again for another request.
+bool TakeEnd(LPWSAOVERLAPPED overlapped) {
+    if (__atomic_load_n(&overlapped->Internal, __ATOMIC_ACQUIRE) == kOperationInProgress) return false;
+    return InterlockedExchange(&OperationOf(overlapped)->EndAwaited, FALSE) != FALSE;
+}
+
 DWORD WINAPI PortWorker(LPVOID argument) {
     const HANDLE port = argument;
     for (;;) {
@@ -51,7 +65,7 @@ DWORD WINAPI PortWorker(LPVOID argument) {
             continue;
         }
         // The completion asks the lower provider for the real result.
-        CompleteOverlappedOperation(WSA_IO_PENDING, bytes, overlapped, 0);
+        if (TakeEnd(overlapped)) CompleteOverlappedOperation(WSA_IO_PENDING, bytes, overlapped, 0);
     }
 }
 
@@ -318,6 +332,21 @@ int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context)
     return result == WSA_IO_PENDING ? 0 : result;
 }
 
+/// Makes the lower call; the completion arrives through the port, unless the request ends here.
+int ExecuteAbovePort(OverlappedOperation* operation, SocketContext* context, bool skipsPackets) {
+    AwaitEnd(operation, skipsPackets);
+    const RecordHold hold(operation);
+    const int result = CallLowerOverlapped(operation, context, CompletionNotice());
+    if (result == WSA_IO_PENDING || (result == 0 && !skipsPackets)) return WSA_IO_PENDING;
+    if (InterlockedExchange(&operation->EndAwaited, FALSE) == FALSE) return WSA_IO_PENDING;
+    if (result == 0) {
+        CompleteOverlappedOperation(WSA_IO_PENDING, 0, &operation->ProviderOverlapped, 0);
+        return WSA_IO_PENDING;
+    }
+    FailOverlappedOperation(operation, context, result);
+    return result;
+}
+
 }  // namespace
 
 int StartOverlappedManager() {
@@ -414,13 +443,5 @@ int QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* cont
         return WSAEFAULT;
     }
     if (association == Association::kImpossible) return ExecuteSynchronously(operation, context);
-    const int result = CallLowerOverlapped(operation, context, CompletionNotice());
-    if (result == 0 && association == Association::kMadeForLaterEnds) {
-        CompleteOverlappedOperation(WSA_IO_PENDING, 0, &operation->ProviderOverlapped, 0);
-        return WSA_IO_PENDING;
-    }
-    // Its completion arrives through the port, also when the lower call has succeeded already.
-    if (result == 0 || result == WSA_IO_PENDING) return WSA_IO_PENDING;
-    FailOverlappedOperation(operation, context, result);
-    return result;
+    return ExecuteAbovePort(operation, context, association == Association::kMadeForLaterEnds);
 }

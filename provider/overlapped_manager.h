@@ -132,6 +132,7 @@ struct OverlappedOperation {
     BOOL OwnsBuffers;                  ///< Transfer.Buffers is a copy in the private heap
     volatile LONG Holds;               ///< who may still look at the record
     volatile LONG RefusedWith;         ///< not 0: the error to report whatever the lower provider says
+    volatile LONG EndAwaited;          ///< above the port: who exchanges it for FALSE ends the request
 };
 
 /// Starts the workers. 0, or WSASYSCALLFAILURE.

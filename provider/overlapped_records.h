@@ -30,3 +30,17 @@ inline OverlappedOperation* OperationOf(LPWSAOVERLAPPED providerOverlapped) {
                   "the lower provider's structure comes first");
     return reinterpret_cast<OverlappedOperation*>(providerOverlapped);
 }
+
+/// Keeps a record readable after the lower call was made: its completion may overtake us.
+class RecordHold {
+  public:
+    explicit RecordHold(OverlappedOperation* operation) : operation_(operation) {
+        InterlockedIncrement(&operation->Holds);
+    }
+    ~RecordHold() { ReleaseOverlappedRecord(operation_); }
+    RecordHold(const RecordHold&) = delete;
+    RecordHold& operator=(const RecordHold&) = delete;
+
+  private:
+    OverlappedOperation* operation_;
+};
