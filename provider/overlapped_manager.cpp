@@ -38,18 +38,33 @@ HANDLE EventOf(const WSAOVERLAPPED* overlapped) {
     return reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1});
 }
 
-/// Lets a record be completed once, by its packet or by the thread that made the lower call.
-void AwaitEnd(OverlappedOperation* operation, bool skipsPackets) {
-    if (skipsPackets) operation->ProviderOverlapped.Internal = kOperationInProgress;
-    InterlockedExchange(&operation->EndAwaited, TRUE);
+LONG NumberAfter(LONG number) {
+    return static_cast<LONG>(static_cast<ULONG>(number) + 1);
+}
+
+/// Lets a record be completed once, by its packet or by the thread that made the lower call. The number to
+/// claim its end with.
+LONG AwaitEnd(OverlappedOperation* operation, bool skipsPackets) {
+    if (skipsPackets)
+        __atomic_store_n(&operation->ProviderOverlapped.Internal, kOperationInProgress, __ATOMIC_RELAXED);
+    const LONG end = NumberAfter(operation->AwaitedEnd) | 1;
+    InterlockedExchange(&operation->AwaitedEnd, end);
+    return end;
+}
+
+/// True for one caller: it completes the request.
+bool ClaimEnd(OverlappedOperation* operation, LONG end) {
+    return InterlockedCompareExchange(&operation->AwaitedEnd, NumberAfter(end), end) == end;
 }
 
 /// Whether the worker that has the packet is to complete the request. Not every system keeps its promise to
 /// queue no packet for what ended inside the call, or failed there: one that comes nevertheless finds its
 /// record free, or under way again for another request.
-bool TakeEnd(LPWSAOVERLAPPED overlapped) {
-    if (__atomic_load_n(&overlapped->Internal, __ATOMIC_ACQUIRE) == kOperationInProgress) return false;
-    return InterlockedExchange(&OperationOf(overlapped)->EndAwaited, FALSE) != FALSE;
+bool ClaimEndByPacket(LPWSAOVERLAPPED overlapped) {
+    OverlappedOperation* const operation = OperationOf(overlapped);
+    // In this order: a request that this end belongs to was marked as in progress before.
+    const LONG end = __atomic_load_n(&operation->AwaitedEnd, __ATOMIC_ACQUIRE);
+    return (end & 1) != 0 && !IsOverlappedInProgress(overlapped) && ClaimEnd(operation, end);
 }
 
 DWORD WINAPI PortWorker(LPVOID argument) {
@@ -65,7 +80,7 @@ DWORD WINAPI PortWorker(LPVOID argument) {
             continue;
         }
         // The completion asks the lower provider for the real result.
-        if (TakeEnd(overlapped)) CompleteOverlappedOperation(WSA_IO_PENDING, bytes, overlapped, 0);
+        if (ClaimEndByPacket(overlapped)) CompleteOverlappedOperation(WSA_IO_PENDING, bytes, overlapped, 0);
     }
 }
 
@@ -334,11 +349,11 @@ int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context)
 
 /// Makes the lower call; the completion arrives through the port, unless the request ends here.
 int ExecuteAbovePort(OverlappedOperation* operation, SocketContext* context, bool skipsPackets) {
-    AwaitEnd(operation, skipsPackets);
+    const LONG end = AwaitEnd(operation, skipsPackets);
     const RecordHold hold(operation);
     const int result = CallLowerOverlapped(operation, context, CompletionNotice());
     if (result == WSA_IO_PENDING || (result == 0 && !skipsPackets)) return WSA_IO_PENDING;
-    if (InterlockedExchange(&operation->EndAwaited, FALSE) == FALSE) return WSA_IO_PENDING;
+    if (!ClaimEnd(operation, end)) return WSA_IO_PENDING;
     if (result == 0) {
         CompleteOverlappedOperation(WSA_IO_PENDING, 0, &operation->ProviderOverlapped, 0);
         return WSA_IO_PENDING;

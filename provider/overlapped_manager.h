@@ -100,7 +100,8 @@ struct WsaRecvMsgArguments {
     DWORD BytesReceived;
 };
 
-/// One overlapped request. Zero-filled when taken; given back when its completion has been reported.
+/// One overlapped request. Zero-filled when taken, but for AwaitedEnd; given back when its completion has
+/// been reported.
 struct OverlappedOperation {
     WSAOVERLAPPED ProviderOverlapped;  ///< given to the lower provider; the record is found from its address
     LspEntry* Provider;
@@ -132,7 +133,10 @@ struct OverlappedOperation {
     BOOL OwnsBuffers;                  ///< Transfer.Buffers is a copy in the private heap
     volatile LONG Holds;               ///< who may still look at the record
     volatile LONG RefusedWith;         ///< not 0: the error to report whatever the lower provider says
-    volatile LONG EndAwaited;          ///< above the port: who exchanges it for FALSE ends the request
+    /// Above the port: odd while the request's end is awaited; who makes it even ends the request. It counts
+    /// on through all uses of the record, so that a late packet cannot end the request of a later use. The
+    /// last field: what comes before it is cleared with the record.
+    volatile LONG AwaitedEnd;
 };
 
 /// Starts the workers. 0, or WSASYSCALLFAILURE.

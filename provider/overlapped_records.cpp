@@ -1,5 +1,6 @@
 #include "provider/overlapped_records.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "provider/catalog.h"
@@ -35,6 +36,14 @@ OverlappedOperation* LastPending QX_GUARDED_BY(OverlappedLock) = nullptr;
 
 bool OwnsBuffers(const OverlappedOperation* operation) {
     return operation->OwnsBuffers && operation->Transfer.Buffers != nullptr;
+}
+
+/// What a worker with a late packet may read meanwhile is kept (AwaitedEnd) or written as one word.
+void ClearRecord(OverlappedOperation* operation) {
+    constexpr std::size_t kAfterState = offsetof(OverlappedOperation, ProviderOverlapped.InternalHigh);
+    constexpr std::size_t kAwaitedEnd = offsetof(OverlappedOperation, AwaitedEnd);
+    __atomic_store_n(&operation->ProviderOverlapped.Internal, 0, __ATOMIC_RELAXED);
+    std::memset(reinterpret_cast<char*>(operation) + kAfterState, 0, kAwaitedEnd - kAfterState);
 }
 
 }  // namespace
@@ -73,7 +82,7 @@ void ReleaseOverlappedRecord(OverlappedOperation* operation) {
         const Locker lock(OverlappedLock);
         RecordsInUse.Remove(operation);
         if (heap == PrivateHeap) {
-            std::memset(static_cast<void*>(operation), 0, sizeof(*operation));
+            ClearRecord(operation);
             operation->Link.Next = FreeRecords;
             FreeRecords = operation;
         }

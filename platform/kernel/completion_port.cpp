@@ -201,6 +201,7 @@ BOOL GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVE
 BOOL SetFileCompletionNotificationModes(HANDLE file, UCHAR flags) {
     PlatformCall call("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION);
     if (call.Fails()) return FALSE;
+    if (call.IsIgnored()) return TRUE;
     if ((flags & ~(FILE_SKIP_COMPLETION_PORT_ON_SUCCESS | FILE_SKIP_SET_EVENT_ON_HANDLE)) != 0)
         return Fail(ERROR_INVALID_PARAMETER);
     const std::shared_ptr<FileObject> object = FileObject::From(platform::ReferenceHandle(file));

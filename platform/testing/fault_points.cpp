@@ -118,6 +118,9 @@ void PlatformCall::Count(const char* name, DWORD defaultError) {
         case FaultKind::kShortCount:
             limit_ = fault.value;
             break;
+        case FaultKind::kIgnored:
+            ignored_ = true;
+            break;
         case FaultKind::kException:
             // The exception leaves without the scope's destructor.
             --CurrentThreadState().callDepth;

@@ -28,6 +28,7 @@ enum class FaultKind {
     kError,       // the call fails
     kShortCount,  // the call transfers at most `value` bytes, where it transfers any; elsewhere it goes on
     kException,   // the call raises the structured exception `value`
+    kIgnored,     // the call reports success and does nothing, where that is possible; elsewhere it goes on
 };
 
 /// One armed fault: the `nth` counted call of `function` (of any function when empty), from ArmFault on,
@@ -113,6 +114,9 @@ class PlatformCall {
     bool Faulted() const { return fails_; }
     DWORD error() const { return error_; }
 
+    /// True when the call is to report success and do nothing.
+    bool IsIgnored() const { return ignored_; }
+
     /// `bytes`, or less when a short count is armed for this call.
     DWORD LimitCount(DWORD bytes) const { return bytes < limit_ ? bytes : limit_; }
 
@@ -121,6 +125,7 @@ class PlatformCall {
 
     const PlatformScope scope_;
     bool fails_ = false;
+    bool ignored_ = false;
     DWORD error_ = 0;
     DWORD limit_ = 0xFFFFFFFF;
 };

@@ -77,7 +77,6 @@ QX_POINT(ResetEvent, ERROR_INVALID_HANDLE)
 QX_POINT(DuplicateHandle, ERROR_INVALID_HANDLE)
 QX_POINT(QueueUserAPC, ERROR_NOT_ENOUGH_MEMORY)
 QX_POINT(CancelIoEx, ERROR_NOT_FOUND)
-QX_POINT(SetFileCompletionNotificationModes, ERROR_INVALID_FUNCTION)
 
 QX_TRACKED(CreateEventA, ERROR_NOT_ENOUGH_MEMORY,
            (LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCSTR name),
@@ -127,6 +126,12 @@ BOOL WINAPI TakePacket(HANDLE port, LPDWORD bytes, PULONG_PTR key, LPOVERLAPPED*
     PlatformCall call("GetQueuedCompletionStatus", ERROR_INVALID_HANDLE);
     if (call.Fails()) return FALSE;
     return winsock_host::HostGetQueuedCompletionStatus(port, bytes, key, overlapped, milliseconds);
+}
+
+BOOL WINAPI SetNotificationModes(HANDLE file, UCHAR flags) {
+    PlatformCall call("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION);
+    if (call.Fails()) return FALSE;
+    return call.IsIgnored() ? TRUE : SetFileCompletionNotificationModes(file, flags);
 }
 
 DWORD WINAPI AllocateTls() {
@@ -216,7 +221,7 @@ std::vector<Route> KnobRoutes(bool waits) {
         {"kernel32.dll", "TlsAlloc", Address(AllocateTls)},
         At<TerminateThreadPoint>(),
         At<CancelIoExPoint>(),
-        At<SetFileCompletionNotificationModesPoint>(),
+        {"kernel32.dll", "SetFileCompletionNotificationModes", Address(SetNotificationModes)},
         {"kernel32.dll", "WaitForSingleObject", Address(WaitForOne)},
         {"kernel32.dll", "Sleep", Address(SleepAwhile)},
         // The Winsock routes came first: these slots lead to the host by now.

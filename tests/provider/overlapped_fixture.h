@@ -18,10 +18,11 @@
 #include "tests/support/layer_fixture.h"
 #include "tests/support/loopback_stream.h"
 
-/// How the layer carries requests out: above its completion port, past which what succeeds at once goes or
-/// (kEveryPacket) not; with a worker that waits alertably because there is no port; or inside the call
-/// because somebody else's port has the lower socket.
-enum class Mode { kCompletionPort, kEveryPacket, kAlertable, kSynchronous };
+/// How the layer carries requests out: above its completion port, past which what succeeds at once goes, or
+/// (kEveryPacket) not, or goes although a packet comes that must not (kStrayPackets); with a worker that
+/// waits alertably because there is no port; or inside the call because somebody else's port has the lower
+/// socket.
+enum class Mode { kCompletionPort, kEveryPacket, kStrayPackets, kAlertable, kSynchronous };
 
 /// A peer that sends back what it gets, on every connection, until it is destroyed.
 class EchoPeer {
@@ -103,6 +104,16 @@ inline void StartLayerIn(Mode mode) {
     platform::DisarmFaults();
 }
 
+/// Has the system promise from now on to queue no packet for what succeeds at once, and queue it all the
+/// same.
+inline void QueueStrayPackets() {
+    platform::Fault fault;
+    fault.function = "SetFileCompletionNotificationModes";
+    fault.kind = platform::FaultKind::kIgnored;
+    fault.repeat = true;
+    platform::ArmFault(fault);
+}
+
 class OverlappedTest : public LayerFixture, public ::testing::WithParamInterface<Mode> {
   protected:
     void SetUp() override {
@@ -161,6 +172,8 @@ inline std::string NameOf(Mode mode) {
             return "CompletionPort";
         case Mode::kEveryPacket:
             return "EveryPacket";
+        case Mode::kStrayPackets:
+            return "StrayPackets";
         case Mode::kAlertable:
             return "Alertable";
         case Mode::kSynchronous:

@@ -249,6 +249,7 @@ class OverlappedOperations : public LayerFixture, public ::testing::WithParamInt
         if (IsSynchronous()) FailCall("CreateIoCompletionPort", ERROR_INVALID_PARAMETER, true);
         if (GetParam() == Mode::kEveryPacket)
             FailCall("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION, true);
+        if (GetParam() == Mode::kStrayPackets) QueueStrayPackets();
     }
 
     /// Takes the one telling of the stage's request, and its error.
@@ -267,8 +268,8 @@ class OverlappedOperations : public LayerFixture, public ::testing::WithParamInt
 };
 
 INSTANTIATE_TEST_SUITE_P(Modes, OverlappedOperations,
-                         ::testing::Values(Mode::kCompletionPort, Mode::kEveryPacket, Mode::kAlertable,
-                                           Mode::kSynchronous),
+                         ::testing::Values(Mode::kCompletionPort, Mode::kEveryPacket, Mode::kStrayPackets,
+                                           Mode::kAlertable, Mode::kSynchronous),
                          [](const auto& mode) { return NameOf(mode.param); });
 
 TEST_P(OverlappedOperations, WhatSucceedsAtOnceIsToldOnce) {
