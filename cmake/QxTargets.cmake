@@ -36,6 +36,8 @@ else()
   # Modules are loaded and unloaded by name while the program runs; unique symbols would pin them for ever.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-fno-gnu-unique)
+    # Nobody replaces a function of a module, as nobody can on the target.
+    add_compile_options(-fno-semantic-interposition -fno-plt)
   endif()
 endif()
 

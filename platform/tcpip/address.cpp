@@ -1,13 +1,13 @@
-// Addresses are copied byte by byte, since a caller's address may lie anywhere. The text forms are read and
-// written here rather than by libc, which would accept and produce forms that Windows does not.
+// Addresses are copied byte by byte, since a caller's address may lie anywhere.
 #include "platform/tcpip/address.h"
 
 #include <ws2tcpip.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string>
+
+#include "platform/winsock/numeric_address.h"
 
 namespace tcpip {
 namespace {
@@ -31,114 +31,24 @@ long ParseNumber(const char** text, long maximum) {
     return value;
 }
 
-bool ParseV4(const char** text, std::uint8_t* bytes) {
-    for (int i = 0; i < 4; ++i) {
-        if (i > 0 && *(*text)++ != '.') return false;
-        const long byte = ParseNumber(text, 255);
-        if (byte < 0) return false;
-        bytes[i] = static_cast<std::uint8_t>(byte);
-    }
+in6_addr AddressOf(const Endpoint& endpoint) {
+    in6_addr address;
+    std::memcpy(&address, endpoint.address.data(), sizeof(address));
+    return address;
+}
+
+/// The address alone, which ends at the first of the characters `behind`; `*text` is moved there.
+bool ParseHost(const char** text, const char* behind, Endpoint* endpoint) {
+    const std::string host(*text, std::strcspn(*text, behind));
+    *text += host.size();
+    in6_addr v6;
+    in_addr v4;
+    const bool parsed = endpoint->v6 ? winsock_host::ParseIpv6(host.c_str(), &v6)
+                                     : winsock_host::ParseIpv4(host.c_str(), &v4);
+    if (!parsed) return false;
+    std::memcpy(endpoint->address.data(), endpoint->v6 ? static_cast<const void*>(&v6) : &v4,
+                endpoint->v6 ? sizeof(v6) : sizeof(v4));
     return true;
-}
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-/// Eight groups of hexadecimal digits, one run of zero groups left out as "::", the last two perhaps as an
-/// IPv4 address. `*text` is moved to the first character that cannot belong to it.
-bool ParseV6(const char** text, std::uint8_t* bytes) {
-    std::uint8_t found[16] = {};
-    int count = 0;
-    int gap = -1;
-    const char* at = *text;
-    if (at[0] == ':' && at[1] == ':') {
-        gap = 0;
-        at += 2;
-    }
-    while (count < 16 && HexDigit(*at) >= 0) {
-        const char* group = at;
-        unsigned value = 0;
-        for (; HexDigit(*at) >= 0; ++at) {
-            if (at - group == 4) return false;
-            value = value << 4 | static_cast<unsigned>(HexDigit(*at));
-        }
-        if (*at == '.') {
-            if (count > 12 || !ParseV4(&(at = group), found + count)) return false;
-            count += 4;
-            break;
-        }
-        found[count++] = static_cast<std::uint8_t>(value >> 8);
-        found[count++] = static_cast<std::uint8_t>(value);
-        if (at[0] == ':' && at[1] == ':') {
-            if (gap >= 0) return false;
-            gap = count;
-            at += 2;
-        } else if (at[0] == ':' && HexDigit(at[1]) >= 0) {
-            ++at;
-        } else {
-            break;
-        }
-    }
-    if (gap < 0 ? count != 16 : count > 14) return false;
-    std::memset(bytes, 0, 16);
-    const int before = gap < 0 ? 16 : gap;
-    std::memcpy(bytes, found, static_cast<std::size_t>(before));
-    std::memcpy(bytes + 16 - (count - before), found + before,
-                static_cast<std::size_t>(std::max(count - before, 0)));
-    *text = at;
-    return true;
-}
-
-/// Whether Windows writes the last 32 bits as an IPv4 address: those that are compatible with one, mapped or
-/// translated from one, or lead to one through a tunnel.
-bool EndsInV4(const unsigned* groups) {
-    if (groups[5] == 0x5EFE && (groups[4] & ~0x200u) == 0) return true;
-    if ((groups[0] | groups[1] | groups[2] | groups[3]) != 0 || groups[6] == 0) return false;
-    if (groups[4] == 0) return groups[5] == 0 || groups[5] == 0xFFFF;
-    return groups[4] == 0xFFFF && groups[5] == 0;
-}
-
-int FormatV6(const Endpoint& endpoint, char* text, std::size_t size) {
-    unsigned groups[8];
-    for (std::size_t i = 0; i < 8; ++i)
-        groups[i] = endpoint.address[2 * i] * 256u + endpoint.address[2 * i + 1];
-    const int count = EndsInV4(groups) ? 6 : 8;
-    // The longest run of at least two zero groups, the first of equals, is left out.
-    int gapStart = -1, gapLength = 1;
-    for (int i = 0; i < count;) {
-        int end = i;
-        while (end < count && groups[end] == 0)
-            ++end;
-        if (end - i > gapLength) {
-            gapStart = i;
-            gapLength = end - i;
-        }
-        i = std::max(end, i + 1);
-    }
-    int length = 0;
-    const auto room = [&] { return size - static_cast<std::size_t>(length); };
-    const auto separator = [&](int i) {
-        return i > 0 && (gapStart < 0 || i != gapStart + gapLength) ? ":" : "";
-    };
-    for (int i = 0; i < count;) {
-        if (i == gapStart) {
-            length += std::snprintf(text + length, room(), "::");
-            i += gapLength;
-            continue;
-        }
-        length += std::snprintf(text + length, room(), "%s%x", separator(i), groups[i]);
-        ++i;
-    }
-    if (count == 6) {
-        const std::uint8_t* v4 = endpoint.address.data() + 12;
-        length +=
-            std::snprintf(text + length, room(), "%s%u.%u.%u.%u", separator(6), v4[0], v4[1], v4[2], v4[3]);
-    }
-    return length;
 }
 
 }  // namespace
@@ -201,7 +111,7 @@ unsigned FormatAddress(const Endpoint& endpoint, char* text) {
     }
     int length = 0;
     if (port != 0) text[length++] = '[';
-    length += FormatV6(endpoint, text + length, 48);
+    length += std::snprintf(text + length, 48, "%s", winsock_host::FormatIpv6(AddressOf(endpoint)).c_str());
     if (endpoint.scopeId != 0) length += std::snprintf(text + length, 12, "%%%u", endpoint.scopeId);
     if (port != 0) length += std::snprintf(text + length, 8, "]:%u", port);
     return static_cast<unsigned>(length);
@@ -213,7 +123,7 @@ bool ParseAddress(const char* text, bool v6, Endpoint* endpoint) {
     if (v6) {
         const bool bracketed = *text == '[';
         if (bracketed) ++text;
-        if (!ParseV6(&text, parsed.address.data())) return false;
+        if (!ParseHost(&text, "%]", &parsed)) return false;
         if (*text == '%') {
             const long scope = ParseNumber(&++text, 0x7FFFFFFF);
             if (scope < 0) return false;
@@ -221,7 +131,7 @@ bool ParseAddress(const char* text, bool v6, Endpoint* endpoint) {
         }
         if (bracketed && *text++ != ']') return false;
         portMayFollow = bracketed;
-    } else if (!ParseV4(&text, parsed.address.data())) {
+    } else if (!ParseHost(&text, ":", &parsed)) {
         return false;
     }
     if (portMayFollow && *text == ':') {

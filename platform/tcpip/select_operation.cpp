@@ -145,7 +145,10 @@ bool Selection::TakeEntries() {
             if (now == State::Failed) watched.ready |= kInExcept;
         } else {
             const unsigned failed = kernel::kError | kernel::kHangUp;
-            if ((got & (kernel::kReadable | failed)) != 0) watched.ready |= kInRead;
+            if ((got & (kernel::kReadable | failed)) != 0) {
+                watched.ready |= kInRead;
+                watched.socket->likelyReadable.store(true, std::memory_order_relaxed);
+            }
             if ((got & (kernel::kWritable | failed)) != 0) watched.ready |= kInWrite;
             if ((got & kernel::kPriority) != 0) watched.ready |= kInExcept;
         }

@@ -81,7 +81,7 @@ class Socket final : public platform::FileObject {
     std::atomic<bool> bound{false};
     std::atomic<bool> sendShut{false};
     std::atomic<bool> receiveShut{false};
-    std::atomic<bool> likelyReadable{false};  // the last receive filled its buffer
+    std::atomic<bool> likelyReadable{false};  // the last receive filled its buffer, or select found bytes
     std::atomic<bool> resetPending{false};    // datagrams: the next receive reports an unreachable peer
     std::atomic<bool> hasRoutes{false};       // `routes` is not empty
     std::atomic<DWORD> sendTimeout{0};        // copies of the options

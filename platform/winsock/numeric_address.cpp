@@ -132,8 +132,7 @@ std::string FormatIpv4(const in_addr& address) {
 
 namespace {
 
-/// Whether the last four bytes are an IPv4 address: mapped, translated, compatible, or those of an automatic
-/// tunnel.
+/// Whether the last four bytes are an IPv4 address.
 bool EndsInIpv4(const unsigned (&groups)[8]) {
     if ((groups[4] & ~0x200u) == 0 && groups[5] == 0x5efe) return true;
     if ((groups[0] | groups[1] | groups[2] | groups[3]) != 0 || groups[6] == 0) return false;

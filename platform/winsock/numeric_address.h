@@ -1,4 +1,5 @@
-// Numeric addresses as text and back, both families. No state.
+// Numeric addresses as text and back, both families; the base provider uses them too. Not by libc, which
+// would accept and produce forms that Windows does not. No state.
 #pragma once
 
 #include <winsock2.h>
@@ -21,7 +22,8 @@ bool ParseIpv6(const char* text, in6_addr* address);
 
 std::string FormatIpv4(const in_addr& address);
 
-/// The shortest form: lower case, the first longest run of two or more zero groups as "::".
+/// The shortest form: lower case, the first longest run of two or more zero groups as "::", the last 32 bits
+/// as an IPv4 address where they are one (compatible, mapped, translated, or led to through a tunnel).
 std::string FormatIpv6(const in6_addr& address);
 
 }  // namespace winsock_host
