@@ -109,8 +109,12 @@ TEST_P(ConnectExVerdict, RedirectedConnectionsGoWhereTheyAreSent) {
     closesocket(s);
 }
 
-TEST_P(ConnectExVerdict, PendingAndRefusedConnectsEndAsWindowsEndsThem) {
-    if (GetParam() == Mode::kSynchronous) GTEST_SKIP() << "the call waits";
+class ConnectExLater : public ConnectExVerdict {};
+
+INSTANTIATE_TEST_SUITE_P(Modes, ConnectExLater, ::testing::Values(Mode::kCompletionPort, Mode::kAlertable),
+                         [](const auto& mode) { return NameOf(mode.param); });
+
+TEST_P(ConnectExLater, PendingAndRefusedConnectsEndAsWindowsEndsThem) {
     const ClosedPort closed;
     EventRequest refused;
     const SOCKET toNobody = BoundSocket();
