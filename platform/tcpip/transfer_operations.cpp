@@ -123,12 +123,9 @@ BOOL WSPAPI TcpipGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWO
                         [&](PlatformCall&, BOOL* result) {
                             if (overlapped == nullptr || transferred == nullptr || flags == nullptr)
                                 return WSAEFAULT;
-                            *result = TRUE;
-                            // A finished request is told after the socket's close, too. A socket is not kept
-                            // open for the wait: its close ends the request, and with it the wait.
-                            const int error = OverlappedResult(overlapped, false, transferred, flags);
-                            if (error != WSA_IO_INCOMPLETE) return error;
+                            // Not kept open for the wait: its close ends the request, and with it the wait.
                             if (!SocketUse(s)) return WSAENOTSOCK;
+                            *result = TRUE;
                             return OverlappedResult(overlapped, wait != FALSE, transferred, flags);
                         });
 }
