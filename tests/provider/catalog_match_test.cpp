@@ -63,7 +63,7 @@ class CatalogMatch : public ::testing::Test {
         return entry != nullptr ? static_cast<int>(entry - entries_) : -1;
     }
 
-    LspEntry entries_[2];
+    LspEntry entries_[2] = {};  // zero-filled, as the records of a catalog are
 };
 
 TEST_F(CatalogMatch, EachPassComesBeforeTheNext) {
