@@ -47,7 +47,7 @@ LONG NumberAfter(LONG number) {
 LONG AwaitEnd(OverlappedOperation* operation, bool skipsPackets) {
     if (skipsPackets)
         __atomic_store_n(&operation->ProviderOverlapped.Internal, kOperationInProgress, __ATOMIC_RELAXED);
-    const LONG end = NumberAfter(operation->AwaitedEnd) | 1;
+    const LONG end = NumberAfter(__atomic_load_n(&operation->AwaitedEnd, __ATOMIC_RELAXED)) | 1;
     InterlockedExchange(&operation->AwaitedEnd, end);
     return end;
 }
