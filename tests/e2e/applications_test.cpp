@@ -87,7 +87,8 @@ TEST(DemoTest, InterruptedDemoEndsItsProcessesAndCleansUp) {
         const pid_t application = std::stoi(line->substr(8));
         demo.RequestStop();
         EXPECT_EQ(demo.Wait(After(kLimit)), 130);
-        EXPECT_TRUE(fs::is_empty(temporary));
+        for (const fs::directory_entry& left : fs::recursive_directory_iterator(temporary))
+            ADD_FAILURE() << left.path() << " is left";
         EXPECT_EQ(kill(application, 0), -1);
         EXPECT_EQ(errno, ESRCH);
     }

@@ -38,8 +38,6 @@ enum class Documented {
 
     // Wine: a call that a close overtook fails and queues a packet, too.
     kRefusedCallsQueueNoPacket,
-    // 10038 for WSAGetOverlappedResult on a closed socket. Wine tells the request's result.
-    kResultsNeedTheirSocket,
     // 10057 before SO_UPDATE_ACCEPT_CONTEXT and SO_UPDATE_CONNECT_CONTEXT. Wine: works.
     kContextsAreMissing,
     // Options that were set before AcceptEx. Wine: back at their defaults.

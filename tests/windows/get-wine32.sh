@@ -11,7 +11,18 @@ root=${WINE32:-/opt/wine32}
 linker=$root/ld.so
 # The loaders hold the path "/lib/ld-linux.so.2"; ours must fit into its place.
 [ ${#linker} -le 18 ] || { echo "$0: $linker must not be longer than 18 characters" >&2; exit 1; }
-[ -x "$root/run" ] && exit 0
+
+write_runner() {
+    sed "s#@ROOT@#$root#" "$(dirname "$0")/run-wine32.sh" >"$root/run.new"
+    chmod 755 "$root/run.new"
+    mv "$root/run.new" "$root/run"
+}
+
+# It is the last thing that is written, so the rest is there.
+if [ -x "$root/run" ]; then
+    write_runner
+    exit 0
+fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -52,6 +63,4 @@ if [ -e "$zlib" ]; then
     } >"$root/usr/lib/i386-linux-gnu/wine/i386-windows/zlib1.dll"
 fi
 
-sed "s#@ROOT@#$root#" "$(dirname "$0")/run-wine32.sh" >"$root/run.new"
-chmod 755 "$root/run.new"
-mv "$root/run.new" "$root/run"
+write_runner

@@ -7,6 +7,8 @@ export WINEDLLPATH=$root/usr/lib/i386-linux-gnu/wine
 export WINELOADER=$root/usr/lib/wine/wine WINESERVER=$root/usr/lib/wine/wineserver32
 export WINEPREFIX=${WINEPREFIX:-$HOME/.wine32} WINEARCH=win32 WINEDEBUG=${WINEDEBUG--all}
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES-mscoree,mshtml,winemenubuilder.exe=}
+# The server serves everybody's programs, so its socket must not lie in a folder of whoever happens to start it.
+export TMPDIR=/tmp
 
 # The server and Wine's services are started here with closed output: started by a test they would hold the pipe of
 # ctest open long after the test has ended.
