@@ -1,17 +1,9 @@
-// The module behind scripted_provider.h. One lock guards script and record; it is never held while a reply's
-// function, an upcall or a completion runs.
+// The module behind scripted_provider.h: every operation asks the script what to do.
 #include <algorithm>
 #include <array>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
-#include <iterator>
-#include <map>
-#include <mutex>
-#include <numeric>
 
-#include "tests/support/scripted_provider.h"
+#include "tests/support/provider_script.h"
 
 namespace {
 
@@ -19,235 +11,7 @@ using Op = ProviderOperation;
 using Record = ProviderCallRecord;
 using Reply = ProviderReply;
 
-std::string Bytes(const void* data, std::size_t size) {
-    return data == nullptr ? std::string() : std::string(static_cast<const char*>(data), size);
-}
-
-std::string Gather(LPWSABUF buffers, DWORD count) {
-    std::string all;
-    for (DWORD i = 0; buffers != nullptr && i < count; ++i)
-        all.append(buffers[i].buf, buffers[i].len);
-    return all;
-}
-
-// Copies as much as fits; the number of bytes copied.
-DWORD Scatter(const std::string& data, const std::vector<WSABUF>& buffers) {
-    std::size_t done = 0;
-    for (const WSABUF& buffer : buffers) {
-        const std::size_t part = std::min<std::size_t>(buffer.len, data.size() - done);
-        if (part > 0) std::memcpy(buffer.buf, data.data() + done, part);
-        done += part;
-    }
-    return static_cast<DWORD>(done);
-}
-
-std::vector<WSABUF> Copy(LPWSABUF buffers, DWORD count) {
-    return buffers == nullptr ? std::vector<WSABUF>() : std::vector<WSABUF>(buffers, buffers + count);
-}
-
-DWORD Room(const std::vector<WSABUF>& buffers) {
-    return std::accumulate(buffers.begin(), buffers.end(), DWORD{0}, [](DWORD sum, const WSABUF& buffer) {
-        return sum + static_cast<DWORD>(buffer.len);
-    });
-}
-
-// Writes a value with a length that comes in as room and goes out as size.
-template <class Length>
-void GiveBack(const std::string& value, void* out, Length* length) {
-    if (out == nullptr || length == nullptr) return;
-    const std::size_t size = std::min<std::size_t>(value.size(), static_cast<std::size_t>(*length));
-    if (size > 0) std::memcpy(out, value.data(), size);
-    *length = static_cast<Length>(value.size());
-}
-
-struct Pending {
-    SOCKET socket;
-    std::vector<WSABUF> buffers;
-};
-
-class Provider final : public ScriptedProvider {
-  public:
-    void Reset() override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        once_.clear();
-        always_.clear();
-        calls_.clear();
-        pending_.clear();
-        results_.clear();
-        startError_ = 0;
-        nullSlot_ = -1;
-        version_ = MAKEWORD(2, 2);
-        startups_ = cleanups_ = openSockets_ = 0;
-    }
-
-    void ScriptStartup(int error, int nullSlot, WORD version) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        startError_ = error;
-        nullSlot_ = nullSlot;
-        version_ = version;
-    }
-
-    void ReplyOnce(Op operation, Reply reply) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        once_[operation].push_back(std::move(reply));
-    }
-
-    void ReplyAlways(Op operation, Reply reply) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        always_[operation] = std::move(reply);
-    }
-
-    std::vector<Record> Calls() override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return calls_;
-    }
-
-    std::vector<Record> Calls(Op operation) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        std::vector<Record> some;
-        std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(some),
-                     [&](const Record& record) { return record.operation == operation; });
-        return some;
-    }
-
-    bool WaitForCalls(Op operation, std::size_t count) override {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const auto called = [&] {
-            return static_cast<std::size_t>(std::count_if(
-                       calls_.begin(), calls_.end(),
-                       [&](const Record& record) { return record.operation == operation; })) >= count;
-        };
-        return changed_.wait_for(lock, std::chrono::seconds(10), called);
-    }
-
-    bool Complete(LPWSAOVERLAPPED overlapped, int error, const std::string& data, DWORD bytes) override {
-        Pending request{};
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            const auto found = pending_.find(overlapped);
-            if (found == pending_.end()) return false;
-            request = found->second;
-            pending_.erase(found);
-        }
-        Finish(request, overlapped, error, data, bytes);
-        return true;
-    }
-
-    int Startups() override { return Read(startups_); }
-    int Cleanups() override { return Read(cleanups_); }
-    int OpenSockets() override { return Read(openSockets_); }
-    WSPUPCALLTABLE Upcalls() override { return Read(upcalls_); }
-    WSAPROTOCOL_INFOW StartupInfo() override { return Read(info_); }
-
-    /// Records the call, waits out its reply's function, and gives the reply.
-    Reply Answer(Record record) {
-        record.threadId = GetCurrentThreadId();
-        Reply reply;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            calls_.push_back(record);
-            changed_.notify_all();
-            std::deque<Reply>& waiting = once_[record.operation];
-            if (!waiting.empty()) {
-                reply = std::move(waiting.front());
-                waiting.pop_front();
-            } else if (always_.count(record.operation) != 0) {
-                reply = always_[record.operation];
-            }
-        }
-        if (reply.during) reply.during(record);
-        return reply;
-    }
-
-    /// The outcome of a request whose data, if any, is received into `buffers`: 0 or the error.
-    int Request(const Record& record, const Reply& reply, LPWSABUF buffers, DWORD count, DWORD bytes) {
-        if (reply.error != 0 || record.overlapped == nullptr) return reply.error;
-        const Pending request{record.socket, Copy(buffers, count)};
-        if (reply.pending) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            pending_[record.overlapped] = request;
-            record.overlapped->Internal = WSS_OPERATION_IN_PROGRESS;
-            return WSA_IO_PENDING;
-        }
-        Finish(request, record.overlapped, 0, reply.data, bytes);
-        return 0;
-    }
-
-    /// The outcome of a finished request; false while it is under way.
-    bool Result(LPWSAOVERLAPPED overlapped, int* error, DWORD* bytes) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (pending_.count(overlapped) != 0) return false;
-        const auto found = results_.find(overlapped);
-        *error = found == results_.end() ? 0 : found->second.error;
-        *bytes = found == results_.end() ? 0 : found->second.bytes;
-        return true;
-    }
-
-    SOCKET OpenSocket(LPINT error) {
-        const WSAPROTOCOL_INFOW info = StartupInfo();
-        const SOCKET s = Upcalls().lpWPUCreateSocketHandle(info.dwCatalogEntryId, 0, error);
-        if (s == INVALID_SOCKET) return s;
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++openSockets_;
-        return s;
-    }
-
-    int CloseSocket(SOCKET s, LPINT error) {
-        if (Upcalls().lpWPUCloseSocketHandle(s, error) != 0) return SOCKET_ERROR;
-        std::lock_guard<std::mutex> lock(mutex_);
-        --openSockets_;
-        return 0;
-    }
-
-    int Startup(LPWSPDATA data, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upcalls,
-                LPWSPPROC_TABLE table);
-
-    void CountCleanup() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ++cleanups_;
-    }
-
-  private:
-    struct Outcome {
-        int error;
-        DWORD bytes;
-    };
-
-    template <class Value>
-    Value Read(const Value& value) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return value;
-    }
-
-    void Finish(const Pending& request, LPWSAOVERLAPPED overlapped, int error, const std::string& data,
-                DWORD bytes) {
-        if (!data.empty()) bytes = Scatter(data, request.buffers);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            results_[overlapped] = {error, bytes};
-        }
-        int ignored = 0;
-        WPUCompleteOverlappedRequest(request.socket, overlapped, static_cast<DWORD>(error), bytes, &ignored);
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<Op, std::deque<Reply>> once_;
-    std::map<Op, Reply> always_;
-    std::vector<Record> calls_;
-    std::map<LPWSAOVERLAPPED, Pending> pending_;
-    std::map<LPWSAOVERLAPPED, Outcome> results_;
-    int startError_ = 0;
-    int nullSlot_ = -1;
-    WORD version_ = MAKEWORD(2, 2);
-    int startups_ = 0;
-    int cleanups_ = 0;
-    int openSockets_ = 0;
-    WSPUPCALLTABLE upcalls_{};
-    WSAPROTOCOL_INFOW info_{};
-};
-
-Provider TheProvider;
+ProviderScript TheProvider;
 
 Record OnSocket(Op operation, SOCKET s, DWORD value = 0) {
     Record record;
@@ -537,7 +301,7 @@ SOCKET WSPAPI Socket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW inf
     return MakesSocket(record, nullptr, nullptr, lpErrno);
 }
 
-// ---- Extension functions: a record and an outcome like the operations', their error in the thread's last
+// Extension functions: a record and an outcome like the operations', their error in the thread's last
 // error.
 
 BOOL Extension(const Record& record, DWORD bytes, LPDWORD transferred) {
@@ -641,24 +405,14 @@ int WSPAPI Ioctl(SOCKET s, DWORD code, LPVOID in, DWORD inLength, LPVOID out, DW
     return Conclude(reply, error, lpErrno);
 }
 
-int Provider::Startup(LPWSPDATA data, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upcalls,
-                      LPWSPPROC_TABLE table) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (startError_ != 0) return startError_;
-    upcalls_ = upcalls;
-    info_ = *info;
-    *data = {};
-    data->wVersion = version_;
-    data->wHighVersion = MAKEWORD(2, 2);
-    const char description[] = "scripted";
-    std::copy(std::begin(description), std::end(description), data->szDescription);
+void FillTable(LPWSPPROC_TABLE table) {
     *table = {Accept,
               AddressToString,
               AsyncSelect,
               Bind,
               CancelBlockingCall,
               Cleanup,
-              ::CloseSocket,
+              CloseSocket,
               Connect,
               DuplicateSocket,
               EnumNetworkEvents,
@@ -682,9 +436,6 @@ int Provider::Startup(LPWSPDATA data, LPWSAPROTOCOL_INFOW info, const WSPUPCALLT
               Shutdown,
               Socket,
               StringToAddress};
-    if (nullSlot_ >= 0) reinterpret_cast<void**>(table)[nullSlot_] = nullptr;
-    ++startups_;
-    return 0;
 }
 
 }  // namespace
@@ -693,7 +444,12 @@ extern "C" {
 
 int WSPAPI WSPStartup(WORD, LPWSPDATA data, LPWSAPROTOCOL_INFOW info, WSPUPCALLTABLE upcalls,
                       LPWSPPROC_TABLE table) {
-    return TheProvider.Startup(data, info, upcalls, table);
+    const int error = TheProvider.Startup(data, info, upcalls);
+    if (error != 0) return error;
+    FillTable(table);
+    const int nullSlot = TheProvider.NullSlot();
+    if (nullSlot >= 0) reinterpret_cast<void**>(table)[nullSlot] = nullptr;
+    return 0;
 }
 
 ScriptedProvider* GetScriptedProvider() {
