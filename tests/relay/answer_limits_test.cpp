@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,12 +54,13 @@ TEST_F(AnswerLimits, SilenceEndsWithTheSixthWait) {
 }
 
 TEST_F(AnswerLimits, ADrippingAnalyzerHoldsAConnectForAMinuteAtMost) {
-    std::atomic<bool> connecting{true};
-    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
+    // The script may still look at it when the test is over.
+    const auto connecting = std::make_shared<std::atomic<bool>>(true);
+    analyzer_.SetScript([connecting](const SeenRequest& request, AnalyzerConnection& connection) {
         for (const std::uint8_t byte : Answer(request.messageId)) {
-            while (connecting && platform::CountTimedWaits() == 0)
+            while (*connecting && platform::CountTimedWaits() == 0)
                 std::this_thread::yield();
-            if (!connecting || !connection.Send({byte})) return;
+            if (!*connecting || !connection.Send({byte})) return;
             platform::AdvanceClock(2900);
         }
     });
@@ -66,7 +68,7 @@ TEST_F(AnswerLimits, ADrippingAnalyzerHoldsAConnectForAMinuteAtMost) {
     const platform::ScopedClockRate stopped(0);
     const DWORD begin = GetTickCount();
     EXPECT_EQ(ConnectOnce(), WSAECONNREFUSED);
-    connecting = false;
+    *connecting = false;
     EXPECT_GE(GetTickCount() - begin, 60000u);
 }
 
