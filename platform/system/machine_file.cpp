@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/system/machine_defaults.h"
 #include "platform/testing/machine.h"
 
 namespace platform {

@@ -1,8 +1,5 @@
 #include "platform/testing/resource_counts.h"
 
-#include <chrono>
-#include <thread>
-
 #include "platform/kernel/critical_section.h"
 #include "platform/kernel/handles.h"
 #include "platform/kernel/heap.h"
@@ -12,36 +9,6 @@
 #include "platform/system/certificates.h"
 
 namespace platform {
-
-namespace {
-
-constexpr auto kSettlePatience = std::chrono::seconds(10);
-
-struct NamedCount {
-    const char* name;
-    int ResourceCounts::*count;
-};
-
-constexpr NamedCount kCounts[] = {
-    {"events", &ResourceCounts::events},
-    {"semaphores", &ResourceCounts::semaphores},
-    {"thread handles", &ResourceCounts::threadHandles},
-    {"completion ports", &ResourceCounts::completionPorts},
-    {"registry keys", &ResourceCounts::registryKeys},
-    {"lower sockets", &ResourceCounts::lowerSockets},
-    {"layered sockets", &ResourceCounts::layeredSockets},
-    {"other handles", &ResourceCounts::otherHandles},
-    {"running threads", &ResourceCounts::runningThreads},
-    {"modules", &ResourceCounts::modules},
-    {"heaps", &ResourceCounts::heaps},
-    {"heap blocks", &ResourceCounts::heapBlocks},
-    {"local blocks", &ResourceCounts::localBlocks},
-    {"TLS slots", &ResourceCounts::tlsSlots},
-    {"critical sections", &ResourceCounts::criticalSections},
-    {"crypt objects", &ResourceCounts::cryptObjects},
-};
-
-}  // namespace
 
 ResourceCounts CountResources() {
     ResourceCounts counts;
@@ -62,25 +29,6 @@ ResourceCounts CountResources() {
     counts.criticalSections = CountCriticalSections();
     counts.cryptObjects = CountCryptObjects();
     return counts;
-}
-
-std::string DescribeGrowth(const ResourceCounts& before, const ResourceCounts& after) {
-    std::string growth;
-    for (const NamedCount& named : kCounts) {
-        if (after.*named.count <= before.*named.count) continue;
-        growth += std::string(named.name) + ": " + std::to_string(before.*named.count) + " -> " +
-                  std::to_string(after.*named.count) + "\n";
-    }
-    return growth;
-}
-
-std::string SettleTo(const ResourceCounts& before) {
-    const auto giveUp = std::chrono::steady_clock::now() + kSettlePatience;
-    for (;;) {
-        std::string growth = DescribeGrowth(before, CountResources());
-        if (growth.empty() || std::chrono::steady_clock::now() > giveUp) return growth;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
 }
 
 }  // namespace platform

@@ -3,10 +3,8 @@
 // left out: the runtime library that is linked into every module keeps some of its own.
 #include <windows.h>
 
-#include <chrono>
 #include <map>
 #include <mutex>
-#include <thread>
 
 #include "platform/system/certificates.h"
 #include "platform/testing/resource_counts.h"
@@ -19,7 +17,6 @@ namespace platform {
 
 namespace {
 
-constexpr auto kSettlePatience = std::chrono::seconds(10);
 constexpr SOCKET kHighestSocket = 0x40000;
 
 struct Tracked {
@@ -69,26 +66,6 @@ void CountSockets(ResourceCounts* counts) {
         if (owner.provider != nullptr) ++(owner.layered ? counts->layeredSockets : counts->lowerSockets);
     }
 }
-
-struct NamedCount {
-    const char* name;
-    int ResourceCounts::*count;
-};
-
-constexpr NamedCount kCounts[] = {
-    {"events", &ResourceCounts::events},
-    {"thread handles", &ResourceCounts::threadHandles},
-    {"completion ports", &ResourceCounts::completionPorts},
-    {"registry keys", &ResourceCounts::registryKeys},
-    {"lower sockets", &ResourceCounts::lowerSockets},
-    {"layered sockets", &ResourceCounts::layeredSockets},
-    {"running threads", &ResourceCounts::runningThreads},
-    {"modules", &ResourceCounts::modules},
-    {"heaps", &ResourceCounts::heaps},
-    {"heap blocks", &ResourceCounts::heapBlocks},
-    {"local blocks", &ResourceCounts::localBlocks},
-    {"crypt objects", &ResourceCounts::cryptObjects},
-};
 
 }  // namespace
 
@@ -151,25 +128,6 @@ ResourceCounts CountResources() {
         counts.heapBlocks += blocks;
     counts.localBlocks = tracked.localBlocks;
     return counts;
-}
-
-std::string DescribeGrowth(const ResourceCounts& before, const ResourceCounts& after) {
-    std::string growth;
-    for (const NamedCount& named : kCounts) {
-        if (after.*named.count <= before.*named.count) continue;
-        growth += std::string(named.name) + ": " + std::to_string(before.*named.count) + " -> " +
-                  std::to_string(after.*named.count) + "\n";
-    }
-    return growth;
-}
-
-std::string SettleTo(const ResourceCounts& before) {
-    const auto giveUp = std::chrono::steady_clock::now() + kSettlePatience;
-    for (;;) {
-        std::string growth = DescribeGrowth(before, CountResources());
-        if (growth.empty() || std::chrono::steady_clock::now() > giveUp) return growth;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
 }
 
 }  // namespace platform
