@@ -1,5 +1,4 @@
-// A program that links this counts its calls of operator new. In a file of its own: where the compiler sees
-// both sides of an allocation it may leave it out.
+// A program that links this, and replaced_new.cpp, counts its calls of operator new.
 #pragma once
 
 #include <cstdint>

@@ -1,15 +1,14 @@
 // Every allocation of a message's life fails in turn: the operation reports it, nothing leaks, nothing throws
-// out of a function that promises not to, and the next use works. A program of its own, since it replaces
-// operator new.
+// out of a function that promises not to, and the next use works.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <new>
 
 #include "messages/buffer_arena.h"
 #include "messages/message_pool.h"
 #include "messages/trace.h"
 #include "tests/messages/frame_tools.h"
+#include "tests/support/replaced_new.h"
 
 namespace {
 
@@ -17,7 +16,9 @@ namespace {
 thread_local int AllocationsUntilFailure = -1;
 thread_local int LiveBlocks = 0;
 
-void* Allocate(std::size_t size) {
+}  // namespace
+
+void* AllocateForNew(std::size_t size) noexcept {
     if (AllocationsUntilFailure == 0) return nullptr;
     if (AllocationsUntilFailure > 0) --AllocationsUntilFailure;
     void* memory = std::malloc(size != 0 ? size : 1);
@@ -25,37 +26,9 @@ void* Allocate(std::size_t size) {
     return memory;
 }
 
-void Release(void* memory) {
+void ReleaseFromDelete(void* memory) noexcept {
     if (memory != nullptr) --LiveBlocks;
     std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (void* memory = Allocate(size)) return memory;
-    throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    Release(memory);
-}
-void operator delete[](void* memory) noexcept {
-    Release(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    Release(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    Release(memory);
 }
 
 namespace {

@@ -1,26 +1,15 @@
-// Each allocation fails in turn: the call fails or makes do, and nothing is lost. A program of its own, since
-// it replaces the global allocation functions.
+// Each allocation fails in turn: the call fails or makes do, and nothing is lost.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <new>
 #include <string>
 
 #include "protocols/compiled_patterns.h"
+#include "tests/support/replaced_new.h"
 
 namespace {
 
 int CallsUntilFailure = -1;  // one call fails; negative: none
-
-void* AllocateOrFail(std::size_t size) noexcept {
-    if (CallsUntilFailure >= 0 && CallsUntilFailure-- == 0) return nullptr;
-    return std::malloc(size != 0 ? size : 1);
-}
-
-void* AllocateOrThrow(std::size_t size) {
-    if (void* memory = AllocateOrFail(size)) return memory;
-    throw std::bad_alloc();
-}
 
 /// Runs `action` with the n-th allocation failing, n = 0, 1, 2, ... until it returns true.
 template <typename Action>
@@ -36,28 +25,12 @@ int FailEach(Action action) {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    return AllocateOrThrow(size);
+void* AllocateForNew(std::size_t size) noexcept {
+    if (CallsUntilFailure >= 0 && CallsUntilFailure-- == 0) return nullptr;
+    return std::malloc(size != 0 ? size : 1);
 }
-void* operator new[](std::size_t size) {
-    return AllocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return AllocateOrFail(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return AllocateOrFail(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
+
+void ReleaseFromDelete(void* memory) noexcept {
     std::free(memory);
 }
 

@@ -3,36 +3,26 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <new>
 #include <type_traits>
 
 #include "platform/kernel/thread_state.h"
 #include "tests/provider/overlapped_fixture.h"
+#include "tests/support/replaced_new.h"
 
 namespace {
 
 std::atomic<bool> Counting{false};
 std::atomic<int> Allocations{0};
 
-void* Allocate(std::size_t size) {
+}  // namespace
+
+void* AllocateForNew(std::size_t size) noexcept {
     if (Counting.load(std::memory_order_relaxed) && platform::CurrentThreadState().callDepth == 0)
         Allocations.fetch_add(1, std::memory_order_relaxed);
     return std::malloc(size != 0 ? size : 1);
 }
 
-}  // namespace
-
-void* operator new(std::size_t size) {
-    if (void* memory = Allocate(size)) return memory;
-    throw std::bad_alloc();
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Allocate(size);
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+void ReleaseFromDelete(void* memory) noexcept {
     std::free(memory);
 }
 
