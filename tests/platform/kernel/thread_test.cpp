@@ -134,19 +134,6 @@ TEST_F(Apc, WakesAnotherThreadsAlertableWait) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_GEN_FAILURE));
 }
 
-TEST_F(Apc, QueuedBeforeAThreadsStartRunsFirst) {
-    auto body = [] {
-        Note(9);
-        return 0;
-    };
-    // The thread may have begun already; then the call waits for an alertable wait that never comes, or
-    // fails.
-    TestHandle thread(StartThread(&body));
-    QueueUserAPC(Note, thread, 8);
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    EXPECT_TRUE(order_ == (std::vector<ULONG_PTR>{8, 9}) || order_ == (std::vector<ULONG_PTR>{9}));
-}
-
 TEST(Thread, LastErrorIsItsOwn) {
     SetLastError(1234);
     auto body = [] {
