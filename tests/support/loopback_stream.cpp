@@ -43,10 +43,12 @@ bool LoopbackStream::WriteAll(const void* source, std::size_t size) {
 }
 
 void LoopbackStream::Interrupt() {
+    const std::lock_guard<std::mutex> lock(resetting_);
     loopback_socket::Shutdown(descriptor_);
 }
 
 void LoopbackStream::ResetPeer() {
+    const std::lock_guard<std::mutex> lock(resetting_);
     descriptor_ = loopback_socket::Reset(descriptor_);
 }
 

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <mutex>
 
 class LoopbackStream {
   public:
@@ -33,6 +33,7 @@ class LoopbackStream {
     void ResetPeer();
 
   private:
+    std::mutex resetting_;  // a reset may end the descriptor while another thread interrupts it
     int descriptor_;
 };
 
