@@ -189,6 +189,9 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
     }
     Outcome outcome = {bytes, flags, static_cast<INT>(error)};
     if (error == WSA_IO_PENDING) outcome = FetchOutcome(operation, context);
+    // A lower provider that no longer knows the socket speaks of one that the application has closed: the
+    // request ends like any other that the close has cut short.
+    if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
     const INT refusedWith = InterlockedCompareExchange(&operation->RefusedWith, 0, 0);
     if (refusedWith != 0) outcome = {0, 0, refusedWith};
     Count(operation, context, &outcome);

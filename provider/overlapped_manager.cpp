@@ -139,7 +139,6 @@ void ExecuteOnWorker(OverlappedOperation* operation, LPWSATHREADID thread, Event
         const bool wanted =
             context && context.Get() == operation->SocketContext && !context->Closing && !StopRequested;
         if (wanted) error = CallLowerOverlapped(operation, context.Get(), notice);
-        if (wanted && error == WSAENOTSOCK && context->Closing) error = WSA_OPERATION_ABORTED;
     }
     // Nobody is left to be told by a result: a refused request is reported like any other.
     if (error != 0 && error != WSA_IO_PENDING) {
