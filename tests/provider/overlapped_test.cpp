@@ -7,6 +7,7 @@
 #include <deque>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "tests/provider/overlapped_fixture.h"
 
@@ -174,9 +175,10 @@ TEST_P(OverlappedTest, AcceptConnectAndDisconnectByExtensionFunctions) {
 
 namespace {
 
-/// A request of random traffic, and which of the sockets it was made on.
+/// A request of random traffic, which of the sockets it was made on, and its direction.
 struct TrafficRequest : Request {
     std::size_t socket = 0;
+    bool sends = false;
 };
 
 /// Random sends, receives and closes on many sockets, each request told to one completion port.
@@ -204,7 +206,8 @@ class RandomTraffic {
     }
 
     int Outstanding() const { return outstanding_; }
-    int Wrong() const { return wrong_; }
+    /// What was not as it should be of each completion that was wrong.
+    const std::vector<std::string>& Wrong() const { return wrong_; }
     int Taken() const { return taken_; }
 
   private:
@@ -244,9 +247,10 @@ class RandomTraffic {
         TrafficRequest* const request = Take(index);
         const SOCKET s = sockets_[index];
         DWORD flags = 0;
+        request->sends = what < 100;
         const int result =
-            what < 100 ? WSASend(s, &request->buffer, 1, nullptr, 0, &request->overlapped, nullptr)
-                       : WSARecv(s, &request->buffer, 1, nullptr, &flags, &request->overlapped, nullptr);
+            request->sends ? WSASend(s, &request->buffer, 1, nullptr, 0, &request->overlapped, nullptr)
+                           : WSARecv(s, &request->buffer, 1, nullptr, &flags, &request->overlapped, nullptr);
         if (result == 0 || WSAGetLastError() == WSA_IO_PENDING) {
             ++taken_;
             ++outstanding_;
@@ -272,10 +276,15 @@ class RandomTraffic {
         LPOVERLAPPED overlapped = nullptr;
         const BOOL succeeded = GetQueuedCompletionStatus(port_, &bytes, &key, &overlapped, milliseconds);
         if (overlapped == nullptr) return false;
-        // Nothing but the close of its socket ends a request without success.
-        if (!succeeded && GetLastError() != ERROR_OPERATION_ABORTED) ++wrong_;
+        const DWORD error = succeeded ? 0 : GetLastError();
         auto* const request = static_cast<TrafficRequest*>(reinterpret_cast<Request*>(overlapped));
-        if (--request->completions != 0 || key != request->socket) ++wrong_;
+        // Nothing but the close of its socket ends a request without success.
+        if (error != 0 && error != ERROR_OPERATION_ABORTED)
+            wrong_.push_back((request->sends ? "send ends with " : "receive ends with ") +
+                             std::to_string(error));
+        if (--request->completions != 0)
+            wrong_.push_back("completions due: " + std::to_string(request->completions));
+        if (key != request->socket) wrong_.emplace_back("told with the key of another socket");
         --outstanding_;
         --pending_[request->socket];
         free_.push_back(request);
@@ -291,7 +300,7 @@ class RandomTraffic {
     std::deque<TrafficRequest*> free_;
     int outstanding_ = 0;
     int taken_ = 0;
-    int wrong_ = 0;
+    std::vector<std::string> wrong_;
 };
 
 class OverlappedTraffic : public OverlappedTest {
@@ -317,6 +326,6 @@ TEST_P(OverlappedTraffic, CompletesEachRequestOnce) {
     RandomTraffic traffic(peer.Port(), seed);
     traffic.Run(kRandomRequests);
     EXPECT_EQ(traffic.Outstanding(), 0);
-    EXPECT_EQ(traffic.Wrong(), 0);
+    EXPECT_EQ(traffic.Wrong(), std::vector<std::string>());
     EXPECT_GT(traffic.Taken(), kRandomRequests / 2);
 }
