@@ -72,9 +72,18 @@ Result FailWith(int error, Result failure) {
 template <class Result, class Call>
 Result HandOver(SOCKET s, LPWSAOVERLAPPED overlapped, Result failure, Call call) {
     if (overlapped == nullptr) return call();
-    const std::shared_lock<std::shared_mutex> lock(HandingOver());
-    SocketRecord record;
-    return FindSocket(s, &record) ? call() : FailWith(WSAENOTSOCK, failure);
+    Result result = failure;
+    int error = 0;
+    {
+        const std::shared_lock<std::shared_mutex> lock(HandingOver());
+        SocketRecord record;
+        result = FindSocket(s, &record) ? call() : FailWith(WSAENOTSOCK, failure);
+        error = WSAGetLastError();
+    }
+    // A lock that somebody waits for may make its event when it is released, which clears the last error: a
+    // request under way would look done.
+    WSASetLastError(error);
+    return result;
 }
 
 /// Answers a request for an extension function: 0, or SOCKET_ERROR with the last error.
