@@ -26,6 +26,12 @@ Provider& TheProvider() {
     return provider;
 }
 
+bool Forget(SOCKET s) {
+    ForgetNames(s);
+    const std::lock_guard<std::mutex> lock(TheProvider().mutex);
+    return TheProvider().sockets.erase(s) != 0;
+}
+
 /// Makes a socket of the system known here and to Winsock, which may know it under another value.
 SOCKET Publish(SOCKET s, const SocketRecord& record) {
     if (s == INVALID_SOCKET) return s;
@@ -38,8 +44,7 @@ SOCKET Publish(SOCKET s, const SocketRecord& record) {
     int error = 0;
     const SOCKET known = modify == nullptr ? s : modify(record.info.dwCatalogEntryId, s, &error);
     if (known != INVALID_SOCKET) return known;
-    const std::lock_guard<std::mutex> lock(TheProvider().mutex);
-    TheProvider().sockets.erase(s);
+    Forget(s);
     closesocket(s);
     return FailWith(error, INVALID_SOCKET);
 }
@@ -50,12 +55,6 @@ int CancelAndClose(SOCKET s) {
     { const std::unique_lock<std::shared_mutex> nobodyHandsOver(HandingOver()); }
     CancelIoEx(reinterpret_cast<HANDLE>(s), nullptr);
     return closesocket(s);
-}
-
-bool Forget(SOCKET s) {
-    ForgetNames(s);
-    const std::lock_guard<std::mutex> lock(TheProvider().mutex);
-    return TheProvider().sockets.erase(s) != 0;
 }
 
 constexpr DWORD kNoTicket = 0xFFFFFFFF;
@@ -284,13 +283,16 @@ SOCKET WSPAPI Socket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW inf
 // The last clean-up closes what is still open: no socket outlives its provider.
 int WSPAPI Cleanup(LPINT error) {
     return Run("lower WSPCleanup", WSAENETDOWN, SOCKET_ERROR, error, [](const PlatformCall&) {
+        int startCount = 0;
         std::map<SOCKET, SocketRecord> open;
         {
             const std::lock_guard<std::mutex> lock(TheProvider().mutex);
-            if (TheProvider().startCount == 0) return FailWith(WSANOTINITIALISED, SOCKET_ERROR);
-            if (--TheProvider().startCount == 0) open.swap(TheProvider().sockets);
-            if (TheProvider().startCount > 0) return WSACleanup();
+            startCount = TheProvider().startCount;
+            if (startCount > 0) TheProvider().startCount = startCount - 1;
+            if (startCount == 1) open.swap(TheProvider().sockets);
         }
+        if (startCount == 0) return FailWith(WSANOTINITIALISED, SOCKET_ERROR);
+        if (startCount > 1) return WSACleanup();
         for (const auto& [s, record] : open) {
             ForgetNames(s);
             CancelAndClose(s);
