@@ -27,7 +27,7 @@ std::uint32_t SentLength(const std::string& text) {
 }  // namespace
 
 BaseAnalyzerMessage::BaseAnalyzerMessage() : Operation(0) {
-    fieldBuffers_.reserve(kFieldPieces);
+    FieldBuffers.reserve(kFieldPieces);
     BaseAnalyzerMessage::ResetFields();
 }
 
@@ -39,12 +39,12 @@ BaseAnalyzerMessage::BaseAnalyzerMessage(BufferAllocFunction alloc, BufferFreeFu
 
 void BaseAnalyzerMessage::ReleaseBuffers() {
     MessageBase::ReleaseBuffers();
-    fieldBuffers_.clear();
+    FieldBuffers.clear();
 }
 
 BufferPiece BaseAnalyzerMessage::AllocateBuffer(std::uint32_t size) {
     const BufferPiece piece = MessageBase::AllocateBuffer(size);
-    fieldBuffers_.push_back(piece);
+    FieldBuffers.push_back(piece);
     return piece;
 }
 
@@ -116,7 +116,7 @@ void BaseAnalyzerMessage::ReadFields() {
 }
 
 std::vector<BufferPiece>& BaseAnalyzerMessage::GetFieldBuffers() {
-    return fieldBuffers_;
+    return FieldBuffers;
 }
 
 LSPAnalyzerMessage::LSPAnalyzerMessage() {
@@ -147,7 +147,7 @@ void LSPAnalyzerMessage::ReadFields() {
 }
 
 BaseAnalyzerMessageResponse::BaseAnalyzerMessageResponse() {
-    fieldBuffers_.reserve(kFieldPieces);
+    FieldBuffers.reserve(kFieldPieces);
     BaseAnalyzerMessageResponse::ResetFields();
 }
 
@@ -160,12 +160,12 @@ BaseAnalyzerMessageResponse::BaseAnalyzerMessageResponse(BufferAllocFunction all
 
 void BaseAnalyzerMessageResponse::ReleaseBuffers() {
     MessageBase::ReleaseBuffers();
-    fieldBuffers_.clear();
+    FieldBuffers.clear();
 }
 
 BufferPiece BaseAnalyzerMessageResponse::AllocateBuffer(std::uint32_t size) {
     const BufferPiece piece = MessageBase::AllocateBuffer(size);
-    fieldBuffers_.push_back(piece);
+    FieldBuffers.push_back(piece);
     return piece;
 }
 
@@ -198,7 +198,7 @@ void BaseAnalyzerMessageResponse::ReadFields() {
 }
 
 std::vector<BufferPiece>& BaseAnalyzerMessageResponse::GetFieldBuffers() {
-    return fieldBuffers_;
+    return FieldBuffers;
 }
 
 LSPAnalyzerMessageResponse::LSPAnalyzerMessageResponse(BufferAllocFunction alloc, BufferFreeFunction release)

@@ -93,7 +93,7 @@ class BaseAnalyzerMessage : public MessageBase {
     std::uint32_t FieldsSize() const;
 
   private:
-    std::vector<BufferPiece> fieldBuffers_;
+    std::vector<BufferPiece> FieldBuffers;
 };
 
 /// The request that the layer sends: the common fields and the operation.
@@ -134,7 +134,7 @@ class BaseAnalyzerMessageResponse : public MessageBase {
     std::vector<BufferPiece>& GetFieldBuffers() override;
 
   private:
-    std::vector<BufferPiece> fieldBuffers_;
+    std::vector<BufferPiece> FieldBuffers;
 };
 
 /// The response that the layer receives.

@@ -45,7 +45,7 @@ MessageBase::MessageBase()
       MessageId(0),
       header_{0, nullptr},
       DataLength(-1) {
-    ownedBuffers_.reserve(4);
+    OwnedBuffers.reserve(4);
     // A constructor that throws runs no destructor of its own class.
     try {
         ResetHeader();
@@ -131,9 +131,9 @@ std::uint32_t MessageBase::GetExpectedLength() {
 
 void MessageBase::ReleaseBuffers() {
     ClearBuffers();
-    for (const BufferPiece& piece : ownedBuffers_)
+    for (const BufferPiece& piece : OwnedBuffers)
         ReleaseMemory(piece.data);
-    ownedBuffers_.clear();
+    OwnedBuffers.clear();
 }
 
 void MessageBase::ReleaseMemory(unsigned char* memory) {
@@ -147,15 +147,15 @@ void MessageBase::ReleaseMemory(unsigned char* memory) {
 BufferPiece MessageBase::AllocateBuffer(std::uint32_t size) {
     if (size == 0) return {0, nullptr};
     // The entry first: memory that can't be recorded would be lost.
-    ownedBuffers_.push_back({size, nullptr});
+    OwnedBuffers.push_back({size, nullptr});
     unsigned char* memory =
         AllocFunction != nullptr ? AllocFunction(size) : new (std::nothrow) unsigned char[size];
     if (memory == nullptr) {
-        ownedBuffers_.pop_back();
+        OwnedBuffers.pop_back();
         throw std::bad_alloc();
     }
     std::fill_n(memory, size, static_cast<unsigned char>(0));
-    ownedBuffers_.back().data = memory;
+    OwnedBuffers.back().data = memory;
     return {size, memory};
 }
 
@@ -166,11 +166,10 @@ bool MessageBase::ClearBuffers() {
 
 bool MessageBase::GetDataBuffers(BufferPiece*& outArray, std::uint32_t& outCount, bool copy) {
     return Attempt("Failed to get data buffers on an LSP messsage.", [&] {
-        const std::uint32_t total = chain_.GetTotalLength();
-        const std::uint32_t available = total > header_.length ? total - header_.length : 0;
-        const bool known = DataLength >= 0 && static_cast<std::uint32_t>(DataLength) <= available;
-        chain_.GetSubBuffers(header_.length, known ? static_cast<std::uint32_t>(DataLength) : available,
-                             outArray, outCount, copy);
+        // Below 0 in a chain that is shorter than a header, which as a length is more than the chain has.
+        const auto available = static_cast<std::int32_t>(chain_.GetTotalLength() - header_.length);
+        const std::int32_t length = DataLength >= 0 && DataLength <= available ? DataLength : available;
+        chain_.GetSubBuffers(header_.length, static_cast<std::uint32_t>(length), outArray, outCount, copy);
         return true;
     });
 }
@@ -207,8 +206,8 @@ void MessageBase::GetSubBuffers(std::uint32_t start, std::uint32_t length, Buffe
         const auto begins = [piece = outArray[index]](const BufferPiece& owned) {
             return owned.data == piece.data;
         };
-        ownedBuffers_.erase(std::find_if(ownedBuffers_.begin(), ownedBuffers_.end(), begins),
-                            ownedBuffers_.end());
+        OwnedBuffers.erase(std::find_if(OwnedBuffers.begin(), OwnedBuffers.end(), begins),
+                           OwnedBuffers.end());
     }
 }
 
@@ -219,7 +218,7 @@ bool MessageBase::SetBuffers(const BufferPiece* pieces, std::uint32_t count, boo
         for (std::uint32_t index = 0; index < count; ++index)
             chain_.AddBuffer(pieces[index]);
         chain_.SetPosition(0);
-        if (own) ownedBuffers_.insert(ownedBuffers_.end(), pieces, pieces + count);
+        if (own) OwnedBuffers.insert(OwnedBuffers.end(), pieces, pieces + count);
         return true;
     });
 }
@@ -242,7 +241,7 @@ bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count,
             limit -= pieces[index].length;
         }
         chain_.SetPosition(0);
-        if (own) ownedBuffers_.insert(ownedBuffers_.end(), pieces, pieces + count);
+        if (own) OwnedBuffers.insert(OwnedBuffers.end(), pieces, pieces + count);
         return true;
     });
 }
@@ -251,11 +250,11 @@ bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {
     return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
         DataLength = -1;
         // The record first: it can be taken back when the chain can't grow.
-        if (own) ownedBuffers_.push_back(piece);
+        if (own) OwnedBuffers.push_back(piece);
         try {
             chain_.AddBuffer(piece);
         } catch (...) {
-            if (own) ownedBuffers_.pop_back();
+            if (own) OwnedBuffers.pop_back();
             throw;
         }
         return true;

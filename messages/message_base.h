@@ -130,5 +130,5 @@ class MessageBase {
     void ReleaseMemory(unsigned char* memory);
 
     /// Every piece whose memory this message releases, in the order in which it came.
-    std::vector<BufferPiece> ownedBuffers_;
+    std::vector<BufferPiece> OwnedBuffers;
 };

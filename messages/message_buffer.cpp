@@ -47,6 +47,9 @@ void MessageBuffer::AddContiguous(BufferPiece piece) {
         AddBuffer(piece);
         return;
     }
+    // A position behind the last piece is one inside it from now on.
+    if (position_.pieceIndex == pieces_.size())
+        position_ = {static_cast<std::uint32_t>(pieces_.size()) - 1, pieces_.back().length, totalLength_};
     pieces_.back().length += piece.length;
     totalLength_ += piece.length;
 }

@@ -216,7 +216,10 @@ int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* t
     return SOCKET_ERROR;
 }
 
-bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) noexcept {
+namespace {
+
+/// Throws what the message throws.
+bool SendSerialized(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) {
     if (s == INVALID_SOCKET) {
         Trace("Failed to send on an invalid socket on socket %d.", static_cast<int>(s));
         return false;
@@ -250,6 +253,17 @@ bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool
     }
     WSASetLastError(error);
     return pending;
+}
+
+}  // namespace
+
+bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) noexcept {
+    try {
+        return SendSerialized(message, s, overlapped, completed);
+    } catch (...) {
+        Trace("Failed to send an LSP messsage. Unknown error.");
+        return false;
+    }
 }
 
 bool ReceiveMessage(MessageBase& message, SOCKET s, const std::atomic<bool>* stop,

@@ -24,6 +24,9 @@ class ProcessObject {
         return *Object();
     }
 
+    /// Null when it has not been made, or is being made.
+    T* GetIfMade() noexcept { return state_.load(std::memory_order_acquire) == kReady ? Object() : nullptr; }
+
     /// For detach: no other thread may be inside `Get` or use the object any more.
     void Destroy() noexcept {
         if (state_.load(std::memory_order_acquire) != kReady) return;

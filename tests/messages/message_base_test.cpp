@@ -49,6 +49,11 @@ TEST(MessageBase, DataTravelsBetweenHeaderAndFieldsUpToTheLimit) {
         ASSERT_TRUE(received.GetDataBuffers(data.pieces, data.count, false));
         EXPECT_EQ(data.Flat(), Counting(expected.carried));
     }
+    LSPAnalyzerMessageResponse cut;
+    Bytes half(4);
+    Feed(cut, half);
+    PieceArray none;
+    EXPECT_FALSE(cut.GetDataBuffers(none.pieces, none.count, false)) << "not even a header";
     LSPAnalyzerMessage untouched;
     EXPECT_TRUE(untouched.SetDataBuffers(nullptr, 3, 0, true));
     EXPECT_EQ(FrameOf(untouched).size(), 328u);

@@ -37,6 +37,19 @@ std::string FailureOf(const std::function<void()>& call) {
     return "";
 }
 
+TEST(MessageBuffer, BytesThatJoinTheLastPieceAreReadFromTheOldEnd) {
+    Bytes memory = {0, 1, 2, 3, 4};
+    MessageBuffer buffer;
+    buffer.AddContiguous({2, memory.data()});
+    buffer.SetPosition(2);
+    buffer.AddContiguous({3, memory.data() + 2});
+    Bytes read(3);
+    EXPECT_EQ(buffer.ReadAt(read.data(), 3), 3u);
+    EXPECT_EQ(read, (Bytes{2, 3, 4}));
+    EXPECT_TRUE(buffer.Move(3));
+    EXPECT_EQ(buffer.GetRemaining(), 0u);
+}
+
 TEST(MessageBuffer, EmptyChainHasNoPositionUntilOneIsSet) {
     MessageBuffer buffer;
     unsigned char byte = 0;

@@ -264,6 +264,11 @@ TEST_F(MessageTransport, FailingCallsKeepTheirErrorAndFaultsBecomeOne) {
     platform::DebugOutputCapture output;
     LSPAnalyzerMessage request;
     EXPECT_FALSE(SendMessage(request, INVALID_SOCKET));
+    struct : LSPAnalyzerMessage {
+        bool Serialize() override { throw std::bad_alloc(); }
+    } throwing;
+    EXPECT_FALSE(SendMessage(throwing, ours));
+    EXPECT_TRUE(output.Contains("Failed to send an LSP messsage. Unknown error."));
 
     const struct {
         const char* function;
