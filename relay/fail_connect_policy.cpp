@@ -16,8 +16,10 @@ namespace {
 
 constexpr std::int64_t kPolicySeconds = 600;
 
-std::atomic<DWORD> Policy{0};
-std::atomic<std::int64_t> PolicyReadAt{0};  // 0: never
+struct {
+    std::atomic<DWORD> Value{0};
+    std::atomic<std::int64_t> ReadAt{0};  // seconds; 0: never
+} FailConnectPolicy;
 
 DWORD ReadPolicy() {
     HKEY key = nullptr;
@@ -35,12 +37,13 @@ DWORD ReadPolicy() {
 
 DWORD CurrentPolicy() {
     const std::int64_t now = CalendarSeconds();
-    const std::int64_t readAt = PolicyReadAt.load(std::memory_order_acquire);
+    const std::int64_t readAt = FailConnectPolicy.ReadAt.load(std::memory_order_acquire);
     // A clock that was set back doesn't make the value stale.
-    if (readAt != 0 && now - readAt <= kPolicySeconds) return Policy.load(std::memory_order_relaxed);
+    if (readAt != 0 && now - readAt <= kPolicySeconds)
+        return FailConnectPolicy.Value.load(std::memory_order_relaxed);
     const DWORD policy = ReadPolicy();
-    Policy.store(policy, std::memory_order_relaxed);
-    PolicyReadAt.store(now, std::memory_order_release);
+    FailConnectPolicy.Value.store(policy, std::memory_order_relaxed);
+    FailConnectPolicy.ReadAt.store(now, std::memory_order_release);
     return policy;
 }
 

@@ -49,17 +49,15 @@ bool ArrivedEarly(DWORD messageId, const SocketContext* context, HANDLE event) {
 
 /// Ends the wait: takes what has arrived, also in the moment after the time was up.
 PooledResponse RemoveWaiter(DWORD messageId, HANDLE event) {
-    PooledResponse response;
     Locker lock(PendingResponseLock);
     PendingResponseTable& table = Table.Get();
     const auto entry = table.find(messageId);
-    if (entry != table.end()) {
-        response = std::move(entry->second.Response);
-        // Another waiter's entry, made when the message ids had come round, stays with that waiter.
-        const HANDLE registered = entry->second.Event;
-        if (registered == event || registered == INVALID_HANDLE_VALUE || response != nullptr)
-            table.erase(entry);
-    }
+    // The clean-up has taken the entry away and closed its event.
+    if (entry == table.end()) return nullptr;
+    PooledResponse response = std::move(entry->second.Response);
+    // Another waiter's entry, made when the message ids had come round, stays with that waiter.
+    const HANDLE registered = entry->second.Event;
+    if (registered == event || registered == INVALID_HANDLE_VALUE) table.erase(entry);
     SafeCloseHandle(event);
     return response;
 }
@@ -127,8 +125,13 @@ void ClearPendingResponses() {
     PendingResponseTable released;
     {
         Locker lock(PendingResponseLock);
-        released.swap(Table.Get());
+        // At the end of the process a killed thread may have been making the table.
+        PendingResponseTable* const table = Table.GetIfMade();
+        if (table != nullptr) released.swap(*table);
     }
-    for (auto& item : released)
-        SafeCloseHandle(item.second.Event);
+    for (auto& item : released) {
+        const HANDLE event = item.second.Event;
+        if (event != nullptr && event != INVALID_HANDLE_VALUE) SetEvent(event);
+        SafeCloseHandle(event);
+    }
 }

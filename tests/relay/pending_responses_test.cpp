@@ -132,6 +132,17 @@ TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
     // TearDown clears and counts.
 }
 
+TEST_F(PendingResponses, AWaiterOvertakenByAClearingClosesNothing) {
+    const HANDLE event = CreateResponseWait(kId, &context_);
+    ClearPendingResponses();
+    // It has the value of the event that the clearing closed.
+    const HANDLE other = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    ASSERT_EQ(other, event);
+    EXPECT_EQ(WaitForResponse(kId, &context_, event), nullptr);
+    EXPECT_TRUE(SetEvent(other));
+    CloseHandle(other);
+}
+
 TEST_F(PendingResponses, EveryAnswerUpdatesTheContext) {
     const auto answerWith = [&](DWORD flags, DWORD exempt) {
         const HANDLE event = CreateResponseWait(kId, &context_);
