@@ -16,13 +16,13 @@ struct ConnectArguments {
     LPQOS GroupQos;
 };
 
-int ConnectLower(SocketContext* context, const sockaddr* target, int targetLength,
+int ConnectLower(SocketContext* context, const SOCKADDR_STORAGE& target, int targetLength,
                  const ConnectArguments& arguments, LPINT error) {
     LspEntry* const provider = context->Provider;
     return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
-        return provider->LowerProcedures.lpWSPConnect(context->ProviderSocket, target, targetLength,
-                                                      arguments.CallerData, arguments.CalleeData,
-                                                      arguments.SendQos, arguments.GroupQos, error);
+        return provider->LowerProcedures.lpWSPConnect(
+            context->ProviderSocket, reinterpret_cast<const sockaddr*>(&target), targetLength,
+            arguments.CallerData, arguments.CalleeData, arguments.SendQos, arguments.GroupQos, error);
     });
 }
 
@@ -54,7 +54,7 @@ bool IsPending(int error) {
 int ConnectSplit(SOCKET s, SocketContext* context, const sockaddr* name, int namelen,
                  const ConnectArguments& arguments, bool* established, LPINT error) {
     *established = false;
-    const sockaddr* target = name;
+    ConnectTarget target;
     int targetLength = namelen;
     if (!SplitConnection(s, context, name, namelen, &target, &targetLength)) {
         Trace(
@@ -64,11 +64,11 @@ int ConnectSplit(SOCKET s, SocketContext* context, const sockaddr* name, int nam
         return Fail(WSAEFAULT, error);
     }
     *error = 0;
-    const int result = ConnectLower(context, target, targetLength, arguments, error);
-    if (result != SOCKET_ERROR || IsPending(*error)) {
-        *established = true;
-        return result;
-    }
+    const int result = ConnectLower(context, target.name, targetLength, arguments, error);
+    *established = result != SOCKET_ERROR || IsPending(*error);
+    if (result != SOCKET_ERROR) return result;
+    // However the lower provider calls it, the application's connect is one that is not done yet.
+    if (*established) return Fail(WSAEWOULDBLOCK, error);
     const int code = *error;
     Trace(
         "ERROR:Failed to connect to the proxy socket. Server socket was also closed. #Details: %s #. "
@@ -95,18 +95,19 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     context->DestinationAddress.Store(&destination, namelen);
 
     const auto* const asked = reinterpret_cast<const sockaddr*>(&destination);
-    const sockaddr* target = asked;
+    ConnectTarget target;
+    target.name = destination;
     int targetLength = namelen;
     AskConnectVerdict(context.Get(), asked, namelen, &target, &targetLength);
 
     const ConnectArguments arguments = {callerData, calleeData, sendQos, groupQos};
-    // Not `Blocked`, which another thread's connect of the same socket may have set or cleared meanwhile.
-    if (target == nullptr) {
+    // Not by `Blocked` and `RelayWanted`, which another thread's connect of the same socket may have changed.
+    if (target.way == ConnectTarget::Way::kRefused) {
         StoreLocalName(context.Get());
         return Fail(WSAECONNREFUSED, error);
     }
-    if (!context->RelayWanted) {
-        const int result = ConnectLower(context.Get(), target, targetLength, arguments, error);
+    if (target.way == ConnectTarget::Way::kDirect) {
+        const int result = ConnectLower(context.Get(), target.name, targetLength, arguments, error);
         StoreLocalName(context.Get());
         return result;
     }

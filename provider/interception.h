@@ -10,20 +10,28 @@
 
 struct SocketContext;
 
-/// Asks the analyzer about a stream connect to `name` and applies its verdict to the context: `Blocked`,
-/// `RelayWanted`, `Split` and the verdict flags. `*nameOut` may be pointed at the context's `RelayAddress`
-/// (redirected) and is null for a refused connect, which is what the caller goes by: another thread that
-/// connects the same socket may set or clear `Blocked` meanwhile; otherwise both outputs are left alone. True
-/// when a verdict was applied or none was needed, false when the analyzer could not be asked or did not
-/// answer (the fail-connect policy has then been applied).
-bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut,
+/// Where one connect goes by its own verdict. The context's fields follow the verdicts of all threads that
+/// connect the same socket.
+struct ConnectTarget {
+    enum class Way { kDirect, kThroughRelay, kRefused };
+
+    Way way = Way::kDirect;
+    SOCKADDR_STORAGE name;
+};
+
+/// Asks the analyzer about a stream connect to `name` and applies its verdict to the context (`Blocked`,
+/// `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and to `*nameOut`: the way, and when it is
+/// redirected the name, which is otherwise left alone. `*namelenOut` stays the application's. True when a
+/// verdict was applied or none was needed, false when the analyzer could not be asked or did not answer (the
+/// fail-connect policy has then been applied).
+bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* nameOut,
                        int* namelenOut);
 
-/// Splits the connection of the application's socket `s` through the relay: on success `*nameOut` and
+/// Splits the connection of the application's socket `s` through the relay: on success `nameOut->name` and
 /// `*namelenOut` give the relay listener's address, to which the lower socket is then connected. On failure
 /// everything the split made has been released.
 bool SplitConnection(SOCKET s, SocketContext* context, const sockaddr* name, int namelen,
-                     const sockaddr** nameOut, int* namelenOut);
+                     ConnectTarget* nameOut, int* namelenOut);
 
 /// Closes and removes the relay connection of a split whose connect to the relay listener failed.
 void AbandonSplit(SOCKET s, SocketContext* context);

@@ -17,12 +17,11 @@ int AnswerWithDestination(const SocketContext* context, sockaddr* name, LPINT na
     const INT stored = context->DestinationAddressLength;
     const INT length = stored < 0 ? 0 : stored < kLongestName ? stored : kLongestName;
     bool fits = false;
-    bool readable = name != nullptr && namelen != nullptr;
-    readable = readable && GuardedCall([&]() noexcept {
-                   fits = *namelen >= length;
-                   if (fits) std::memcpy(name, &destination, static_cast<std::size_t>(length));
-                   *namelen = length;
-               });
+    const bool readable = namelen != nullptr && GuardedCall([&]() noexcept {
+                              fits = name != nullptr && *namelen >= length;
+                              if (fits) std::memcpy(name, &destination, static_cast<std::size_t>(length));
+                              *namelen = length;
+                          });
     if (readable && fits) return 0;
     *error = WSAEFAULT;
     return SOCKET_ERROR;

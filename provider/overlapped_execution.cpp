@@ -141,27 +141,35 @@ int Ioctl(OverlappedOperation* operation, const CompletionNotice& notice) {
 
 int Connect(OverlappedOperation* operation, SocketContext* context) {
     ConnectExArguments& connect = operation->ConnectEx;
-    const auto* const name = reinterpret_cast<const sockaddr*>(&connect.Name);
+    const SOCKADDR_STORAGE destination = connect.Name;
+    const auto* const name = reinterpret_cast<const sockaddr*>(&destination);
     context->DestinationAddressLength = connect.NameLength;
     context->DestinationAddress.Store(&connect.Name, connect.NameLength);
-    const sockaddr* target = name;
+    ConnectTarget target;
+    target.name = destination;
     int targetLength = connect.NameLength;
     AskConnectVerdict(context, name, connect.NameLength, &target, &targetLength);
-    if (target == nullptr) return WSAECONNREFUSED;
-    if (context->RelayWanted && !SplitConnection(operation->CallerSocket, context, name, connect.NameLength,
-                                                 &target, &targetLength)) {
+    if (target.way == ConnectTarget::Way::kRefused) return WSAECONNREFUSED;
+    if (target.way == ConnectTarget::Way::kThroughRelay &&
+        !SplitConnection(operation->CallerSocket, context, name, connect.NameLength, &target,
+                         &targetLength)) {
         return WSAECONNREFUSED;
     }
-    if (target != name) std::memcpy(&connect.Name, target, sizeof(connect.Name));
+    connect.Name = target.name;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.ConnectEx.load()(operation->ProviderSocket, name, connect.NameLength, connect.SendBuffer,
-                                      connect.SendLength, &connect.BytesSent,
+        return lower.ConnectEx.load()(operation->ProviderSocket,
+                                      reinterpret_cast<const sockaddr*>(&connect.Name), connect.NameLength,
+                                      connect.SendBuffer, connect.SendLength, &connect.BytesSent,
                                       &operation->ProviderOverlapped) != FALSE;
     });
 }
 
 int Accept(OverlappedOperation* operation) {
     AcceptExArguments& accept = operation->AcceptEx;
+    // Closed while the request waited for a worker: its lower socket's value may be another one's by now.
+    INT error = 0;
+    const ContextReference accepting(accept.AcceptingSocket, &error);
+    if (!accepting || accepting->Closing) return WSAENOTSOCK;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.AcceptEx.load()(operation->ProviderSocket, accept.AcceptingProviderSocket, accept.Output,
                                      accept.ReceiveLength, accept.LocalAddressLength,

@@ -52,7 +52,7 @@ struct SocketContext {
         SocketContext* Next = nullptr;
         SocketContext* Previous = nullptr;
     } Link;                           ///< membership in the entry's list; guarded by its ListLock
-    SOCKADDR_STORAGE RelayAddress{};  ///< where a split or redirected socket really goes; written by connect
+    AddressField RelayAddress;        ///< where a split or redirected socket really goes; written by connect
     AddressField DestinationAddress;  ///< given to connect or sendto, or reported by recvfrom
     Relaxed<int> DestinationAddressLength;
     Relaxed<BOOL> Split;  ///< connected elsewhere than the application asked

@@ -48,9 +48,8 @@ void ApplyAllow(SocketContext* context, std::uint32_t flags) {
     context->RelayWanted = context->SocketType == SOCK_STREAM && (flags & kSplitting) != 0;
 }
 
-/// A refused connect gets no address to go to: another thread that connects the same socket clears `Blocked`.
 void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verdict, const sockaddr* name,
-                  int namelen, const sockaddr** nameOut) {
+                  int namelen, ConnectTarget* target) {
     switch (verdict.Action) {
         case ActionAllow:
         case kActionAllowConnect:
@@ -59,24 +58,25 @@ void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verd
         case ActionBlock:
             ClearRoute(context);
             context->Blocked = TRUE;
-            *nameOut = nullptr;
-            break;
+            target->way = ConnectTarget::Way::kRefused;
+            return;
         case ActionRedirect:
             ClearRoute(context);
             context->DestinationAddress.Store(name, namelen);
-            context->RelayAddress = verdict.RedirectAddress;
+            context->RelayAddress.Store(&verdict.RedirectAddress, sizeof(verdict.RedirectAddress));
             context->Split = TRUE;
-            *nameOut = reinterpret_cast<const sockaddr*>(&context->RelayAddress);
-            break;
+            target->name = verdict.RedirectAddress;
+            return;
         default:
             break;
     }
+    if (context->RelayWanted) target->way = ConnectTarget::Way::kThroughRelay;
 }
 
 enum class Question { kNeedless, kAnswered, kFailed };
 
 /// Asks in the context's turn and applies the answer. Throws std::bad_alloc.
-Question AskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut) {
+Question AskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* target) {
     const SpyExchange exchange(context);
     if (!exchange.Entered() || exchange.Abandoned()) return Question::kFailed;
     if (!PrepareAnalyzerChannel(context, name, namelen)) {
@@ -95,15 +95,15 @@ Question AskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, 
     const PooledResponse verdict =
         WaitForResponse(messageId, context, INVALID_HANDLE_VALUE, &exchange.Abandoned());
     if (verdict == nullptr) return Question::kFailed;
-    ApplyVerdict(context, *verdict, name, namelen, nameOut);
+    ApplyVerdict(context, *verdict, name, namelen, target);
     return Question::kAnswered;
 }
 
 /// As if it couldn't be asked when memory runs out. The spy socket then stays with the context, which closes
 /// it.
-Question TryAskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut) {
+Question TryAskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* target) {
     try {
-        return AskAnalyzer(context, name, namelen, nameOut);
+        return AskAnalyzer(context, name, namelen, target);
     } catch (const std::exception&) {
         return Question::kFailed;
     }
@@ -111,7 +111,7 @@ Question TryAskAnalyzer(SocketContext* context, const sockaddr* name, int namele
 
 }  // namespace
 
-bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, const sockaddr** nameOut,
+bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* nameOut,
                        int*) {
     if (context == nullptr) return true;
     context->Blocked = FALSE;
@@ -125,14 +125,16 @@ bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen
     if (question == Question::kAnswered) return true;
     ClearRoute(context);
     if (question == Question::kNeedless) return true;
-    if (ApplyFailConnectPolicy(context)) *nameOut = nullptr;
+    if (ApplyFailConnectPolicy(context)) nameOut->way = ConnectTarget::Way::kRefused;
     return false;
 }
 
-bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, const sockaddr**, int*) {
+bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, ConnectTarget*, int*) {
     // There is nothing yet that could carry a split connection: it fails as one does whose relay can't be
-    // made.
-    CloseSpySocket(context);
+    // made. In its turn, since another thread that connects the same socket may be reading the spy socket;
+    // one that doesn't get it leaves the spy socket to the context.
+    const SpyExchange exchange(context);
+    if (exchange.Entered()) CloseSpySocket(context);
     context->Split = FALSE;
     return false;
 }

@@ -47,9 +47,9 @@ TEST_F(ConnectOperation, AllowedGoesToTheDestinationAndIsRemembered) {
 }
 
 TEST_F(ConnectOperation, BlockedIsRefusedWithoutALowerConnect) {
-    Fake().verdict = [](SocketContext* context, const sockaddr** target, int*) {
+    Fake().verdict = [](SocketContext* context, ConnectTarget* target, int*) {
         context->Blocked = TRUE;
-        *target = nullptr;
+        target->way = ConnectTarget::Way::kRefused;
         return true;
     };
     EXPECT_EQ(Connect(), WSAECONNREFUSED);
@@ -58,11 +58,10 @@ TEST_F(ConnectOperation, BlockedIsRefusedWithoutALowerConnect) {
 }
 
 TEST_F(ConnectOperation, RedirectedGoesElsewhereAndPeerNameKeepsTheDestination) {
-    Fake().verdict = [](SocketContext* context, const sockaddr** target, int*) {
+    Fake().verdict = [](SocketContext* context, ConnectTarget* target, int*) {
         const sockaddr_in other = MakeAddress("198.51.100.20", 8080);
-        std::memcpy(&context->RelayAddress, &other, sizeof(other));
+        std::memcpy(&target->name, &other, sizeof(other));
         context->Split = TRUE;
-        *target = reinterpret_cast<const sockaddr*>(&context->RelayAddress);
         return true;
     };
     EXPECT_EQ(Connect(), 0);
@@ -75,13 +74,15 @@ TEST_F(ConnectOperation, RedirectedGoesElsewhereAndPeerNameKeepsTheDestination) 
     EXPECT_EQ(length, 16) << "the length that is needed";
     EXPECT_EQ(WSPGetPeerName(s_, reinterpret_cast<sockaddr*>(&peer), &length, &error_), 0);
     EXPECT_EQ(std::memcmp(&peer, &name_, sizeof(peer)), 0);
+    length = 0;
     EXPECT_EQ(WSPGetPeerName(s_, nullptr, &length, &error_), SOCKET_ERROR);
     EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(length, 16);
 }
 
 TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
-    Fake().verdict = [](SocketContext* context, const sockaddr**, int*) {
-        context->RelayWanted = TRUE;
+    Fake().verdict = [](SocketContext*, ConnectTarget* target, int*) {
+        target->way = ConnectTarget::Way::kThroughRelay;
         return true;
     };
     EXPECT_EQ(Connect(), WSAEFAULT) << "the split failed";
@@ -90,24 +91,26 @@ TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
     EXPECT_TRUE(Fake().connected.empty());
     EXPECT_EQ(context_->LocalAddress.Port(), 0);
 
-    Fake().split = [](SocketContext* context, const sockaddr** target, int* length) {
+    Fake().split = [](SocketContext*, ConnectTarget* target, int* length) {
         const sockaddr_in relay = MakeAddress("127.0.0.1", 48300);
-        std::memcpy(&context->RelayAddress, &relay, sizeof(relay));
-        *target = reinterpret_cast<const sockaddr*>(&context->RelayAddress);
+        std::memcpy(&target->name, &relay, sizeof(relay));
         *length = 128;
         return true;
     };
     struct {
         int lowerError;
+        int error;
         int abandoned;
         unsigned short localPort;
-    } const cases[] = {
-        {0, 1, 7777}, {WSAEWOULDBLOCK, 1, 7777}, {WSA_IO_PENDING, 1, 7777}, {WSAECONNRESET, 2, 0}};
+    } const cases[] = {{0, 0, 1, 7777},
+                       {WSAEWOULDBLOCK, WSAEWOULDBLOCK, 1, 7777},
+                       {WSA_IO_PENDING, WSAEWOULDBLOCK, 1, 7777},
+                       {WSAECONNRESET, WSAECONNRESET, 2, 0}};
     for (const auto& row : cases) {
         Fake().connected.clear();
         context_->LocalAddress.Store(nullptr, 0);
         Fake().connectError = row.lowerError;
-        EXPECT_EQ(Connect(), row.lowerError);
+        EXPECT_EQ(Connect(), row.error);
         EXPECT_EQ(Fake().connected, (std::vector<std::string>{"127.0.0.1:48300 128"}));
         EXPECT_EQ(Fake().abandonedSplits, row.abandoned) << row.lowerError;
         EXPECT_EQ(context_->LocalAddress.Port(), row.localPort) << row.lowerError;
@@ -116,7 +119,7 @@ TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
 
 TEST_F(ConnectOperation, NamesThatCantBeTakenAreRefusedBeforeAnyoneIsAsked) {
     bool asked = false;
-    Fake().verdict = [&](SocketContext*, const sockaddr**, int*) { return asked = true; };
+    Fake().verdict = [&](SocketContext*, ConnectTarget*, int*) { return asked = true; };
     char name[200] = {};
     name[0] = AF_INET;
     for (const int length : {129, 200, -1}) {

@@ -176,11 +176,11 @@ bool FakeWinsock::FreeCatalog() {
 
 // ---- The interception
 
-bool AskConnectVerdict(SocketContext* context, const sockaddr*, int, const sockaddr** nameOut,
+bool AskConnectVerdict(SocketContext* context, const sockaddr*, int, ConnectTarget* nameOut,
                        int* namelenOut) {
     return !Fake().verdict || Fake().verdict(context, nameOut, namelenOut);
 }
-bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, const sockaddr** nameOut,
+bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, ConnectTarget* nameOut,
                      int* namelenOut) {
     return Fake().split && Fake().split(context, nameOut, namelenOut);
 }

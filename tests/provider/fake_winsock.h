@@ -17,6 +17,7 @@
 
 #include "platform/testing/resource_counts.h"
 #include "provider/catalog.h"
+#include "provider/interception.h"
 #include "provider/operations.h"
 #include "provider/process_state.h"
 #include "provider/socket_context.h"
@@ -41,8 +42,8 @@ struct FakeState {
     int connectError = 0;
 
     // The interception; unset ones do nothing.
-    std::function<bool(SocketContext*, const sockaddr**, int*)> verdict;
-    std::function<bool(SocketContext*, const sockaddr**, int*)> split;
+    std::function<bool(SocketContext*, ConnectTarget*, int*)> verdict;
+    std::function<bool(SocketContext*, ConnectTarget*, int*)> split;
     int abandonedSplits = 0;
     std::function<void(SocketContext*)> received;
     std::function<void(SocketContext*)> sent;
