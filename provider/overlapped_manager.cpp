@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "provider/catalog.h"
 #include "provider/guarded_sockets.h"
 #include "provider/lower_call.h"
 #include "provider/overlapped_execution.h"
@@ -23,6 +24,7 @@ namespace {
 constexpr DWORD kStopPacket = 0xFFFFFFFF;
 constexpr DWORD kStopMilliseconds = 5000;
 constexpr DWORD kLastRoutinesMilliseconds = 20;
+constexpr DWORD kCancelMilliseconds = 1000;
 constexpr DWORD kMostWorkers = MAXIMUM_WAIT_OBJECTS;
 constexpr int kStartFailure = WSAEPROVIDERFAILEDINIT;
 
@@ -148,6 +150,20 @@ void ExecuteOnWorker(OverlappedOperation* operation, LPWSATHREADID thread, Event
     }
 }
 
+/// Ends what a cancel has ended. What the lower provider still holds on to after that keeps its record, and
+/// with it heap and library: it may yet write into them.
+void CompleteCancelled(EventRequests* requests) {
+    DWORD patience = kCancelMilliseconds;
+    while (requests->Count() > 0) {
+        OverlappedOperation* const operation = requests->Remove(0);
+        if (WaitForSingleObject(EventOf(&operation->ProviderOverlapped), patience) == WAIT_TIMEOUT) {
+            patience = 0;
+        } else {
+            CompleteFromWorker(operation, WSA_IO_PENDING);
+        }
+    }
+}
+
 DWORD WINAPI AlertableWorker(LPVOID argument) {
     const HANDLE semaphore = argument;
     INT error = 0;
@@ -173,8 +189,7 @@ DWORD WINAPI AlertableWorker(LPVOID argument) {
     }
     // What was handed down in the last moment is cancelled too; the ends of all of it come to this thread.
     CancelOverlappedRecords();
-    while (requests.Count() > 0)
-        CompleteFromWorker(requests.Remove(0), WSA_IO_PENDING);
+    CompleteCancelled(&requests);
     while (SleepEx(kLastRoutinesMilliseconds, TRUE) == WAIT_IO_COMPLETION) {
     }
     if (hasThread) UpcallTable.lpWPUCloseThread(&thread, &error);
@@ -206,7 +221,9 @@ bool PostStopPackets(HANDLE port, DWORD count) {
     return false;
 }
 
-/// False when a worker has not ended in time: unloading under it is the worst that could happen.
+/// False when a worker has not ended in time: unloading under it is the worst that could happen. Not
+/// alertable, since GlobalLock or the loader's lock may be held, under which no routine of the application
+/// may run.
 bool WaitForWorkers(const HANDLE* workers, DWORD count) {
     if (count == 0) return true;
     const DWORD result = WaitForMultipleObjectsEx(count, workers, TRUE, kStopMilliseconds, FALSE);
@@ -248,12 +265,13 @@ INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine) {
     return readable ? error : WSAEFAULT;
 }
 
-/// The thread that the application's routine is to run on.
+/// The thread that the application's routine is to run on. One that Winsock names goes down with the request,
+/// whether there is a routine or not; only a routine is worth opening one for.
 INT SetCallerThread(OverlappedOperation* operation, LPWSATHREADID threadId) {
-    if (operation->CallerCompletionRoutine == nullptr) return 0;
     if (threadId != nullptr) {
         return GuardedCall([&]() noexcept { operation->CallerThreadId = *threadId; }) ? 0 : WSAEFAULT;
     }
+    if (operation->CallerCompletionRoutine == nullptr) return 0;
     INT error = 0;
     if (UpcallTable.lpWPUOpenCurrentThread(&operation->CallerThreadId, &error) == SOCKET_ERROR) return error;
     operation->CloseThread = TRUE;
@@ -270,7 +288,8 @@ INT SetBuffers(OverlappedOperation* operation, LPWSABUF buffers, DWORD count) {
         return 0;
     }
     if (count > 0x00FFFFFF) return WSAENOBUFS;
-    auto* const copy = static_cast<LPWSABUF>(HeapAlloc(PrivateHeap, 0, count * sizeof(WSABUF)));
+    const HANDLE heap = operation->Lifetime->Heap;
+    auto* const copy = static_cast<LPWSABUF>(HeapAlloc(heap, 0, count * sizeof(WSABUF)));
     if (copy == nullptr) return WSAENOBUFS;
     operation->Transfer.Buffers = copy;
     operation->OwnsBuffers = TRUE;
@@ -304,11 +323,13 @@ bool SkipPacketsOfSuccess(const SocketContext* context) {
 
 /// Associates the lower socket with the layer's port on its first overlapped request.
 Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* context) {
-    if (!AcquireSocketLock(context)) return Association::kFailed;
+    // Read once: without a port the call below would make one that nobody waits for.
+    const HANDLE port = Port;
+    if (port == nullptr || !AcquireSocketLock(context)) return Association::kFailed;
     Association association = Association::kMade;
     if (context->CompletionPort == nullptr) {
         context->CompletionPort = CreateIoCompletionPort(reinterpret_cast<HANDLE>(operation->ProviderSocket),
-                                                         Port, operation->CallerSocket, 0);
+                                                         port, operation->CallerSocket, 0);
         if (context->CompletionPort == nullptr) {
             association =
                 GetLastError() == ERROR_INVALID_PARAMETER ? Association::kImpossible : Association::kFailed;
@@ -322,6 +343,12 @@ Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* 
     return association;
 }
 
+/// Without a routine: the port, or the event, is told.
+CompletionNotice NoticeToPort(OverlappedOperation* operation) {
+    const bool hasThread = operation->CallerThreadId.ThreadHandle != nullptr;
+    return {nullptr, hasThread ? &operation->CallerThreadId : nullptr};
+}
+
 /// Runs a request to its end inside the call, for a lower socket that is associated with somebody else's
 /// port: its event's low bit keeps the completion from that port, and the application is told as of any other
 /// request.
@@ -333,7 +360,7 @@ int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context)
     }
     operation->ProviderOverlapped.hEvent =
         reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(event) | ULONG_PTR{1});
-    const int result = CallLowerOverlapped(operation, context, CompletionNotice());
+    const int result = CallLowerOverlapped(operation, context, NoticeToPort(operation));
     if (result == 0 || result == WSA_IO_PENDING) {
         // The lower provider signals it at the end of every request that it took, also when the socket is
         // closed.
@@ -342,15 +369,15 @@ int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context)
     } else {
         FailOverlappedOperation(operation, context, result);
     }
-    CloseHandle(event);
-    return result == WSA_IO_PENDING ? 0 : result;
+    SafeCloseHandle(event);
+    return result;
 }
 
 /// Makes the lower call; the completion arrives through the port, unless the request ends here.
 int ExecuteAbovePort(OverlappedOperation* operation, SocketContext* context, bool skipsPackets) {
     const LONG end = AwaitEnd(operation, skipsPackets);
     const RecordHold hold(operation);
-    const int result = CallLowerOverlapped(operation, context, CompletionNotice());
+    const int result = CallLowerOverlapped(operation, context, NoticeToPort(operation));
     if (result == WSA_IO_PENDING || (result == 0 && !skipsPackets)) return WSA_IO_PENDING;
     if (!ClaimEnd(operation, end)) return WSA_IO_PENDING;
     if (result == 0) {
@@ -367,6 +394,7 @@ int StartOverlappedManager() {
     const Locker lock(OverlappedLock);
     if (Workers != nullptr) return 0;
     StopRequested = false;
+    ForgetFreeRecords();
     DWORD wanted = 1;
     Port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
     if (Port != nullptr) {

@@ -53,18 +53,21 @@ OverlappedOperation* TakeOverlappedRecord(SocketContext* context) {
     OverlappedOperation* operation;
     {
         const Locker lock(OverlappedLock);
-        operation = FreeRecords;
+        // A clean-up may have overtaken this thread: the record lies in the heap that it will be given back
+        // to.
+        CatalogLifetime* const lifetime = context->Provider->Lifetime;
+        operation = lifetime->Heap == PrivateHeap ? FreeRecords : nullptr;
         if (operation != nullptr) {
             FreeRecords = operation->Link.Next;
             operation->Link.Next = nullptr;
-        } else if (PrivateHeap != nullptr) {
+        } else {
             operation = static_cast<OverlappedOperation*>(
-                HeapAlloc(PrivateHeap, HEAP_ZERO_MEMORY, sizeof(OverlappedOperation)));
+                HeapAlloc(lifetime->Heap, HEAP_ZERO_MEMORY, sizeof(OverlappedOperation)));
         }
         if (operation != nullptr) {
             RecordsInUse.Append(operation);
-            operation->Lifetime = context->Provider->Lifetime;
-            HoldCatalogLifetime(operation->Lifetime);
+            operation->Lifetime = lifetime;
+            HoldCatalogLifetime(lifetime);
             operation->Holds = 1;
             ++context->OutstandingAsync;
         }
@@ -89,6 +92,10 @@ void ReleaseOverlappedRecord(OverlappedOperation* operation) {
         // A record of a heap that was given up goes with that heap.
     }
     ReleaseCatalogLifetime(lifetime);
+}
+
+void ForgetFreeRecords() {
+    FreeRecords = nullptr;
 }
 
 void FreeOverlappedRecords() {

@@ -17,6 +17,9 @@ OverlappedOperation* TakeOverlappedRecord(SocketContext* context);
 /// Drops a hold; the last one gives the record back to the pool, with the buffer array that it owns.
 void ReleaseOverlappedRecord(OverlappedOperation* operation);
 
+/// Empties the free list: what an earlier manager left there lay in a heap that is gone.
+void ForgetFreeRecords() QX_REQUIRES(OverlappedLock);
+
 /// Asks the lower providers to end every request in use, by cancelling it.
 void CancelOverlappedRecords();
 

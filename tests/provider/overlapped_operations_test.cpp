@@ -282,17 +282,22 @@ INSTANTIATE_TEST_SUITE_P(Modes, OverlappedOperationsAtOnce,
 
 TEST_P(OverlappedOperationsAtOnce, WhatSucceedsAtOnceIsToldOnce) {
     Told told;
+    int succeeded = 0;
     for (const OperationRow& row : kOperations) {
         SCOPED_TRACE(row.name);
         Stage stage;
         Prepare(stage, told, row);
         if (row.satisfy != nullptr) (stage.*row.satisfy)();
-        EXPECT_EQ(row.start(stage), IsSynchronous() ? 0 : WSA_IO_PENDING);
+        const int result = row.start(stage);
+        // Whether the lower provider ends a request inside its call is for it to say.
+        if (result == 0) ++succeeded;
+        EXPECT_TRUE(result == 0 || result == WSA_IO_PENDING) << result;
         DWORD bytes = 0;
         EXPECT_EQ(ToldError(stage, told, &bytes), 0u);
         EXPECT_EQ(bytes, row.bytes);
         platform::DisarmFaults();
     }
+    EXPECT_EQ(succeeded > 0, IsSynchronous());
     ExpectNothingElse(told);
 }
 
