@@ -6,8 +6,9 @@
 
 namespace {
 
-/// The entry above the named protocol with its lower provider started, or null with `*error`.
-LspEntry* FindConverter(LPWSAPROTOCOL_INFOW info, LPINT error) {
+/// The entry above the named protocol with its lower provider started, kept by the hold, or null with
+/// `*error`.
+LspEntry* FindConverter(LPWSAPROTOCOL_INFOW info, CatalogHold* hold, LPINT error) {
     WSAPROTOCOL_INFOW wanted;
     if (info == nullptr || !GuardedCall([&]() noexcept { wanted = *info; })) {
         *error = info == nullptr ? WSAEINVAL : WSAEFAULT;
@@ -16,6 +17,7 @@ LspEntry* FindConverter(LPWSAPROTOCOL_INFOW info, LPINT error) {
     LspEntry* found = nullptr;
     {
         const Locker lock(CatalogLock);
+        hold->Take();
         for (LONG i = 0; CatalogEntries != nullptr && i < CatalogCount && found == nullptr; ++i) {
             const WSAPROTOCOL_INFOW& lower = CatalogEntries[i].NextProvider;
             if (lower.iAddressFamily == wanted.iAddressFamily && lower.iSocketType == wanted.iSocketType &&
@@ -29,7 +31,7 @@ LspEntry* FindConverter(LPWSAPROTOCOL_INFOW info, LPINT error) {
         *error = WSAEINVAL;
         return nullptr;
     }
-    return EnsureProviderStarted(found, info, error) == 0 ? found : nullptr;
+    return EnsureProviderStarted(found, &wanted, error) == 0 ? found : nullptr;
 }
 
 LPWSAPROTOCOL_INFOW InfoForLower(LspEntry* provider, LPWSAPROTOCOL_INFOW info) {
@@ -40,8 +42,8 @@ LPWSAPROTOCOL_INFOW InfoForLower(LspEntry* provider, LPWSAPROTOCOL_INFOW info) {
 
 INT WSPAPI WSPAddressToString(LPSOCKADDR address, DWORD addressLength, LPWSAPROTOCOL_INFOW info, LPWSTR text,
                               LPDWORD textLength, LPINT error) {
-    const CatalogHold hold;
-    LspEntry* const provider = FindConverter(info, error);
+    CatalogHold hold;
+    LspEntry* const provider = FindConverter(info, &hold, error);
     if (provider == nullptr) return SOCKET_ERROR;
     return CallLower(provider, INT{SOCKET_ERROR}, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPAddressToString(
@@ -51,8 +53,8 @@ INT WSPAPI WSPAddressToString(LPSOCKADDR address, DWORD addressLength, LPWSAPROT
 
 INT WSPAPI WSPStringToAddress(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW info, LPSOCKADDR address,
                               LPINT addressLength, LPINT error) {
-    const CatalogHold hold;
-    LspEntry* const provider = FindConverter(info, error);
+    CatalogHold hold;
+    LspEntry* const provider = FindConverter(info, &hold, error);
     if (provider == nullptr) return SOCKET_ERROR;
     return CallLower(provider, INT{SOCKET_ERROR}, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPStringToAddress(text, family, InfoForLower(provider, info),

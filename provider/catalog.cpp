@@ -142,8 +142,7 @@ void HoldCatalogLifetime(CatalogLifetime* lifetime) {
     InterlockedIncrement(&lifetime->Holders);
 }
 
-CatalogHold::CatalogHold() {
-    const Locker lock(CatalogLock);
+void CatalogHold::Take() {
     lifetime_ = CurrentLifetime;
     if (lifetime_ != nullptr) HoldCatalogLifetime(lifetime_);
 }

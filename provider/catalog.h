@@ -63,15 +63,18 @@ void HoldCatalogLifetime(CatalogLifetime* lifetime);
 /// last, or for null.
 bool ReleaseCatalogLifetime(CatalogLifetime* lifetime);
 
-/// Keeps the catalog's entries valid for a scope.
+/// Keeps the catalog's entries valid for a scope, from the choice of one on.
 class CatalogHold {
   public:
-    /// Takes CatalogLock briefly. Holds nothing when there is no catalog.
-    CatalogHold();
+    CatalogHold() = default;
+
+    /// To be called once, where the entry is chosen: without leaving the lock in between, so that the hold is
+    /// on the catalog that the entry is of. Holds nothing when there is no catalog.
+    void Take() QX_REQUIRES(CatalogLock);
     ~CatalogHold() { ReleaseCatalogLifetime(lifetime_); }
     CatalogHold(const CatalogHold&) = delete;
     CatalogHold& operator=(const CatalogHold&) = delete;
 
   private:
-    CatalogLifetime* lifetime_;
+    CatalogLifetime* lifetime_ = nullptr;
 };

@@ -58,7 +58,12 @@ int WSPAPI WSPShutdown(SOCKET s, int how, LPINT error) {
 int WSPAPI WSPCancelBlockingCall(LPINT error) {
     if (ThreadSlot == TLS_OUT_OF_INDEXES) return 0;
     auto* const provider = static_cast<LspEntry*>(TlsGetValue(ThreadSlot));
-    return provider != nullptr ? provider->LowerProcedures.lpWSPCancelBlockingCall(error) : 0;
+    if (provider == nullptr) return 0;
+    // A plain guard: the slot belongs to the call that is to be cancelled.
+    int result = SOCKET_ERROR;
+    if (!GuardedCall([&]() noexcept { result = provider->LowerProcedures.lpWSPCancelBlockingCall(error); }))
+        *error = WSAEFAULT;
+    return result;
 }
 
 int WSPAPI WSPAsyncSelect(SOCKET s, HWND, unsigned int, LONG, LPINT error) {

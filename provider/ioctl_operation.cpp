@@ -108,7 +108,7 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD code, LPVOID input, DWORD inputLength, LPVOI
     }
     return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPIoctl(context->ProviderSocket, code, input, inputLength, output,
-                                                    outputLength, bytesReturned, nullptr, nullptr, threadId,
-                                                    error);
+                                                    outputLength, bytesReturned, nullptr, completionRoutine,
+                                                    threadId, error);
     });
 }

@@ -41,23 +41,25 @@ class TranslatedSet {
     TranslatedSet(const TranslatedSet&) = delete;
     TranslatedSet& operator=(const TranslatedSet&) = delete;
 
-    /// 0, or the error for a set that is too large or can't be read.
-    INT Translate() {
-        if (application_ == nullptr) return 0;
+    /// False for a set that can't be read. Of one that is too large, what fits is translated.
+    bool Translate() {
+        if (application_ == nullptr) return true;
         SOCKET handles[kSetCapacity];
         unsigned int count = 0;
         if (!GuardedCall([&]() noexcept {
                 count = application_->fd_count;
-                if (count <= kSetCapacity)
-                    std::memcpy(handles, application_->fd_array, count * sizeof(SOCKET));
+                tooLarge_ = count > kSetCapacity;
+                if (tooLarge_) count = kSetCapacity;
+                std::memcpy(handles, application_->fd_array, count * sizeof(SOCKET));
             })) {
-            return WSAEFAULT;
+            return false;
         }
-        if (count > kSetCapacity) return WSAENOBUFS;
         for (unsigned int i = 0; i < count; ++i)
             AddHandle(handles[i]);
-        return 0;
+        return true;
     }
+
+    bool IsTooLarge() const { return tooLarge_; }
 
     /// The context that stands first, or null when no handle has one.
     SocketContext* FirstContext() const {
@@ -104,7 +106,13 @@ class TranslatedSet {
     fd_set lower_;
     std::array<SelectRecord, kSetCapacity> records_;
     unsigned int count_ = 0;
+    bool tooLarge_ = false;
 };
+
+int Fail(INT code, LPINT error) {
+    *error = code;
+    return SOCKET_ERROR;
+}
 
 }  // namespace
 
@@ -113,18 +121,13 @@ int WSPAPI WSPSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* except
     TranslatedSet reads(readSet);
     TranslatedSet writes(writeSet);
     TranslatedSet excepts(exceptSet);
-    *error = reads.Translate();
-    if (*error == 0) *error = writes.Translate();
-    if (*error == 0) *error = excepts.Translate();
-    if (*error != 0) return SOCKET_ERROR;
+    if (!reads.Translate() || !writes.Translate() || !excepts.Translate()) return Fail(WSAEFAULT, error);
 
     SocketContext* context = reads.FirstContext();
     if (context == nullptr) context = writes.FirstContext();
     if (context == nullptr) context = excepts.FirstContext();
-    if (context == nullptr) {
-        *error = WSAEINVAL;
-        return SOCKET_ERROR;
-    }
+    if (context == nullptr) return Fail(WSAEINVAL, error);
+    if (reads.IsTooLarge() || writes.IsTooLarge() || excepts.IsTooLarge()) return Fail(WSAENOBUFS, error);
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPSelect(nfds, reads.Lower(), writes.Lower(), excepts.Lower(),
@@ -140,8 +143,7 @@ int WSPAPI WSPSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* except
             writes.StoreReady(&remaining, &reported, &reportedCount);
             excepts.StoreReady(&remaining, &reported, &reportedCount);
         })) {
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
+        return Fail(WSAEFAULT, error);
     }
     return result;
 }

@@ -58,9 +58,10 @@ bool ServesRequest(const SocketRequest& request, const WSAPROTOCOL_INFOW& lower)
     return !protocolCounts || request.Protocol == lower.iProtocol;
 }
 
-/// The entry for a new socket, or null with `*error`.
-LspEntry* ChooseEntry(const SocketRequest& request, LPINT error) {
+/// The entry for a new socket, kept by the hold, or null with `*error`.
+LspEntry* ChooseEntry(const SocketRequest& request, CatalogHold* hold, LPINT error) {
     const Locker lock(CatalogLock);
+    hold->Take();
     *error = RejectUnserved(request);
     if (*error != 0) return nullptr;
     for (LONG i = 0; i < CatalogCount; ++i) {
@@ -110,16 +111,24 @@ SOCKET PublishDerivedSocket(SocketContext* parent, SOCKET lowerSocket, LPINT err
 
 SOCKET WSPAPI WSPSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP group,
                         DWORD flags, LPINT error) {
-    const CatalogHold hold;
+    WSAPROTOCOL_INFOW given;
+    if (info != nullptr) {
+        if (!GuardedCall([&]() noexcept { given = *info; })) {
+            *error = WSAEFAULT;
+            return INVALID_SOCKET;
+        }
+        info = &given;
+    }
     SocketRequest request = {family, type, protocol, info};
-    if (info != nullptr) request = {info->iAddressFamily, info->iSocketType, info->iProtocol, info};
-    LspEntry* const provider = ChooseEntry(request, error);
+    if (info != nullptr) request = {given.iAddressFamily, given.iSocketType, given.iProtocol, info};
+    CatalogHold hold;
+    LspEntry* const provider = ChooseEntry(request, &hold, error);
     if (provider == nullptr || EnsureProviderStarted(provider, info, error) != 0) return INVALID_SOCKET;
 
     // A duplicated socket's reserved value goes down whatever else does.
     WSAPROTOCOL_INFOW lowerInfo =
-        provider->LowerIsLayered() && info != nullptr ? *info : provider->NextProvider;
-    if (info != nullptr) lowerInfo.dwProviderReserved = info->dwProviderReserved;
+        provider->LowerIsLayered() && info != nullptr ? given : provider->NextProvider;
+    if (info != nullptr) lowerInfo.dwProviderReserved = given.dwProviderReserved;
     // Always overlapped, so that the layer can put any request of its own on the socket.
     const SOCKET lowerSocket = CallLower(provider, INVALID_SOCKET, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPSocket(family, type, protocol, &lowerInfo, group,

@@ -83,13 +83,22 @@ bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
     return true;
 }
 
-/// Releases what a failed first start-up built.
+/// Keeps the library's code for threads that a clean-up overtook inside it: once in them, nobody could tell
+/// when the last instruction has been executed.
+void KeepLibraryLoaded() {
+    WCHAR path[MAX_PATH];
+    const DWORD length = GetModuleFileNameW(ModuleHandle, path, MAX_PATH);
+    if (length != 0 && length < MAX_PATH) LoadLibraryW(path);
+}
+
+/// Releases what a failed first start-up built. Its workers can't end, nor even begin, while the loader's
+/// lock is held, as by a library that starts Winsock while it is loaded.
 void DropLayer() {
     StopProcessInfoCollection();
-    StopOverlappedManager();
+    const bool workersEnded = StopOverlappedManager();
     FreeOverlappedRecords();
     INT ignored = 0;
-    FreeLspCatalog(false, &ignored);
+    if (!FreeLspCatalog(false, &ignored) || !workersEnded) KeepLibraryLoaded();
 }
 
 /// 0, with `*entry` started, or the error.
@@ -108,14 +117,6 @@ int StartEntry(WORD version, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upc
     if (InitializeProvider(*entry, version, info, upcalls, &error) == 0) return 0;
     Trace("WSPStartup: InitializeProvider failed: %d", error);
     return error;
-}
-
-/// Keeps the library's code for threads that a clean-up overtook inside it: once in them, nobody could tell
-/// when the last instruction has been executed.
-void KeepLibraryLoaded() {
-    WCHAR path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(ModuleHandle, path, MAX_PATH);
-    if (length != 0 && length < MAX_PATH) LoadLibraryW(path);
 }
 
 /// Tells the relay worker to end and closes the port that it waits on. GlobalLock may be held.

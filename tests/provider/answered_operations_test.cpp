@@ -99,6 +99,11 @@ TEST_F(AnsweredOperations, SelectRefusesWhatItCantTranslate) {
     EXPECT_EQ(WSPSelect(0, reinterpret_cast<fd_set*>(&large), nullptr, nullptr, nullptr, &error_),
               SOCKET_ERROR);
     EXPECT_EQ(error_, WSAENOBUFS);
+    for (SOCKET& member : large.fd_array)
+        member = 0x77;
+    EXPECT_EQ(WSPSelect(0, reinterpret_cast<fd_set*>(&large), nullptr, nullptr, nullptr, &error_),
+              SOCKET_ERROR);
+    EXPECT_EQ(error_, WSAEINVAL) << "none is the layer's";
     EXPECT_EQ(WSPSelect(0, &empty, reinterpret_cast<fd_set*>(8), nullptr, nullptr, &error_), SOCKET_ERROR);
     EXPECT_EQ(error_, WSAEFAULT);
     EXPECT_EQ(ContextOf(s)->RefCount, 0);

@@ -42,6 +42,7 @@ TEST_F(SocketLife, EntryIsChosenByWhatTheApplicationSays) {
         {AF_INET, SOCK_STREAM, IPPROTO_UDP, WSAEAFNOSUPPORT, nullptr},
         {AF_INET, SOCK_STREAM, IPPROTO_TCP, 0, &handleFlags},
         {AF_INET, SOCK_STREAM, IPPROTO_TCP, WSAEAFNOSUPPORT, &foreignFlags},
+        {AF_INET, SOCK_STREAM, IPPROTO_TCP, WSAEFAULT, reinterpret_cast<LPWSAPROTOCOL_INFOW>(8)},
     };
     for (const auto& row : cases) {
         EXPECT_EQ(ErrorOf(row.family, row.type, row.protocol, row.info), row.expected)
@@ -214,6 +215,24 @@ TEST_F(SocketLife, LowerProviderThatRaisesFailsTheCallAndHoldsNothing) {
     EXPECT_EQ(error_, WSAEFAULT);
     EXPECT_EQ(TlsGetValue(ThreadSlot), nullptr);
     EXPECT_EQ(ContextOf(s)->RefCount, 0);
+    Close(s);
+}
+
+TEST_F(SocketLife, ACancelThatRaisesLeavesTheCallThatItWasToCancel) {
+    Lower().lpWSPCancelBlockingCall = Callback([](LPINT) -> int {
+        RaiseException(0xC0000005, 0, 0, nullptr);
+        return 0;
+    });
+    Lower().lpWSPListen = Callback([](SOCKET, int, LPINT) {
+        INT error = 0;
+        EXPECT_EQ(WSPCancelBlockingCall(&error), SOCKET_ERROR);
+        EXPECT_EQ(error, WSAEFAULT);
+        EXPECT_NE(TlsGetValue(ThreadSlot), nullptr);
+        return 0;
+    });
+    const SOCKET s = MakeSocket();
+    EXPECT_EQ(WSPListen(s, 1, &error_), 0);
+    EXPECT_EQ(WSPCancelBlockingCall(&error_), 0) << "nothing to cancel";
     Close(s);
 }
 
