@@ -66,6 +66,7 @@ class ClockListenerList {
         if (first_ != nullptr) first_->previous_ = listener;
         first_ = listener;
         ++count_;
+        ++added_;
     }
 
     void Remove(ClockListener* listener) {
@@ -93,10 +94,16 @@ class ClockListenerList {
         return count_;
     }
 
+    std::uint64_t CountAdded() {
+        const std::lock_guard<std::mutex> holder(mutex_);
+        return added_;
+    }
+
   private:
     std::mutex mutex_;
     ClockListener* first_ = nullptr;
     int count_ = 0;
+    std::uint64_t added_ = 0;
     std::vector<std::unique_ptr<ClockRule>> rules_;
 };
 
@@ -164,13 +171,13 @@ void ResetClock() {
     SetClockRate(1);
 }
 
-int CountTimedWaits() {
-    return TheListeners().Count();
+std::uint64_t CountBegunTimedWaits() {
+    return TheListeners().CountAdded();
 }
 
 bool WaitForTimedWaits(int count) {
     const std::int64_t giveUp = RealNow() + 10'000 * kNanosecondsPerMillisecond;
-    while (CountTimedWaits() < count) {
+    while (TheListeners().Count() < count) {
         if (RealNow() > giveUp) return false;
         std::this_thread::sleep_for(std::chrono::microseconds(100));
     }

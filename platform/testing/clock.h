@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <cstdint>
+
 namespace platform {
 
 /// The clock runs `factor` times as fast as real time from now on; 0 stops it.
@@ -15,8 +17,9 @@ void AdvanceClock(DWORD milliseconds);
 /// Back to real speed, from the present reading on.
 void ResetClock();
 
-/// Threads that are waiting with a deadline now.
-int CountTimedWaits();
+/// How many waits with a deadline have begun in this process: what a test looks at that steps the clock once
+/// for every wait. Goes up only.
+std::uint64_t CountBegunTimedWaits();
 
 /// Blocks, in real time, until at least `count` threads wait with a deadline: what a test of a stopped clock
 /// does before it steps. False after ten real seconds.

@@ -57,9 +57,13 @@ TEST_F(AnswerLimits, ADrippingAnalyzerHoldsAConnectForAMinuteAtMost) {
     // The script may still look at it when the test is over.
     const auto connecting = std::make_shared<std::atomic<bool>>(true);
     analyzer_.SetScript([connecting](const SeenRequest& request, AnalyzerConnection& connection) {
+        std::uint64_t seenWaits = 0;
         for (const std::uint8_t byte : Answer(request.messageId)) {
-            while (*connecting && platform::CountTimedWaits() == 0)
+            // One byte for each wait: more would let a connect that is short of processor time have the whole
+            // answer in one wait.
+            while (*connecting && platform::CountBegunTimedWaits() == seenWaits)
                 std::this_thread::yield();
+            seenWaits = platform::CountBegunTimedWaits();
             if (!*connecting || !connection.Send({byte})) return;
             platform::AdvanceClock(2900);
         }
