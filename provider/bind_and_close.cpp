@@ -3,6 +3,7 @@
 #include "provider/caller_memory.h"
 #include "provider/interception.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 
 namespace {
@@ -45,17 +46,10 @@ int WSPAPI WSPBind(SOCKET s, const sockaddr* name, int namelen, LPINT error) {
     const ContextReference context(s, error);
     if (!context) return SOCKET_ERROR;
     SOCKADDR_STORAGE address;
-    if (name != nullptr && !CopyCallerName(name, namelen, &address)) {
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
-    }
+    if (name != nullptr && !CopyCallerName(name, namelen, &address)) return Fail(WSAEFAULT, error);
     const auto* const asked = name != nullptr ? reinterpret_cast<const sockaddr*>(&address) : nullptr;
     NotifyBind(context.Get(), asked, namelen);
-    if (context->Blocked) {
-        *error = WSAECONNABORTED;
-        WSASetLastError(WSAECONNABORTED);
-        return SOCKET_ERROR;
-    }
+    if (context->Blocked) return FailWithLastError(WSAECONNABORTED, error);
     LspEntry* const provider = context->Provider;
     return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPBind(context->ProviderSocket, asked, namelen, error);
@@ -71,8 +65,7 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT error) {
     const CloseClaim claim = ClaimClose(context);
     if (claim == CloseClaim::kRefused) {
         DerefSocketContext(context, &ignored);
-        *error = WSAENOTSOCK;
-        return SOCKET_ERROR;
+        return Fail(WSAENOTSOCK, error);
     }
     const int result = CloseLower(context, error);
     if (claim == CloseClaim::kShared) {

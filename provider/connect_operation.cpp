@@ -4,6 +4,7 @@
 #include "provider/caller_memory.h"
 #include "provider/interception.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 
 namespace {
@@ -39,12 +40,6 @@ void StoreLocalName(SocketContext* context) {
     if (result != SOCKET_ERROR) context->LocalAddress.Store(&name, length);
 }
 
-int Fail(int code, LPINT error) {
-    *error = code;
-    WSASetLastError(code);
-    return SOCKET_ERROR;
-}
-
 bool IsPending(int error) {
     return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == 0;
 }
@@ -61,21 +56,21 @@ int ConnectSplit(SOCKET s, SocketContext* context, const sockaddr* name, int nam
             "ERROR:Failed to connect the server socket in ConnectEx after splitting sockets.#Details: %s #\n",
             DescribeContext(context).c_str());
         AbandonSplit(s, context);
-        return Fail(WSAEFAULT, error);
+        return FailWithLastError(WSAEFAULT, error);
     }
     *error = 0;
     const int result = ConnectLower(context, target.name, targetLength, arguments, error);
     *established = result != SOCKET_ERROR || IsPending(*error);
     if (result != SOCKET_ERROR) return result;
     // However the lower provider calls it, the application's connect is one that is not done yet.
-    if (*established) return Fail(WSAEWOULDBLOCK, error);
+    if (*established) return FailWithLastError(WSAEWOULDBLOCK, error);
     const int code = *error;
     Trace(
         "ERROR:Failed to connect to the proxy socket. Server socket was also closed. #Details: %s #. "
         "Error:%d\n",
         DescribeContext(context).c_str(), code);
     AbandonSplit(s, context);
-    return Fail(code, error);
+    return FailWithLastError(code, error);
 }
 
 }  // namespace
@@ -90,7 +85,7 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     // The verdict, the report and the connect must all speak of the same address, whatever becomes of the
     // application's memory; and of all of it, so one that doesn't fit is refused.
     SOCKADDR_STORAGE destination;
-    if (!CopyCallerName(name, namelen, &destination)) return Fail(WSAEFAULT, error);
+    if (!CopyCallerName(name, namelen, &destination)) return FailWithLastError(WSAEFAULT, error);
     context->DestinationAddressLength = namelen;
     context->DestinationAddress.Store(&destination, namelen);
 
@@ -104,7 +99,7 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     // Not by `Blocked` and `RelayWanted`, which another thread's connect of the same socket may have changed.
     if (target.way == ConnectTarget::Way::kRefused) {
         StoreLocalName(context.Get());
-        return Fail(WSAECONNREFUSED, error);
+        return FailWithLastError(WSAECONNREFUSED, error);
     }
     if (target.way == ConnectTarget::Way::kDirect) {
         const int result = ConnectLower(context.Get(), target.name, targetLength, arguments, error);

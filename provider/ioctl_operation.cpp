@@ -4,6 +4,7 @@
 
 #include "provider/extension_functions.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 #include "provider/overlapped_manager.h"
 
@@ -17,11 +18,6 @@ struct IoctlBuffers {
     DWORD OutputLength;
     LPDWORD BytesReturned;
 };
-
-int Fail(INT code, LPINT error) {
-    *error = code;
-    return SOCKET_ERROR;
-}
 
 /// Writes a value of pointer size as the answer.
 int AnswerWithWord(ULONG_PTR word, const IoctlBuffers& buffers, LPINT error) {

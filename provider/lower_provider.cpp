@@ -4,6 +4,7 @@
 
 #include "provider/catalog.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/process_state.h"
 
 namespace {
@@ -103,8 +104,7 @@ int EnsureProviderStarted(LspEntry* entry, LPWSAPROTOCOL_INFOW info, LPINT error
     // Two threads that both found it stopped must not load it twice; and a clean-up may have come first.
     if (entry->LowerStartupCount > 0) return 0;
     if (PrivateHeap == nullptr || PrivateHeap != entry->Lifetime->Heap) {
-        *error = WSANOTINITIALISED;
-        return SOCKET_ERROR;
+        return Fail(WSANOTINITIALISED, error);
     }
     return InitializeProvider(entry, MAKEWORD(2, 2), info, UpcallTable, error);
 }

@@ -5,6 +5,7 @@
 
 #include "provider/caller_memory.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 
 #include <mswsock.h>
@@ -23,8 +24,7 @@ int AnswerWithDestination(const SocketContext* context, sockaddr* name, LPINT na
                               *namelen = length;
                           });
     if (readable && fits) return 0;
-    *error = WSAEFAULT;
-    return SOCKET_ERROR;
+    return Fail(WSAEFAULT, error);
 }
 
 /// The narrow form of an entry.
@@ -48,18 +48,14 @@ int AnswerWithBytes(const void* answer, int size, char* value, LPINT length, LPI
                    *length = size;
                });
     if (readable && fits) return 0;
-    *error = WSAEFAULT;
-    return SOCKET_ERROR;
+    return Fail(WSAEFAULT, error);
 }
 
 int AnswerWithProtocolInfo(const WSAPROTOCOL_INFOW& info, int option, char* value, LPINT length,
                            LPINT error) {
     if (option == SO_PROTOCOL_INFOW) return AnswerWithBytes(&info, sizeof(info), value, length, error);
     WSAPROTOCOL_INFOA narrow;
-    if (!ConvertProtocolInfo(info, &narrow)) {
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
-    }
+    if (!ConvertProtocolInfo(info, &narrow)) return Fail(WSAEFAULT, error);
     return AnswerWithBytes(&narrow, sizeof(narrow), value, length, error);
 }
 
@@ -104,8 +100,7 @@ int WSPAPI WSPSetSockOpt(SOCKET s, int level, int option, const char* value, int
     SOCKET listening = INVALID_SOCKET;
     if (value == nullptr || length < static_cast<int>(sizeof(listening)) ||
         !GuardedCall([&]() noexcept { std::memcpy(&listening, value, sizeof(listening)); })) {
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
+        return Fail(WSAEFAULT, error);
     }
     const ContextReference listener(listening, error);
     if (!listener) return SOCKET_ERROR;

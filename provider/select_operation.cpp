@@ -6,6 +6,7 @@
 
 #include "provider/caller_memory.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 
 namespace {
@@ -108,11 +109,6 @@ class TranslatedSet {
     unsigned int count_ = 0;
     bool tooLarge_ = false;
 };
-
-int Fail(INT code, LPINT error) {
-    *error = code;
-    return SOCKET_ERROR;
-}
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include "provider/catalog.h"
 #include "provider/guarded_sockets.h"
 #include "provider/host_process.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 #include "provider/overlapped_manager.h"
 #include "provider/process_state.h"
@@ -179,10 +180,7 @@ int WSPAPI WSPCleanup(LPINT error) {
     const bool closesListener = RelayListenSocket != INVALID_SOCKET;
     Locker createClose(SocketCreateCloseLock, closesListener);
     Locker global(qx::GlobalLock);
-    if (StartupCount == 0) {
-        *error = WSANOTINITIALISED;
-        return SOCKET_ERROR;
-    }
+    if (StartupCount == 0) return Fail(WSANOTINITIALISED, error);
     if (--StartupCount > 0) return 0;
 
     StopProcessInfoCollection();

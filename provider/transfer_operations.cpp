@@ -7,6 +7,7 @@
 #include "provider/caller_memory.h"
 #include "provider/interception.h"
 #include "provider/lower_call.h"
+#include "provider/operation_failure.h"
 #include "provider/operations.h"
 #include "provider/overlapped_manager.h"
 
@@ -14,9 +15,7 @@ namespace {
 
 int FailBlocked(const SocketContext* context, LPINT error) {
     const int blockError = context->BlockError;
-    *error = blockError != 0 ? blockError : WSAECONNABORTED;
-    WSASetLastError(*error);
-    return SOCKET_ERROR;
+    return FailWithLastError(blockError != 0 ? blockError : WSAECONNABORTED, error);
 }
 
 /// A receive may be tried again after a verdict's block. False when the socket stays blocked.
@@ -34,9 +33,7 @@ DWORD ReadOptional(const DWORD* value) {
 /// What the manager made of a request, as the operation's result.
 int QueueTransfer(OverlappedOperation* operation, SocketContext* context, LPINT error) {
     const int result = QueueOverlappedOperation(operation, context);
-    if (result == 0) return 0;
-    *error = result;
-    return SOCKET_ERROR;
+    return result == 0 ? 0 : Fail(result, error);
 }
 
 int QueueReceive(SOCKET s, SocketContext* context, OverlappedType type, LPWSABUF buffers, DWORD count,
@@ -51,8 +48,7 @@ int QueueReceive(SOCKET s, SocketContext* context, OverlappedType type, LPWSABUF
         })) {
         Trace("ERROR:WSPRecv: Overlapped exception! %d, ovl:%d..", static_cast<int>(s),
               static_cast<int>(reinterpret_cast<ULONG_PTR>(overlapped)));
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
+        return Fail(WSAEFAULT, error);
     }
     OverlappedOperation* const operation = PrepareOverlappedOperation(
         context, type, buffers, count, overlapped, completionRoutine, threadId, error);
@@ -177,10 +173,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
     if (!context) return SOCKET_ERROR;
     // What is reported is what is sent: both use this copy.
     SOCKADDR_STORAGE destination;
-    if (to != nullptr && !CopyCallerName(to, toLength, &destination)) {
-        *error = WSAEFAULT;
-        return SOCKET_ERROR;
-    }
+    if (to != nullptr && !CopyCallerName(to, toLength, &destination)) return Fail(WSAEFAULT, error);
     const auto* const target = to != nullptr ? reinterpret_cast<const sockaddr*>(&destination) : nullptr;
     if (overlapped != nullptr) {
         OverlappedOperation* const operation =
