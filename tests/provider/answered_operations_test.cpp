@@ -254,6 +254,27 @@ TEST_F(AnsweredOperations, ExtensionFunctionsAreTheLayersButForOne) {
     Close(s);
 }
 
+LPWSAOVERLAPPED_COMPLETION_ROUTINE IoctlRoutine = nullptr;
+LPWSATHREADID IoctlThread = nullptr;
+
+TEST_F(AnsweredOperations, AnIoctlThatIsNotOverlappedGoesDownAsItIs) {
+    Lower().lpWSPIoctl =
+        Callback([](SOCKET, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPWSAOVERLAPPED,
+                    LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, LPWSATHREADID thread, LPINT) {
+            IoctlRoutine = routine;
+            IoctlThread = thread;
+            return 0;
+        });
+    const SOCKET s = MakeSocket();
+    const LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = Callback([](DWORD, DWORD, LPWSAOVERLAPPED, DWORD) {});
+    WSATHREADID thread{};
+    DWORD bytes = 0;
+    EXPECT_EQ(WSPIoctl(s, FIONREAD, nullptr, 0, nullptr, 0, &bytes, nullptr, routine, &thread, &error_), 0);
+    EXPECT_EQ(IoctlRoutine, routine);
+    EXPECT_EQ(IoctlThread, &thread);
+    Close(s);
+}
+
 TEST_F(AnsweredOperations, LowerHandleIsToldOnlyByALayeredProvidersStandIn) {
     Lower().lpWSPIoctl = LowerIoctl;
     const SOCKET s = MakeSocket();

@@ -112,7 +112,10 @@ void FakeWinsock::SetUp() {
     UpcallTable.lpWPUQuerySocketHandleContext = QueryHandle;
     UpcallTable.lpWPUCloseSocketHandle = CloseHandleOfSocket;
     UpcallTable.lpWPUFDIsSet = __WSAFDIsSet;
+    BuildCatalog();
+}
 
+void FakeWinsock::BuildCatalog() {
     ASSERT_TRUE(CreatePrivateHeap());
     ContextAddedEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const Locker lock(CatalogLock);

@@ -70,6 +70,9 @@ class FakeWinsock : public ::testing::Test {
     /// Closes it and expects that to work.
     static void Close(SOCKET s);
 
+    /// As the first start-up does.
+    void BuildCatalog();
+
     /// As the last clean-up does. True when nothing was held by a call under way.
     static bool FreeCatalog();
 

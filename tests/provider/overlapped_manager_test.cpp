@@ -1,0 +1,177 @@
+// The overlapped manager between fakes: what its records and its alertable worker do when a clean-up, a close
+// or a lower provider that does not let go comes in between.
+#include "provider/overlapped_manager.h"
+
+#include <winsock2.h>
+
+#include <mswsock.h>
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/testing/clock.h"
+#include "platform/testing/fault_points.h"
+#include "provider/extension_functions.h"
+#include "tests/provider/fake_winsock.h"
+#include "tests/support/callback.h"
+
+namespace {
+
+constexpr DWORD kBlockingCode = 1;
+constexpr DWORD kPatience = 20000;
+
+/// What the lower provider shares with the test.
+struct LowerRequests {
+    HANDLE entered = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    HANDLE gate = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    int accepts = 0;                      // read once `entered` or the request's own event is set
+    LPOVERLAPPED acceptRecord = nullptr;  // likewise
+
+    LowerRequests() = default;
+    ~LowerRequests() {
+        CloseHandle(entered);
+        CloseHandle(gate);
+    }
+    LowerRequests(const LowerRequests&) = delete;
+    LowerRequests& operator=(const LowerRequests&) = delete;
+};
+LowerRequests* Requests = nullptr;
+
+BOOL WINAPI LowerAcceptEx(SOCKET, SOCKET, PVOID, DWORD, DWORD, DWORD, LPDWORD, LPOVERLAPPED overlapped) {
+    ++Requests->accepts;
+    Requests->acceptRecord = overlapped;
+    SetEvent(Requests->entered);
+    WSASetLastError(WSA_IO_PENDING);
+    return FALSE;
+}
+
+/// Gives AcceptEx away; holds whoever sends kBlockingCode until the gate is opened, and refuses it then.
+int WSPAPI LowerIoctl(SOCKET, DWORD code, LPVOID, DWORD, LPVOID output, DWORD, LPDWORD, LPWSAOVERLAPPED,
+                      LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+    if (code == SIO_GET_EXTENSION_FUNCTION_POINTER) {
+        const LPFN_ACCEPTEX function = LowerAcceptEx;
+        std::memcpy(output, &function, sizeof(function));
+        return 0;
+    }
+    SetEvent(Requests->entered);
+    WaitForSingleObject(Requests->gate, kPatience);
+    *error = WSAENOBUFS;
+    return SOCKET_ERROR;
+}
+
+class OverlappedManager : public FakeWinsock {
+  protected:
+    void SetUp() override {
+        FakeWinsock::SetUp();
+        Requests = new LowerRequests;
+        UseLower();
+        UpcallTable.lpWPUOpenCurrentThread = Callback([](LPWSATHREADID, LPINT error) {
+            *error = WSAEINVAL;
+            return SOCKET_ERROR;
+        });
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(StopOverlappedManager());
+        FreeOverlappedRecords();
+        delete Requests;
+        FakeWinsock::TearDown();
+    }
+
+    void UseLower() { Lower().lpWSPIoctl = LowerIoctl; }
+
+    /// A manager whose one worker makes the lower calls.
+    static void StartAlertable() {
+        platform::Fault fault;
+        fault.function = "CreateIoCompletionPort";
+        platform::ArmFault(fault);
+        ASSERT_EQ(StartOverlappedManager(), 0);
+        ASSERT_EQ(platform::FaultsStruck(), 1);
+        platform::DisarmFaults();
+    }
+
+    OverlappedOperation* Prepare(SOCKET s, LPWSAOVERLAPPED overlapped) {
+        return PrepareOverlappedOperation(ContextOf(s), OverlappedType::kRecv, nullptr, 0, overlapped,
+                                          nullptr, nullptr, &error_);
+    }
+
+    static bool Accept(SOCKET listener, SOCKET accepting, LPWSAOVERLAPPED overlapped) {
+        static char output[64];
+        DWORD bytes = 0;
+        return !LayerAcceptEx(listener, accepting, output, 0, 32, 32, &bytes, overlapped) &&
+               WSAGetLastError() == WSA_IO_PENDING;
+    }
+};
+
+TEST_F(OverlappedManager, ARecordGivenBackDuringACleanUpIsNotUsedByTheNextStart) {
+    ASSERT_EQ(StartOverlappedManager(), 0);
+    WSAOVERLAPPED overlapped{};
+    const SOCKET overtaken = MakeSocket();
+    OverlappedOperation* const late = Prepare(overtaken, &overlapped);
+    ASSERT_NE(late, nullptr);
+    EXPECT_TRUE(StopOverlappedManager());
+    FreeOverlappedRecords();
+    FailOverlappedOperation(late, ContextOf(overtaken), WSANOTINITIALISED);
+    Close(overtaken);
+    ASSERT_TRUE(FreeCatalog());
+
+    BuildCatalog();
+    ASSERT_EQ(StartOverlappedManager(), 0);
+    const SOCKET s = MakeSocket();
+    OverlappedOperation* const operation = Prepare(s, &overlapped);
+    ASSERT_NE(operation, nullptr);
+    FailOverlappedOperation(operation, ContextOf(s), WSAENOBUFS);
+    Close(s);
+}
+
+TEST_F(OverlappedManager, AnAcceptWhoseSocketWasClosedWhileItWaitedIsNotHandedDown) {
+    StartAlertable();
+    const SOCKET busy = MakeSocket();
+    const SOCKET listener = MakeSocket();
+    const SOCKET accepting = MakeSocket();
+    WSAOVERLAPPED blocking{};
+    DWORD bytes = 0;
+    EXPECT_EQ(
+        WSPIoctl(busy, kBlockingCode, nullptr, 0, nullptr, 0, &bytes, &blocking, nullptr, nullptr, &error_),
+        SOCKET_ERROR);
+    EXPECT_EQ(error_, WSA_IO_PENDING);
+    ASSERT_EQ(WaitForSingleObject(Requests->entered, kPatience), WAIT_OBJECT_0);
+
+    WSAOVERLAPPED overlapped{};
+    overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_TRUE(Accept(listener, accepting, &overlapped));
+    Close(accepting);
+    SetEvent(Requests->gate);
+    EXPECT_EQ(WaitForSingleObject(overlapped.hEvent, kPatience), WAIT_OBJECT_0);
+    EXPECT_EQ(overlapped.OffsetHigh, static_cast<DWORD>(WSAENOTSOCK));
+    EXPECT_EQ(Requests->accepts, 0);
+    EXPECT_TRUE(StopOverlappedManager());
+    CloseHandle(overlapped.hEvent);
+    Close(listener);
+    Close(busy);
+}
+
+TEST_F(OverlappedManager, ARequestThatTheLowerProviderHoldsOnToKeepsItsRecord) {
+    StartAlertable();
+    const SOCKET listener = MakeSocket();
+    const SOCKET accepting = MakeSocket();
+    WSAOVERLAPPED overlapped{};
+    EXPECT_TRUE(Accept(listener, accepting, &overlapped));
+    ASSERT_EQ(WaitForSingleObject(Requests->entered, kPatience), WAIT_OBJECT_0);
+    {
+        const platform::ScopedClockRate fast(100);
+        EXPECT_TRUE(StopOverlappedManager());
+    }
+    EXPECT_TRUE(IsOverlappedInProgress(&overlapped));
+    FreeOverlappedRecords();
+    EXPECT_FALSE(FreeCatalog()) << "the record lies in its heap";
+
+    // Now it lets go, and writes into the record as it may until then.
+    const HANDLE event = Requests->acceptRecord->hEvent;
+    Requests->acceptRecord->InternalHigh = 5;
+    EXPECT_TRUE(SetEvent(event));
+    CloseHandle(event);
+    CompleteOverlappedOperation(0, 5, Requests->acceptRecord, 0);
+}
+
+}  // namespace
