@@ -13,6 +13,9 @@
 
 namespace {
 
+// The flag of a verdict that asks for a split.
+constexpr std::uint32_t kRelayWanted = 0x08;
+
 class SharedSocket : public ConnectFixture {};
 
 TEST_F(SharedSocket, TwoConnectsTakeTurnsAndTheirOwnAnswers) {
@@ -35,6 +38,28 @@ TEST_F(SharedSocket, TwoConnectsTakeTurnsAndTheirOwnAnswers) {
     EXPECT_EQ(closesocket(s), 0);
     EXPECT_EQ(analyzer_.Requests().size(), 2u);
     EXPECT_EQ(CountDebugLines("Skipped an answer"), 0u);
+}
+
+TEST_F(SharedSocket, ASplitThatFailsLeavesTheOtherConnectItsAnswer) {
+    SetRegistryValue("StopActivityOnFailConnect", 1);
+    analyzer_.SetScript([](const SeenRequest& request, AnalyzerConnection& connection) {
+        // The first answer comes when the other connect waits for its turn, the second when the one that is
+        // to be split waits to give the channel up.
+        EXPECT_TRUE(platform::WaitForTimedWaits(2));
+        ScriptedAnswer answer;
+        answer.flags = request.Destination() == "203.0.113.10:80" ? kRelayWanted : 0;
+        connection.Answer(request, answer);
+    });
+    StartWinsock();
+    const platform::ScopedClockRate stopped(0);
+    const SOCKET s = StreamSocket();
+    auto split = std::async(std::launch::async, [&] { return ConnectToPublic(s); });
+    ASSERT_TRUE(analyzer_.WaitForRequests(1));
+    auto allowed = std::async(std::launch::async, [&] { return Connect(s, Ipv4(kOther, kPort)); });
+    EXPECT_NE(split.get(), 0);
+    EXPECT_EQ(allowed.get(), 0);
+    EXPECT_TRUE(otherOrigin_.HasConnection());
+    EXPECT_EQ(closesocket(s), 0);
 }
 
 TEST_F(SharedSocket, ClosingFreesTheThreadThatWaitsForAVerdict) {
