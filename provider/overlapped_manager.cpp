@@ -9,7 +9,6 @@
 
 #include <guarded_call.h>
 
-#include <atomic>
 #include <cstring>
 #include <utility>
 
@@ -28,10 +27,10 @@ constexpr DWORD kCancelMilliseconds = 1000;
 constexpr DWORD kMostWorkers = MAXIMUM_WAIT_OBJECTS;
 constexpr int kStartFailure = WSAEPROVIDERFAILEDINIT;
 
-// Written by start and stop under OverlappedLock; read by operations and workers without.
+// Written by start and stop under OverlappedLock; read by operations and workers without. Both null: the
+// manager has stopped.
 Relaxed<HANDLE> Port;
 Relaxed<HANDLE> Semaphore;
-std::atomic<bool> StopRequested{false};
 HANDLE* Workers QX_GUARDED_BY(OverlappedLock) = nullptr;
 DWORD WorkerCount QX_GUARDED_BY(OverlappedLock) = 0;
 
@@ -139,7 +138,7 @@ void ExecuteOnWorker(OverlappedOperation* operation, LPWSATHREADID thread, Event
         // A request that its socket's close, or the last clean-up, has overtaken ends like one that was under
         // way.
         const bool wanted =
-            context && context.Get() == operation->SocketContext && !context->Closing && !StopRequested;
+            context && context.Get() == operation->SocketContext && !context->Closing && Semaphore != nullptr;
         if (wanted) error = CallLowerOverlapped(operation, context.Get(), notice);
     }
     // Nobody is left to be told by a result: a refused request is reported like any other.
@@ -170,7 +169,7 @@ DWORD WINAPI AlertableWorker(LPVOID argument) {
     WSATHREADID thread = {};
     const bool hasThread = UpcallTable.lpWPUOpenCurrentThread(&thread, &error) != SOCKET_ERROR;
     EventRequests requests;
-    while (!StopRequested) {
+    while (Semaphore == semaphore) {
         HANDLE objects[MAXIMUM_WAIT_OBJECTS];
         DWORD count = 0;
         for (; count < requests.Count(); ++count)
@@ -188,7 +187,8 @@ DWORD WINAPI AlertableWorker(LPVOID argument) {
         }
     }
     // What was handed down in the last moment is cancelled too; the ends of all of it come to this thread.
-    CancelOverlappedRecords();
+    // Not the requests of a next manager, if a lower provider has kept this thread for so long.
+    if (Port == nullptr && Semaphore == nullptr) CancelOverlappedRecords();
     CompleteCancelled(&requests);
     while (SleepEx(kLastRoutinesMilliseconds, TRUE) == WAIT_IO_COMPLETION) {
     }
@@ -393,7 +393,6 @@ int ExecuteAbovePort(OverlappedOperation* operation, SocketContext* context, boo
 int StartOverlappedManager() {
     const Locker lock(OverlappedLock);
     if (Workers != nullptr) return 0;
-    StopRequested = false;
     ForgetFreeRecords();
     DWORD wanted = 1;
     Port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
@@ -412,8 +411,6 @@ int StartOverlappedManager() {
 }
 
 bool StopOverlappedManager() {
-    StopRequested = true;
-    CancelOverlappedRecords();
     HANDLE* workers;
     DWORD count;
     HANDLE port;
@@ -427,6 +424,8 @@ bool StopOverlappedManager() {
         Workers = nullptr;
         WorkerCount = 0;
     }
+    // After that, so that no request comes down unseen between the two.
+    CancelOverlappedRecords();
     // Outside the lock: the workers take it, and others, until they end. Losing their port ends them too,
     // though with whatever is still queued in it.
     if (port != nullptr && !PostStopPackets(port, count)) SafeCloseHandle(std::exchange(port, nullptr));
