@@ -80,10 +80,16 @@ int main(int argc, char** argv) {
     constexpr int kWrongInput = 2;
 
     Options options;
+    // As from a variable that isn't set: nobody means the default by it.
+    const CLI::Validator named(
+        [](const std::string& path) { return path.empty() ? std::string("names no file") : std::string(); },
+        "FILE");
     CLI::App app("Answers the layer's requests about connections by rules from a file.");
     app.add_option("--port", options.port, "port on 127.0.0.1; 0 takes any free one")->capture_default_str();
-    app.add_option("--port-file", options.portFile, "write the port here, as 4 little-endian bytes");
-    app.add_option("--rules", options.rules, "rule file (TOML); without it everything is allowed");
+    app.add_option("--port-file", options.portFile, "write the port here, as 4 little-endian bytes")
+        ->check(named);
+    app.add_option("--rules", options.rules, "rule file (TOML); without it everything is allowed")
+        ->check(named);
     app.add_flag("--json", options.json, "one JSON object per request instead of a readable line");
     app.add_flag("--quiet", options.quiet, "no line per request");
     app.add_flag("--until-input-ends", options.untilInputEnds, "stop at the end of standard input too");

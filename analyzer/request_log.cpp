@@ -70,9 +70,31 @@ const char* BehaviourName(Behaviour behaviour) {
     return "answer";
 }
 
+/// The JSON text on one line, with the control characters escaped that JSON allows as they are: U+007F and,
+/// in UTF-8 of two bytes, U+0080 to U+009F. Terminals act on them.
+template <class Json>
+std::string Line(const Json& json) {
+    const std::string text = json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::string line;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        auto character = static_cast<unsigned char>(text[at]);
+        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0u;
+        const bool wide = character == 0xC2 && next >= 0x80 && next <= 0x9F;
+        if (!wide && character != 0x7F) {
+            line += text[at];
+            continue;
+        }
+        if (wide) character = static_cast<unsigned char>(text[++at]);
+        char escaped[8];
+        std::snprintf(escaped, sizeof(escaped), "\\u%04x", static_cast<unsigned>(character));
+        line += escaped;
+    }
+    return line;
+}
+
 /// In quotes, as JSON has it: one line, whatever the text holds.
 std::string Quoted(const std::string& text) {
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return Line(nlohmann::json(text));
 }
 
 }  // namespace
@@ -132,7 +154,7 @@ std::string JsonLine(const std::string& time, const Request& request, const Rule
         {"delay_ms", verdict.delayMilliseconds},
     };
     if (verdict.action == RuleAction::kRedirect) line["redirect"] = ToText(verdict.redirect);
-    return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return Line(line);
 }
 
 void RequestLog::Write(const Request& request, const Rule& rule) {

@@ -24,6 +24,14 @@ bool ParseNumber(const std::string& text, std::size_t begin, std::size_t end, st
     return value <= limit;
 }
 
+/// Behind the UTF-8 character that begins at `at`.
+std::size_t EndOfCharacter(const std::string& text, std::size_t at) {
+    do {
+        ++at;
+    } while (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80);
+    return at;
+}
+
 }  // namespace
 
 bool FitsPattern(const std::string& text, const std::string& pattern) {
@@ -35,7 +43,10 @@ bool FitsPattern(const std::string& text, const std::string& pattern) {
         if (fit < pattern.size() && pattern[fit] == '*') {
             star = fit++;
             resume = at;
-        } else if (fit < pattern.size() && (pattern[fit] == '?' || pattern[fit] == text[at])) {
+        } else if (fit < pattern.size() && pattern[fit] == '?') {
+            ++fit;
+            at = EndOfCharacter(text, at);
+        } else if (fit < pattern.size() && pattern[fit] == text[at]) {
             ++fit;
             ++at;
         } else if (star != std::string::npos) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -32,16 +33,13 @@ struct Connection {
     /// Bytes to send, of which the first `sent` are gone.
     std::vector<unsigned char> out;
     std::size_t sent = 0;
+    /// Answers that are held back, by when they are due, and their bytes.
+    std::multimap<Clock::time_point, std::vector<unsigned char>> delayed;
     std::size_t delayedBytes = 0;
     bool inputEnded = false;
     /// What the socket is watched for.
     bool reading = true;
     bool writing = false;
-};
-
-struct DelayedAnswer {
-    std::uint64_t connection;
-    std::vector<unsigned char> bytes;
 };
 
 }  // namespace
@@ -72,6 +70,10 @@ class Server::Implementation {
                     std::size_t& taken);
     void KeepRest(Connection& connection, const unsigned char* rest, std::size_t count, bool newFrame);
     bool Send(Connection& connection);
+    void ForgetInput(Connection& connection);
+    void Delay(std::uint64_t key, Connection& connection, std::uint32_t milliseconds, std::size_t begin);
+    void SetDue(std::uint64_t key, const Connection& connection);
+    void ClearDue(std::uint64_t key, const Connection& connection);
     void Settle(std::uint64_t key, Connection& connection);
     void Close(std::uint64_t key, const char* reason);
     void SendDelayed(Clock::time_point now);
@@ -86,7 +88,8 @@ class Server::Implementation {
     bool listening_ = true;
     std::uint64_t nextKey_ = kFirstConnectionKey;
     std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> connections_;
-    std::multimap<Clock::time_point, DelayedAnswer> delayed_;
+    /// When the first delayed answer of a connection is due, of each that has one.
+    std::set<std::pair<Clock::time_point, std::uint64_t>> due_;
     std::size_t buffered_ = 0;
     Clock::time_point nextSweep_;
     std::vector<unsigned char> scratch_ = std::vector<unsigned char>(kReadSize);
@@ -118,7 +121,7 @@ void Server::Implementation::Run() {
         goesOn = watch_.Wait(WaitMilliseconds(Clock::now()), &events);
         for (const SocketEvent& event : events)
             HandleEvent(event);
-        if (!delayed_.empty() || buffered_ != 0) {
+        if (!due_.empty() || buffered_ != 0) {
             const Clock::time_point now = Clock::now();
             SendDelayed(now);
             CloseStalled(now);
@@ -133,9 +136,9 @@ int Server::Implementation::WaitMilliseconds(Clock::time_point now) const {
     const auto atMost = [&wait](long long milliseconds) {
         wait = wait < 0 ? milliseconds : std::min(wait, milliseconds);
     };
-    if (!delayed_.empty()) {
+    if (!due_.empty()) {
         const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(delayed_.begin()->first - now).count();
+            std::chrono::duration_cast<std::chrono::milliseconds>(due_.begin()->first - now).count();
         atMost(std::max<long long>(left + 1, 0));
     }
     if (buffered_ != 0) atMost(SweepMilliseconds());
@@ -180,8 +183,9 @@ bool Server::Implementation::Receive(std::uint64_t key, Connection& connection) 
         case Transfer::kDone:
             return TakeBytes(key, connection, scratch_.data(), received);
         case Transfer::kEnded:
-            // It may still want the answers to what it has asked.
+            // It may still want the answers to what it has asked; a frame that it has begun never ends.
             connection.inputEnded = true;
+            ForgetInput(connection);
             return true;
         case Transfer::kNotNow:
             return true;
@@ -205,14 +209,18 @@ bool Server::Implementation::TakeBytes(std::uint64_t key, Connection& connection
         if (taken != 0) {
             const std::vector<unsigned char> rest(connection.in.begin() + static_cast<std::ptrdiff_t>(taken),
                                                   connection.in.end());
-            buffered_ -= connection.in.size();
-            std::vector<unsigned char>().swap(connection.in);
+            ForgetInput(connection);
             KeepRest(connection, rest.data(), rest.size(), true);
         }
     }
     if (buffered_ <= limits_.bufferedBytes) return true;
     Close(key, "too many bytes of unfinished frames");
     return false;
+}
+
+void Server::Implementation::ForgetInput(Connection& connection) {
+    buffered_ -= connection.in.size();
+    std::vector<unsigned char>().swap(connection.in);
 }
 
 void Server::Implementation::KeepRest(Connection& connection, const unsigned char* rest, std::size_t count,
@@ -240,14 +248,8 @@ bool Server::Implementation::TakeFrames(std::uint64_t key, Connection& connectio
             Close(key, "closed by the handler");
             return false;
         }
-        if (reply.kind == Reply::Kind::kSend && reply.delayMilliseconds != 0) {
-            const auto tail = connection.out.begin() + static_cast<std::ptrdiff_t>(before);
-            DelayedAnswer answer{key, {tail, connection.out.end()}};
-            connection.out.erase(tail, connection.out.end());
-            connection.delayedBytes += answer.bytes.size();
-            delayed_.emplace(Clock::now() + std::chrono::milliseconds(reply.delayMilliseconds),
-                             std::move(answer));
-        }
+        if (reply.kind == Reply::Kind::kSend && reply.delayMilliseconds != 0)
+            Delay(key, connection, reply.delayMilliseconds, before);
     }
     return true;
 }
@@ -258,7 +260,16 @@ bool Server::Implementation::Send(Connection& connection) {
         std::size_t count = 0;
         const Transfer outcome = SendSome(connection.socket.Get(), connection.out.data() + connection.sent,
                                           connection.out.size() - connection.sent, &count);
-        if (outcome != Transfer::kDone) return outcome == Transfer::kNotNow;
+        if (outcome != Transfer::kDone) {
+            // What is gone must not pile up while there is always something left. Half of it at a time, so
+            // that the rest isn't moved for every few bytes.
+            if (connection.sent > connection.out.size() / 2) {
+                connection.out.erase(connection.out.begin(),
+                                     connection.out.begin() + static_cast<std::ptrdiff_t>(connection.sent));
+                connection.sent = 0;
+            }
+            return outcome == Transfer::kNotNow;
+        }
         connection.sent += count;
     }
     connection.out.clear();
@@ -282,22 +293,46 @@ void Server::Implementation::Settle(std::uint64_t key, Connection& connection) {
 void Server::Implementation::Close(std::uint64_t key, const char* reason) {
     const auto found = connections_.find(key);
     if (reason != nullptr && note_) note_(std::string("connection closed: ") + reason);
-    buffered_ -= found->second->in.size();
+    ForgetInput(*found->second);
+    ClearDue(key, *found->second);
     watch_.Forget(found->second->socket.Get());
     connections_.erase(found);
     SetListening(true);
 }
 
+void Server::Implementation::SetDue(std::uint64_t key, const Connection& connection) {
+    if (!connection.delayed.empty()) due_.emplace(connection.delayed.begin()->first, key);
+}
+
+void Server::Implementation::ClearDue(std::uint64_t key, const Connection& connection) {
+    if (!connection.delayed.empty()) due_.erase({connection.delayed.begin()->first, key});
+}
+
+/// Holds the answer back that the unsent bytes have from `begin` on.
+void Server::Implementation::Delay(std::uint64_t key, Connection& connection, std::uint32_t milliseconds,
+                                   std::size_t begin) {
+    const auto tail = connection.out.begin() + static_cast<std::ptrdiff_t>(begin);
+    std::vector<unsigned char> answer(tail, connection.out.end());
+    connection.out.erase(tail, connection.out.end());
+    ClearDue(key, connection);
+    connection.delayedBytes += answer.size();
+    connection.delayed.emplace(Clock::now() + std::chrono::milliseconds(milliseconds), std::move(answer));
+    SetDue(key, connection);
+}
+
 void Server::Implementation::SendDelayed(Clock::time_point now) {
-    while (!delayed_.empty() && delayed_.begin()->first <= now) {
-        const DelayedAnswer answer = std::move(delayed_.begin()->second);
-        delayed_.erase(delayed_.begin());
-        const auto found = connections_.find(answer.connection);
-        if (found == connections_.end()) continue;
-        Connection& connection = *found->second;
-        connection.delayedBytes -= answer.bytes.size();
-        connection.out.insert(connection.out.end(), answer.bytes.begin(), answer.bytes.end());
-        Settle(answer.connection, connection);
+    while (!due_.empty() && due_.begin()->first <= now) {
+        const std::uint64_t key = due_.begin()->second;
+        Connection& connection = *connections_.at(key);
+        ClearDue(key, connection);
+        while (!connection.delayed.empty() && connection.delayed.begin()->first <= now) {
+            const std::vector<unsigned char>& answer = connection.delayed.begin()->second;
+            connection.delayedBytes -= answer.size();
+            connection.out.insert(connection.out.end(), answer.begin(), answer.end());
+            connection.delayed.erase(connection.delayed.begin());
+        }
+        SetDue(key, connection);
+        Settle(key, connection);
     }
 }
 

@@ -9,7 +9,9 @@ namespace {
 
 std::atomic<Server*> RunningServer{nullptr};
 
-void StopOnSignal(int) {
+void StopOnSignal(int signal) {
+    // The server's thread may be waiting for somebody who doesn't read its output: the next one ends it.
+    std::signal(signal, SIG_DFL);
     if (Server* server = RunningServer.load()) server->Stop();
 }
 

@@ -11,14 +11,15 @@ client=
 end() {
     [ -z "$client" ] || kill "$client" 2>/dev/null || true
     [ -z "$server" ] || kill "$server" 2>/dev/null || true
-    rm -f "$machine"
 }
-trap end EXIT
+trap 'rm -f "$machine"' EXIT
 
 resident() { sed -n 's/^RssAnon:[^0-9]*\([0-9]*\).*/\1/p' "/proc/$1/status"; }
 
 # measure CONNECTIONS: prints the server's KiB without connections, with them open, and after their rounds.
 measure() {
+    # A subshell of its own, which ends what it has started.
+    trap end EXIT
     exec 4< <(exec "$programs/qxecho" server)
     server=$!
     local address before opened after line

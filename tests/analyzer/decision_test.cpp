@@ -109,7 +109,8 @@ TEST(RequestLog, TextsFromTheWireStayInsideTheirLine) {
     Request request;
     request.operation = 12;
     request.user = "eve\"\n2026-01-01 forged line";
-    request.window = "\xFF\xFE broken \x1B[31m";
+    request.window = "\xFF\xFE broken \x1B[31m\x7F";
+    request.signer = "\xC2\x9B\x32J \xC3\x9B";
     request.destination = {0xC0000201, 443};
     Rule rule;
     rule.name = "a rule";
@@ -117,11 +118,13 @@ TEST(RequestLog, TextsFromTheWireStayInsideTheirLine) {
     rule.verdict.redirect = {0x7F000001, 80};
     for (const std::string& line : {ReadableLine("now", request, rule), JsonLine("now", request, rule)}) {
         for (const char c : line)
-            EXPECT_GE(static_cast<unsigned char>(c), 0x20) << line;
+            EXPECT_TRUE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) << line;
+        EXPECT_EQ(line.find("\xC2\x9B"), std::string::npos) << line;
         EXPECT_NE(line.find("192.0.2.1:443"), std::string::npos);
     }
     const nlohmann::json json = nlohmann::json::parse(JsonLine("now", request, rule));
     EXPECT_EQ(json["user"], request.user);
+    EXPECT_EQ(json["signer"], request.signer);
     EXPECT_EQ(json["redirect"], "127.0.0.1:80");
     EXPECT_EQ(json["action"], "redirect");
 }

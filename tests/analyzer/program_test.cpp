@@ -70,6 +70,7 @@ TEST(AnalyzerProgram, RefusesWhatItCannotUse) {
     EXPECT_EQ(wrongRules.Status(), 2);
     EXPECT_EQ(RunningProgram({"--port", "65536"}).Status(), 2);
     EXPECT_EQ(RunningProgram({"--bogus"}).Status(), 2);
+    EXPECT_EQ(RunningProgram({"--rules", ""}).Status(), 2);
 
     RunningProgram first({"--port", "0"});
     const std::string port = std::to_string(PortIn(first.Line()));

@@ -75,6 +75,9 @@ TEST(Rules, Patterns) {
     EXPECT_TRUE(FitsPattern("abc", "***"));
     EXPECT_FALSE(FitsPattern("abcd", "a*bc"));
     EXPECT_FALSE(FitsPattern("a", "a?"));
+    EXPECT_TRUE(FitsPattern("M\xC3\xBCller", "M?ller")) << "a character is not a byte";
+    EXPECT_FALSE(FitsPattern("M\xC3\xBCller", "M??ller"));
+    EXPECT_TRUE(FitsPattern("\xE2\x82\xAC", "*?"));
     // A hostile title must not take exponential time.
     EXPECT_FALSE(FitsPattern(std::string(2048, 'a'), "*a*a*a*a*a*a*a*a*a*a*b"));
 }

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -34,10 +36,17 @@ class EchoHandler : public FrameHandler {
         } else if (frame[8] != 'n') {
             out.insert(out.end(), frame, frame + length);
             reply.kind = Reply::Kind::kSend;
-            reply.delayMilliseconds = frame[8] == 'd' ? 50 : 0;
+            reply.delayMilliseconds = frame[8] == 'd' ? 50 : frame[8] == 'w' ? kLongWait : 0;
         }
+        if (out.size() > mostHeld_) mostHeld_ = out.size();
         return reply;
     }
+
+    std::size_t MostHeld() const { return mostHeld_; }
+
+  private:
+    static constexpr std::uint32_t kLongWait = 600000;
+    std::atomic<std::size_t> mostHeld_{0};
 };
 
 class ServerTest : public ::testing::Test {
@@ -61,6 +70,9 @@ class ServerTest : public ::testing::Test {
     }
 
     std::uint16_t Port() const { return server_->Port(); }
+
+    /// The most bytes that were kept for one client.
+    std::size_t MostHeld() const { return handler_.MostHeld(); }
 
   private:
     EchoHandler handler_;
@@ -105,6 +117,25 @@ TEST_F(ServerTest, AHalfClosedClientStillGetsItsAnswers) {
     ASSERT_TRUE(unfinished.Send(quick, 0, 5));
     unfinished.EndSending();
     EXPECT_TRUE(unfinished.SeesEnd());
+}
+
+TEST_F(ServerTest, AFrameThatEndsWithItsInputIsForgotten) {
+    ServerLimits limits;
+    limits.bufferedBytes = 100000;
+    Start(limits);
+    const Bytes large = Frame('e', 90000);
+    TestClient halfClosed(Port());
+    // The answer that it is owed keeps the connection.
+    Bytes bytes = Frame('w');
+    bytes.insert(bytes.end(), large.begin(), large.begin() + 60000);
+    ASSERT_TRUE(halfClosed.Send(bytes));
+    halfClosed.EndSending();
+    TestClient other(Port());
+    ASSERT_TRUE(other.Send(Frame('e')));
+    ASSERT_EQ(other.Receive(9), Frame('e'));
+    ASSERT_TRUE(other.Send(large, 0, 60000));
+    ASSERT_TRUE(other.Send(large, 60000));
+    EXPECT_EQ(other.Receive(large.size()), large);
 }
 
 TEST_F(ServerTest, ImpossibleLengthsEndTheConnection) {
@@ -166,6 +197,28 @@ TEST_F(ServerTest, AClientThatTakesNoAnswersIsNoLongerRead) {
         ++sent;
     EXPECT_LT(sent, 2000u);
     EXPECT_EQ(client.Receive(frame.size()), frame);
+}
+
+TEST_F(ServerTest, WhatASlowClientHasTakenIsNotKept) {
+    ServerLimits limits;
+    // More than the system takes at a time, so that there is always something left to send.
+    limits.unsentBytes = 8u << 20;
+    Start(limits);
+    TestClient client(Port());
+    const Bytes frame = Frame('e', 50000);
+    constexpr std::size_t kFrames = 1000;
+    std::thread sender([&] {
+        for (std::size_t sent = 0; sent < kFrames; ++sent)
+            ASSERT_TRUE(client.Send(frame));
+    });
+    // In small pieces, slower than it sends.
+    constexpr std::size_t kPiece = 1000;
+    std::size_t received = 0;
+    for (std::size_t got = 1; got != 0 && received < kFrames * frame.size(); received += got)
+        got = client.Receive(std::min(kPiece, kFrames * frame.size() - received)).size();
+    sender.join();
+    EXPECT_EQ(received, kFrames * frame.size());
+    EXPECT_LT(MostHeld(), 3 * limits.unsentBytes);
 }
 
 TEST_F(ServerTest, ConnectionsAreBounded) {
