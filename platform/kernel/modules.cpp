@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <memory>
@@ -49,9 +50,9 @@ class LoaderLock {
         Take();
     }
 
-    bool try_lock() {
-        const std::lock_guard<std::mutex> holder(mutex_);
-        if (depth_ != 0 && !IsMine()) return false;
+    bool try_lock_for(std::chrono::milliseconds patience) {
+        std::unique_lock<std::mutex> holder(mutex_);
+        if (!released_.wait_for(holder, patience, [this] { return depth_ == 0 || IsMine(); })) return false;
         Take();
         return true;
     }
@@ -227,8 +228,10 @@ void NotifyModulesOfThread(DWORD reason) noexcept {
 
 void DetachModulesAtExit() noexcept {
     Loader& loader = TheLoader();
-    // A frozen thread may hold the lock for ever; Windows ends the process then.
-    if (!loader.mutex.try_lock()) AbandonProcessExit();
+    // A frozen thread may hold the lock for ever; Windows ends the process then. One that still runs is about
+    // to leave it.
+    constexpr std::chrono::milliseconds kPatience(1000);
+    if (!loader.mutex.try_lock_for(kPatience)) AbandonProcessExit();
     for (std::size_t i = loader.modules.size(); i-- > 0;) {
         Module& module = *loader.modules[i];
         if (module.initialized) CallEntryPoint(module, DLL_PROCESS_DETACH, &loader);

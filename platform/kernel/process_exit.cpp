@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 
 #include "platform/kernel/modules.h"
@@ -45,6 +46,9 @@ void FreezeIfProcessEnds() noexcept {
 }
 
 void AbandonProcessExit() noexcept {
+    // The C runtime of Windows writes buffered output before any library hears of the end. A frozen thread
+    // may hold the stream for ever.
+    if (ftrylockfile(stdout) == 0) fflush_unlocked(stdout);
     _exit(ExitStatus);
 }
 

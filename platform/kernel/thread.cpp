@@ -158,12 +158,14 @@ bool ThreadObject::RunApcs() noexcept {
 }
 
 void ThreadObject::Terminate(DWORD exitCode) noexcept {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (ended_) return;
     if (!terminated_.load()) {
         requestedExitCode_ = exitCode;
-        if (!terminated_.exchange(true)) CountTermination(1);
+        terminated_.store(true);
+        CountTermination(1);
     }
     parker_.Unpark();
-    std::unique_lock<std::mutex> lock(mutex_);
     endedCondition_.wait_for(lock, kTerminationPatience, [this] { return ended_; });
 }
 

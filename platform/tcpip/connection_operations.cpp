@@ -69,7 +69,7 @@ int TakeConnection(Socket& listener, int* fd, Endpoint* peer) {
     }
     for (;;) {
         int error = 0;
-        *fd = kernel::Accept(listener.fd(), nonBlocking, peer, &error);
+        *fd = kernel::Accept(listener.fd(), false, peer, &error);
         if (listener.IsClosed()) {
             if (*fd >= 0) kernel::Close(*fd);
             return WSAEINTR;
@@ -109,11 +109,10 @@ int AskCondition(Socket& listener, const Endpoint& peer, int fd, LPCONDITIONPROC
 }
 
 /// The new socket has the listener's options, mode and events, as the kernel's copy has.
-std::shared_ptr<Socket> MakeAccepted(Socket& listener, int fd, const Endpoint& peer, bool kernelNonBlocking) {
+std::shared_ptr<Socket> MakeAccepted(Socket& listener, int fd, const Endpoint& peer) {
     std::shared_ptr<Socket> accepted = MakeSocket(listener.info, listener.v6, listener.kind,
                                                   listener.protocolNumber, listener.overlapped, fd);
     if (accepted == nullptr) return nullptr;
-    accepted->AssumeKernelMode(kernelNonBlocking);
     accepted->nonBlocking.store(listener.nonBlocking.load());
     accepted->sendTimeout.store(listener.sendTimeout.load());
     accepted->receiveTimeout.store(listener.receiveTimeout.load());
@@ -153,7 +152,7 @@ int AcceptConnection(Socket& listener, sockaddr* name, int* namelen, LPCONDITION
         kernel::Close(fd);
         return error;
     }
-    const std::shared_ptr<Socket> accepted = MakeAccepted(listener, fd, peer, listener.nonBlocking.load());
+    const std::shared_ptr<Socket> accepted = MakeAccepted(listener, fd, peer);
     if (accepted == nullptr) return WSAENOBUFS;
     if (name != nullptr) WriteAddress(peer, name, namelen);
     const LONG mask = listener.eventMask.load();
@@ -228,12 +227,12 @@ int ConnectDatagrams(Socket& socket, const Endpoint& peer) {
 int ShutdownSocket(Socket& socket, int how) {
     if (how != SD_RECEIVE && how != SD_SEND && how != SD_BOTH) return WSAEINVAL;
     if (socket.IsStream()) {
-        if (socket.RefreshConnect() != State::Connected) return WSAENOTCONN;
+        std::lock_guard<std::mutex> guard(socket.lock);
+        if (socket.RefreshConnectLocked() != State::Connected) return WSAENOTCONN;
         if (socket.missingContext.load() != MissingContext::None) return WSAENOTCONN;
-        const int error = kernel::Shutdown(socket.fd(), how == SD_RECEIVE ? kernel::Direction::Receive
-                                                        : how == SD_SEND  ? kernel::Direction::Send
-                                                                          : kernel::Direction::Both);
         const bool again = socket.sendShut.load() || socket.receiveShut.load();
+        int error = how != SD_RECEIVE ? socket.ShutSendLocked() : 0;
+        if (error == 0 && how != SD_SEND) error = kernel::Shutdown(socket.fd(), kernel::Direction::Receive);
         if (error != 0 && !(error == ENOTCONN && again)) return WinsockErrorFromErrno(error);
     }
     if (how != SD_SEND) socket.receiveShut.store(true);

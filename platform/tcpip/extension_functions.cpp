@@ -55,7 +55,9 @@ int AcceptExtended(const SocketUse& listener, SOCKET acceptingHandle, char* outp
     request->receiveLength = receiveLength;
     request->localLength = localLength;
     request->remoteLength = remoteLength;
-    return StartRequest(*listener, kRead, std::move(request), received, nullptr);
+    const int result = StartRequest(*listener, kRead, std::move(request), received, nullptr);
+    if (result != 0 && result != WSA_IO_PENDING) ReleaseAccepting(*accepting);
+    return result;
 }
 
 int ConnectExtended(const SocketUse& socket, const sockaddr* name, int namelen, void* data, DWORD dataLength,
@@ -83,6 +85,10 @@ int Recycle(Socket& socket) {
     local.port = 0;
     int kernelError = 0;
     const int fd = kernel::Create(socket.v6, socket.kind, 0, &kernelError);
+    // Not after the bind.
+    int v6Only = 0;
+    if (kernelError == 0 && socket.v6 && kernel::GetOption(socket.fd(), kernel::Option::V6Only, &v6Only) == 0)
+        kernelError = kernel::SetOption(fd, kernel::Option::V6Only, v6Only);
     if (kernelError == 0) kernelError = kernel::Bind(fd, local);
     if (kernelError != 0) {
         if (fd >= 0) kernel::Close(fd);
@@ -93,6 +99,7 @@ int Recycle(Socket& socket) {
     socket.AssumeKernelMode(false);
     socket.state.store(State::Idle);
     socket.missingContext.store(MissingContext::None);
+    socket.shutWhenSent = false;
     socket.sendShut.store(false);
     socket.receiveShut.store(false);
     socket.likelyReadable.store(false);
@@ -103,9 +110,13 @@ int Recycle(Socket& socket) {
 int Disconnect(Socket& socket, DWORD flags) {
     if ((flags & ~static_cast<DWORD>(TF_REUSE_SOCKET)) != 0) return WSAEINVAL;
     if (!socket.IsStream() || socket.RefreshConnect() != State::Connected) return WSAENOTCONN;
-    kernel::Shutdown(socket.fd(), kernel::Direction::Send);
-    socket.sendShut.store(true);
-    return (flags & TF_REUSE_SOCKET) != 0 ? Recycle(socket) : 0;
+    if ((flags & TF_REUSE_SOCKET) != 0) {
+        kernel::Shutdown(socket.fd(), kernel::Direction::Send);
+        return Recycle(socket);
+    }
+    const std::lock_guard<std::mutex> guard(socket.lock);
+    socket.ShutSendLocked();
+    return 0;
 }
 
 /// Sends pieces of memory in order as one request, or blocks until they are sent.

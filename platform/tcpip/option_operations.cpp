@@ -102,6 +102,8 @@ int SetPlain(Socket& socket, Option option, int number) {
     // Before a connection the kernel's socket may still be exchanged, and the new one must get the option,
     // too.
     if (!socket.IsStream() || socket.state.load() == State::Connected) return 0;
+    // A connected one has it from its listener and takes it no more.
+    if (option == Option::V6Only) return 0;
     std::lock_guard<std::mutex> guard(socket.lock);
     for (AppliedOption& applied : socket.applied) {
         if (applied.option != option) continue;

@@ -100,6 +100,7 @@ void Finish(Request* raw, int error, Ended ended) {
     const DWORD status =
         error == 0 && request->truncated ? kStatusBufferOverflow : StatusFromWinsockError(error);
     if (error != 0) request->transferred = 0;
+    if (error != 0 && request->accepting != nullptr) ReleaseAccepting(*request->accepting);
     if (request->routine == nullptr) {
         FinishOverlapped(*request->owner, request->overlapped, request->transferred, status, ended);
         return;
@@ -146,6 +147,11 @@ RequestPointer MakeRequest(const std::shared_ptr<Socket>& owner, const Overlappe
         request.reset();
     }
     return request;
+}
+
+void ReleaseAccepting(Socket& accepting) {
+    const std::lock_guard<std::mutex> guard(accepting.lock);
+    accepting.acceptListener.reset();
 }
 
 void CompleteRequest(Request* request, int error) {
@@ -216,6 +222,7 @@ void Socket::DriveLocked(Direction direction) {
             CompleteRequest(request, error);
         }
     }
+    if (direction == kWrite && shutWhenSent && !IsClosed()) ShutSendLocked();
 }
 
 int OverlappedResult(WSAOVERLAPPED* overlapped, bool wait, DWORD* bytes, DWORD* flags) {

@@ -28,6 +28,10 @@ int StartRequest(Socket& socket, Direction direction, RequestPointer request, DW
 /// Delivers the completion and ends the request. The lock of the queue it came from may be held.
 void CompleteRequest(Request* request, int error);
 
+/// No accept waits for this socket any more: it may be given to another. Takes its lock; a listener's may be
+/// held.
+void ReleaseAccepting(Socket& accepting);
+
 /// An operation that needs no waiting has ended successfully: completes `call` for it.
 int CompleteAtOnce(const std::shared_ptr<Socket>& owner, const OverlappedCall& call, DWORD bytes);
 

@@ -57,9 +57,10 @@ Reactor TheReactor;
 
 int Reactor::StartLocked() {
     if (thread_.joinable()) return 0;
+    // A call that the last clean-up has overtaken: the thread that is ending still uses the list.
+    if (stopping_) return ENOBUFS;
     const int error = ready_.Open();
     if (error != 0) return error;
-    stopping_ = false;
     try {
         thread_ = std::thread([this] { Run(); });
     } catch (const std::system_error&) {
@@ -170,6 +171,7 @@ void Reactor::Stop() {
     thread.join();
     ready_.Close();
     std::lock_guard<std::mutex> guard(lock_);
+    stopping_ = false;
     sockets_.clear();
     timers_.clear();
 }

@@ -54,7 +54,7 @@ class Selection {
   private:
     Watched* Find(SOCKET handle);
     bool LookWithoutKernel(platform::Deadline* nextLook);
-    void PrepareEntries();
+    void PrepareEntry(std::size_t i);
     bool TakeEntries();
 
     Watched few_[kFewSockets];
@@ -110,18 +110,17 @@ bool Selection::LookWithoutKernel(platform::Deadline* nextLook) {
     return any;
 }
 
-void Selection::PrepareEntries() {
-    for (std::size_t i = 0; i < count_; ++i) {
-        const Watched& watched = watched_[i];
-        const State state = watched.socket->state.load(std::memory_order_acquire);
-        unsigned want = 0;
-        if ((watched.wanted & kInRead) != 0) want |= kernel::kReadable;
-        if ((watched.wanted & kInWrite) != 0) want |= kernel::kWritable;
-        if ((watched.wanted & kInExcept) != 0) want |= kernel::kPriority;
-        const bool unready = watched.socket->IsStream() && (state == State::Idle || state == State::Failed);
-        if (watched.socket->IsStream() && state == State::Connecting) want = kernel::kWritable;
-        entries_[i] = {unready ? -1 : watched.socket->fd(), static_cast<short>(want), 0};
-    }
+/// What the kernel is asked about a socket in its present state.
+void Selection::PrepareEntry(std::size_t i) {
+    const Watched& watched = watched_[i];
+    const State state = watched.socket->state.load(std::memory_order_acquire);
+    unsigned want = 0;
+    if ((watched.wanted & kInRead) != 0) want |= kernel::kReadable;
+    if ((watched.wanted & kInWrite) != 0) want |= kernel::kWritable;
+    if ((watched.wanted & kInExcept) != 0) want |= kernel::kPriority;
+    const bool unready = watched.socket->IsStream() && (state == State::Idle || state == State::Failed);
+    if (watched.socket->IsStream() && state == State::Connecting) want = kernel::kWritable;
+    entries_[i] = {unready ? -1 : watched.socket->fd(), static_cast<short>(want), 0};
 }
 
 /// Reads the kernel's answer. False when nothing of it was asked for; such descriptors are left out from now
@@ -133,7 +132,8 @@ bool Selection::TakeEntries() {
         if (got == 0) continue;
         Watched& watched = watched_[i];
         Socket& socket = *watched.socket;
-        if (socket.state.load(std::memory_order_acquire) == State::Connecting) {
+        const bool connecting = socket.state.load(std::memory_order_acquire) == State::Connecting;
+        if (connecting) {
             const bool plain = (got & (kernel::kError | kernel::kHangUp)) == 0;
             std::lock_guard<std::mutex> guard(socket.lock);
             // The kernel has just told all there is to know about a connect that went well.
@@ -154,6 +154,8 @@ bool Selection::TakeEntries() {
         }
         if ((watched.ready & watched.wanted) != 0) {
             any = true;
+        } else if (connecting) {
+            PrepareEntry(i);  // the end of the connect was not asked for: what comes after it may be
         } else {
             entries_[i].fd = -1;
         }
@@ -164,7 +166,8 @@ bool Selection::TakeEntries() {
 int Selection::Wait(platform::Deadline deadline) {
     platform::Deadline nextLook = platform::kNoDeadline;
     const bool readyAlready = LookWithoutKernel(&nextLook);
-    PrepareEntries();
+    for (std::size_t i = 0; i < count_; ++i)
+        PrepareEntry(i);
     for (;;) {
         int error = 0;
         const int ready =

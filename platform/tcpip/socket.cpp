@@ -77,6 +77,7 @@ bool Socket::CancelRequest(const OVERLAPPED* cancelled) noexcept {
             queue.Take([cancelled](const Request& queued) { return queued.overlapped == cancelled; });
         if (request == nullptr) continue;
         CompleteRequest(request, WSA_OPERATION_ABORTED);
+        if (shutWhenSent) ShutSendLocked();
         return true;
     }
     return false;
@@ -152,8 +153,19 @@ void Socket::OnReady() {
     ReleaseFd();
 }
 
+int Socket::ShutSendLocked() {
+    // First, so that a sender that the kernel's shutdown wakes finds the reason.
+    const bool wasShut = sendShut.exchange(true);
+    shutWhenSent = !queues[kWrite].empty();
+    const int error = shutWhenSent ? 0 : kernel::Shutdown(fd_, kernel::Direction::Send);
+    if (error != 0) sendShut.store(wasShut);
+    return error;
+}
+
 int Socket::RegisterLocked() {
     if (registered) return 0;
+    // Its close has nothing to take back: the reactor would keep it for ever.
+    if (IsClosed()) return WSAENOTSOCK;
     const auto self = std::static_pointer_cast<Socket>(shared_from_this());
     const int error = ReactorWatch(self, fd_, &reactorTag);
     registered = error == 0;

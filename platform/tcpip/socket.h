@@ -141,7 +141,8 @@ class Socket final : public platform::FileObject {
     WSANETWORKEVENTS eventRecord = {};
 
     RequestQueue queues[kDirections];
-    bool registered = false;  // the reactor watches the descriptor
+    bool shutWhenSent = false;  // the sending direction ends behind what is queued
+    bool registered = false;    // the reactor watches the descriptor
     std::uint64_t reactorTag = 0;
 
     // ---- Operations on the state
@@ -167,6 +168,10 @@ class Socket final : public platform::FileObject {
     /// Lets `events` be recorded again, and records those that hold already. Nothing without WSPEventSelect.
     void RearmEvents(LONG events);
     void RecordEventsLocked();
+
+    /// Ends the sending direction, behind the sends that are queued. 0 or the kernel's error. The lock is
+    /// held.
+    int ShutSendLocked();
 
     /// Replaces the kernel's socket by `newFd`, which is closed; gives it the options set so far. The lock is
     /// held.

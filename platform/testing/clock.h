@@ -17,8 +17,8 @@ void AdvanceClock(DWORD milliseconds);
 /// Back to real speed, from the present reading on.
 void ResetClock();
 
-/// How many waits with a deadline have begun in this process: what a test looks at that steps the clock once
-/// for every wait. Goes up only.
+/// How many waits with a deadline have begun in this process, those for objects as often as they go back to
+/// sleep: what a test looks at that steps the clock once for every wait. Goes up only.
 std::uint64_t CountBegunTimedWaits();
 
 /// Blocks, in real time, until at least `count` threads wait with a deadline: what a test of a stopped clock

@@ -21,7 +21,12 @@ std::atomic<DWORD> EndingCode{0};
 class TimedWait final : public ClockListener {
   public:
     TimedWait() { Register(); }
-    ~TimedWait() override { Unregister(); }
+    // The list's lock may clear the last error when others contend for it, and that is the wait's result.
+    ~TimedWait() override {
+        const DWORD error = GetLastError();
+        Unregister();
+        SetLastError(error);
+    }
     void OnClockChanged() noexcept override {}
 
     /// Between two real waits. Does not return in a thread that is to end.

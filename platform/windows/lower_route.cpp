@@ -2,6 +2,7 @@
 
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -68,6 +69,14 @@ bool SameHost(const sockaddr* a, const sockaddr* b) {
     }
     return std::memcmp(&reinterpret_cast<const sockaddr_in6*>(a)->sin6_addr,
                        &reinterpret_cast<const sockaddr_in6*>(b)->sin6_addr, sizeof(in6_addr)) == 0;
+}
+
+const sockaddr* Plain(const sockaddr_storage* address) {
+    return reinterpret_cast<const sockaddr*>(address);
+}
+
+bool IsAt(const Name& name, const sockaddr* address) {
+    return SameHost(Plain(&name.target), address) && PortOf(Plain(&name.target)) == PortOf(address);
 }
 
 bool IsLoopback(const sockaddr* address) {
@@ -138,11 +147,18 @@ int FindRoute(const sockaddr* destination, int length, int type, Route* route) {
 
 void RememberName(SOCKET s, const sockaddr* destination, int length, const Route& route) {
     Name name{};
-    name.length = length;
+    // As long as the system gives addresses back.
+    const std::size_t known = destination->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    name.length = static_cast<int>(std::min(known, static_cast<std::size_t>(length)));
     name.target = route.target;
-    std::memcpy(&name.destination, destination, static_cast<std::size_t>(length));
+    std::memcpy(&name.destination, destination, static_cast<std::size_t>(name.length));
     const std::lock_guard<std::mutex> lock(TheTables().mutex);
-    TheTables().names[s].push_back(name);
+    // Whoever is at the same target had another name before.
+    std::vector<Name>& names = TheTables().names[s];
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [&](const Name& old) { return IsAt(old, Plain(&route.target)); }),
+                names.end());
+    names.push_back(name);
 }
 
 void RestoreName(SOCKET s, sockaddr* address, const int* length) {
@@ -151,23 +167,10 @@ void RestoreName(SOCKET s, sockaddr* address, const int* length) {
     const auto found = TheTables().names.find(s);
     if (found == TheTables().names.end()) return;
     for (auto name = found->second.rbegin(); name != found->second.rend(); ++name) {
-        const auto* target = reinterpret_cast<const sockaddr*>(&name->target);
-        if (*length < name->length || !SameHost(target, address) || PortOf(target) != PortOf(address))
-            continue;
+        if (*length < name->length || !IsAt(*name, address)) continue;
         std::memcpy(address, &name->destination, static_cast<std::size_t>(name->length));
         return;
     }
-}
-
-bool ConnectedName(SOCKET s, sockaddr* address, int* length) {
-    const std::lock_guard<std::mutex> lock(TheTables().mutex);
-    const auto found = TheTables().names.find(s);
-    if (found == TheTables().names.end() || found->second.empty()) return false;
-    const Name& name = found->second.back();
-    if (*length < name.length) return false;
-    std::memcpy(address, &name.destination, static_cast<std::size_t>(name.length));
-    *length = name.length;
-    return true;
 }
 
 void ForgetNames(SOCKET s) {

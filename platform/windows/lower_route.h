@@ -21,9 +21,6 @@ void RememberName(SOCKET s, const sockaddr* destination, int length, const Route
 /// If `address` is the target of a name that the socket uses, replaces it by that name.
 void RestoreName(SOCKET s, sockaddr* address, const int* length);
 
-/// The name that the socket was connected under; false when it wasn't routed.
-bool ConnectedName(SOCKET s, sockaddr* address, int* length);
-
 void ForgetNames(SOCKET s);
 
 /// Closes the sockets behind the routes into nowhere; they are made again at need.

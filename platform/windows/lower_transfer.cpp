@@ -57,10 +57,14 @@ BOOL WINAPI TransmitMemory(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT elements, DWORD 
         if ((elements[i].dwElFlags & TP_ELEMENT_MEMORY) == 0) return FailWith(WSAEOPNOTSUPP, FALSE);
         buffers.push_back({elements[i].cLength, static_cast<char*>(elements[i].pBuffer)});
     }
+    // A request that stays under way could not be followed by the disconnect.
+    if (overlapped != nullptr && (flags & TF_DISCONNECT) != 0) return FailWith(WSAEOPNOTSUPP, FALSE);
     DWORD sent = 0;
-    if (WSASend(s, buffers.data(), count, &sent, 0, overlapped, nullptr) != 0) return FALSE;
-    if ((flags & TF_DISCONNECT) != 0) shutdown(s, SD_SEND);
-    return TRUE;
+    const BOOL done = HandOver(s, overlapped, FALSE, [&] {
+        return WSASend(s, buffers.data(), count, &sent, 0, overlapped, nullptr) == 0 ? TRUE : FALSE;
+    });
+    if (done && (flags & TF_DISCONNECT) != 0) shutdown(s, SD_SEND);
+    return done;
 }
 
 // The system's other extension functions, behind fault points.
@@ -81,7 +85,8 @@ BOOL WINAPI SystemDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, D
     if (call.Fails()) return FALSE;
     const auto disconnectEx = SystemExtension<LPFN_DISCONNECTEX>(s, WSAID_DISCONNECTEX);
     if (disconnectEx == nullptr) return FailWith(WSAENOTSOCK, FALSE);
-    if (disconnectEx(s, overlapped, flags, reserved)) return TRUE;
+    if (HandOver(s, overlapped, FALSE, [&] { return disconnectEx(s, overlapped, flags, reserved); }))
+        return TRUE;
     // Wine calls pending what has ended inside the call, and then queues no packet for a socket that wants
     // none for such ends.
     return overlapped != nullptr && GetLastError() == WSA_IO_PENDING && overlapped->Internal == 0;
@@ -96,7 +101,8 @@ BOOL WINAPI SystemTransmitFile(SOCKET s, HANDLE file, DWORD bytes, DWORD bytesPe
         return FailWith(WSA_INVALID_HANDLE, FALSE);
     const auto transmitFile = SystemExtension<LPFN_TRANSMITFILE>(s, WSAID_TRANSMITFILE);
     if (transmitFile == nullptr) return FailWith(WSAENOTSOCK, FALSE);
-    return transmitFile(s, file, bytes, bytesPerSend, overlapped, buffers, flags);
+    return HandOver(s, overlapped, FALSE,
+                    [&] { return transmitFile(s, file, bytes, bytesPerSend, overlapped, buffers, flags); });
 }
 
 INT WINAPI SystemWsaRecvMsg(SOCKET s, LPWSAMSG message, LPDWORD received, LPWSAOVERLAPPED overlapped,
@@ -149,7 +155,7 @@ int WSPAPI Connect(SOCKET s, const sockaddr* name, int length, LPWSABUF caller, 
 int WSPAPI GetPeerName(SOCKET s, sockaddr* name, LPINT length, LPINT error) {
     return Run("lower WSPGetPeerName", WSAENETDOWN, SOCKET_ERROR, error, [&](const PlatformCall&) {
         if (getpeername(s, name, length) != 0) return SOCKET_ERROR;
-        ConnectedName(s, name, length);
+        RestoreName(s, name, length);
         return 0;
     });
 }

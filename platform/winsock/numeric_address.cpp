@@ -43,6 +43,7 @@ bool ParseGroups(const char* text, Groups* groups) {
             if (groups->gapAt >= 0) return false;
             groups->gapAt = groups->count;
             text += 2;
+            if (*text == ':') return false;
             continue;
         }
         if (*text == ':') {

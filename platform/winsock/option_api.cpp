@@ -35,7 +35,7 @@ int WSAAPI HostWSAIoctl(SOCKET s, DWORD code, LPVOID in, DWORD inLength, LPVOID 
     HostCall call("WSAIoctl", WSAEOPNOTSUPP);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPIoctl(s, code, in, inLength, out, outLength, returned, overlapped, routine,
-                                ThreadIdFor(overlapped), error);
+                                ThreadIdFor(overlapped, routine), error);
     });
 }
 

@@ -213,7 +213,7 @@ int EndSession() noexcept {
             session);  // better a library too many than code that vanishes under a thread
     }
     DropCatalog();
-    CloseCurrentThreadId();
+    CloseThreadIds();
     return 0;
 }
 

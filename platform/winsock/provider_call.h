@@ -55,8 +55,9 @@ Result CallOnSocket(const HostCall& call, SOCKET s, Result failure, Operation op
 }
 
 /// The calling thread's id for a request with `overlapped`; other calls need none.
-inline LPWSATHREADID ThreadIdFor(const OVERLAPPED* overlapped) noexcept {
-    return overlapped != nullptr ? CurrentThreadId() : nullptr;
+inline LPWSATHREADID ThreadIdFor(const OVERLAPPED* overlapped,
+                                 LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+    return overlapped != nullptr ? CurrentThreadId(routine != nullptr) : nullptr;
 }
 
 }  // namespace winsock_host

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 #include <thread>
+#include <vector>
 
 namespace winsock_host {
 
@@ -15,8 +16,9 @@ namespace {
 
 // Never destroyed: threads end after static storage does.
 struct RecordList {
-    std::mutex mutex;  // leaf; guards the list's links
+    std::mutex mutex;  // leaf; guards the list's links and what follows
     ThreadRecord* first = nullptr;
+    std::vector<HANDLE> idsOfEnded;
 };
 
 RecordList& Records() {
@@ -39,10 +41,29 @@ void Unlink(ThreadRecord& record) {
     if (record.next != nullptr) record.next->previous = record.previous;
 }
 
+/// False without memory for it.
+bool KeepId(HANDLE id) noexcept {
+    try {
+        std::lock_guard<std::mutex> lock(Records().mutex);
+        Records().idsOfEnded.push_back(id);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+void CloseCurrentThreadId() noexcept {
+    ThreadRecord* record = ThisThreadRecord;
+    if (record == nullptr || record->id.ThreadHandle == nullptr) return;
+    CloseOwnHandle(record->id.ThreadHandle);
+    record->id.ThreadHandle = nullptr;
+    record->idOutlivesThread = false;
+}
+
 // Ends the record with its thread. Calls that the thread makes later, while its last destructors run, share a
 // record.
 void EndRecord(ThreadRecord* record) {
-    CloseCurrentThreadId();
+    if (!record->idOutlivesThread || !KeepId(record->id.ThreadHandle)) CloseCurrentThreadId();
     ThisThreadRecord = &SharedRecord;
     Unlink(*record);
     delete record;
@@ -107,7 +128,7 @@ bool WaitForOtherThreadsCalls() noexcept {
     }
 }
 
-LPWSATHREADID CurrentThreadId() noexcept {
+LPWSATHREADID CurrentThreadId(bool forRoutine) noexcept {
     ThreadRecord& record = CurrentThreadRecord();
     if (&record == &SharedRecord) return nullptr;
     if (record.id.ThreadHandle == nullptr &&
@@ -116,14 +137,19 @@ LPWSATHREADID CurrentThreadId() noexcept {
         record.id.ThreadHandle = nullptr;
         return nullptr;
     }
+    if (forRoutine) record.idOutlivesThread = true;
     return &record.id;
 }
 
-void CloseCurrentThreadId() noexcept {
-    ThreadRecord* record = ThisThreadRecord;
-    if (record == nullptr || record->id.ThreadHandle == nullptr) return;
-    CloseOwnHandle(record->id.ThreadHandle);
-    record->id.ThreadHandle = nullptr;
+void CloseThreadIds() noexcept {
+    CloseCurrentThreadId();
+    std::vector<HANDLE> ids;
+    {
+        std::lock_guard<std::mutex> lock(Records().mutex);
+        ids.swap(Records().idsOfEnded);
+    }
+    for (const HANDLE id : ids)
+        CloseOwnHandle(id);
 }
 
 }  // namespace winsock_host

@@ -18,7 +18,8 @@ namespace winsock_host {
 struct ThreadRecord {
     std::atomic<int> callsUnderWay{0};
     WSATHREADID id{};
-    ThreadRecord* next = nullptr;  // list of all records
+    bool idOutlivesThread = false;  // a request with a routine may still name the thread
+    ThreadRecord* next = nullptr;   // list of all records
     ThreadRecord* previous = nullptr;
 };
 
@@ -49,11 +50,14 @@ class CallScope {
 /// is.
 bool WaitForOtherThreadsCalls() noexcept;
 
-/// The calling thread as providers name it in asynchronous notifications; opened once and kept. Null when it
-/// cannot be opened, whereupon a provider opens the thread itself.
-LPWSATHREADID CurrentThreadId() noexcept;
+/// The calling thread as providers name it in asynchronous notifications; opened once and kept. With
+/// `forRoutine` also beyond the thread's end, until CloseThreadIds, since its value must not become another
+/// thread's while a request has it. Null when it cannot be opened, whereupon a provider opens the thread
+/// itself.
+LPWSATHREADID CurrentThreadId(bool forRoutine) noexcept;
 
-/// Closes the thread's id; the next use opens it anew.
-void CloseCurrentThreadId() noexcept;
+/// Closes the calling thread's id, which the next use opens anew, and those of ended threads. No provider has
+/// a request any more.
+void CloseThreadIds() noexcept;
 
 }  // namespace winsock_host

@@ -53,7 +53,7 @@ int WSAAPI HostWSASend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DW
     const LimitedBuffers limited(call, buffers, count);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPSend(s, limited.list(), limited.count(), sent, flags, overlapped, routine,
-                               ThreadIdFor(overlapped), error);
+                               ThreadIdFor(overlapped, routine), error);
     });
 }
 
@@ -64,7 +64,7 @@ int WSAAPI HostWSASendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, 
     const LimitedBuffers limited(call, buffers, count);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPSendTo(s, limited.list(), limited.count(), sent, flags, to, toLength, overlapped,
-                                 routine, ThreadIdFor(overlapped), error);
+                                 routine, ThreadIdFor(overlapped, routine), error);
     });
 }
 
@@ -74,7 +74,7 @@ int WSAAPI HostWSARecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received
     const LimitedBuffers limited(call, buffers, count);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPRecv(s, limited.list(), limited.count(), received, flags, overlapped, routine,
-                               ThreadIdFor(overlapped), error);
+                               ThreadIdFor(overlapped, routine), error);
     });
 }
 
@@ -85,7 +85,7 @@ int WSAAPI HostWSARecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD rece
     const LimitedBuffers limited(call, buffers, count);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPRecvFrom(s, limited.list(), limited.count(), received, flags, from, fromLength,
-                                   overlapped, routine, ThreadIdFor(overlapped), error);
+                                   overlapped, routine, ThreadIdFor(overlapped, routine), error);
     });
 }
 

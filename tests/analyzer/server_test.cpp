@@ -123,19 +123,21 @@ TEST_F(ServerTest, AFrameThatEndsWithItsInputIsForgotten) {
     ServerLimits limits;
     limits.bufferedBytes = 100000;
     Start(limits);
-    const Bytes large = Frame('e', 90000);
+    // Beside a frame that is kept it never fits, however its bytes arrive.
+    const Bytes large = Frame('e', 120000);
     TestClient halfClosed(Port());
     // The answer that it is owed keeps the connection.
     Bytes bytes = Frame('w');
     bytes.insert(bytes.end(), large.begin(), large.begin() + 60000);
     ASSERT_TRUE(halfClosed.Send(bytes));
     halfClosed.EndSending();
-    TestClient other(Port());
-    ASSERT_TRUE(other.Send(Frame('e')));
-    ASSERT_EQ(other.Receive(9), Frame('e'));
-    ASSERT_TRUE(other.Send(large, 0, 60000));
-    ASSERT_TRUE(other.Send(large, 60000));
-    EXPECT_EQ(other.Receive(large.size()), large);
+    // Once the server has seen the end, there is room for another's frame.
+    bool served = false;
+    for (int tries = 0; tries < 1000 && !served; ++tries) {
+        TestClient other(Port());
+        served = other.Send(large) && other.Receive(large.size()) == large;
+    }
+    EXPECT_TRUE(served);
 }
 
 TEST_F(ServerTest, ImpossibleLengthsEndTheConnection) {

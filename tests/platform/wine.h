@@ -19,7 +19,9 @@ enum class Documented {
     kResetIsToldLate,
     // 10004 or 10038. Wine: 10022, 995, and a select that ends without an error.
     kCloseWakesWithInterrupt,
-    // To select, after CF_DEFER. Wine: it is not.
+    // To select, after CF_DEFER, and then in the mode that its listener has by now. Wine: it is not, and
+    // keeps
+    // the mode of when it came.
     kDeferredConnectionIsReady,
     // 10041 for UDP on a stream. Wine: 10043.
     kWrongProtocolType,

@@ -71,6 +71,30 @@ TEST_P(OverlappedTest, ARoutineRunsOnItsThreadInAnAlertableWaitOnly) {
     closesocket(s);
 }
 
+TEST_P(OverlappedTest, ARoutineOfAnEndedThreadRunsOnNoOther) {
+    EchoPeer peer;
+    const SOCKET s = Connected(peer.Port());
+    const SOCKET own = Connected(peer.Port());
+    Request orphan;
+    std::thread([&] { EXPECT_TRUE(WasTaken(Receive(s, orphan, CountCompletion))); }).join();
+    std::thread([&] {
+        // What names this thread to the layer must not be what named the other.
+        Request receive;
+        EXPECT_TRUE(WasTaken(Receive(own, receive, CountCompletion)));
+        send(s, "x", 1, 0);
+        while (__atomic_load_n(&orphan.overlapped.Internal, __ATOMIC_ACQUIRE) == 0x103)
+            std::this_thread::yield();
+        send(own, "x", 1, 0);
+        while (receive.completions == 0)
+            ASSERT_EQ(SleepEx(20000, TRUE), static_cast<DWORD>(WAIT_IO_COMPLETION));
+        closesocket(own);
+        closesocket(s);
+        StopWinsock();
+        SleepEx(0, TRUE);
+    }).join();
+    EXPECT_EQ(orphan.completions, 0);
+}
+
 TEST_P(OverlappedTest, ClosingEndsWhatIsPendingAndKeepsTheHandleUntilThen) {
     EchoPeer peer;
     const SOCKET s = Connected(peer.Port());

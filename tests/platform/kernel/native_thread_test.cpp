@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "platform/testing/fault_points.h"
 #include "platform/testing/resource_counts.h"
 #include "tests/platform/kernel/test_handle.h"
 
@@ -43,4 +44,16 @@ TEST(NativeThread, OnlyMadeThreadsCanBeTerminated) {
     SetEvent(gate);
     native.join();
     CloseHandle(handle);
+}
+
+TEST(NativeThread, TerminatingAnEndedThreadDoesNothing) {
+    auto body = []() -> DWORD { return 7; };
+    TestHandle thread(StartThread(&body));
+    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
+    EXPECT_TRUE(TerminateThread(thread, 77));
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(code, 7u);
+    EXPECT_EQ(platform::PlatformScope::Attention.load() & platform::kTerminationAttention, 0u)
+        << "every later call would pay for it";
 }

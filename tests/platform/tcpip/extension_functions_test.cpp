@@ -116,10 +116,40 @@ TEST_F(OverlappedTest, AcceptExEndsWithEitherSocket) {
                               &overlapped[i]));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(WSA_IO_PENDING));
     }
+    // One whose request was cancelled is free for another.
+    EXPECT_TRUE(CancelIoEx(reinterpret_cast<HANDLE>(listener), &overlapped[0]));
+    ExpectPacket(&overlapped[0], ERROR_OPERATION_ABORTED);
+    EXPECT_FALSE(
+        acceptEx(listener, accepting[0], outputs[0], 0, kAddressRoom, kAddressRoom, nullptr, &overlapped[0]));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(WSA_IO_PENDING));
     Close(accepting[0]);
     ExpectPacket(&overlapped[0], ERROR_OPERATION_ABORTED);
     Close(listener);
     ExpectPacket(&overlapped[1], ERROR_OPERATION_ABORTED);
+}
+
+TEST_F(OverlappedTest, AcceptExTakesAnIPv6SocketWithItsOptions) {
+    const SOCKET listener = Stream(AF_INET6);
+    sockaddr_in6 name = {};
+    name.sin6_family = AF_INET6;
+    name.sin6_addr = in6addr_loopback;
+    int length = sizeof(name);
+    auto* const plain = reinterpret_cast<sockaddr*>(&name);
+    if (CALL(Bind, listener, plain, length) != 0) GTEST_SKIP() << "no IPv6 here";
+    ASSERT_EQ(CALL(Listen, listener, 5), 0);
+    ASSERT_EQ(CALL(GetSockName, listener, plain, &length), 0);
+    Associate(listener);
+    const SOCKET accepting = Stream(AF_INET6);
+    EXPECT_EQ(SetNumber(accepting, IPPROTO_IPV6, IPV6_V6ONLY, 1), 0);
+    const auto acceptEx = Extension<LPFN_ACCEPTEX>(listener, WSAID_ACCEPTEX);
+    char output[2 * kAddressRoom];
+    OVERLAPPED overlapped = {};
+    EXPECT_FALSE(acceptEx(listener, accepting, output, 0, kAddressRoom, kAddressRoom, nullptr, &overlapped));
+    const SOCKET client = Stream(AF_INET6);
+    ASSERT_EQ(CALL(Connect, client, plain, length, nullptr, nullptr, nullptr, nullptr), 0) << Error;
+    ExpectPacket(&overlapped);
+    EXPECT_EQ(Send(client, "six"), 3);
+    EXPECT_EQ(Receive(accepting), "six");
 }
 
 TEST_F(OverlappedTest, DisconnectedSocketConnectsAgain) {

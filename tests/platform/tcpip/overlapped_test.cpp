@@ -201,6 +201,26 @@ TEST_F(OverlappedTest, LargeSendCompletesWhenAllOfItHasGone) {
     EXPECT_EQ(ExpectPacket(&sends[1]), second.size());
 }
 
+TEST_F(OverlappedTest, ShutdownComesBehindWhatIsBeingSent) {
+    SOCKET client, server;
+    Connect(&client, &server);
+    Associate(client);
+    SetNumber(client, SOL_SOCKET, SO_SNDBUF, 65536);
+    const std::string data(4 << 20, 'a');
+    OVERLAPPED sending = {};
+    EXPECT_EQ(StartSend(client, data.data(), static_cast<ULONG>(data.size()), &sending), WSA_IO_PENDING);
+    EXPECT_EQ(CALL(Shutdown, client, SD_SEND), 0);
+    OVERLAPPED late = {};
+    EXPECT_EQ(StartSend(client, "x", 1, &late), WSAESHUTDOWN);
+    std::size_t received = 0;
+    for (std::string piece = Receive(server, 1 << 20); !piece.empty(); piece = Receive(server, 1 << 20)) {
+        ASSERT_EQ(piece.find_first_not_of('a'), std::string::npos) << piece.substr(0, 20);
+        received += piece.size();
+    }
+    EXPECT_EQ(received, data.size());
+    EXPECT_EQ(ExpectPacket(&sending), data.size());
+}
+
 TEST_F(OverlappedTest, DatagramsThatDoNotFitCompleteWithAWarning) {
     const SOCKET a = Bound(Datagram()), b = Bound(Datagram());
     ASSERT_EQ(Connect(a, NameOf(b)), 0);

@@ -203,6 +203,17 @@ TEST_F(StreamTest, NonBlockingConnectEndsInWriteOrExceptSet) {
     sender.join();
 }
 
+TEST_F(StreamTest, WhatComesBehindAConnectIsSeenByWhoeverReadsAlone) {
+    sockaddr_in name;
+    const SOCKET listener = Listener(&name);
+    const SOCKET s = Stream();
+    ASSERT_EQ(SetNonBlocking(s, 1), 0);
+    EXPECT_EQ(Connect(s, name), SOCKET_ERROR);
+    EXPECT_EQ(Send(Accept(listener), "banner"), 6);
+    EXPECT_TRUE(WaitFor(s, 'r'));
+    EXPECT_EQ(Receive(s), "banner");
+}
+
 TEST_F(StreamTest, CloseWakesWhoeverIsBlockedOnTheSocket) {
     SOCKET client, server;
     Connect(&client, &server);
@@ -294,11 +305,13 @@ TEST_F(StreamTest, ConditionFunctionDecidesAboutTheConnection) {
     sockaddr_in name;
     const SOCKET listener = Listener(&name);
     Condition condition = {CF_DEFER, ""};
+    ASSERT_EQ(SetNonBlocking(listener, 1), 0);
     const auto accept = [&] {
         return CALL(Accept, listener, nullptr, nullptr, Decide, reinterpret_cast<DWORD_PTR>(&condition));
     };
     const SOCKET first = Stream();
     ASSERT_EQ(Connect(first, name), 0);
+    ASSERT_TRUE(WaitFor(listener, 'r'));
     EXPECT_EQ(accept(), INVALID_SOCKET);
     EXPECT_EQ(Error, WSATRY_AGAIN);
     EXPECT_EQ(condition.caller, std::to_string(PortOf(NameOf(first))));
@@ -306,7 +319,21 @@ TEST_F(StreamTest, ConditionFunctionDecidesAboutTheConnection) {
         EXPECT_TRUE(WaitFor(listener, 'r'));
     }
     condition.answer = CF_ACCEPT;
-    EXPECT_NE(accept(), INVALID_SOCKET);
+    ASSERT_EQ(SetNonBlocking(listener, 0), 0);
+    const SOCKET accepted = accept();
+    ASSERT_NE(accepted, INVALID_SOCKET);
+    // The new socket blocks as its listener does now, not as it did when the connection came.
+    std::thread sender([&] {
+        int error = 0;
+        WSABUF buffer = {4, const_cast<char*>("late")};
+        DWORD sent = 0;
+        Table.lpWSPSend(first, &buffer, 1, &sent, 0, nullptr, nullptr, nullptr, &error);
+    });
+    const std::string late = Receive(accepted);
+    if (Keeps(Documented::kDeferredConnectionIsReady)) {
+        EXPECT_EQ(late, "late");
+    }
+    sender.join();
 
     const SOCKET second = Stream();
     ASSERT_EQ(Connect(second, name), 0);

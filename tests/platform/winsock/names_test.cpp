@@ -58,6 +58,8 @@ TEST(NamesTest, Ipv6TextsAndTheirShortestForm) {
         {":1::2", nullptr},
         {"1:", nullptr},
         {"::1:", nullptr},
+        {":::1", nullptr},
+        {"1:::2", nullptr},
         {"1.2.3.4::", nullptr},
         {"::1.2.3.256", nullptr},
         {"g::", nullptr},
