@@ -43,7 +43,7 @@ void Socket::RecordEventsLocked() {
     if ((got & kernel::kReadable) != 0) kernel::BytesReadable(fd_, &bytes);
     if (bytes > 0) {
         RecordEventLocked(FD_READ, FD_READ_BIT, 0);
-    } else if ((got & kernel::kError) != 0 || resetPending.load()) {
+    } else if ((got & kernel::kError) != 0 || connectionReset.load()) {
         RecordEventLocked(FD_CLOSE, FD_CLOSE_BIT, WSAECONNRESET);
     } else if ((got & (kernel::kPeerClosed | kernel::kHangUp)) != 0) {
         RecordEventLocked(FD_CLOSE, FD_CLOSE_BIT, 0);

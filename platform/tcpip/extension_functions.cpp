@@ -103,7 +103,7 @@ int Recycle(Socket& socket) {
     socket.sendShut.store(false);
     socket.receiveShut.store(false);
     socket.likelyReadable.store(false);
-    socket.resetPending.store(false);
+    socket.connectionReset.store(false);
     return 0;
 }
 

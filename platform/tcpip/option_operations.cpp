@@ -238,8 +238,10 @@ int TakePendingError(Socket& socket) {
     std::lock_guard<std::mutex> guard(socket.lock);
     socket.RefreshConnectLocked();
     if (socket.pendingError != 0) return std::exchange(socket.pendingError, 0);
-    return socket.state.load() == State::Connecting ? 0
-                                                    : WinsockErrorFromErrno(kernel::TakeError(socket.fd()));
+    if (socket.state.load() == State::Connecting) return 0;
+    const int error = kernel::TakeError(socket.fd());
+    socket.NoteReset(error);
+    return WinsockErrorFromErrno(error);
 }
 
 /// Whole seconds since the connection was made, 0xFFFFFFFF without one.

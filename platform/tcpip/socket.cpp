@@ -3,6 +3,7 @@
 #include "platform/tcpip/socket.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "platform/tcpip/error_table.h"
@@ -97,6 +98,10 @@ void Socket::CancelAccept(const Socket* accepting) {
     if (request != nullptr) CompleteRequest(request, WSA_OPERATION_ABORTED);
 }
 
+void Socket::NoteReset(int error) {
+    if ((error == ECONNRESET || error == EPIPE) && IsStream()) connectionReset.store(true);
+}
+
 State Socket::RefreshConnect() {
     const State now = state.load(std::memory_order_acquire);
     if (now != State::Connecting) return now;
@@ -111,10 +116,11 @@ State Socket::RefreshConnectLocked() {
     kernel::Poll(&entry, 1, 0, &error);
     const unsigned got = static_cast<unsigned short>(entry.got);
     if ((got & (kernel::kError | kernel::kHangUp)) != 0) {
-        error = WinsockErrorFromErrno(kernel::TakeError(fd_));
+        const int kernelError = kernel::TakeError(fd_);
+        error = WinsockErrorFromErrno(kernelError);
         // Set up and reset since: the connect was good, the next receive tells of the reset.
-        resetPending.store(error == WSAECONNRESET);
         FinishConnectLocked(error == WSAECONNRESET ? 0 : error == 0 ? WSAECONNABORTED : error);
+        NoteReset(kernelError);
     } else if ((got & kernel::kWritable) != 0) {
         FinishConnectLocked(0);
     } else if (platform::HasPassed(connectDeadline)) {
@@ -131,6 +137,7 @@ void Socket::FinishConnectLocked(int error) {
         connectedAt = platform::ClockNow();
         sendShut.store(false);
         receiveShut.store(false);
+        connectionReset.store(false);
         state.store(State::Connected, std::memory_order_release);
     } else {
         pendingError = error;

@@ -81,12 +81,17 @@ class Socket final : public platform::FileObject {
     std::atomic<bool> bound{false};
     std::atomic<bool> sendShut{false};
     std::atomic<bool> receiveShut{false};
-    std::atomic<bool> likelyReadable{false};  // the last receive filled its buffer, or select found bytes
-    std::atomic<bool> resetPending{false};    // datagrams: the next receive reports an unreachable peer
-    std::atomic<bool> hasRoutes{false};       // `routes` is not empty
-    std::atomic<DWORD> sendTimeout{0};        // copies of the options
+    std::atomic<bool> likelyReadable{false};   // the last receive filled its buffer, or select found bytes
+    std::atomic<bool> resetPending{false};     // datagrams: the next receive reports an unreachable peer
+    std::atomic<bool> connectionReset{false};  // streams: by the peer
+    std::atomic<bool> hasRoutes{false};        // `routes` is not empty
+    std::atomic<DWORD> sendTimeout{0};         // copies of the options
     std::atomic<DWORD> receiveTimeout{0};
     std::atomic<LONG> eventMask{0};  // of WSPEventSelect
+
+    /// Remembers a reset of a stream's connection. The kernel tells it once, to whichever call comes first;
+    /// on Windows every later receive fails.
+    void NoteReset(int error);
 
     /// Makes the kernel's blocking mode the given one, unless it is already.
     int SetKernelMode(bool nonBlockingMode);

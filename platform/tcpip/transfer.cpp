@@ -22,14 +22,25 @@ constexpr DWORD kPushImmediate =
 int SendError(Socket& socket, int error) {
     if (error == EPIPE && socket.sendShut.load()) return WSAESHUTDOWN;
     if (error == EDESTADDRREQ) return WSAENOTCONN;
+    socket.NoteReset(error);
     return WinsockErrorFromErrno(error);
 }
 
-int ReceiveError(Socket& socket, int error, unsigned flags) {
-    // Without urgent data the kernel fails at once, where Windows waits for some.
-    if (error == EINVAL && (flags & kernel::kOutOfBand) != 0) return WSAEWOULDBLOCK;
-    if (error == ECONNREFUSED && !socket.IsStream()) return WSAECONNRESET;
+/// For a send that was queued before a shutdown: it waits until the send has ended, so the peer it is that
+/// broke the pipe.
+int QueuedSendError(Socket& socket, int error) {
+    if (!socket.shutWhenSent) return SendError(socket, error);
+    socket.NoteReset(error);
     return WinsockErrorFromErrno(error);
+}
+
+int ReceiveError(Socket& socket, const kernel::Transfer& transfer, unsigned flags) {
+    // Without urgent data the kernel fails at once, where Windows waits for some.
+    if (transfer.error == EINVAL && (flags & kernel::kOutOfBand) != 0) return WSAEWOULDBLOCK;
+    if (transfer.error == ECONNREFUSED && !socket.IsStream()) return WSAECONNRESET;
+    socket.NoteReset(transfer.error);
+    if (transfer.error == 0 && transfer.bytes == 0 && socket.connectionReset.load()) return WSAECONNRESET;
+    return WinsockErrorFromErrno(transfer.error);
 }
 
 /// A send that reports an unreachable peer on behalf of an earlier datagram: the next receive tells it, as on
@@ -76,7 +87,7 @@ Progress AttemptSend(Socket& socket, Request* request, int* error) {
             SendOnce(socket, request->buffers.data() + request->firstBuffer, left,
                      request->flags | kernel::kDontWait, request->hasTo ? &request->to : nullptr);
         if (transfer.error == EAGAIN) return Progress::Pending;
-        *error = SendError(socket, transfer.error);
+        *error = QueuedSendError(socket, transfer.error);
         if (*error != 0) return Progress::Done;
         request->transferred += static_cast<DWORD>(transfer.bytes);
         if (!socket.IsStream()) return Progress::Done;
@@ -112,7 +123,7 @@ Progress AttemptReceive(Socket& socket, Request* request, int* error) {
         const kernel::Transfer transfer = kernel::Receive(
             socket.fd(), buffers, left, request->flags | kernel::kDontWait | socket.KindFlags(),
             wantsSender ? &from : nullptr);
-        *error = ReceiveError(socket, transfer.error, request->flags);
+        *error = ReceiveError(socket, transfer, request->flags);
         if (*error == WSAEWOULDBLOCK) return Progress::Pending;
         if (*error != 0) return Progress::Done;
         request->transferred += static_cast<DWORD>(transfer.bytes);
@@ -333,7 +344,7 @@ int ReceiveNow(Socket& socket, const BufferList& buffers, unsigned flags, Endpoi
         error = socket.SetKernelMode(false);
         if (error != 0) return error;
         transfer = kernel::Receive(socket.fd(), buffers.data(), buffers.count(), kernelFlags, from);
-        error = ReceiveError(socket, transfer.error, flags);
+        error = ReceiveError(socket, transfer, flags);
     } else {
         // A time-out is mostly waited for where an answer is: the data is rarely there at the first look.
         bool waitFirst = waits && !socket.likelyReadable.load(std::memory_order_relaxed);
@@ -346,7 +357,7 @@ int ReceiveNow(Socket& socket, const BufferList& buffers, unsigned flags, Endpoi
             } else {
                 transfer = kernel::Receive(socket.fd(), buffers.data(), buffers.count(),
                                            kernelFlags | kernel::kDontWait, from);
-                error = ReceiveError(socket, transfer.error, flags);
+                error = ReceiveError(socket, transfer, flags);
             }
             if (error != WSAEWOULDBLOCK || !waits) break;
             error = 0;

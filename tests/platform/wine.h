@@ -15,7 +15,7 @@ enum class Documented {
     kRefusedSocketConnectsAgain,
     // Wine keeps the error.
     kSoErrorIsReadOnce,
-    // 10054 for a receive that comes after the reset. Wine: the end of the stream.
+    // 10054 for every receive that comes after the reset. Wine: the end of the stream.
     kResetIsToldLate,
     // 10004 or 10038. Wine: 10022, 995, and a select that ends without an error.
     kCloseWakesWithInterrupt,

@@ -82,6 +82,14 @@ SOCKET BaseProvider::Datagram(int family) {
     return s;
 }
 
+void BaseProvider::Abort(SOCKET s) {
+    const linger abort = {1, 0};
+    EXPECT_EQ(
+        CALL(SetSockOpt, s, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort), sizeof(abort)), 0)
+        << Error;
+    Close(s);
+}
+
 sockaddr_in BaseProvider::At(const char* address, int port) {
     sockaddr_in name = {};
     name.sin_family = AF_INET;
@@ -118,13 +126,20 @@ SOCKET BaseProvider::Listener(sockaddr_in* name) {
     return s;
 }
 
-sockaddr_in BaseProvider::RefusingName() {
-    return NameOf(Bound(Stream()));
+SOCKET BaseProvider::ListenerV6(sockaddr_in6* name) {
+    const SOCKET s = Stream(AF_INET6);
+    *name = {};
+    name->sin6_family = AF_INET6;
+    name->sin6_addr = in6addr_loopback;
+    int length = sizeof(*name);
+    if (CALL(Bind, s, reinterpret_cast<const sockaddr*>(name), length) != 0) return INVALID_SOCKET;
+    EXPECT_EQ(CALL(Listen, s, SOMAXCONN), 0) << Error;
+    EXPECT_EQ(CALL(GetSockName, s, reinterpret_cast<sockaddr*>(name), &length), 0) << Error;
+    return s;
 }
 
-int BaseProvider::Connect(SOCKET s, const sockaddr_in& name) {
-    return CALL(Connect, s, reinterpret_cast<const sockaddr*>(&name), sizeof(name), nullptr, nullptr, nullptr,
-                nullptr);
+sockaddr_in BaseProvider::RefusingName() {
+    return NameOf(Bound(Stream()));
 }
 
 void BaseProvider::Connect(SOCKET* client, SOCKET* server) {

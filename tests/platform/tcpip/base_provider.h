@@ -34,6 +34,8 @@ class BaseProvider : public testing::Test {
     SOCKET Stream(int family = AF_INET);
     SOCKET Datagram(int family = AF_INET);
     void Close(SOCKET s) { EXPECT_EQ(CALL(CloseSocket, s), 0) << Error; }
+    /// Closes with a reset of the connection.
+    void Abort(SOCKET s);
 
     static sockaddr_in At(const char* address, int port);
     static int PortOf(const sockaddr_in& name);
@@ -44,13 +46,20 @@ class BaseProvider : public testing::Test {
     SOCKET Bound(SOCKET s);
     SOCKET Listener(sockaddr_in* name);
 
+    /// The same on ::1; INVALID_SOCKET on a machine without IPv6.
+    SOCKET ListenerV6(sockaddr_in6* name);
+
     /// A port of 127.0.0.1 on which nobody listens, kept taken by a socket of the provider.
     sockaddr_in RefusingName();
 
     /// A connected pair.
     void Connect(SOCKET* client, SOCKET* server);
 
-    int Connect(SOCKET s, const sockaddr_in& name);
+    template <class Name>
+    int Connect(SOCKET s, const Name& name) {
+        return CALL(Connect, s, reinterpret_cast<const sockaddr*>(&name), sizeof(name), nullptr, nullptr,
+                    nullptr, nullptr);
+    }
     SOCKET Accept(SOCKET listener) { return CALL(Accept, listener, nullptr, nullptr, nullptr, 0); }
 
     int Send(SOCKET s, const std::string& text, DWORD flags = 0);

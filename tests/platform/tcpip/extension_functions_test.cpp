@@ -129,15 +129,9 @@ TEST_F(OverlappedTest, AcceptExEndsWithEitherSocket) {
 }
 
 TEST_F(OverlappedTest, AcceptExTakesAnIPv6SocketWithItsOptions) {
-    const SOCKET listener = Stream(AF_INET6);
-    sockaddr_in6 name = {};
-    name.sin6_family = AF_INET6;
-    name.sin6_addr = in6addr_loopback;
-    int length = sizeof(name);
-    auto* const plain = reinterpret_cast<sockaddr*>(&name);
-    if (CALL(Bind, listener, plain, length) != 0) GTEST_SKIP() << "no IPv6 here";
-    ASSERT_EQ(CALL(Listen, listener, 5), 0);
-    ASSERT_EQ(CALL(GetSockName, listener, plain, &length), 0);
+    sockaddr_in6 name;
+    const SOCKET listener = ListenerV6(&name);
+    if (listener == INVALID_SOCKET) GTEST_SKIP() << "no IPv6 here";
     Associate(listener);
     const SOCKET accepting = Stream(AF_INET6);
     EXPECT_EQ(SetNumber(accepting, IPPROTO_IPV6, IPV6_V6ONLY, 1), 0);
@@ -146,7 +140,7 @@ TEST_F(OverlappedTest, AcceptExTakesAnIPv6SocketWithItsOptions) {
     OVERLAPPED overlapped = {};
     EXPECT_FALSE(acceptEx(listener, accepting, output, 0, kAddressRoom, kAddressRoom, nullptr, &overlapped));
     const SOCKET client = Stream(AF_INET6);
-    ASSERT_EQ(CALL(Connect, client, plain, length, nullptr, nullptr, nullptr, nullptr), 0) << Error;
+    ASSERT_EQ(Connect(client, name), 0) << Error;
     ExpectPacket(&overlapped);
     EXPECT_EQ(Send(client, "six"), 3);
     EXPECT_EQ(Receive(accepting), "six");

@@ -169,9 +169,7 @@ TEST_F(OverlappedTest, ResetEndsAPendingReceiveAndLaterCallsFailAtOnce) {
     char data[8];
     OVERLAPPED overlapped = {};
     EXPECT_EQ(StartReceive(client, data, 8, &overlapped), WSA_IO_PENDING);
-    const linger abort = {1, 0};
-    CALL(SetSockOpt, server, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort), sizeof(abort));
-    Close(server);
+    Abort(server);
     ExpectPacket(&overlapped, ERROR_NETNAME_DELETED);
     DWORD bytes = 0;
     EXPECT_EQ(ResultOf(client, &overlapped, &bytes), WSAECONNRESET);
@@ -219,6 +217,26 @@ TEST_F(OverlappedTest, ShutdownComesBehindWhatIsBeingSent) {
     }
     EXPECT_EQ(received, data.size());
     EXPECT_EQ(ExpectPacket(&sending), data.size());
+}
+
+TEST_F(OverlappedTest, AResetEndsTheSendThatAShutdownWaitsFor) {
+    SOCKET client, server;
+    Connect(&client, &server);
+    Associate(client);
+    SetNumber(client, SOL_SOCKET, SO_SNDBUF, 65536);
+    const std::string data(4 << 20, 'a');
+    char byte;
+    OVERLAPPED receiving = {}, sending = {};
+    EXPECT_EQ(StartReceive(client, &byte, 1, &receiving), WSA_IO_PENDING);
+    EXPECT_EQ(StartSend(client, data.data(), static_cast<ULONG>(data.size()), &sending), WSA_IO_PENDING);
+    EXPECT_EQ(CALL(Shutdown, client, SD_SEND), 0);
+    Abort(server);
+    for (int i = 0; i < 2; ++i) {
+        OVERLAPPED* overlapped = nullptr;
+        DWORD error = 0;
+        NextPacket(port_, &overlapped, &error);
+        EXPECT_EQ(error, static_cast<DWORD>(ERROR_NETNAME_DELETED)) << (overlapped == &sending);
+    }
 }
 
 TEST_F(OverlappedTest, DatagramsThatDoNotFitCompleteWithAWarning) {
