@@ -43,10 +43,18 @@ LONG NumberAfter(LONG number) {
     return static_cast<LONG>(static_cast<ULONG>(number) + 1);
 }
 
+/// Whether the system itself ends the lower provider's requests: it writes to the record before it queues the
+/// packet. A layered provider, or one whose sockets are no handles of the system, may leave the record alone.
+bool SystemEndsRequests(const LspEntry* provider) {
+    return !provider->LowerIsLayered() && (provider->NextProvider.dwServiceFlags1 & XP1_IFS_HANDLES) != 0;
+}
+
 /// Lets a record be completed once, by its packet or by the thread that made the lower call. The number to
 /// claim its end with.
-LONG AwaitEnd(OverlappedOperation* operation, bool skipsPackets) {
-    if (skipsPackets)
+LONG AwaitEnd(OverlappedOperation* operation) {
+    // Also where packets are not skipped: the record's last request may have been another socket's, whose
+    // packet came nevertheless.
+    if (SystemEndsRequests(operation->Provider))
         __atomic_store_n(&operation->ProviderOverlapped.Internal, kOperationInProgress, __ATOMIC_RELAXED);
     const LONG end = NumberAfter(__atomic_load_n(&operation->AwaitedEnd, __ATOMIC_RELAXED)) | 1;
     InterlockedExchange(&operation->AwaitedEnd, end);
@@ -315,8 +323,7 @@ enum class Association { kMade, kMadeForLaterEnds, kImpossible, kFailed };
 /// always; datagram sockets of older systems mix both.
 bool SkipPacketsOfSuccess(const SocketContext* context) {
     const LspEntry* const provider = context->Provider;
-    return provider->NextProvider.iSocketType == SOCK_STREAM && !provider->LowerIsLayered() &&
-           (provider->NextProvider.dwServiceFlags1 & XP1_IFS_HANDLES) != 0 &&
+    return provider->NextProvider.iSocketType == SOCK_STREAM && SystemEndsRequests(provider) &&
            SetFileCompletionNotificationModes(reinterpret_cast<HANDLE>(SOCKET{context->ProviderSocket}),
                                               FILE_SKIP_COMPLETION_PORT_ON_SUCCESS);
 }
@@ -375,7 +382,7 @@ int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context)
 
 /// Makes the lower call; the completion arrives through the port, unless the request ends here.
 int ExecuteAbovePort(OverlappedOperation* operation, SocketContext* context, bool skipsPackets) {
-    const LONG end = AwaitEnd(operation, skipsPackets);
+    const LONG end = AwaitEnd(operation);
     const RecordHold hold(operation);
     const int result = CallLowerOverlapped(operation, context, NoticeToPort(operation));
     if (result == WSA_IO_PENDING || (result == 0 && !skipsPackets)) return WSA_IO_PENDING;

@@ -301,6 +301,34 @@ TEST_P(OverlappedOperationsAtOnce, WhatSucceedsAtOnceIsToldOnce) {
     ExpectNothingElse(told);
 }
 
+class OverlappedStrayPackets : public OverlappedOperations {};
+
+INSTANTIATE_TEST_SUITE_P(Modes, OverlappedStrayPackets, ::testing::Values(Mode::kStrayPackets),
+                         [](const auto& mode) { return NameOf(mode.param); });
+
+TEST_P(OverlappedStrayPackets, DoNotEndARequestOfAnotherSocket) {
+    constexpr int kRounds = 5000;
+    Told told;
+    Stage stream;
+    stream.Connect();
+    told.Associate(stream.subject);
+    Stage datagrams;
+    datagrams.Datagrams();
+    told.Associate(datagrams.subject);
+    QueueStrayPackets();
+    int wrong = 0;
+    for (int i = 0; i < kRounds; ++i) {
+        DWORD bytes = 0;
+        ASSERT_EQ(StartSend(stream), WSA_IO_PENDING);
+        ASSERT_EQ(ToldError(stream, told, &bytes), 0u);
+        datagrams.DatagramArrives();
+        ASSERT_EQ(StartRecvFrom(datagrams), WSA_IO_PENDING);
+        if (ToldError(datagrams, told, &bytes) != 0 || bytes != 5) ++wrong;
+    }
+    EXPECT_EQ(wrong, 0) << "of " << kRounds;
+    ExpectNothingElse(told);
+}
+
 TEST_P(OverlappedOperations, WhatSucceedsLaterIsToldOnce) {
     Told told;
     for (const OperationRow& row : kOperations) {
