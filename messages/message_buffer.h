@@ -55,9 +55,6 @@ class MessageBuffer {
     /// Absolute position, kInvalidPosition when invalid.
     std::uint32_t GetPosition() const { return position_.absolutePosition; }
 
-    /// Piece, offset and absolute position together.
-    const BufferPosition& GetPositionDetails() const { return position_; }
-
     /// Bytes between the position and the end; 0 when the position is invalid.
     std::uint32_t GetRemaining() const;
 

@@ -61,16 +61,8 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
     Case slow = Redirected();
     slow.leastMilliseconds = 18000;
     EXPECT_FALSE(Judge(slow, kept.run, kept.questions).Passed()) << "answered too early";
-}
 
-TEST(JudgeTest, ReadsTheAnalyzersVerdicts) {
-    const auto verdictOf = [](const std::string& fields) {
-        const auto question = ParseQuestion("{\"operation\":\"connect\"," + fields + "}");
-        return question ? question->verdict : "no question";
-    };
-    EXPECT_EQ(verdictOf(R"("behaviour":"answer","action":"refuse")"), "refuse");
-    EXPECT_EQ(verdictOf(R"("behaviour":"answer","action":"allow","exempt":true)"), "allow, exempt");
-    EXPECT_EQ(verdictOf(R"("behaviour":"silent","action":"allow")"), "silent");
+    // What stands in the analyzer's log beside its answers proves nothing.
     EXPECT_FALSE(ParseQuestion("listening on 127.0.0.1:4000"));
     EXPECT_FALSE(ParseQuestion("{\"operation\":"));
 }

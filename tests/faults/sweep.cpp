@@ -14,12 +14,7 @@ SweepResult SweepFaultsOf(const std::string& function, platform::FaultKind kind,
                           const SweepScenario& scenario) {
     SweepResult result;
     for (int nth = 1; nth <= kMostCalls; ++nth) {
-        platform::Fault fault;
-        fault.function = function;
-        fault.nth = nth;
-        fault.kind = kind;
-        fault.value = value;
-        platform::ArmFault(fault);
+        platform::ArmFault({function, nth, kind, value});
         const auto call = [&]() -> std::string {
             if (platform::FaultsStruck() == 0) return "";
             return function.empty() ? platform::CountedCalls().at(static_cast<std::size_t>(nth - 1))

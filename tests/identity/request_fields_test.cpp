@@ -18,10 +18,6 @@ class RequestFields : public ::testing::Test {
         InitializeLocks();
         Locker lock(IdentityLock);
         std::strcpy(ProcessImagePath, "C:\\app.exe");
-        std::strcpy(ProcessUserName, "DEMO\\alice");
-        std::strcpy(MainWindowTitle, "A window");
-        std::strcpy(ImageSignerSubject, "A signer");
-        CurrentProcessId = 4321;
     }
     void TearDown() override { DeleteLocks(); }
 };
@@ -40,10 +36,6 @@ TEST_F(RequestFields, SayWhoAndWhichSocket) {
     LSPAnalyzerMessage request;
     FillRequestFields(request, &context);
     EXPECT_EQ(request.ProcessName, "C:\\app.exe");
-    EXPECT_EQ(request.UserName, "DEMO\\alice");
-    EXPECT_EQ(request.WindowTitle, "A window");
-    EXPECT_EQ(request.ImageSigner, "A signer");
-    EXPECT_EQ(request.ProcessId, 4321u);
     EXPECT_EQ(request.LocalPort, 50001);
     EXPECT_EQ(request.RemotePort, 443);
     EXPECT_EQ(std::memcmp(&request.LocalAddress, &local, sizeof local), 0);
@@ -52,18 +44,15 @@ TEST_F(RequestFields, SayWhoAndWhichSocket) {
     EXPECT_EQ(request.BytesReceived, 7u);
     EXPECT_EQ(request.Protocol, 0x20u);
     EXPECT_EQ(request.SocketType, 1u);
-}
 
-TEST_F(RequestFields, WithoutASocketOnlyTheCountersChange) {
-    LSPAnalyzerMessage request;
-    request.BytesSent = request.BytesReceived = 5;
-    request.RemotePort = 99;
+    // Without a socket: who asks, and no bytes; the rest stays.
     request.Flags = kFlagRelayWanted;
+    request.ProcessName.clear();
     FillRequestFields(request, nullptr);
+    EXPECT_EQ(request.ProcessName, "C:\\app.exe");
     EXPECT_EQ(request.BytesSent + request.BytesReceived, 0u);
-    EXPECT_EQ(request.RemotePort, 99);
+    EXPECT_EQ(request.RemotePort, 443);
     EXPECT_EQ(request.Flags, kFlagRelayWanted);
-    EXPECT_EQ(request.UserName, "DEMO\\alice");
 }
 
 TEST_F(RequestFields, ReportTheVerdictFlagsThatApplyToTheSocketsType) {

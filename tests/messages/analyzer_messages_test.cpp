@@ -1,4 +1,4 @@
-// What goes over the wire, byte by byte, and what is made of damaged or hostile frames.
+// What is made of damaged or hostile frames, and of texts that are too long for one.
 #include "messages/analyzer_messages.h"
 
 #include <gtest/gtest.h>
@@ -7,48 +7,17 @@
 
 #include "messages/message_limits.h"
 #include "tests/messages/frame_tools.h"
-#include "tests/messages/seeded_random.h"
+#include "tests/support/seeded_random.h"
 
 namespace {
 
-void FillRequest(LSPAnalyzerMessage& request) {
-    request.ProcessId = 4321;
+Bytes GoodRequest() {
+    LSPAnalyzerMessage request;
     request.UserName = "DEMO\\alice";
     request.WindowTitle = "Main window";
     request.ImageSigner = "Demo Signer";
-    request.LocalPort = 50000;
-    std::memset(&request.LocalAddress, 0x11, sizeof(request.LocalAddress));
-    request.RemotePort = 443;
-    auto* remote = reinterpret_cast<sockaddr_in*>(&request.RemoteAddress);
-    remote->sin_family = AF_INET;
-    remote->sin_port = 0xBB01;
-    const unsigned char address[] = {192, 0, 2, 1};
-    std::memcpy(&remote->sin_addr, address, sizeof(address));
-    request.SocketType = 1;
-    request.Protocol = 0x80000000;
-    request.BytesSent = 0x1122334455667788;
-    request.BytesReceived = 9;
-    request.Flags = kFlagReportTraffic | kFlagCountTraffic;
     request.Operation = OpConnect;
-}
-
-Bytes GoodRequest() {
-    LSPAnalyzerMessage request;
-    FillRequest(request);
     return FrameOf(request);
-}
-
-Bytes GoodResponse(std::uint32_t dataLength = 0) {
-    LSPAnalyzerMessageResponse response;
-    Bytes data(dataLength, 0x77);
-    const BufferPiece piece{dataLength, data.data()};
-    response.SetDataBuffers(&piece, 1, 0, false);
-    response.RequestId = 77;
-    response.Action = ActionRedirect;
-    response.ExemptProcessId = 5;
-    response.Flags = kFlagKeepFlags;
-    std::memset(&response.RedirectAddress, 0x22, sizeof(response.RedirectAddress));
-    return FrameOf(response);
 }
 
 template <typename Message>
@@ -56,85 +25,6 @@ bool Parses(Bytes frame, std::size_t pieceSize = 0xFFFFFFFF) {
     Message message;
     Feed(message, frame, pieceSize);
     return message.Deserialize();
-}
-
-TEST(AnalyzerMessages, RequestLayout) {
-    const Bytes frame = GoodRequest();
-    constexpr std::size_t u = 10;
-    constexpr std::size_t w = 11;
-    constexpr std::size_t s = 11;
-    ASSERT_EQ(frame.size(), 8 + 320 + u + w + s);
-    EXPECT_EQ(WordAt(frame, 0), frame.size());
-    EXPECT_EQ(WordAt(frame, 4), 8u);
-    const struct {
-        std::size_t offset;
-        std::uint32_t word;
-    } words[] = {
-        {4, 4321},
-        {8, 50000},
-        {12, 0x11111111},
-        {136, 0x11111111},
-        {140, 443},
-        {144, 0x010200C0u},
-        {148, 0},
-        {264, 0},
-        {268, 1},
-        {272, u},
-        {276 + u, 0x80000000},
-        {280 + u, 0},
-        {284 + u, 3},
-        {288 + u, w},
-        {292 + u + w, s},
-        {296 + u + w + s, 0x55667788},
-        {300 + u + w + s, 0x11223344},
-        {304 + u + w + s, 9},
-        {312 + u + w + s, 1},
-        {316 + u + w + s, 12},
-    };
-    for (const auto& expected : words)
-        EXPECT_EQ(WordAt(frame, 8 + expected.offset), expected.word) << expected.offset;
-    EXPECT_EQ(std::memcmp(frame.data() + 8 + 276, "DEMO\\alice", u), 0);
-
-    LSPAnalyzerMessage empty;
-    EXPECT_EQ(FrameOf(empty).size(), 328u);
-}
-
-TEST(AnalyzerMessages, RequestRoundTrip) {
-    for (std::size_t pieceSize : {std::size_t(1), std::size_t(7), std::size_t(4096)}) {
-        Bytes frame = GoodRequest();
-        LSPAnalyzerMessage read;
-        Feed(read, frame, pieceSize);
-        ASSERT_TRUE(read.Deserialize());
-        EXPECT_EQ(read.DataLength, 0);
-        EXPECT_EQ(read.UserName, "DEMO\\alice");
-        EXPECT_EQ(read.WindowTitle, "Main window");
-        EXPECT_EQ(read.ImageSigner, "Demo Signer");
-        EXPECT_EQ(read.LocalPort, 50000);
-        EXPECT_EQ(read.RemotePort, 443);
-        EXPECT_EQ(read.SocketType, 1u);
-        EXPECT_EQ(read.BytesSent, 0x1122334455667788u);
-        EXPECT_EQ(read.Operation, OpConnect);
-        EXPECT_EQ(read.MessageType, 1u);
-        const auto* remote = reinterpret_cast<const sockaddr_in*>(&read.RemoteAddress);
-        EXPECT_EQ(std::memcmp(&remote->sin_addr, "\xC0\x00\x02\x01", 4), 0);
-        EXPECT_EQ(remote->sin_family, 0) << "the family is not on the wire";
-    }
-}
-
-TEST(AnalyzerMessages, ResponseLayoutAndRoundTrip) {
-    Bytes frame = GoodResponse();
-    ASSERT_EQ(frame.size(), 156u);
-    EXPECT_EQ(WordAt(frame, 8 + 4), 77u);
-    EXPECT_EQ(WordAt(frame, 8 + 8), 5u);
-    EXPECT_EQ(WordAt(frame, 8 + 12), 2u);
-    EXPECT_EQ(WordAt(frame, 8 + 16), 0x22222222u);
-    EXPECT_EQ(WordAt(frame, 8 + 144), 0x10u);
-    LSPAnalyzerMessageResponse read;
-    Feed(read, frame, 5);
-    ASSERT_TRUE(read.Deserialize());
-    EXPECT_EQ(read.RequestId, 77u);
-    EXPECT_EQ(read.Action, ActionRedirect);
-    EXPECT_EQ(read.Flags, kFlagKeepFlags);
 }
 
 TEST(AnalyzerMessages, TextsAreCutAtTheLimitAndAtZeroBytes) {
@@ -166,7 +56,7 @@ TEST(AnalyzerMessages, TextsAreCutAtTheLimitAndAtZeroBytes) {
 }
 
 TEST(AnalyzerMessages, EveryTruncationIsRefused) {
-    const Bytes frames[] = {GoodRequest(), GoodResponse(), GoodResponse(20)};
+    const Bytes frames[] = {GoodRequest(), ResponseFrame(77), ResponseFrame(77, 20)};
     for (const Bytes& good : frames) {
         const bool isRequest = &good == frames;
         const auto parses = isRequest ? Parses<LSPAnalyzerMessage> : Parses<LSPAnalyzerMessageResponse>;
@@ -183,7 +73,7 @@ TEST(AnalyzerMessages, EveryTruncationIsRefused) {
 }
 
 TEST(AnalyzerMessages, LyingLengthWords) {
-    const Bytes good = GoodResponse(20);
+    const Bytes good = ResponseFrame(77, 20);
     const struct {
         const char* name;
         std::size_t word;

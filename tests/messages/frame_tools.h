@@ -41,6 +41,17 @@ inline Bytes FrameOf(MessageBase& message) {
     return message.Serialize() ? ChainOf(message) : Bytes();
 }
 
+/// An answer that blocks, with `dataLength` bytes of data.
+inline Bytes ResponseFrame(std::uint32_t requestId, std::uint32_t dataLength = 0) {
+    LSPAnalyzerMessageResponse response;
+    Bytes data(dataLength, 'd');
+    const BufferPiece piece{dataLength, data.data()};
+    response.SetDataBuffers(&piece, 1, 0, false);
+    response.RequestId = requestId;
+    response.Action = ActionBlock;
+    return FrameOf(response);
+}
+
 /// Makes the chain of `message` point into `frame`, in pieces of `pieceSize` bytes; `frame` must outlive its
 /// use.
 inline void Feed(MessageBase& message, Bytes& frame, std::size_t pieceSize = 0xFFFFFFFF) {

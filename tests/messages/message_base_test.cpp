@@ -18,13 +18,6 @@ Bytes Counting(std::size_t count, unsigned char first = 0) {
     return bytes;
 }
 
-TEST(MessageBase, IdsCarryTheProcessAndCountUp) {
-    LSPAnalyzerMessage first;
-    LSPAnalyzerMessageResponse second;
-    EXPECT_EQ(first.MessageId >> 16, GetCurrentProcessId() & 0xFFFF);
-    EXPECT_EQ((first.MessageId + 1) & 0xFFFF, second.MessageId & 0xFFFF);
-}
-
 TEST(MessageBase, DataTravelsBetweenHeaderAndFieldsUpToTheLimit) {
     Bytes first = Counting(100);
     Bytes second = Counting(50, 100);
@@ -57,17 +50,6 @@ TEST(MessageBase, DataTravelsBetweenHeaderAndFieldsUpToTheLimit) {
     LSPAnalyzerMessage untouched;
     EXPECT_TRUE(untouched.SetDataBuffers(nullptr, 3, 0, true));
     EXPECT_EQ(FrameOf(untouched).size(), 328u);
-}
-
-TEST(MessageBase, TooFewBytesAskForTheLengthWordFirst) {
-    Bytes start = {156, 0, 0};
-    LSPAnalyzerMessageResponse response;
-    Feed(response, start);
-    EXPECT_EQ(response.GetExpectedLength(), 4u);
-    EXPECT_EQ(response.GetExcessLength(), -1);
-    start.push_back(0);
-    Feed(response, start);
-    EXPECT_EQ(response.GetExcessLength(), 4 - 156);
 }
 
 /// Two frames arrive in fixed-size reads that don't respect their borders; the second is cut off the first

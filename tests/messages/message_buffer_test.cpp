@@ -8,25 +8,9 @@
 #include <string>
 
 #include "tests/messages/frame_tools.h"
-#include "tests/messages/seeded_random.h"
+#include "tests/support/seeded_random.h"
 
 namespace {
-
-/// A chain over pieces of the given lengths, filled with 0, 1, 2, ...
-struct Chain {
-    explicit Chain(std::initializer_list<std::uint32_t> lengths) {
-        unsigned char next = 0;
-        for (std::uint32_t length : lengths) {
-            memory.emplace_back(length);
-            for (unsigned char& byte : memory.back())
-                byte = next++;
-            buffer.AddBuffer({length, memory.back().data()});
-        }
-    }
-
-    std::list<Bytes> memory;
-    MessageBuffer buffer;
-};
 
 std::string FailureOf(const std::function<void()>& call) {
     try {
@@ -48,84 +32,6 @@ TEST(MessageBuffer, BytesThatJoinTheLastPieceAreReadFromTheOldEnd) {
     EXPECT_EQ(read, (Bytes{2, 3, 4}));
     EXPECT_TRUE(buffer.Move(3));
     EXPECT_EQ(buffer.GetRemaining(), 0u);
-}
-
-TEST(MessageBuffer, EmptyChainHasNoPositionUntilOneIsSet) {
-    MessageBuffer buffer;
-    unsigned char byte = 0;
-    EXPECT_EQ(buffer.GetPosition(), 0xFFFFFFFFu);
-    EXPECT_EQ(buffer.GetTotalLength(), 0u);
-    EXPECT_EQ(buffer.ReadAt(&byte, 1), 0u);
-    EXPECT_EQ(buffer.WriteAt(&byte, 1), 0u);
-    EXPECT_TRUE(buffer.Move(0));
-    EXPECT_FALSE(buffer.Move(1));
-    EXPECT_EQ(FailureOf([&] { buffer.SetPosition(1); }), "New position too large");
-    EXPECT_EQ(buffer.GetPosition(), 0xFFFFFFFFu);
-    buffer.SetPosition(0);
-    EXPECT_EQ(buffer.GetPosition(), 0u);
-
-    // Bytes that come before a position is set must not make an invalid one usable.
-    MessageBuffer filled;
-    filled.AddBuffer({1, &byte});
-    EXPECT_EQ(filled.ReadAt(&byte, 1), 0u);
-    EXPECT_FALSE(filled.Move(1));
-}
-
-TEST(MessageBuffer, PositionsStopAtEmptyPiecesAndAtTheEnd) {
-    Chain chain({8, 0, 5});
-    chain.buffer.SetPosition(8);
-    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceIndex, 1u);
-    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceOffset, 0u);
-    const unsigned char written[2] = {200, 201};
-    EXPECT_EQ(chain.buffer.WriteAt(written, 2), 2u);
-    EXPECT_EQ(chain.memory.back()[0], 200);
-    chain.buffer.SetPosition(13);
-    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceIndex, 3u);
-    EXPECT_EQ(chain.buffer.GetPositionDetails().pieceOffset, 0u);
-    EXPECT_EQ(FailureOf([&] { chain.buffer.SetPosition(14); }), "New position too large");
-    EXPECT_EQ(chain.buffer.GetPosition(), 13u);
-
-    Chain pair({8, 8});
-    pair.buffer.SetPosition(5);
-    EXPECT_FALSE(pair.buffer.Move(12));
-    EXPECT_EQ(pair.buffer.GetPosition(), 5u);
-    EXPECT_FALSE(pair.buffer.Move(0xFFFFFFFF));
-    EXPECT_TRUE(pair.buffer.Move(5));
-    EXPECT_EQ(pair.buffer.GetPositionDetails().pieceIndex, 1u);
-    EXPECT_EQ(pair.buffer.GetPositionDetails().pieceOffset, 2u);
-}
-
-TEST(MessageBuffer, SubBuffersCoverExactlyTheRange) {
-    Chain chain({8, 8});
-    PieceArray some;
-    chain.buffer.GetSubBuffers(6, 4, some.pieces, some.count, false);
-    ASSERT_EQ(some.count, 2u);
-    EXPECT_EQ(some.pieces[0].data, chain.memory.front().data() + 6);
-    EXPECT_EQ(some.Flat(), (Bytes{6, 7, 8, 9}));
-
-    PieceArray none;
-    chain.buffer.GetSubBuffers(16, 0, none.pieces, none.count, true);
-    EXPECT_EQ(none.count, 0u);
-    for (bool copy : {false, true}) {
-        PieceArray failed;
-        EXPECT_EQ(FailureOf([&] { chain.buffer.GetSubBuffers(14, 4, failed.pieces, failed.count, copy); }),
-                  "Length exceeds the available buffer.");
-        EXPECT_EQ(failed.pieces, nullptr);
-    }
-}
-
-TEST(MessageBuffer, TruncateKeepsTheRestOfTheLastPiece) {
-    Chain chain({8, 8});
-    EXPECT_FALSE(chain.buffer.Truncate(17));
-    EXPECT_TRUE(chain.buffer.Truncate(10));
-    PieceArray all;
-    chain.buffer.GetAllBuffers(all.pieces, all.count, false);
-    ASSERT_EQ(all.count, 2u);
-    EXPECT_EQ(all.pieces[1].length, 2u);
-    EXPECT_TRUE(chain.buffer.Truncate(8));
-    PieceArray first;
-    chain.buffer.GetAllBuffers(first.pieces, first.count, false);
-    EXPECT_EQ(first.count, 1u);
 }
 
 /// The chain and the oracle side by side.
@@ -210,7 +116,8 @@ class ChainAndOracle {
     }
 
     void Move() {
-        const std::uint32_t count = random_.Below(20);
+        // The largest count would wrap a position that is added up before it is checked.
+        const std::uint32_t count = random_.Below(10) == 0 ? 0xFFFFFFFF : random_.Below(20);
         const bool fits = count <= Remaining();
         ASSERT_EQ(buffer_.Move(count), fits);
         if (fits && position_ != MessageBuffer::kInvalidPosition) position_ += count;
@@ -231,7 +138,9 @@ class ChainAndOracle {
         const bool failed =
             !FailureOf([&] { buffer_.GetSubBuffers(start, length, part.pieces, part.count, copy); }).empty();
         ASSERT_EQ(failed, length != 0 && std::uint64_t(start) + length > flat_.size());
-        if (!failed) {
+        if (failed) {
+            ASSERT_EQ(part.pieces, nullptr);
+        } else {
             ASSERT_EQ(part.Flat(),
                       length == 0 ? Bytes() : Bytes(flat_.begin() + start, flat_.begin() + start + length));
         }

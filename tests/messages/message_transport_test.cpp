@@ -18,16 +18,6 @@ namespace {
 
 constexpr std::uint32_t kRequestId = 42;
 
-Bytes Answer(std::uint32_t requestId, std::uint32_t dataLength = 0) {
-    LSPAnalyzerMessageResponse response;
-    Bytes data(dataLength, 'd');
-    const BufferPiece piece{dataLength, data.data()};
-    response.SetDataBuffers(&piece, 1, 0, false);
-    response.RequestId = requestId;
-    response.Action = ActionBlock;
-    return FrameOf(response);
-}
-
 int CallsOf(const std::string& function) {
     const std::vector<std::string> calls = platform::CountedCalls();
     return static_cast<int>(std::count(calls.begin(), calls.end(), function));
@@ -102,8 +92,8 @@ TEST_F(MessageTransport, ReadsAreSizedToTheFrameAndTakeNothingBehindIt) {
         int reads;
     } cases[] = {{0, 2}, {10000 - 156, 4}, {4096 - 148, 2}};
     for (const auto& expected : cases) {
-        Bytes two = Answer(1, expected.dataLength);
-        const Bytes next = Answer(2);
+        Bytes two = ResponseFrame(1, expected.dataLength);
+        const Bytes next = ResponseFrame(2);
         two.insert(two.end(), next.begin(), next.end());
         PeerSends(two);
         PooledResponse first = TakeResponse();
@@ -120,7 +110,7 @@ TEST_F(MessageTransport, ReadsAreSizedToTheFrameAndTakeNothingBehindIt) {
 }
 
 TEST_F(MessageTransport, ShortReadsAddUp) {
-    PeerSends(Answer(1));
+    PeerSends(ResponseFrame(1));
     platform::ArmFault({"WSARecv", 1, platform::FaultKind::kShortCount, 3, false});
     PooledResponse response = TakeResponse();
     ASSERT_TRUE(ReceiveMessage(*response, ours, nullptr, 5));
@@ -136,7 +126,7 @@ TEST_F(MessageTransport, ShortReadsAddUp) {
             return new unsigned char[size];
         },
         nullptr);
-    PeerSends(Answer(1, 8000));
+    PeerSends(ResponseFrame(1, 8000));
     platform::ArmFault({"WSARecv", 1, platform::FaultKind::kShortCount, 1, true});
     ASSERT_TRUE(ReceiveMessage(large, ours, nullptr, 5));
     EXPECT_EQ(large.DataLength, 8000);
@@ -164,7 +154,7 @@ TEST_F(MessageTransport, UnreadableFramesAndEndsFailAtOnce) {
     SetWord(noFields, 4, 8);
     failsOn(noFields, 1);
 
-    Bytes cut = Answer(1);
+    Bytes cut = ResponseFrame(1);
     cut.pop_back();
     PeerSends(cut);
     PeerCloses();
@@ -189,7 +179,7 @@ TEST_F(MessageTransport, ATrickleEndsWithTheWholeWait) {
     std::atomic<bool> done{false};
     std::size_t sent = 0;
     std::thread trickle([&] {
-        const Bytes frame = Answer(kRequestId);
+        const Bytes frame = ResponseFrame(kRequestId);
         while (!done && sent < frame.size()) {
             PeerSends(Bytes(1, frame[sent++]));
             Sleep(1000);
@@ -201,16 +191,16 @@ TEST_F(MessageTransport, ATrickleEndsWithTheWholeWait) {
     EXPECT_FALSE(ReceiveAnswer(response, ours, kRequestId, limits));
     done = true;
     trickle.join();
-    EXPECT_LT(sent, Answer(kRequestId).size());
+    EXPECT_LT(sent, ResponseFrame(kRequestId).size());
 }
 
 TEST_F(MessageTransport, OnlyTheAnswerToTheRequestIsTaken) {
     LSPAnalyzerMessageResponse response;
-    PeerSends(Answer(7, 5000));
-    PeerSends(Answer(8));
-    PeerSends(Answer(kRequestId));
-    PeerSends(Answer(9));
-    PeerSends(Answer(0));
+    PeerSends(ResponseFrame(7, 5000));
+    PeerSends(ResponseFrame(8));
+    PeerSends(ResponseFrame(kRequestId));
+    PeerSends(ResponseFrame(9));
+    PeerSends(ResponseFrame(0));
     ASSERT_TRUE(ReceiveAnswer(response, ours, kRequestId));
     EXPECT_EQ(response.RequestId, kRequestId);
     EXPECT_EQ(response.DataLength, 0);
@@ -218,7 +208,7 @@ TEST_F(MessageTransport, OnlyTheAnswerToTheRequestIsTaken) {
     ASSERT_TRUE(ReceiveAnswer(response, ours, kRequestId));
     EXPECT_EQ(response.RequestId, 0u);
 
-    Bytes insideHeader = Answer(kRequestId, 20);
+    Bytes insideHeader = ResponseFrame(kRequestId, 20);
     SetWord(insideHeader, 4, 4);
     SetWord(insideHeader, 8, kRequestId);  // where its RequestId would then be
     PeerSends(insideHeader);
@@ -226,7 +216,7 @@ TEST_F(MessageTransport, OnlyTheAnswerToTheRequestIsTaken) {
 
     // Foreign answers don't renew the wait.
     const platform::ScopedClockRate fast(1000);
-    PeerSends(Answer(7));
+    PeerSends(ResponseFrame(7));
     EXPECT_FALSE(ReceiveAnswer(response, ours, kRequestId));
 
     const std::atomic<bool> stop{true};
@@ -281,7 +271,7 @@ TEST_F(MessageTransport, FailingCallsKeepTheirErrorAndFaultsBecomeOne) {
         {"WSARecv", platform::FaultKind::kException, EXCEPTION_ACCESS_VIOLATION,
          "WSARecv EXCEPTION in thread: "},
     };
-    PeerSends(Answer(1));
+    PeerSends(ResponseFrame(1));
     for (const auto& failure : receives) {
         const platform::ScopedFault fault({failure.function, 1, failure.kind, failure.value, false});
         PooledResponse response = TakeResponse();

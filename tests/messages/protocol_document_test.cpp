@@ -31,15 +31,18 @@ Bytes FrameInDocument(const std::string& name) {
 TEST(ProtocolDocument, RequestReadsAsTheTextSaysAndIsWrittenTheSame) {
     Bytes frame = FrameInDocument("request");
     LSPAnalyzerMessage read;
-    Feed(read, frame);
-    ASSERT_TRUE(read.Deserialize());
-    EXPECT_EQ(read.GetExcessLength(), 0);
-    EXPECT_EQ(read.ProcessId, 4321u);
-    EXPECT_EQ(read.UserName, "DEMO\\alice");
-    EXPECT_EQ(read.WindowTitle, "Main window");
-    EXPECT_EQ(read.ImageSigner, "Demo Signer");
-    EXPECT_EQ(read.RemotePort, 443);
-    EXPECT_EQ(read.Operation, OpConnect);
+    for (const std::size_t pieceSize : {1u, 7u, 4096u}) {
+        Feed(read, frame, pieceSize);
+        ASSERT_TRUE(read.Deserialize());
+        EXPECT_EQ(read.GetExcessLength(), 0);
+        EXPECT_EQ(read.ProcessId, 4321u);
+        EXPECT_EQ(read.UserName, "DEMO\\alice");
+        EXPECT_EQ(read.WindowTitle, "Main window");
+        EXPECT_EQ(read.ImageSigner, "Demo Signer");
+        EXPECT_EQ(read.RemotePort, 443);
+        EXPECT_EQ(read.RemoteAddress.ss_family, 0) << "the family is not on the wire";
+        EXPECT_EQ(read.Operation, OpConnect);
+    }
 
     LSPAnalyzerMessage written;
     written.MessageId = read.MessageId;
@@ -54,6 +57,32 @@ TEST(ProtocolDocument, RequestReadsAsTheTextSaysAndIsWrittenTheSame) {
     written.SocketType = SOCK_STREAM;
     written.Operation = OpConnect;
     EXPECT_EQ(FrameOf(written), frame);
+}
+
+TEST(ProtocolDocument, WhatTheRequestThereLeavesZeroIsWhereItsTableSays) {
+    LSPAnalyzerMessage written;
+    written.UserName = std::string(10, 'u');
+    written.WindowTitle = std::string(11, 'w');
+    written.ImageSigner = std::string(11, 's');
+    written.Protocol = 0x80000000;
+    written.Flags = 3;
+    written.BytesSent = 0x1122334455667788;
+    written.BytesReceived = 9;
+    Bytes frame = FrameOf(written);
+    const struct {
+        std::size_t offset;
+        std::uint32_t word;
+    } words[] = {{286, 0x80000000}, {290, 0}, {294, 3}, {328, 0x55667788}, {332, 0x11223344}, {336, 9}};
+    for (const auto& expected : words)
+        EXPECT_EQ(WordAt(frame, 8 + expected.offset), expected.word) << expected.offset;
+
+    LSPAnalyzerMessage read;
+    Feed(read, frame);
+    ASSERT_TRUE(read.Deserialize());
+    EXPECT_EQ(read.Protocol, written.Protocol);
+    EXPECT_EQ(read.Flags, written.Flags);
+    EXPECT_EQ(read.BytesSent, written.BytesSent);
+    EXPECT_EQ(read.BytesReceived, written.BytesReceived);
 }
 
 TEST(ProtocolDocument, ResponseAnswersTheRequestAndIsWrittenTheSame) {

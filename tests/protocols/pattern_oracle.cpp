@@ -10,36 +10,36 @@ namespace {
 constexpr std::size_t kMaxData = 60;
 constexpr const char kAlphabet[] = "aAbBzZ0-. \n\r]";  // and its terminator, the zero byte
 
-unsigned char AnyByte(Random& random) {
-    if (Below(random, 8) == 0) return static_cast<unsigned char>(Below(random, 256));
-    return static_cast<unsigned char>(kAlphabet[Below(random, sizeof kAlphabet)]);
+unsigned char AnyByte(SeededRandom& random) {
+    if (random.Below(8) == 0) return static_cast<unsigned char>(random.Below(256));
+    return static_cast<unsigned char>(kAlphabet[random.Below(sizeof kAlphabet)]);
 }
 
 /// One of the ways to write a byte so that it stands for itself.
-std::string Written(Random& random, unsigned char byte) {
+std::string Written(SeededRandom& random, unsigned char byte) {
     static const struct {
         unsigned char byte;
         const char* text;
     } kEscapes[] = {{0, "\\0"},  {7, "\\a"},  {8, "\\b"},  {9, "\\t"},  {10, "\\n"},
                     {11, "\\v"}, {12, "\\f"}, {13, "\\r"}, {92, "\\\\"}};
     const bool alone = std::isalnum(byte) != 0 || byte >= 128 || byte == ' ';
-    if (alone && Below(random, 8) != 0) return std::string(1, static_cast<char>(byte));
+    if (alone && random.Below(8) != 0) return std::string(1, static_cast<char>(byte));
     for (const auto& escape : kEscapes) {
-        if (escape.byte == byte && Below(random, 2) == 0) return escape.text;
+        if (escape.byte == byte && random.Below(2) == 0) return escape.text;
     }
     if (std::ispunct(byte) != 0) return std::string("\\") + static_cast<char>(byte);
     char hex[5];
-    std::snprintf(hex, sizeof hex, Below(random, 2) == 0 ? "\\x%02x" : "\\X%02X", byte);
+    std::snprintf(hex, sizeof hex, random.Below(2) == 0 ? "\\x%02x" : "\\X%02X", byte);
     return hex;
 }
 
 class Generator {
   public:
-    explicit Generator(Random& random) : random_(random) {}
+    explicit Generator(SeededRandom& random) : random_(random) {}
 
     RandomPattern Make() {
         RandomPattern pattern;
-        if (Below(random_, 4) != 0) {
+        if (random_.Below(4) != 0) {
             pattern.root = Choice(3, pattern.text);
             return pattern;
         }
@@ -57,11 +57,11 @@ class Generator {
   private:
     PatternNode Choice(unsigned depth, std::string& text) {
         PatternNode node{PatternNode::Kind::kChoice, {}, {}};
-        const unsigned count = Below(random_, 3) == 0 ? 2 + Below(random_, 2) : 1;
+        const unsigned count = random_.Below(3) == 0 ? 2 + random_.Below(2) : 1;
         for (unsigned i = 0; i < count; ++i) {
             if (i != 0) text += '|';
             PatternNode sequence{PatternNode::Kind::kSequence, {}, {}};
-            for (unsigned pieces = Below(random_, 5); pieces > 0; --pieces) {
+            for (unsigned pieces = random_.Below(5); pieces > 0; --pieces) {
                 sequence.parts.push_back(Piece(depth, text));
             }
             node.parts.push_back(std::move(sequence));
@@ -71,8 +71,8 @@ class Generator {
 
     PatternNode Piece(unsigned depth, std::string& text) {
         PatternNode atom = Atom(depth, text);
-        if (Below(random_, 5) < 3) return atom;
-        const char quantifier = "*+?"[Below(random_, 3)];
+        if (random_.Below(5) < 3) return atom;
+        const char quantifier = "*+?"[random_.Below(3)];
         text += quantifier;
         PatternNode node{PatternNode::Kind::kRepeat, {}, {}, quantifier};
         node.parts.push_back(std::move(atom));
@@ -80,14 +80,14 @@ class Generator {
     }
 
     PatternNode Atom(unsigned depth, std::string& text) {
-        if (depth > 0 && Below(random_, 4) == 0) {
+        if (depth > 0 && random_.Below(4) == 0) {
             text += '(';
             PatternNode group = Choice(depth - 1, text);
             text += ')';
             return group;
         }
         PatternNode leaf{PatternNode::Kind::kByte, {}, {}};
-        const unsigned form = Below(random_, 10);
+        const unsigned form = random_.Below(10);
         if (form == 0) {
             text += '.';
             leaf.accepted.set();
@@ -106,16 +106,16 @@ class Generator {
     std::bitset<256> Class(std::string& text) {
         ++classes_;
         std::bitset<256> members;
-        const bool negated = Below(random_, 3) == 0;
+        const bool negated = random_.Below(3) == 0;
         text += negated ? "[^" : "[";
-        for (unsigned count = Below(random_, 4); count > 0; --count)
+        for (unsigned count = random_.Below(4); count > 0; --count)
             Member(members, text);
         text += ']';
         return negated ? ~members : members;
     }
 
     void Member(std::bitset<256>& members, std::string& text) {
-        const unsigned form = Below(random_, 6);
+        const unsigned form = random_.Below(6);
         if (form == 0) return Named(members, text);
         unsigned char first = AnyByte(random_);
         unsigned char last = AnyByte(random_);
@@ -138,25 +138,24 @@ class Generator {
             int (*has)(int);
         } kNames[] = {{"[:alnum:]", std::isalnum}, {"[:cntrl:]", std::iscntrl}, {"[:digit:]", std::isdigit},
                       {"[:lower:]", std::islower}, {"[:punct:]", std::ispunct}, {"[:space:]", std::isspace}};
-        const auto& name = kNames[Below(random_, std::size(kNames))];
+        const auto& name = kNames[random_.Below(std::size(kNames))];
         text += name.text;
         for (int byte = 0; byte < 256; ++byte) {
             if (name.has(byte) != 0) members.set(byte);
         }
     }
 
-    Random& random_;
+    SeededRandom& random_;
     unsigned classes_ = 0;
 };
 
 /// Appends a member of the node's language when it finds one; a class that accepts nothing is passed over.
-void AppendMember(Random& random, const PatternNode& node, std::string& data) {
+void AppendMember(SeededRandom& random, const PatternNode& node, std::string& data) {
     switch (node.kind) {
         case PatternNode::Kind::kByte:
             for (int tries = 0; tries < 40; ++tries) {
                 const unsigned char byte = AnyByte(random);
-                const unsigned char start =
-                    tries < 20 ? byte : static_cast<unsigned char>(Below(random, 256));
+                const unsigned char start = tries < 20 ? byte : static_cast<unsigned char>(random.Below(256));
                 if (!node.accepted[start]) continue;
                 data += static_cast<char>(start);
                 return;
@@ -172,10 +171,10 @@ void AppendMember(Random& random, const PatternNode& node, std::string& data) {
                 AppendMember(random, part, data);
             return;
         case PatternNode::Kind::kChoice:
-            return AppendMember(random, node.parts[Below(random, unsigned(node.parts.size()))], data);
+            return AppendMember(random, node.parts[random.Below(unsigned(node.parts.size()))], data);
         case PatternNode::Kind::kRepeat:
             unsigned count = node.quantifier == '+' ? 1 : 0;
-            count += Below(random, node.quantifier == '?' ? 2 : 3);
+            count += random.Below(node.quantifier == '?' ? 2 : 3);
             for (; count > 0; --count)
                 AppendMember(random, node.parts[0], data);
     }
@@ -240,27 +239,25 @@ class Oracle {
 
 }  // namespace
 
-RandomPattern MakePattern(Random& random) {
+RandomPattern MakePattern(SeededRandom& random) {
     return Generator(random).Make();
 }
 
-std::string MakeData(Random& random, const PatternNode& root, bool ignoreCase) {
+std::string MakeData(SeededRandom& random, const PatternNode& root, bool ignoreCase) {
     std::string data;
-    if (Below(random, 8) != 0) AppendMember(random, root, data);
+    if (random.Below(8) != 0) AppendMember(random, root, data);
     for (char& c : data) {
-        if (ignoreCase && std::isalpha(static_cast<unsigned char>(c)) != 0 && Below(random, 2) == 0)
-            c ^= 0x20;
+        if (ignoreCase && std::isalpha(static_cast<unsigned char>(c)) != 0 && random.Below(2) == 0) c ^= 0x20;
     }
-    switch (Below(random, 4)) {
+    switch (random.Below(4)) {
         case 0:
-            data.resize(Below(random, unsigned(data.size()) + 1));
+            data.resize(random.Below(unsigned(data.size()) + 1));
             break;
         case 1:
-            if (!data.empty())
-                data[Below(random, unsigned(data.size()))] = static_cast<char>(AnyByte(random));
+            if (!data.empty()) data[random.Below(unsigned(data.size()))] = static_cast<char>(AnyByte(random));
             break;
         case 2:
-            for (unsigned more = Below(random, 8); more > 0; --more)
+            for (unsigned more = random.Below(8); more > 0; --more)
                 data += static_cast<char>(AnyByte(random));
     }
     if (data.size() > kMaxData) data.resize(kMaxData);

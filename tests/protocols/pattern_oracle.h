@@ -6,16 +6,10 @@
 #include <bitset>
 #include <cstdint>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
-using Random = std::mt19937_64;
-
-/// 0 to limit - 1.
-inline unsigned Below(Random& random, unsigned limit) {
-    return static_cast<unsigned>(random() % limit);
-}
+#include "tests/support/seeded_random.h"
 
 struct PatternNode {
     enum class Kind { kByte, kSequence, kChoice, kRepeat };
@@ -31,10 +25,10 @@ struct RandomPattern {
 };
 
 /// A pattern of the whole grammar, with no more than 16 classes.
-RandomPattern MakePattern(Random& random);
+RandomPattern MakePattern(SeededRandom& random);
 
 /// Up to 60 bytes that the pattern may like: members of its language, cut, extended or damaged, or noise.
-std::string MakeData(Random& random, const PatternNode& root, bool ignoreCase);
+std::string MakeData(SeededRandom& random, const PatternNode& root, bool ignoreCase);
 
 /// What RegexpMatch must answer: 2, 1 or 0.
 int OracleMatch(const PatternNode& root, const std::string& data, bool firstMatch, bool ignoreCase);

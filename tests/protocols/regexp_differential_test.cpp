@@ -1,8 +1,9 @@
 // Random patterns and data: the engine, in one chunk and in many, and the deterministic automaton, against
-// the oracle. The seed is printed and can be given in QX_SEED.
+// the oracle.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <algorithm>
+#include <cstdio>
 
 #include "protocols/byte_automaton.h"
 #include "protocols/regexp.h"
@@ -10,15 +11,10 @@
 
 namespace {
 
-std::uint64_t Seed() {
-    const char* given = std::getenv("QX_SEED");
-    return given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device{}();
-}
-
-std::vector<DataChunk> Cut(Random& random, const std::string& data) {
+std::vector<DataChunk> Cut(SeededRandom& random, const std::string& data) {
     std::vector<DataChunk> chunks;
     for (std::size_t at = 0; at < data.size();) {
-        const auto length = std::min<std::size_t>(Below(random, 4), data.size() - at);
+        const auto length = std::min<std::size_t>(random.Below(4), data.size() - at);
         chunks.push_back({static_cast<std::int32_t>(length), data.data() + at});
         at += length;
     }
@@ -43,7 +39,7 @@ struct Totals {
 };
 
 /// One pattern, some data, all flags.
-void Compare(Random& random, RegMatcher& matcher, Totals& totals) {
+void Compare(SeededRandom& random, RegMatcher& matcher, Totals& totals) {
     const RandomPattern pattern = MakePattern(random);
     Regexp regexp;
     ASSERT_EQ(0, RegexpCompile(regexp, pattern.text.c_str())) << Printable(pattern.text);
@@ -77,9 +73,8 @@ void Compare(Random& random, RegMatcher& matcher, Totals& totals) {
 }
 
 TEST(RegexpDifferential, EngineAndAutomatonAgreeWithTheOracle) {
-    const std::uint64_t seed = Seed();
-    std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
-    Random random(seed);
+    SeededRandom random;
+    SCOPED_TRACE("QX_SEED=" + std::to_string(random.Seed()));
     RegMatcher matcher;
     ASSERT_EQ(0, RegMatcherInit(matcher, 4096));
     Totals totals;

@@ -12,7 +12,7 @@
 
 namespace {
 
-using AnsweredOperations = FakeWinsock;
+using AnsweredOperations = FakeSocket;
 
 // ---- Select
 
@@ -82,67 +82,54 @@ TEST_F(AnsweredOperations, SelectSpeaksLowerSocketsBelowAndOursAbove) {
 }
 
 TEST_F(AnsweredOperations, SelectRefusesWhatItCantTranslate) {
-    const SOCKET s = MakeSocket();
     fd_set foreign = SetOf({0x77});
     fd_set empty = SetOf({});
-    EXPECT_EQ(WSPSelect(0, &foreign, &empty, nullptr, nullptr, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEINVAL);
-    EXPECT_EQ(WSPSelect(0, nullptr, nullptr, nullptr, nullptr, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEINVAL);
+    const auto refusal = [&](fd_set* reads, fd_set* writes) {
+        return ErrorOf(WSPSelect(0, reads, writes, nullptr, nullptr, &error_) == 0);
+    };
+    EXPECT_EQ(refusal(&foreign, &empty), WSAEINVAL);
+    EXPECT_EQ(refusal(nullptr, nullptr), WSAEINVAL);
 
     struct {
         unsigned int fd_count = 65;
         SOCKET fd_array[65];
     } large;
     for (SOCKET& member : large.fd_array)
-        member = s;
-    EXPECT_EQ(WSPSelect(0, reinterpret_cast<fd_set*>(&large), nullptr, nullptr, nullptr, &error_),
-              SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAENOBUFS);
+        member = s_;
+    EXPECT_EQ(refusal(reinterpret_cast<fd_set*>(&large), nullptr), WSAENOBUFS);
     for (SOCKET& member : large.fd_array)
         member = 0x77;
-    EXPECT_EQ(WSPSelect(0, reinterpret_cast<fd_set*>(&large), nullptr, nullptr, nullptr, &error_),
-              SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEINVAL) << "none is the layer's";
-    EXPECT_EQ(WSPSelect(0, &empty, reinterpret_cast<fd_set*>(8), nullptr, nullptr, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
-    EXPECT_EQ(ContextOf(s)->RefCount, 0);
-    Close(s);
+    EXPECT_EQ(refusal(reinterpret_cast<fd_set*>(&large), nullptr), WSAEINVAL) << "none is the layer's";
+    EXPECT_EQ(refusal(&empty, reinterpret_cast<fd_set*>(8)), WSAEFAULT);
+    EXPECT_EQ(context_->RefCount, 0);
 }
 
 // ---- Options
 
 TEST_F(AnsweredOperations, ProtocolInformationIsTheLayersOwn) {
-    const SOCKET s = MakeSocket();
     const WSAPROTOCOL_INFOW& layer = Entry(SOCK_STREAM).LayerProvider;
     WSAPROTOCOL_INFOW wide;
     WSAPROTOCOL_INFOA narrow;
-    INT length = sizeof(wide);
-    EXPECT_EQ(
-        WSPGetSockOpt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&wide), &length, &error_), 0);
+    const auto query = [&](int option, void* value, INT length) {
+        return ErrorOf(WSPGetSockOpt(s_, SOL_SOCKET, option, static_cast<char*>(value), &length, &error_) ==
+                       0);
+    };
+    EXPECT_EQ(query(SO_PROTOCOL_INFOW, &wide, sizeof(wide)), 0);
     EXPECT_EQ(std::memcmp(&wide, &layer, sizeof(wide)), 0);
-    length = sizeof(narrow);
-    EXPECT_EQ(
-        WSPGetSockOpt(s, SOL_SOCKET, SO_PROTOCOL_INFOA, reinterpret_cast<char*>(&narrow), &length, &error_),
-        0);
+    EXPECT_EQ(query(SO_PROTOCOL_INFOA, &narrow, sizeof(narrow)), 0);
     EXPECT_EQ(narrow.dwCatalogEntryId, layer.dwCatalogEntryId);
     std::string name(narrow.szProtocol);
     EXPECT_TRUE(std::equal(name.begin(), name.end(), layer.szProtocol));
-    for (const int option : {SO_PROTOCOL_INFOW, SO_PROTOCOL_INFOA}) {
-        length = option == SO_PROTOCOL_INFOW ? 627 : 371;
-        EXPECT_EQ(WSPGetSockOpt(s, SOL_SOCKET, option, reinterpret_cast<char*>(&wide), &length, &error_),
-                  SOCKET_ERROR);
-        EXPECT_EQ(error_, WSAEFAULT);
-    }
+    EXPECT_EQ(query(SO_PROTOCOL_INFOW, &wide, 627), WSAEFAULT);
+    EXPECT_EQ(query(SO_PROTOCOL_INFOA, &wide, 371), WSAEFAULT);
     Lower().lpWSPDuplicateSocket = Callback([](SOCKET, DWORD, LPWSAPROTOCOL_INFOW info, LPINT) {
         *info = WSAPROTOCOL_INFOW{};
         info->dwProviderReserved = 99;
         return 0;
     });
-    EXPECT_EQ(WSPDuplicateSocket(s, 1, &wide, &error_), 0);
+    EXPECT_EQ(WSPDuplicateSocket(s_, 1, &wide, &error_), 0);
     EXPECT_EQ(wide.dwCatalogEntryId, layer.dwCatalogEntryId) << "the target process comes to the layer";
     EXPECT_EQ(wide.dwProviderReserved, 99u) << "with what the lower provider left for itself";
-    Close(s);
 }
 
 SOCKET AcceptContextListener = 0;
@@ -154,21 +141,17 @@ TEST_F(AnsweredOperations, AcceptContextNamesTheListenerByItsLowerSocket) {
         }
         return 0;
     });
-    const SOCKET listener = MakeSocket();
     const SOCKET accepted = MakeSocket();
-    const auto update = [&](SOCKET named, int length) {
-        return WSPSetSockOpt(accepted, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
-                             reinterpret_cast<const char*>(&named), length, &error_);
+    const auto update = [&](SOCKET listener, int length) {
+        return ErrorOf(WSPSetSockOpt(accepted, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
+                                     reinterpret_cast<const char*>(&listener), length, &error_) == 0);
     };
-    EXPECT_EQ(update(listener, sizeof(listener)), 0);
-    EXPECT_EQ(AcceptContextListener, ContextOf(listener)->ProviderSocket);
-    EXPECT_EQ(update(0x77, sizeof(SOCKET)), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAENOTSOCK);
-    EXPECT_EQ(update(listener, 2), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
-    EXPECT_EQ(ContextOf(listener)->RefCount + ContextOf(accepted)->RefCount, 0);
+    EXPECT_EQ(update(s_, sizeof(s_)), 0);
+    EXPECT_EQ(AcceptContextListener, context_->ProviderSocket);
+    EXPECT_EQ(update(0x77, sizeof(SOCKET)), WSAENOTSOCK);
+    EXPECT_EQ(update(s_, 2), WSAEFAULT);
+    EXPECT_EQ(context_->RefCount + ContextOf(accepted)->RefCount, 0);
     Close(accepted);
-    Close(listener);
 }
 
 SOCKET LeafSocket = 0;
@@ -179,12 +162,11 @@ TEST_F(AnsweredOperations, JoinedLeafIsTheRootOrASocketOfItsOwn) {
             if (LeafSocket == INVALID_SOCKET) *error = WSAENETDOWN;
             return LeafSocket;
         });
-    const SOCKET root = MakeSocket();
     const auto join = [&] {
-        return WSPJoinLeaf(root, nullptr, 0, nullptr, nullptr, nullptr, nullptr, JL_BOTH, &error_);
+        return WSPJoinLeaf(s_, nullptr, 0, nullptr, nullptr, nullptr, nullptr, JL_BOTH, &error_);
     };
-    LeafSocket = ContextOf(root)->ProviderSocket;
-    EXPECT_EQ(join(), root);
+    LeafSocket = context_->ProviderSocket;
+    EXPECT_EQ(join(), s_);
     LeafSocket = 0x6100;
     const SOCKET leaf = join();
     EXPECT_EQ(ContextOf(leaf)->ProviderSocket, 0x6100u);
@@ -192,7 +174,6 @@ TEST_F(AnsweredOperations, JoinedLeafIsTheRootOrASocketOfItsOwn) {
     LeafSocket = INVALID_SOCKET;
     EXPECT_EQ(join(), INVALID_SOCKET);
     EXPECT_EQ(error_, WSAENETDOWN);
-    Close(root);
 }
 
 // ---- Extension functions
@@ -222,11 +203,10 @@ int WSPAPI LowerIoctl(SOCKET, DWORD code, LPVOID input, DWORD, LPVOID output, DW
 
 TEST_F(AnsweredOperations, ExtensionFunctionsAreTheLayersButForOne) {
     Lower().lpWSPIoctl = LowerIoctl;
-    const SOCKET s = MakeSocket();
     const auto fetch = [&](GUID id, DWORD inputLength, void* output, DWORD outputLength) {
         DWORD bytes = 0;
-        return WSPIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, inputLength, output, outputLength, &bytes,
-                        nullptr, nullptr, nullptr, &error_);
+        return ErrorOf(WSPIoctl(s_, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, inputLength, output,
+                                outputLength, &bytes, nullptr, nullptr, nullptr, &error_) == 0);
     };
     void* function = nullptr;
     EXPECT_EQ(fetch(WSAID_TRANSMITFILE, 16, &function, sizeof(function)), 0)
@@ -237,21 +217,16 @@ TEST_F(AnsweredOperations, ExtensionFunctionsAreTheLayersButForOne) {
     EXPECT_EQ(fetch(WSAID_GETACCEPTEXSOCKADDRS, 16, &function, sizeof(function)), 0);
     EXPECT_EQ(reinterpret_cast<ULONG_PTR>(function) & 0xFF, 0x11u) << "the lower provider's";
     const GUID unknown = {1, 2, 3, {}};
-    EXPECT_EQ(fetch(unknown, 16, &function, sizeof(function)), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEINVAL);
-    EXPECT_EQ(fetch(WSAID_CONNECTEX, 15, &function, sizeof(function)), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
-    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, &function, sizeof(function) - 1), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
-    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, nullptr, sizeof(function)), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(fetch(unknown, 16, &function, sizeof(function)), WSAEINVAL);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 15, &function, sizeof(function)), WSAEFAULT);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, &function, sizeof(function) - 1), WSAEFAULT);
+    EXPECT_EQ(fetch(WSAID_CONNECTEX, 16, nullptr, sizeof(function)), WSAEFAULT);
 
-    EXPECT_TRUE(LayerConnectEx(s, nullptr, 0, nullptr, 0, nullptr, nullptr));
-    EXPECT_FALSE(LayerTransmitFile(s, nullptr, 0, 0, nullptr, nullptr, 0));
+    EXPECT_TRUE(LayerConnectEx(s_, nullptr, 0, nullptr, 0, nullptr, nullptr));
+    EXPECT_FALSE(LayerTransmitFile(s_, nullptr, 0, 0, nullptr, nullptr, 0));
     EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
     EXPECT_FALSE(LayerDisconnectEx(0x77, nullptr, 0, 0));
     EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
-    Close(s);
 }
 
 LPWSAOVERLAPPED_COMPLETION_ROUTINE IoctlRoutine = nullptr;
@@ -265,32 +240,28 @@ TEST_F(AnsweredOperations, AnIoctlThatIsNotOverlappedGoesDownAsItIs) {
             IoctlThread = thread;
             return 0;
         });
-    const SOCKET s = MakeSocket();
     const LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = Callback([](DWORD, DWORD, LPWSAOVERLAPPED, DWORD) {});
     WSATHREADID thread{};
     DWORD bytes = 0;
-    EXPECT_EQ(WSPIoctl(s, FIONREAD, nullptr, 0, nullptr, 0, &bytes, nullptr, routine, &thread, &error_), 0);
+    EXPECT_EQ(WSPIoctl(s_, FIONREAD, nullptr, 0, nullptr, 0, &bytes, nullptr, routine, &thread, &error_), 0);
     EXPECT_EQ(IoctlRoutine, routine);
     EXPECT_EQ(IoctlThread, &thread);
-    Close(s);
 }
 
 TEST_F(AnsweredOperations, LowerHandleIsToldOnlyByALayeredProvidersStandIn) {
     Lower().lpWSPIoctl = LowerIoctl;
-    const SOCKET s = MakeSocket();
     SOCKET lower = 0;
     DWORD bytes = 0;
     const auto query = [&] {
-        return WSPIoctl(s, SIO_QUERY_TARGET_PNP_HANDLE, nullptr, 0, &lower, sizeof(lower), &bytes, nullptr,
+        return WSPIoctl(s_, SIO_QUERY_TARGET_PNP_HANDLE, nullptr, 0, &lower, sizeof(lower), &bytes, nullptr,
                         nullptr, nullptr, &error_);
     };
     EXPECT_EQ(query(), 0);
     EXPECT_EQ(lower, 0u) << "a base provider answers itself";
     Entry(SOCK_STREAM).NextProvider.ProtocolChain.ChainLen = 2;
     EXPECT_EQ(query(), 0);
-    EXPECT_EQ(lower, ContextOf(s)->ProviderSocket);
+    EXPECT_EQ(lower, context_->ProviderSocket);
     EXPECT_EQ(bytes, sizeof(SOCKET));
-    Close(s);
 }
 
 // ---- Overlapped results
@@ -306,21 +277,19 @@ TEST_F(AnsweredOperations, OverlappedResultIsReadFromTheRecord) {
     DWORD flags = 0;
     WSAOVERLAPPED record{};
     const auto result = [&](BOOL wait) {
-        return WSPGetOverlappedResult(0, &record, &bytes, wait, &flags, &error_);
+        return ErrorOf(WSPGetOverlappedResult(0, &record, &bytes, wait, &flags, &error_) != FALSE);
     };
 
     record.Internal = kOperationInProgress;
-    EXPECT_FALSE(result(FALSE));
-    EXPECT_EQ(error_, WSA_IO_INCOMPLETE);
+    EXPECT_EQ(result(FALSE), WSA_IO_INCOMPLETE);
     complete(&record, 0);
-    EXPECT_TRUE(result(FALSE));
+    EXPECT_EQ(result(FALSE), 0);
     EXPECT_EQ(bytes, 42u);
     EXPECT_EQ(flags, 3u);
     complete(&record, WSAECONNRESET);
-    EXPECT_FALSE(result(TRUE));
-    EXPECT_EQ(error_, WSAECONNRESET);
-    EXPECT_FALSE(WSPGetOverlappedResult(0, nullptr, &bytes, FALSE, &flags, &error_));
-    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(result(TRUE), WSAECONNRESET);
+    EXPECT_EQ(ErrorOf(WSPGetOverlappedResult(0, nullptr, &bytes, FALSE, &flags, &error_) != FALSE),
+              WSAEFAULT);
 
     // With an event (whose lowest bit is no part of the handle) the wait ends when it is set ...
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
@@ -330,18 +299,16 @@ TEST_F(AnsweredOperations, OverlappedResultIsReadFromTheRecord) {
         complete(&record, 0);
         SetEvent(event);
     });
-    EXPECT_TRUE(result(TRUE));
+    EXPECT_EQ(result(TRUE), 0);
     worker.join();
     record.Internal = kOperationInProgress;
-    EXPECT_FALSE(result(TRUE)) << "set too early";
-    EXPECT_EQ(error_, WSA_IO_PENDING);
+    EXPECT_EQ(result(TRUE), WSA_IO_PENDING) << "set too early";
     CloseHandle(event);
 
     // ... without one the record is looked at again and again, for three minutes.
     record.hEvent = nullptr;
     const platform::ScopedClockRate fast(20000);
-    EXPECT_FALSE(result(TRUE));
-    EXPECT_EQ(error_, WSA_IO_PENDING);
+    EXPECT_EQ(result(TRUE), WSA_IO_PENDING);
 }
 
 TEST_F(AnsweredOperations, AddressesAreConvertedByTheNamedProtocol) {
@@ -357,8 +324,7 @@ TEST_F(AnsweredOperations, AddressesAreConvertedByTheNamedProtocol) {
     EXPECT_EQ(WSPAddressToString(nullptr, 0, &info, text, &length, &error_), 0);
     EXPECT_EQ(text[0], 1) << "the lower provider is given its own entry";
     info.iProtocol = 99;
-    EXPECT_EQ(WSPAddressToString(nullptr, 0, &info, text, &length, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEINVAL);
+    EXPECT_EQ(ErrorOf(WSPAddressToString(nullptr, 0, &info, text, &length, &error_) == 0), WSAEINVAL);
 }
 
 }  // namespace

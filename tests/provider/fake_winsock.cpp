@@ -119,7 +119,8 @@ void FakeWinsock::BuildCatalog() {
     ASSERT_TRUE(CreatePrivateHeap());
     ContextAddedEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     const Locker lock(CatalogLock);
-    ASSERT_TRUE(EnumerateLspCatalog(&CatalogEntries, &CatalogCount, &error_));
+    INT error = 0;
+    ASSERT_TRUE(EnumerateLspCatalog(&CatalogEntries, &CatalogCount, &error)) << error;
     for (LONG i = 0; i < CatalogCount; ++i) {
         WSPPROC_TABLE& lower = CatalogEntries[i].LowerProcedures;
         lower.lpWSPSocket = LowerSocket;

@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/testing/resource_counts.h"
@@ -76,10 +77,34 @@ class FakeWinsock : public ::testing::Test {
     /// As the last clean-up does. True when nothing was held by a call under way.
     static bool FreeCatalog();
 
+    /// The error of the call just made, or 0; its result has to say the same.
+    int ErrorOf(bool succeeded) {
+        const INT error = std::exchange(error_, 0);
+        EXPECT_EQ(succeeded, error == 0);
+        return error;
+    }
+
     INT error_ = 0;
 
   private:
     platform::ResourceCounts before_;
+};
+
+/// With a socket, from before the test until after it.
+class FakeSocket : public FakeWinsock {
+  protected:
+    void SetUp() override {
+        FakeWinsock::SetUp();
+        s_ = MakeSocket();
+        context_ = ContextOf(s_);
+    }
+    void TearDown() override {
+        Close(s_);
+        FakeWinsock::TearDown();
+    }
+
+    SOCKET s_ = INVALID_SOCKET;
+    SocketContext* context_ = nullptr;
 };
 
 /// 127.0.0.1 or another address, as connect and sendto want it.

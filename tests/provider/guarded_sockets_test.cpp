@@ -32,11 +32,7 @@ class GuardedSockets : public ::testing::Test {
     template <class Result, class Call>
     void ExpectCaught(const char* function, Result failure, const std::string& line, Call call) {
         const platform::DebugOutputCapture output;
-        platform::Fault fault;
-        fault.function = function;
-        fault.kind = platform::FaultKind::kException;
-        fault.value = kAccessViolation;
-        const platform::ScopedFault armed(fault);
+        const platform::ScopedFault fault({function, 1, platform::FaultKind::kException, kAccessViolation});
         WSASetLastError(0);
         EXPECT_EQ(call(), failure) << function;
         EXPECT_EQ(WSAGetLastError(), WSAEFAULT) << function;

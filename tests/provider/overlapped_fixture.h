@@ -92,11 +92,7 @@ inline SOCKET NewOverlappedSocket(int type = SOCK_STREAM) {
 
 /// Makes the process's first socket, which starts the layer and with it the overlapped manager.
 inline void StartLayerIn(Mode mode) {
-    if (mode == Mode::kAlertable) {
-        platform::Fault fault;
-        fault.function = "CreateIoCompletionPort";
-        platform::ArmFault(fault);
-    }
+    if (mode == Mode::kAlertable) platform::ArmFault({"CreateIoCompletionPort"});
     closesocket(NewOverlappedSocket());
     if (mode == Mode::kAlertable) {
         EXPECT_EQ(platform::FaultsStruck(), 1);
@@ -107,11 +103,7 @@ inline void StartLayerIn(Mode mode) {
 /// Has the system promise from now on to queue no packet for what succeeds at once, and queue it all the
 /// same.
 inline void QueueStrayPackets() {
-    platform::Fault fault;
-    fault.function = "SetFileCompletionNotificationModes";
-    fault.kind = platform::FaultKind::kIgnored;
-    fault.repeat = true;
-    platform::ArmFault(fault);
+    platform::ArmFault({"SetFileCompletionNotificationModes", 1, platform::FaultKind::kIgnored, 0, true});
 }
 
 class OverlappedTest : public LayerFixture, public ::testing::WithParamInterface<Mode> {
@@ -121,31 +113,6 @@ class OverlappedTest : public LayerFixture, public ::testing::WithParamInterface
         StartWinsock();
         StartLayerIn(GetParam());
     }
-
-    static SOCKET NewSocket(int type = SOCK_STREAM) { return NewOverlappedSocket(type); }
-
-    static SOCKET Connected(std::uint16_t port) {
-        const SOCKET s = NewSocket();
-        const sockaddr_in address = Ipv4("127.0.0.1", port);
-        EXPECT_EQ(connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
-            << WSAGetLastError();
-        return s;
-    }
-
-    static int Receive(SOCKET s, Request& request, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
-        DWORD flags = 0;
-        return WSARecv(s, &request.buffer, 1, nullptr, &flags, &request.overlapped, routine) == 0
-                   ? 0
-                   : WSAGetLastError();
-    }
-
-    static int Send(SOCKET s, Request& request, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
-        return WSASend(s, &request.buffer, 1, nullptr, 0, &request.overlapped, routine) == 0
-                   ? 0
-                   : WSAGetLastError();
-    }
-
-    static bool WasTaken(int result) { return result == 0 || result == WSA_IO_PENDING; }
 };
 
 /// A manual-reset event in a request, and the wait for it.
@@ -167,19 +134,9 @@ class EventRequest : public Request {
 };
 
 inline std::string NameOf(Mode mode) {
-    switch (mode) {
-        case Mode::kCompletionPort:
-            return "CompletionPort";
-        case Mode::kEveryPacket:
-            return "EveryPacket";
-        case Mode::kStrayPackets:
-            return "StrayPackets";
-        case Mode::kAlertable:
-            return "Alertable";
-        case Mode::kSynchronous:
-            return "Synchronous";
-    }
-    return "";
+    static const char* const names[] = {"CompletionPort", "EveryPacket", "StrayPackets", "Alertable",
+                                        "Synchronous"};
+    return names[static_cast<int>(mode)];
 }
 
 template <class Function>
@@ -199,16 +156,36 @@ inline sockaddr* Plain(sockaddr_in* address) {
 
 /// Makes one coming call of a platform function fail, or all of them.
 inline void FailCall(const char* function, DWORD error, bool repeat = false) {
-    platform::Fault fault;
-    fault.function = function;
-    fault.value = error;
-    fault.repeat = repeat;
-    platform::ArmFault(fault);
+    platform::ArmFault({function, 1, platform::FaultKind::kError, error, repeat});
 }
 
 /// What a call reported: 0, WSA_IO_PENDING or its error.
 inline int ErrorOf(bool succeeded) {
     return succeeded ? 0 : WSAGetLastError();
+}
+
+/// Whether a request was taken that reported this: only then is its end told.
+inline bool WasTaken(int result) {
+    return result == 0 || result == WSA_IO_PENDING;
+}
+
+/// A socket that is connected to a port of the loopback interface; INVALID_SOCKET when it can't be.
+inline SOCKET Connected(std::uint16_t port) {
+    const SOCKET s = NewOverlappedSocket();
+    sockaddr_in address = Ipv4("127.0.0.1", port);
+    if (connect(s, Plain(&address), sizeof(address)) == 0) return s;
+    ADD_FAILURE() << WSAGetLastError();
+    closesocket(s);
+    return INVALID_SOCKET;
+}
+
+inline int Receive(SOCKET s, Request& request, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
+    DWORD flags = 0;
+    return ErrorOf(WSARecv(s, &request.buffer, 1, nullptr, &flags, &request.overlapped, routine) == 0);
+}
+
+inline int Send(SOCKET s, Request& request, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
+    return ErrorOf(WSASend(s, &request.buffer, 1, nullptr, 0, &request.overlapped, routine) == 0);
 }
 
 inline int ConnectExTo(SOCKET s, sockaddr_in address, void* data, DWORD length, LPOVERLAPPED overlapped) {

@@ -82,9 +82,7 @@ class OverlappedManager : public FakeWinsock {
 
     /// A manager whose one worker makes the lower calls.
     static void StartAlertable() {
-        platform::Fault fault;
-        fault.function = "CreateIoCompletionPort";
-        platform::ArmFault(fault);
+        platform::ArmFault({"CreateIoCompletionPort"});
         ASSERT_EQ(StartOverlappedManager(), 0);
         ASSERT_EQ(platform::FaultsStruck(), 1);
         platform::DisarmFaults();

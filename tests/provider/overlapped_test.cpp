@@ -11,8 +11,6 @@
 
 #include "tests/provider/overlapped_fixture.h"
 
-#include <mswsock.h>
-
 namespace {
 
 // Under Wine a request takes many times as long.
@@ -128,11 +126,10 @@ TEST_P(OverlappedTest, TheLastCleanUpNeedsNoPackets) {
     ASSERT_EQ(Receive(s, receive), WSA_IO_PENDING);
     FailCall("PostQueuedCompletionStatus", ERROR_NO_SYSTEM_RESOURCES, true);
     StopWinsock();
-    platform::DisarmFaults();
 }
 
 TEST_P(OverlappedTest, RefusedRequestsAreReportedOnce) {
-    const SOCKET s = NewSocket();
+    const SOCKET s = NewOverlappedSocket();
     EventRequest receive;
     const int result = Receive(s, receive);
     // With a worker that makes the lower call later, the refusal comes by the event.
@@ -143,58 +140,6 @@ TEST_P(OverlappedTest, RefusedRequestsAreReportedOnce) {
     badEvent.overlapped.hEvent = reinterpret_cast<HANDLE>(ULONG_PTR{0x7ffffff0});
     EXPECT_EQ(Receive(s, badEvent), WSA_INVALID_HANDLE);
     closesocket(s);
-}
-
-TEST_P(OverlappedTest, AcceptConnectAndDisconnectByExtensionFunctions) {
-    const SOCKET listener = NewSocket();
-    sockaddr_in name = Ipv4("127.0.0.1", 0);
-    int length = sizeof(name);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&name), length), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&name), &length), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-
-    const SOCKET accepting = NewSocket();
-    EventRequest accept;
-    char addresses[288];
-    DWORD bytes = 0;
-    ASSERT_FALSE(AcceptEx(listener, accepting, addresses, 0, 144, 144, &bytes, &accept.overlapped));
-    ASSERT_EQ(WSAGetLastError(), WSA_IO_PENDING);
-
-    GUID connectId = WSAID_CONNECTEX;
-    GUID disconnectId = WSAID_DISCONNECTEX;
-    LPFN_CONNECTEX connectEx = nullptr;
-    LPFN_DISCONNECTEX disconnectEx = nullptr;
-    const SOCKET client = NewSocket();
-    ASSERT_EQ(WSAIoctl(client, SIO_GET_EXTENSION_FUNCTION_POINTER, &connectId, sizeof(connectId), &connectEx,
-                       sizeof(connectEx), &bytes, nullptr, nullptr),
-              0);
-    ASSERT_EQ(WSAIoctl(client, SIO_GET_EXTENSION_FUNCTION_POINTER, &disconnectId, sizeof(disconnectId),
-                       &disconnectEx, sizeof(disconnectEx), &bytes, nullptr, nullptr),
-              0);
-    sockaddr_in any = Ipv4("0.0.0.0", 0);
-    ASSERT_EQ(bind(client, reinterpret_cast<sockaddr*>(&any), sizeof(any)), 0);
-    EventRequest connecting;
-    char greeting[] = "hi";
-    const BOOL connected = connectEx(client, reinterpret_cast<sockaddr*>(&name), sizeof(name), greeting, 2,
-                                     &bytes, &connecting.overlapped);
-    ASSERT_TRUE(connected || WSAGetLastError() == WSA_IO_PENDING) << WSAGetLastError();
-    EXPECT_EQ(connecting.Wait(client), 0u);
-    EXPECT_EQ(connecting.transferred, 2u);
-    EXPECT_EQ(setsockopt(client, SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0), 0);
-    EXPECT_EQ(accept.Wait(listener), 0u);
-    EXPECT_EQ(setsockopt(accepting, SOL_SOCKET, SO_UPDATE_ACCEPT_CONTEXT,
-                         reinterpret_cast<const char*>(&listener), sizeof(listener)),
-              0);
-    EventRequest receive;
-    ASSERT_TRUE(WasTaken(Receive(accepting, receive)));
-    EXPECT_EQ(receive.Wait(accepting), 0u);
-    EXPECT_EQ(receive.transferred, 2u);
-    EventRequest disconnecting;
-    const BOOL disconnected = disconnectEx(client, &disconnecting.overlapped, 0, 0);
-    ASSERT_TRUE(disconnected || WSAGetLastError() == WSA_IO_PENDING) << WSAGetLastError();
-    EXPECT_EQ(disconnecting.Wait(client), 0u);
-    for (const SOCKET s : {client, accepting, listener})
-        closesocket(s);
 }
 
 namespace {
@@ -238,10 +183,7 @@ class RandomTraffic {
     static constexpr std::size_t kSockets = 64;
 
     void Open(std::size_t index) {
-        const SOCKET s = WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
-        const sockaddr_in address = Ipv4("127.0.0.1", peerPort_);
-        EXPECT_EQ(connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
-            << WSAGetLastError();
+        const SOCKET s = Connected(peerPort_);
         // Once it answers, the peer makes no more sockets in this process.
         char byte = 0;
         EXPECT_EQ(send(s, &byte, 1, 0), 1);
@@ -270,12 +212,8 @@ class RandomTraffic {
         }
         TrafficRequest* const request = Take(index);
         const SOCKET s = sockets_[index];
-        DWORD flags = 0;
         request->sends = what < 100;
-        const int result =
-            request->sends ? WSASend(s, &request->buffer, 1, nullptr, 0, &request->overlapped, nullptr)
-                           : WSARecv(s, &request->buffer, 1, nullptr, &flags, &request->overlapped, nullptr);
-        if (result == 0 || WSAGetLastError() == WSA_IO_PENDING) {
+        if (WasTaken(request->sends ? Send(s, *request) : Receive(s, *request))) {
             ++taken_;
             ++outstanding_;
             ++pending_[index];
@@ -327,13 +265,7 @@ class RandomTraffic {
     std::vector<std::string> wrong_;
 };
 
-class OverlappedTraffic : public OverlappedTest {
-  protected:
-    void TearDown() override {
-        platform::DisarmFaults();
-        OverlappedTest::TearDown();
-    }
-};
+class OverlappedTraffic : public OverlappedTest {};
 
 INSTANTIATE_TEST_SUITE_P(Modes, OverlappedTraffic,
                          ::testing::Values(Mode::kCompletionPort, Mode::kStrayPackets, Mode::kAlertable),

@@ -12,12 +12,10 @@ namespace {
 class SocketLife : public FakeWinsock {
   protected:
     /// The error of a socket that can't be made, or 0.
-    int ErrorOf(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info = nullptr) {
-        error_ = 0;
+    int ErrorOfSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info = nullptr) {
         const SOCKET s = WSPSocket(family, type, protocol, info, 0, 0, &error_);
-        if (s == INVALID_SOCKET) return error_;
-        Close(s);
-        return 0;
+        if (s != INVALID_SOCKET) Close(s);
+        return ErrorOf(s != INVALID_SOCKET);
     }
 };
 
@@ -45,7 +43,7 @@ TEST_F(SocketLife, EntryIsChosenByWhatTheApplicationSays) {
         {AF_INET, SOCK_STREAM, IPPROTO_TCP, WSAEFAULT, reinterpret_cast<LPWSAPROTOCOL_INFOW>(8)},
     };
     for (const auto& row : cases) {
-        EXPECT_EQ(ErrorOf(row.family, row.type, row.protocol, row.info), row.expected)
+        EXPECT_EQ(ErrorOfSocket(row.family, row.type, row.protocol, row.info), row.expected)
             << row.family << " " << row.type << " " << row.protocol;
     }
 }
@@ -82,11 +80,11 @@ TEST_F(SocketLife, NewSocketRecordsWhatWasAskedAndGoesDownOverlapped) {
 
 TEST_F(SocketLife, FailuresAfterTheLowerSocketCloseIt) {
     Fake().createHandleError = WSAEMFILE;
-    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAEMFILE);
+    EXPECT_EQ(ErrorOfSocket(AF_INET, SOCK_STREAM, 0), WSAEMFILE);
     Fake().createHandleError = 0;
     {
         const platform::ScopedFault noMemory({"HeapAlloc"});
-        EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAENOBUFS);
+        EXPECT_EQ(ErrorOfSocket(AF_INET, SOCK_STREAM, 0), WSAENOBUFS);
     }
     EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5000, 0x5001}));
 
@@ -113,12 +111,10 @@ TEST_F(SocketLife, CloseWaitsForOtherUsers) {
     EXPECT_EQ(WSPCloseSocket(s, &error_), 0);
     EXPECT_EQ(Fake().closed.size(), 1u) << "the lower socket goes at once";
     EXPECT_EQ(Fake().handles.count(s), 1u) << "the application's handle with the last user";
-    EXPECT_EQ(WSPCloseSocket(s, &error_), SOCKET_ERROR) << "it is closed only once";
-    EXPECT_EQ(error_, WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(WSPCloseSocket(s, &error_) == 0), WSAENOTSOCK) << "it is closed only once";
     DerefSocketContext(context, &error_);
     EXPECT_EQ(Fake().handles.count(s), 0u);
-    EXPECT_EQ(WSPCloseSocket(s, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAENOTSOCK);
+    EXPECT_EQ(ErrorOf(WSPCloseSocket(s, &error_) == 0), WSAENOTSOCK);
 
     const SOCKET busy = MakeSocket();
     SocketContext* const pending = ContextOf(busy);
@@ -134,8 +130,7 @@ TEST_F(SocketLife, CloseWaitsForOtherUsers) {
 
     const SOCKET lingering = MakeSocket();
     Fake().closeError = WSAEWOULDBLOCK;
-    EXPECT_EQ(WSPCloseSocket(lingering, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEWOULDBLOCK);
+    EXPECT_EQ(ErrorOf(WSPCloseSocket(lingering, &error_) == 0), WSAEWOULDBLOCK);
     Fake().closeError = 0;
     Close(lingering);
 }
@@ -189,9 +184,8 @@ TEST_F(SocketLife, CleanUpLeavesToACallUnderWayWhatItUses) {
     leave.set_value();
     inside.join();
     EXPECT_EQ(platform::CountResources().heaps, 0);
-    EXPECT_EQ(WSPShutdown(idle, SD_BOTH, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAENOTSOCK);
-    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSAEAFNOSUPPORT) << "nothing serves sockets any more";
+    EXPECT_EQ(ErrorOf(WSPShutdown(idle, SD_BOTH, &error_) == 0), WSAENOTSOCK);
+    EXPECT_EQ(ErrorOfSocket(AF_INET, SOCK_STREAM, 0), WSAEAFNOSUPPORT) << "nothing serves sockets any more";
 }
 
 TEST_F(SocketLife, SocketMadeDuringCleanUpIsRefused) {
@@ -199,7 +193,7 @@ TEST_F(SocketLife, SocketMadeDuringCleanUpIsRefused) {
         EXPECT_FALSE(FreeCatalog());
         return SOCKET{0x5100};
     });
-    EXPECT_EQ(ErrorOf(AF_INET, SOCK_STREAM, 0), WSANOTINITIALISED);
+    EXPECT_EQ(ErrorOfSocket(AF_INET, SOCK_STREAM, 0), WSANOTINITIALISED);
     EXPECT_EQ(Fake().closed, (std::vector<SOCKET>{0x5100}));
 }
 
@@ -211,8 +205,7 @@ TEST_F(SocketLife, LowerProviderThatRaisesFailsTheCallAndHoldsNothing) {
         return 0;
     });
     const SOCKET s = MakeSocket();
-    EXPECT_EQ(WSPListen(s, 1, &error_), SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(ErrorOf(WSPListen(s, 1, &error_) == 0), WSAEFAULT);
     EXPECT_EQ(TlsGetValue(ThreadSlot), nullptr);
     EXPECT_EQ(ContextOf(s)->RefCount, 0);
     Close(s);
@@ -233,22 +226,6 @@ TEST_F(SocketLife, ACancelThatRaisesLeavesTheCallThatItWasToCancel) {
     const SOCKET s = MakeSocket();
     EXPECT_EQ(WSPListen(s, 1, &error_), 0);
     EXPECT_EQ(WSPCancelBlockingCall(&error_), 0) << "nothing to cancel";
-    Close(s);
-}
-
-TEST_F(SocketLife, MarksAndExemptions) {
-    const SOCKET s = MakeSocket();
-    SocketContext* const context = ContextOf(s);
-    EXPECT_FALSE(IsSocketExempt(context));
-    EXPECT_TRUE(IsSocketExempt(nullptr));
-    ExemptProcessId = GetCurrentProcessId();
-    CurrentProcessId = GetCurrentProcessId();
-    EXPECT_TRUE(IsSocketExempt(context));
-    ExemptProcessId = 0;
-    MarkSocketAsOwn(s, 17);
-    MarkSocketAsOwn(s, 0);
-    EXPECT_TRUE(IsSocketExempt(context));
-    EXPECT_EQ(context->RelayIndex, 17u);
     Close(s);
 }
 

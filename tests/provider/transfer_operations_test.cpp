@@ -5,12 +5,10 @@
 
 namespace {
 
-class TransferOperations : public FakeWinsock {
+class TransferOperations : public FakeSocket {
   protected:
     void SetUp() override {
-        FakeWinsock::SetUp();
-        s_ = MakeSocket();
-        context_ = ContextOf(s_);
+        FakeSocket::SetUp();
         calls_ = 0;
         lowerError_ = 0;
         Lower().lpWSPSend = Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD bytes, DWORD, LPWSAOVERLAPPED,
@@ -31,29 +29,25 @@ class TransferOperations : public FakeWinsock {
                 return Transfer(bytes, 6, error);
             });
     }
-    void TearDown() override {
-        Close(s_);
-        FakeWinsock::TearDown();
-    }
 
     /// Error of each operation, or 0.
-    int Send() { return Error(WSPSend(s_, &buffer_, 1, &bytes_, 0, nullptr, nullptr, nullptr, &error_)); }
-    int SendTo(const sockaddr_in& to) {
-        return Error(WSPSendTo(s_, &buffer_, 1, &bytes_, 0, reinterpret_cast<const sockaddr*>(&to),
-                               sizeof(to), nullptr, nullptr, nullptr, &error_));
+    int Send() {
+        return ErrorOf(WSPSend(s_, &buffer_, 1, &bytes_, 0, nullptr, nullptr, nullptr, &error_) == 0);
+    }
+    int SendTo(const sockaddr_in& to, int length = sizeof(sockaddr_in)) {
+        return ErrorOf(WSPSendTo(s_, &buffer_, 1, &bytes_, 0, reinterpret_cast<const sockaddr*>(&to), length,
+                                 nullptr, nullptr, nullptr, &error_) == 0);
     }
     int Recv() {
-        return Error(WSPRecv(s_, &buffer_, 1, &bytes_, &flags_, nullptr, nullptr, nullptr, &error_));
+        return ErrorOf(WSPRecv(s_, &buffer_, 1, &bytes_, &flags_, nullptr, nullptr, nullptr, &error_) == 0);
     }
     int RecvFrom(sockaddr* from, LPINT length) {
-        return Error(
-            WSPRecvFrom(s_, &buffer_, 1, &bytes_, &flags_, from, length, nullptr, nullptr, nullptr, &error_));
+        return ErrorOf(WSPRecvFrom(s_, &buffer_, 1, &bytes_, &flags_, from, length, nullptr, nullptr, nullptr,
+                                   &error_) == 0);
     }
 
     static inline int calls_;
     static inline int lowerError_;
-    SOCKET s_ = INVALID_SOCKET;
-    SocketContext* context_ = nullptr;
     char data_[16] = {};
     WSABUF buffer_ = {sizeof(data_), data_};
     DWORD bytes_ = 999;  // what a failed call leaves in the application's variable
@@ -68,10 +62,6 @@ class TransferOperations : public FakeWinsock {
         }
         if (bytes != nullptr) *bytes = count;
         return 0;
-    }
-    int Error(int result) const {
-        EXPECT_EQ(result, error_ == 0 ? 0 : SOCKET_ERROR);
-        return error_;
     }
 };
 
@@ -101,10 +91,7 @@ TEST_F(TransferOperations, AddressesOfDatagramsBecomeTheDestination) {
     lowerError_ = WSAEWOULDBLOCK;
     EXPECT_EQ(RecvFrom(reinterpret_cast<sockaddr*>(&from), &length), WSAEWOULDBLOCK);
     EXPECT_EQ(context_->DestinationAddress.Port(), 54) << "nothing came from anywhere";
-    EXPECT_EQ(WSPSendTo(s_, &buffer_, 1, &bytes_, 0, reinterpret_cast<sockaddr*>(data_), 129, nullptr,
-                        nullptr, nullptr, &error_),
-              SOCKET_ERROR);
-    EXPECT_EQ(error_, WSAEFAULT);
+    EXPECT_EQ(SendTo(from, 129), WSAEFAULT);
 }
 
 TEST_F(TransferOperations, VerdictBlocksUntilAReceiveIsAskedAgain) {

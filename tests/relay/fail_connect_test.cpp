@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <string>
+#include <vector>
 
 #include "platform/testing/clock.h"
 #include "platform/testing/fault_points.h"
@@ -97,6 +98,23 @@ TEST_F(FailConnect, ASocketRefusedMeanwhileIsAskedAboutOnceTheAnalyzerIsBack) {
     EXPECT_EQ(closesocket(s), 0);
 }
 
+TEST_F(FailConnect, OwnProcessesAreKnownByTheirModulesAndLeftAlone) {
+    SetRegistryValue(kPolicy, 1);
+    const struct {
+        std::vector<std::string> modules;
+        int error;
+    } cases[] = {{{}, WSAECONNREFUSED},
+                 {{"dispatcherqx.dll"}, 0},
+                 {{"qx.dll"}, 0},
+                 {{"qx.dll", "qxwatchdog.dll"}, WSAECONNREFUSED}};
+    for (const auto& row : cases) {
+        Settings().extraModules = row.modules;
+        StartWinsock();
+        EXPECT_EQ(ConnectOnce(), row.error) << ::testing::PrintToString(row.modules);
+        StopWinsock();
+    }
+}
+
 // A failing wait of the first attempt shortens the second's; one that comes through gives the second back.
 TEST_F(FailConnect, TheWaitForAStuckAnalyzerIsShortAfterTheFirst) {
     const std::string channel = "127.0.0.1:" + std::to_string(nobody_.Port());
@@ -143,11 +161,8 @@ TEST_F(FailConnect, EveryStepOfOpeningTheChannelMayFail) {
         {"WSARecv", 1, "Exiting recv using socket.3"},
     };
     for (const auto& step : steps) {
-        platform::Fault fault;
-        fault.function = step.function;
-        fault.nth = step.nth;
         const std::size_t linesBefore = CountDebugLines(step.line);
-        const platform::ScopedFault armed(fault);
+        const platform::ScopedFault fault({step.function, step.nth});
         EXPECT_EQ(ConnectOnce(), WSAECONNREFUSED) << step.function;
         EXPECT_EQ(platform::FaultsStruck(), 1) << step.function;
         EXPECT_EQ(CountDebugLines(step.line), linesBefore + 1) << step.function;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "platform/testing/clock.h"
+#include "platform/testing/fault_points.h"
 #include "platform/testing/machine.h"
 
 namespace {
@@ -39,6 +40,7 @@ void LayerFixture::SetUp() {
 }
 
 void LayerFixture::TearDown() {
+    platform::DisarmFaults();
     if (started_) StopWinsock();
     if (!expectLeftovers_) {
         EXPECT_EQ(platform::SettleTo(before_), "");

@@ -25,8 +25,8 @@ class LayerFixture : public ::testing::Test {
   protected:
     void SetUp() override;
 
-    /// Stops Winsock if the test left it started, and compares the resource counts with those before the
-    /// test.
+    /// Disarms what faults the test has left, stops Winsock if it is still started, and compares the resource
+    /// counts with those before the test.
     void TearDown() override;
 
     /// The settings that StartWinsock puts into force; a test changes them before. They start as: layer and

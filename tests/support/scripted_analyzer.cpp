@@ -25,20 +25,15 @@ class FieldReader {
         next_ += size;
     }
 
-    std::uint32_t Word() {
-        std::uint32_t value = 0;
-        Block(&value, sizeof value);
-        return value;
-    }
-
-    std::uint64_t Counter() {
-        std::uint64_t value = 0;
+    template <class T = std::uint32_t>
+    T Number() {
+        T value = 0;
         Block(&value, sizeof value);
         return value;
     }
 
     std::string Text() {
-        const std::uint32_t length = Word();
+        const std::uint32_t length = Number();
         if (length > frame_.size() - next_) {
             complete_ = false;
             return {};
@@ -89,15 +84,7 @@ std::vector<std::uint8_t> ReadFrame(LoopbackStream& stream) {
     return frame;
 }
 
-}  // namespace
-
-std::string SeenRequest::Destination() const {
-    std::string text;
-    for (std::size_t i = 0; i < 4; ++i)
-        text += std::to_string(remoteAddress[i]) + (i < 3 ? "." : ":");
-    return text + std::to_string(remotePort);
-}
-
+/// Null for a frame that isn't a request.
 std::unique_ptr<SeenRequest> DecodeRequest(const std::vector<std::uint8_t>& frame) {
     std::uint32_t words[2];
     if (frame.size() < sizeof words) return nullptr;
@@ -107,25 +94,34 @@ std::unique_ptr<SeenRequest> DecodeRequest(const std::vector<std::uint8_t>& fram
     auto request = std::make_unique<SeenRequest>();
     request->data.assign(frame.begin() + kHeaderSize, frame.begin() + words[1]);
     FieldReader fields(frame, words[1]);
-    request->messageId = fields.Word();
-    request->processId = fields.Word();
-    request->localPort = static_cast<std::uint16_t>(fields.Word());
+    request->messageId = fields.Number();
+    request->processId = fields.Number();
+    request->localPort = static_cast<std::uint16_t>(fields.Number());
     fields.Block(request->localAddress.data(), request->localAddress.size());
-    request->remotePort = static_cast<std::uint16_t>(fields.Word());
+    request->remotePort = static_cast<std::uint16_t>(fields.Number());
     fields.Block(request->remoteAddress.data(), request->remoteAddress.size());
-    request->socketType = fields.Word();
+    request->socketType = fields.Number();
     request->userName = fields.Text();
-    request->protocol = fields.Word();
-    const std::uint32_t reserved = fields.Word();
-    request->flags = fields.Word();
+    request->protocol = fields.Number();
+    const std::uint32_t reserved = fields.Number();
+    request->flags = fields.Number();
     request->windowTitle = fields.Text();
     request->imageSigner = fields.Text();
-    request->bytesSent = fields.Counter();
-    request->bytesReceived = fields.Counter();
-    request->messageType = fields.Word();
-    request->operation = fields.Word();
+    request->bytesSent = fields.Number<std::uint64_t>();
+    request->bytesReceived = fields.Number<std::uint64_t>();
+    request->messageType = fields.Number();
+    request->operation = fields.Number();
     if (!fields.AtEnd() || reserved != 0) return nullptr;
     return request;
+}
+
+}  // namespace
+
+std::string SeenRequest::Destination() const {
+    std::string text;
+    for (std::size_t i = 0; i < 4; ++i)
+        text += std::to_string(remoteAddress[i]) + (i < 3 ? "." : ":");
+    return text + std::to_string(remotePort);
 }
 
 std::vector<std::uint8_t> AnswerFrame(const ScriptedAnswer& answer) {
@@ -193,10 +189,6 @@ bool ScriptedAnalyzer::WaitForRequests(std::size_t count) const {
     return WaitUntil([&] { return requests_.size() >= count; });
 }
 
-bool ScriptedAnalyzer::WaitForConnections(std::size_t count) const {
-    return WaitUntil([&] { return peers_.size() >= count; });
-}
-
 bool ScriptedAnalyzer::WaitForEnded(std::size_t count) const {
     return WaitUntil([&] { return ended_ >= count; });
 }
@@ -219,12 +211,11 @@ void ScriptedAnalyzer::AcceptConnections() {
         Peer& peer = *peers_.back();
         peer.stream = std::move(stream);
         peer.thread = std::thread([this, &peer, number = peers_.size()] { Serve(peer, number); });
-        changed_.notify_all();
     }
 }
 
 void ScriptedAnalyzer::Serve(Peer& peer, std::size_t number) {
-    AnalyzerConnection connection(peer.stream, stopping_);
+    AnalyzerConnection connection(peer.stream);
     for (;;) {
         const std::unique_ptr<SeenRequest> request = DecodeRequest(ReadFrame(peer.stream));
         if (request == nullptr) break;

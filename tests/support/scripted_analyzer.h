@@ -61,8 +61,7 @@ std::vector<std::uint8_t> AnswerFrame(const ScriptedAnswer& answer);
 /// One accepted connection, as a script sees it.
 class AnalyzerConnection {
   public:
-    AnalyzerConnection(LoopbackStream& stream, const std::atomic<bool>& stopping)
-        : stream_(stream), stopping_(stopping) {}
+    explicit AnalyzerConnection(LoopbackStream& stream) : stream_(stream) {}
 
     /// Answers the request that the script was called for.
     void Answer(const SeenRequest& request, ScriptedAnswer answer = {});
@@ -74,12 +73,8 @@ class AnalyzerConnection {
     void Close();
     void Reset();
 
-    /// Whether the analyzer is being stopped; a script that waits for something else looks at it.
-    bool Stopping() const { return stopping_; }
-
   private:
     LoopbackStream& stream_;
-    const std::atomic<bool>& stopping_;
 };
 
 class ScriptedAnalyzer {
@@ -102,10 +97,8 @@ class ScriptedAnalyzer {
 
     std::vector<SeenRequest> Requests() const;
 
-    /// Wait until so many requests have come, connections were accepted, or connections have ended. False
-    /// after 20 s without.
+    /// Wait until so many requests have come or connections have ended. False after 20 s without.
     bool WaitForRequests(std::size_t count) const;
-    bool WaitForConnections(std::size_t count) const;
     bool WaitForEnded(std::size_t count) const;
 
     std::size_t Accepted() const;
@@ -130,6 +123,3 @@ class ScriptedAnalyzer {
     LoopbackListener listener_;
     std::thread acceptor_;
 };
-
-/// A connection's bytes cut into requests: the decoder of SeenRequest, null for a frame that isn't one.
-std::unique_ptr<SeenRequest> DecodeRequest(const std::vector<std::uint8_t>& frame);

@@ -1,9 +1,17 @@
 // The module behind scripted_provider.h: every operation asks the script what to do.
-#include <algorithm>
-#include <array>
-#include <cstring>
+#include <winsock2.h>
 
-#include "tests/support/provider_script.h"
+#include <mswsock.h>
+#include <ws2spi.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/callback.h"
+#include "tests/support/scripted_provider.h"
 
 namespace {
 
@@ -11,7 +19,19 @@ using Op = ProviderOperation;
 using Record = ProviderCallRecord;
 using Reply = ProviderReply;
 
-ProviderScript TheProvider;
+ScriptedProvider TheProvider;
+
+std::string Bytes(const void* data, std::size_t size) {
+    return data == nullptr ? std::string() : std::string(static_cast<const char*>(data), size);
+}
+
+// Writes a value with a length that comes in as room and goes out as size.
+void CopyOut(const std::string& value, void* out, LPINT length) {
+    if (out == nullptr || length == nullptr) return;
+    const std::size_t size = std::min(value.size(), static_cast<std::size_t>(*length));
+    if (size > 0) std::memcpy(out, value.data(), size);
+    *length = static_cast<int>(value.size());
+}
 
 Record OnSocket(Op operation, SOCKET s, DWORD value = 0) {
     Record record;
@@ -21,342 +41,89 @@ Record OnSocket(Op operation, SOCKET s, DWORD value = 0) {
     return record;
 }
 
+Record WithAddress(Record record, const sockaddr* address, int length) {
+    record.address = Bytes(address, static_cast<std::size_t>(length));
+    return record;
+}
+
+Record WithInfo(Record record, LPWSAPROTOCOL_INFOW info) {
+    if (info != nullptr) record.info = *info;
+    return record;
+}
+
 Record Transfer(Op operation, SOCKET s, DWORD flags, LPWSAOVERLAPPED overlapped,
-                LPWSAOVERLAPPED_COMPLETION_ROUTINE routine, LPWSATHREADID threadId) {
+                LPWSATHREADID threadId = nullptr) {
     Record record = OnSocket(operation, s, flags);
     record.overlapped = overlapped;
-    record.hasRoutine = routine != nullptr;
     record.hasThreadId = threadId != nullptr;
     return record;
 }
 
-// Turns 0 or an error into the result of an operation; an exception that is scripted is raised here.
-int Conclude(const Reply& reply, int error, LPINT lpErrno) {
-    if (reply.exception != 0) RaiseException(reply.exception, 0, 0, nullptr);
+// Turns 0 or an error into the result of an operation.
+int Conclude(int error, LPINT lpErrno) {
     if (error == 0) return 0;
     *lpErrno = error;
     return SOCKET_ERROR;
 }
 
 int Simple(const Record& record, LPINT lpErrno) {
+    return Conclude(TheProvider.Answer(record).error, lpErrno);
+}
+
+// An operation that gives back one value of the reply.
+int GivesBack(const Record& record, std::string Reply::*field, void* out, LPINT length, LPINT lpErrno) {
     const Reply reply = TheProvider.Answer(record);
-    return Conclude(reply, reply.error, lpErrno);
+    if (reply.error == 0) CopyOut(reply.*field, out, length);
+    return Conclude(reply.error, lpErrno);
 }
 
 // An operation that makes a socket.
-SOCKET MakesSocket(const Record& record, struct sockaddr* address, LPINT addressLength, LPINT lpErrno) {
-    const Reply reply = TheProvider.Answer(record);
-    if (Conclude(reply, reply.error, lpErrno) != 0) return INVALID_SOCKET;
-    GiveBack(reply.address, address, addressLength);
-    return TheProvider.OpenSocket(lpErrno);
-}
-
-SOCKET WSPAPI Accept(SOCKET s, sockaddr* address, LPINT length, LPCONDITIONPROC, DWORD_PTR, LPINT lpErrno) {
-    return MakesSocket(OnSocket(Op::kAccept, s), address, length, lpErrno);
-}
-
-INT WSPAPI AddressToString(LPSOCKADDR address, DWORD length, LPWSAPROTOCOL_INFOW info, LPWSTR text,
-                           LPDWORD textLength, LPINT lpErrno) {
-    Record record = OnSocket(Op::kAddressToString, INVALID_SOCKET);
-    record.address = Bytes(address, length);
-    record.capacity = *textLength;
-    record.hasInfo = info != nullptr;
-    if (info != nullptr) record.info = *info;
-    const Reply reply = TheProvider.Answer(record);
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    const std::string given = reply.data.empty() ? "scripted" : reply.data;
-    const DWORD room = *textLength;
-    *textLength = static_cast<DWORD>(given.size()) + 1;
-    if (room < *textLength) {
-        *lpErrno = WSAEFAULT;
-        return SOCKET_ERROR;
-    }
-    std::copy(given.begin(), given.end(), text);
-    text[given.size()] = 0;
-    return 0;
-}
-
-INT WSPAPI StringToAddress(LPWSTR text, INT family, LPWSAPROTOCOL_INFOW info, LPSOCKADDR address,
-                           LPINT length, LPINT lpErrno) {
-    Record record = OnSocket(Op::kStringToAddress, INVALID_SOCKET);
-    for (; *text != 0; ++text)
-        record.data += static_cast<char>(*text);
-    record.family = family;
-    record.capacity = static_cast<DWORD>(*length);
-    record.hasInfo = info != nullptr;
-    if (info != nullptr) record.info = *info;
-    const Reply reply = TheProvider.Answer(record);
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    GiveBack(reply.address, address, length);
-    return 0;
-}
-
-int WSPAPI AsyncSelect(SOCKET s, HWND, unsigned int, LONG events, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kAsyncSelect, s, static_cast<DWORD>(events)), lpErrno);
-}
-
-int WSPAPI Bind(SOCKET s, const sockaddr* name, int length, LPINT lpErrno) {
-    Record record = OnSocket(Op::kBind, s);
-    record.address = Bytes(name, static_cast<std::size_t>(length));
-    return Simple(record, lpErrno);
-}
-
-int WSPAPI CancelBlockingCall(LPINT lpErrno) {
-    return Simple(OnSocket(Op::kCancelBlockingCall, INVALID_SOCKET), lpErrno);
-}
-
-int WSPAPI Cleanup(LPINT lpErrno) {
-    TheProvider.CountCleanup();
-    return Simple(OnSocket(Op::kCleanup, INVALID_SOCKET), lpErrno);
-}
-
-int WSPAPI CloseSocket(SOCKET s, LPINT lpErrno) {
-    const int result = Simple(OnSocket(Op::kCloseSocket, s), lpErrno);
-    return result != 0 ? result : TheProvider.CloseSocket(s, lpErrno);
-}
-
-int WSPAPI Connect(SOCKET s, const sockaddr* name, int length, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
-                   LPINT lpErrno) {
-    Record record = OnSocket(Op::kConnect, s);
-    record.address = Bytes(name, static_cast<std::size_t>(length));
-    return Simple(record, lpErrno);
-}
-
-int WSPAPI DuplicateSocket(SOCKET s, DWORD processId, LPWSAPROTOCOL_INFOW info, LPINT lpErrno) {
-    const int result = Simple(OnSocket(Op::kDuplicateSocket, s, processId), lpErrno);
-    if (result == 0) *info = TheProvider.StartupInfo();
-    return result;
-}
-
-int WSPAPI EnumNetworkEvents(SOCKET s, WSAEVENT, LPWSANETWORKEVENTS events, LPINT lpErrno) {
-    const Reply reply = TheProvider.Answer(OnSocket(Op::kEnumNetworkEvents, s));
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    *events = {};
-    events->lNetworkEvents = static_cast<LONG>(reply.flags);
-    return 0;
-}
-
-int WSPAPI EventSelect(SOCKET s, WSAEVENT, LONG events, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kEventSelect, s, static_cast<DWORD>(events)), lpErrno);
-}
-
-BOOL WSPAPI GetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL, LPDWORD flags,
-                                LPINT lpErrno) {
-    const Reply reply =
-        TheProvider.Answer(Transfer(Op::kGetOverlappedResult, s, 0, overlapped, nullptr, nullptr));
-    if (Conclude(reply, reply.error, lpErrno) != 0) return FALSE;
-    int error = 0;
-    if (!TheProvider.Result(overlapped, &error, bytes)) error = WSA_IO_INCOMPLETE;
-    *flags = reply.flags;
-    if (error == 0) return TRUE;
-    *lpErrno = error;
-    return FALSE;
-}
-
-int Name(Op operation, SOCKET s, sockaddr* name, LPINT length, LPINT lpErrno) {
-    const Reply reply = TheProvider.Answer(OnSocket(operation, s));
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    GiveBack(reply.address, name, length);
-    return 0;
-}
-
-int WSPAPI GetPeerName(SOCKET s, sockaddr* name, LPINT length, LPINT lpErrno) {
-    return Name(Op::kGetPeerName, s, name, length, lpErrno);
-}
-
-int WSPAPI GetSockName(SOCKET s, sockaddr* name, LPINT length, LPINT lpErrno) {
-    return Name(Op::kGetSockName, s, name, length, lpErrno);
-}
-
-int WSPAPI GetSockOpt(SOCKET s, int level, int option, char* value, LPINT length, LPINT lpErrno) {
-    Record record = OnSocket(Op::kGetSockOpt, s, static_cast<DWORD>(option));
-    record.protocol = level;
-    record.capacity = length != nullptr ? static_cast<DWORD>(*length) : 0;
-    const Reply reply = TheProvider.Answer(record);
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    GiveBack(reply.data, value, length);
-    return 0;
-}
-
-BOOL WSPAPI GetQosByName(SOCKET s, LPWSABUF, LPQOS, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kGetQosByName, s), lpErrno) == 0;
-}
-
-SOCKET WSPAPI JoinLeaf(SOCKET s, const sockaddr* name, int length, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
-                       DWORD flags, LPINT lpErrno) {
-    Record record = OnSocket(Op::kJoinLeaf, s, flags);
-    record.address = Bytes(name, static_cast<std::size_t>(length));
-    return MakesSocket(record, nullptr, nullptr, lpErrno);
-}
-
-int WSPAPI Listen(SOCKET s, int backlog, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kListen, s, static_cast<DWORD>(backlog)), lpErrno);
+SOCKET MakesSocket(const Record& record, LPINT lpErrno, sockaddr* address = nullptr, LPINT length = nullptr) {
+    const int result = GivesBack(record, &Reply::address, address, length, lpErrno);
+    return result == 0 ? TheProvider.OpenSocket(lpErrno) : INVALID_SOCKET;
 }
 
 // The common part of receives: what is delivered at once, and what was agreed for later.
 int Receive(Record record, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags, sockaddr* from,
             LPINT fromLength, LPINT lpErrno) {
-    record.capacity = Room(Copy(buffers, count));
+    const std::vector<WSABUF> pieces(buffers, buffers + count);
+    for (const WSABUF& piece : pieces)
+        record.capacity += static_cast<DWORD>(piece.len);
     const Reply reply = TheProvider.Answer(record);
-    const int error = TheProvider.Request(record, reply, buffers, count, 0);
+    const int error = TheProvider.Request(record, reply, pieces, received);
     if (error == 0) {
-        const DWORD bytes = Scatter(reply.data, Copy(buffers, count));
-        if (received != nullptr) *received = bytes;
-        if (flags != nullptr) *flags = reply.flags;
-        GiveBack(reply.address, from, fromLength);
+        *flags = reply.flags;
+        CopyOut(reply.address, from, fromLength);
     }
-    return Conclude(reply, error, lpErrno);
-}
-
-int WSPAPI Recv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags,
-                LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
-                LPWSATHREADID threadId, LPINT lpErrno) {
-    return Receive(Transfer(Op::kRecv, s, flags != nullptr ? *flags : 0, overlapped, routine, threadId),
-                   buffers, count, received, flags, nullptr, nullptr, lpErrno);
-}
-
-int WSPAPI RecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags, sockaddr* from,
-                    LPINT fromLength, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
-                    LPWSATHREADID threadId, LPINT lpErrno) {
-    return Receive(Transfer(Op::kRecvFrom, s, flags != nullptr ? *flags : 0, overlapped, routine, threadId),
-                   buffers, count, received, flags, from, fromLength, lpErrno);
-}
-
-int WSPAPI RecvDisconnect(SOCKET s, LPWSABUF, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kRecvDisconnect, s), lpErrno);
+    return Conclude(error, lpErrno);
 }
 
 int Deliver(Record record, LPWSABUF buffers, DWORD count, LPDWORD sent, LPINT lpErrno) {
-    record.data = Gather(buffers, count);
-    const Reply reply = TheProvider.Answer(record);
-    const DWORD bytes = std::min(static_cast<DWORD>(record.data.size()), reply.transferred);
-    const int error = TheProvider.Request(record, reply, nullptr, 0, bytes);
-    if (error == 0 && sent != nullptr) *sent = bytes;
-    return Conclude(reply, error, lpErrno);
-}
-
-int WSPAPI Send(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
-                LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
-                LPWSATHREADID threadId, LPINT lpErrno) {
-    return Deliver(Transfer(Op::kSend, s, flags, overlapped, routine, threadId), buffers, count, sent,
-                   lpErrno);
-}
-
-int WSPAPI SendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags, const sockaddr* to,
-                  int toLength, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
-                  LPWSATHREADID threadId, LPINT lpErrno) {
-    Record record = Transfer(Op::kSendTo, s, flags, overlapped, routine, threadId);
-    record.address = Bytes(to, static_cast<std::size_t>(toLength));
-    return Deliver(record, buffers, count, sent, lpErrno);
-}
-
-int WSPAPI SendDisconnect(SOCKET s, LPWSABUF, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kSendDisconnect, s), lpErrno);
-}
-
-std::vector<SOCKET> Members(const fd_set* set) {
-    return set == nullptr ? std::vector<SOCKET>()
-                          : std::vector<SOCKET>(set->fd_array, set->fd_array + set->fd_count);
-}
-
-void SetMembers(const std::vector<SOCKET>& members, fd_set* set) {
-    if (set == nullptr) return;
-    FD_ZERO(set);
-    for (const SOCKET s : members)
-        FD_SET(s, set);
-}
-
-int WSPAPI Select(int, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, const PTIMEVAL, LPINT lpErrno) {
-    Record record = OnSocket(Op::kSelect, INVALID_SOCKET);
-    record.readSet = Members(readSet);
-    record.writeSet = Members(writeSet);
-    record.exceptSet = Members(exceptSet);
-    const Reply reply = TheProvider.Answer(record);
-    if (Conclude(reply, reply.error, lpErrno) != 0) return SOCKET_ERROR;
-    SetMembers(reply.readSet, readSet);
-    SetMembers(reply.writeSet, writeSet);
-    SetMembers(reply.exceptSet, exceptSet);
-    return reply.result;
-}
-
-int WSPAPI SetSockOpt(SOCKET s, int level, int option, const char* value, int length, LPINT lpErrno) {
-    Record record = OnSocket(Op::kSetSockOpt, s, static_cast<DWORD>(option));
-    record.protocol = level;
-    record.data = Bytes(value, static_cast<std::size_t>(length));
-    return Simple(record, lpErrno);
-}
-
-int WSPAPI Shutdown(SOCKET s, int how, LPINT lpErrno) {
-    return Simple(OnSocket(Op::kShutdown, s, static_cast<DWORD>(how)), lpErrno);
-}
-
-SOCKET WSPAPI Socket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info, GROUP, DWORD flags,
-                     LPINT lpErrno) {
-    Record record = OnSocket(Op::kSocket, INVALID_SOCKET, flags);
-    record.family = family;
-    record.type = type;
-    record.protocol = protocol;
-    record.hasInfo = info != nullptr;
-    if (info != nullptr) record.info = *info;
-    return MakesSocket(record, nullptr, nullptr, lpErrno);
+    for (DWORD i = 0; i < count; ++i)
+        record.data.append(buffers[i].buf, buffers[i].len);
+    return Conclude(TheProvider.Request(record, TheProvider.Answer(record), {}, sent), lpErrno);
 }
 
 // Extension functions: a record and an outcome like the operations', their error in the thread's last
 // error.
 
-BOOL Extension(const Record& record, DWORD bytes, LPDWORD transferred) {
-    const Reply reply = TheProvider.Answer(record);
-    const int error = TheProvider.Request(record, reply, nullptr, 0, bytes);
-    int code = 0;
-    if (Conclude(reply, error, &code) == 0) {
-        if (transferred != nullptr) *transferred = bytes;
-        return TRUE;
-    }
-    WSASetLastError(code);
-    return FALSE;
+BOOL Extension(const Record& record) {
+    const int error = TheProvider.Request(record, TheProvider.Answer(record), {}, nullptr);
+    if (error != 0) WSASetLastError(error);
+    return error == 0;
 }
 
-BOOL WINAPI AcceptExFunction(SOCKET listener, SOCKET accepting, PVOID, DWORD room, DWORD, DWORD,
-                             LPDWORD received, LPOVERLAPPED overlapped) {
-    Record record = Transfer(Op::kAcceptEx, listener, 0, overlapped, nullptr, nullptr);
+BOOL WINAPI AcceptExFunction(SOCKET listener, SOCKET accepting, PVOID, DWORD, DWORD, DWORD, LPDWORD received,
+                             LPOVERLAPPED overlapped) {
+    Record record = Transfer(Op::kAcceptEx, listener, 0, overlapped);
     record.otherSocket = accepting;
-    record.capacity = room;
-    return Extension(record, 0, received);
+    *received = 0;
+    return Extension(record);
 }
 
-BOOL WINAPI ConnectExFunction(SOCKET s, const sockaddr* name, int length, PVOID data, DWORD dataLength,
-                              LPDWORD sent, LPOVERLAPPED overlapped) {
-    Record record = Transfer(Op::kConnectEx, s, 0, overlapped, nullptr, nullptr);
-    record.address = Bytes(name, static_cast<std::size_t>(length));
-    record.data = Bytes(data, dataLength);
-    return Extension(record, dataLength, sent);
-}
-
-BOOL WINAPI DisconnectExFunction(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DWORD) {
-    return Extension(Transfer(Op::kDisconnectEx, s, flags, overlapped, nullptr, nullptr), 0, nullptr);
-}
-
-BOOL WINAPI TransmitFileFunction(SOCKET s, HANDLE, DWORD bytes, DWORD, LPOVERLAPPED overlapped,
+BOOL WINAPI TransmitFileFunction(SOCKET s, HANDLE, DWORD, DWORD, LPOVERLAPPED overlapped,
                                  LPTRANSMIT_FILE_BUFFERS, DWORD flags) {
-    return Extension(Transfer(Op::kTransmitFile, s, flags, overlapped, nullptr, nullptr), bytes, nullptr);
-}
-
-BOOL WINAPI TransmitPacketsFunction(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, DWORD count, DWORD,
-                                    LPOVERLAPPED overlapped, DWORD flags) {
-    DWORD bytes = 0;
-    for (DWORD i = 0; i < count; ++i)
-        bytes += packets[i].cLength;
-    return Extension(Transfer(Op::kTransmitPackets, s, flags, overlapped, nullptr, nullptr), bytes, nullptr);
-}
-
-INT WINAPI WsaRecvMsgFunction(SOCKET s, LPWSAMSG message, LPDWORD received, LPWSAOVERLAPPED overlapped,
-                              LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
-    int error = 0;
-    const int result = Receive(Transfer(Op::kWsaRecvMsg, s, message->dwFlags, overlapped, routine, nullptr),
-                               message->lpBuffers, message->dwBufferCount, received, &message->dwFlags,
-                               message->name, &message->namelen, &error);
-    if (result != 0) WSASetLastError(error);
-    return result;
+    return Extension(Transfer(Op::kTransmitFile, s, flags, overlapped));
 }
 
 VOID WINAPI GetAcceptExSockaddrsFunction(PVOID output, DWORD receiveLength, DWORD localLength, DWORD,
@@ -369,73 +136,194 @@ VOID WINAPI GetAcceptExSockaddrsFunction(PVOID output, DWORD receiveLength, DWOR
 }
 
 void* ExtensionFunction(const std::string& id) {
-    const std::array<std::pair<GUID, void*>, 7> functions = {{
+    const std::pair<GUID, void*> functions[] = {
         {WSAID_ACCEPTEX, reinterpret_cast<void*>(AcceptExFunction)},
-        {WSAID_CONNECTEX, reinterpret_cast<void*>(ConnectExFunction)},
-        {WSAID_DISCONNECTEX, reinterpret_cast<void*>(DisconnectExFunction)},
         {WSAID_TRANSMITFILE, reinterpret_cast<void*>(TransmitFileFunction)},
-        {WSAID_TRANSMITPACKETS, reinterpret_cast<void*>(TransmitPacketsFunction)},
-        {WSAID_WSARECVMSG, reinterpret_cast<void*>(WsaRecvMsgFunction)},
         {WSAID_GETACCEPTEXSOCKADDRS, reinterpret_cast<void*>(GetAcceptExSockaddrsFunction)},
-    }};
+    };
     for (const auto& [known, function] : functions) {
         if (id.size() == sizeof known && std::memcmp(&known, id.data(), sizeof known) == 0) return function;
     }
     return nullptr;
 }
 
-int WSPAPI Ioctl(SOCKET s, DWORD code, LPVOID in, DWORD inLength, LPVOID out, DWORD outLength,
-                 LPDWORD returned, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine,
-                 LPWSATHREADID threadId, LPINT lpErrno) {
-    Record record = Transfer(Op::kIoctl, s, code, overlapped, routine, threadId);
-    record.data = Bytes(in, inLength);
-    record.capacity = outLength;
-    Reply reply = TheProvider.Answer(record);
-    if (reply.error == 0 && reply.data.empty() && code == SIO_GET_EXTENSION_FUNCTION_POINTER) {
-        void* function = ExtensionFunction(record.data);
-        if (function == nullptr) reply.error = WSAEINVAL;
-        reply.data = Bytes(&function, sizeof function);
-    }
-    WSABUF buffer{outLength, static_cast<char*>(out)};
-    const int error = TheProvider.Request(record, reply, &buffer, 1, 0);
-    if (error == 0 && overlapped == nullptr) {
-        const DWORD bytes = Scatter(reply.data, Copy(&buffer, 1));
-        if (returned != nullptr) *returned = bytes;
-    }
-    return Conclude(reply, error, lpErrno);
+void FillSession(WSPPROC_TABLE& table) {
+    table.lpWSPCleanup =
+        Callback([](LPINT error) { return Simple(OnSocket(Op::kCleanup, INVALID_SOCKET), error); });
+    table.lpWSPCancelBlockingCall = Callback(
+        [](LPINT error) { return Simple(OnSocket(Op::kCancelBlockingCall, INVALID_SOCKET), error); });
+    table.lpWSPAddressToString = Callback([](LPSOCKADDR address, DWORD length, LPWSAPROTOCOL_INFOW info,
+                                             LPWSTR text, LPDWORD textLength, LPINT error) {
+        const Record record = WithInfo(OnSocket(Op::kAddressToString, INVALID_SOCKET), info);
+        const Reply reply = TheProvider.Answer(WithAddress(record, address, static_cast<int>(length)));
+        if (reply.error != 0) return Conclude(reply.error, error);
+        const std::string given = reply.data.empty() ? "scripted" : reply.data;
+        const DWORD room = *textLength;
+        *textLength = static_cast<DWORD>(given.size()) + 1;
+        if (room < *textLength) return Conclude(WSAEFAULT, error);
+        std::copy(given.begin(), given.end(), text);
+        text[given.size()] = 0;
+        return 0;
+    });
+    table.lpWSPStringToAddress = Callback(
+        [](LPWSTR text, INT, LPWSAPROTOCOL_INFOW info, LPSOCKADDR address, LPINT length, LPINT error) {
+            Record record = WithInfo(OnSocket(Op::kStringToAddress, INVALID_SOCKET), info);
+            for (; *text != 0; ++text)
+                record.data += static_cast<char>(*text);
+            return GivesBack(record, &Reply::address, address, length, error);
+        });
 }
 
-void FillTable(LPWSPPROC_TABLE table) {
-    *table = {Accept,
-              AddressToString,
-              AsyncSelect,
-              Bind,
-              CancelBlockingCall,
-              Cleanup,
-              CloseSocket,
-              Connect,
-              DuplicateSocket,
-              EnumNetworkEvents,
-              EventSelect,
-              GetOverlappedResult,
-              GetPeerName,
-              GetSockName,
-              GetSockOpt,
-              GetQosByName,
-              Ioctl,
-              JoinLeaf,
-              Listen,
-              Recv,
-              RecvDisconnect,
-              RecvFrom,
-              Select,
-              Send,
-              SendDisconnect,
-              SendTo,
-              SetSockOpt,
-              Shutdown,
-              Socket,
-              StringToAddress};
+void FillSockets(WSPPROC_TABLE& table) {
+    table.lpWSPSocket =
+        Callback([](int family, int type, int, LPWSAPROTOCOL_INFOW info, GROUP, DWORD flags, LPINT error) {
+            Record record = WithInfo(OnSocket(Op::kSocket, INVALID_SOCKET, flags), info);
+            record.family = family;
+            record.type = type;
+            return MakesSocket(record, error);
+        });
+    table.lpWSPAccept =
+        Callback([](SOCKET s, sockaddr* address, LPINT length, LPCONDITIONPROC, DWORD_PTR, LPINT error) {
+            return MakesSocket(OnSocket(Op::kAccept, s), error, address, length);
+        });
+    table.lpWSPJoinLeaf = Callback([](SOCKET s, const sockaddr* name, int length, LPWSABUF, LPWSABUF, LPQOS,
+                                      LPQOS, DWORD flags, LPINT error) {
+        return MakesSocket(WithAddress(OnSocket(Op::kJoinLeaf, s, flags), name, length), error);
+    });
+    table.lpWSPBind = Callback([](SOCKET s, const sockaddr* name, int length, LPINT error) {
+        return Simple(WithAddress(OnSocket(Op::kBind, s), name, length), error);
+    });
+    table.lpWSPConnect = Callback(
+        [](SOCKET s, const sockaddr* name, int length, LPWSABUF, LPWSABUF, LPQOS, LPQOS, LPINT error) {
+            return Simple(WithAddress(OnSocket(Op::kConnect, s), name, length), error);
+        });
+    table.lpWSPListen = Callback([](SOCKET s, int backlog, LPINT error) {
+        return Simple(OnSocket(Op::kListen, s, static_cast<DWORD>(backlog)), error);
+    });
+    table.lpWSPShutdown = Callback([](SOCKET s, int how, LPINT error) {
+        return Simple(OnSocket(Op::kShutdown, s, static_cast<DWORD>(how)), error);
+    });
+    table.lpWSPDuplicateSocket =
+        Callback([](SOCKET s, DWORD processId, LPWSAPROTOCOL_INFOW info, LPINT error) {
+            const int result = Simple(OnSocket(Op::kDuplicateSocket, s, processId), error);
+            if (result == 0) *info = TheProvider.StartupInfo();
+            return result;
+        });
+    table.lpWSPCloseSocket = Callback([](SOCKET s, LPINT error) {
+        const int result = Simple(OnSocket(Op::kCloseSocket, s), error);
+        return result != 0 ? result : TheProvider.CloseSocket(s, error);
+    });
+}
+
+void FillTransfers(WSPPROC_TABLE& table) {
+    table.lpWSPRecv = Callback([](SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags,
+                                  LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                                  LPWSATHREADID threadId, LPINT error) {
+        return Receive(Transfer(Op::kRecv, s, *flags, overlapped, threadId), buffers, count, received, flags,
+                       nullptr, nullptr, error);
+    });
+    table.lpWSPRecvFrom =
+        Callback([](SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD received, LPDWORD flags, sockaddr* from,
+                    LPINT fromLength, LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                    LPWSATHREADID threadId, LPINT error) {
+            return Receive(Transfer(Op::kRecvFrom, s, *flags, overlapped, threadId), buffers, count, received,
+                           flags, from, fromLength, error);
+        });
+    table.lpWSPSend = Callback([](SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
+                                  LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE,
+                                  LPWSATHREADID threadId, LPINT error) {
+        return Deliver(Transfer(Op::kSend, s, flags, overlapped, threadId), buffers, count, sent, error);
+    });
+    table.lpWSPSendTo = Callback([](SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
+                                    const sockaddr* to, int toLength, LPWSAOVERLAPPED overlapped,
+                                    LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID threadId, LPINT error) {
+        const Record record = Transfer(Op::kSendTo, s, flags, overlapped, threadId);
+        return Deliver(WithAddress(record, to, toLength), buffers, count, sent, error);
+    });
+    table.lpWSPSendDisconnect = Callback(
+        [](SOCKET s, LPWSABUF, LPINT error) { return Simple(OnSocket(Op::kSendDisconnect, s), error); });
+    table.lpWSPRecvDisconnect = Callback(
+        [](SOCKET s, LPWSABUF, LPINT error) { return Simple(OnSocket(Op::kRecvDisconnect, s), error); });
+    table.lpWSPIoctl = Callback([](SOCKET s, DWORD code, LPVOID in, DWORD inLength, LPVOID out,
+                                   DWORD outLength, LPDWORD returned, LPWSAOVERLAPPED overlapped,
+                                   LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID threadId, LPINT error) {
+        Record record = Transfer(Op::kIoctl, s, code, overlapped, threadId);
+        record.data = Bytes(in, inLength);
+        Reply reply = TheProvider.Answer(record);
+        if (reply.error == 0 && reply.data.empty() && code == SIO_GET_EXTENSION_FUNCTION_POINTER) {
+            void* function = ExtensionFunction(record.data);
+            if (function == nullptr) reply.error = WSAEINVAL;
+            reply.data = Bytes(&function, sizeof function);
+        }
+        const WSABUF buffer{outLength, static_cast<char*>(out)};
+        return Conclude(TheProvider.Request(record, reply, {buffer}, returned), error);
+    });
+    table.lpWSPGetOverlappedResult = Callback(
+        [](SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL, LPDWORD flags, LPINT error) -> BOOL {
+            Reply reply = TheProvider.Answer(OnSocket(Op::kGetOverlappedResult, s));
+            const bool underWay = overlapped->Internal == WSS_OPERATION_IN_PROGRESS;
+            if (reply.error == 0 && underWay) reply.error = WSA_IO_INCOMPLETE;
+            if (Conclude(reply.error, error) != 0) return FALSE;
+            *bytes = static_cast<DWORD>(overlapped->InternalHigh);
+            *flags = reply.flags;
+            return TRUE;
+        });
+}
+
+void FillState(WSPPROC_TABLE& table) {
+    table.lpWSPGetPeerName = Callback([](SOCKET s, sockaddr* name, LPINT length, LPINT error) {
+        return GivesBack(OnSocket(Op::kGetPeerName, s), &Reply::address, name, length, error);
+    });
+    table.lpWSPGetSockName = Callback([](SOCKET s, sockaddr* name, LPINT length, LPINT error) {
+        return GivesBack(OnSocket(Op::kGetSockName, s), &Reply::address, name, length, error);
+    });
+    table.lpWSPGetSockOpt = Callback([](SOCKET s, int, int option, char* value, LPINT length, LPINT error) {
+        const Record record = OnSocket(Op::kGetSockOpt, s, static_cast<DWORD>(option));
+        return GivesBack(record, &Reply::data, value, length, error);
+    });
+    table.lpWSPSetSockOpt =
+        Callback([](SOCKET s, int, int option, const char* value, int length, LPINT error) {
+            Record record = OnSocket(Op::kSetSockOpt, s, static_cast<DWORD>(option));
+            record.data = Bytes(value, static_cast<std::size_t>(length));
+            return Simple(record, error);
+        });
+    table.lpWSPGetQOSByName = Callback([](SOCKET s, LPWSABUF, LPQOS, LPINT error) -> BOOL {
+        return Simple(OnSocket(Op::kGetQosByName, s), error) == 0;
+    });
+    table.lpWSPAsyncSelect = Callback([](SOCKET s, HWND, unsigned int, LONG events, LPINT error) {
+        return Simple(OnSocket(Op::kAsyncSelect, s, static_cast<DWORD>(events)), error);
+    });
+    table.lpWSPEventSelect = Callback([](SOCKET s, WSAEVENT, LONG events, LPINT error) {
+        return Simple(OnSocket(Op::kEventSelect, s, static_cast<DWORD>(events)), error);
+    });
+    table.lpWSPEnumNetworkEvents = Callback([](SOCKET s, WSAEVENT, LPWSANETWORKEVENTS events, LPINT error) {
+        *events = {};
+        return Simple(OnSocket(Op::kEnumNetworkEvents, s), error);
+    });
+    table.lpWSPSelect =
+        Callback([](int, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, const PTIMEVAL, LPINT error) {
+            Record record = OnSocket(Op::kSelect, INVALID_SOCKET);
+            if (readSet != nullptr) {
+                record.readSet.assign(readSet->fd_array, readSet->fd_array + readSet->fd_count);
+            }
+            const Reply reply = TheProvider.Answer(record);
+            if (reply.error != 0) return Conclude(reply.error, error);
+            for (fd_set* set : {readSet, writeSet, exceptSet}) {
+                if (set != nullptr) FD_ZERO(set);
+            }
+            for (const SOCKET s : reply.writeSet)
+                FD_SET(s, writeSet);
+            return reply.result;
+        });
+}
+
+WSPPROC_TABLE MakeOperations() {
+    WSPPROC_TABLE table{};
+    FillSession(table);
+    FillSockets(table);
+    FillTransfers(table);
+    FillState(table);
+    return table;
 }
 
 }  // namespace
@@ -444,9 +332,11 @@ extern "C" {
 
 int WSPAPI WSPStartup(WORD, LPWSPDATA data, LPWSAPROTOCOL_INFOW info, WSPUPCALLTABLE upcalls,
                       LPWSPPROC_TABLE table) {
+    // Made once: the start-up of one entry leaves the operations alone that run for another.
+    static const WSPPROC_TABLE operations = MakeOperations();
     const int error = TheProvider.Startup(data, info, upcalls);
     if (error != 0) return error;
-    FillTable(table);
+    *table = operations;
     const int nullSlot = TheProvider.NullSlot();
     if (nullSlot >= 0) reinterpret_cast<void**>(table)[nullSlot] = nullptr;
     return 0;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <iterator>
 
 #include "tests/platform/kernel/test_handle.h"
 
@@ -37,7 +38,6 @@ TEST(CompletionPort, GivesPacketsBackAsPostedAndInOrder) {
 }
 
 TEST(CompletionPort, EveryPacketReachesExactlyOneThread) {
-    constexpr int kWorkers = 4;
     constexpr ULONG_PTR kPackets = 5000;
     TestHandle port(NewPort());
     std::atomic<ULONG_PTR> sum{0};
@@ -51,21 +51,15 @@ TEST(CompletionPort, EveryPacketReachesExactlyOneThread) {
             sum += key;
         }
     };
-    HANDLE threads[kWorkers];
-    for (HANDLE& thread : threads)
-        thread = StartThread(&worker);
+    const TestHandle threads[] = {TestHandle(StartThread(&worker)), TestHandle(StartThread(&worker)),
+                                  TestHandle(StartThread(&worker)), TestHandle(StartThread(&worker))};
     for (ULONG_PTR i = 1; i <= kPackets; ++i)
         PostQueuedCompletionStatus(port, 0, i, nullptr);
-    for (int i = 0; i < kWorkers; ++i)
+    for (std::size_t i = 0; i < std::size(threads); ++i)
         PostQueuedCompletionStatus(port, 0, 0, nullptr);
-    EXPECT_EQ(WaitForMultipleObjects(kWorkers, threads, TRUE, kPatience), WAIT_OBJECT_0);
+    for (const TestHandle& thread : threads)
+        EXPECT_EQ(EndOf(thread), 0u);
     EXPECT_EQ(sum, kPackets * (kPackets + 1) / 2);
-    for (HANDLE thread : threads) {
-        DWORD code = 9;
-        GetExitCodeThread(thread, &code);
-        EXPECT_EQ(code, 0u);
-        CloseHandle(thread);
-    }
 }
 
 TEST(CompletionPort, ClosingEndsTheWaitsForIt) {
@@ -84,10 +78,7 @@ TEST(CompletionPort, ClosingEndsTheWaitsForIt) {
     TestHandle thread(StartThread(&waiter));
     WaitForSingleObject(started, kPatience);
     CloseHandle(port);
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    DWORD result = 9;
-    GetExitCodeThread(thread, &result);
-    EXPECT_EQ(result, static_cast<DWORD>(FALSE));
+    EXPECT_EQ(EndOf(thread), static_cast<DWORD>(FALSE));
     // Invalid when the wait had not begun yet.
     EXPECT_TRUE(error == ERROR_ABANDONED_WAIT_0 || error == ERROR_INVALID_HANDLE) << error;
     EXPECT_FALSE(PostQueuedCompletionStatus(port, 0, 0, nullptr));

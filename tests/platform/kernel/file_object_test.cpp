@@ -24,29 +24,6 @@ class TestFile final : public FileObject {
 
 }  // namespace
 
-TEST(FileObject, IsAssociatedOnceAndPostsWithItsKey) {
-    bool closed = false;
-    const auto file = std::make_shared<TestFile>(&closed);
-    TestHandle handle(platform::OpenHandle(file));
-    OVERLAPPED record = {};
-    EXPECT_FALSE(file->PostCompletion(&record, 1, 0)) << "no port yet";
-    TestHandle port(CreateIoCompletionPort(handle, nullptr, 55, 0));
-    ASSERT_NE(static_cast<HANDLE>(port), nullptr);
-    TestHandle second(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
-    EXPECT_EQ(CreateIoCompletionPort(handle, second, 1, 0), nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-
-    EXPECT_TRUE(file->PostCompletion(&record, 9, ERROR_NETNAME_DELETED));
-    DWORD bytes = 0;
-    ULONG_PTR key = 0;
-    OVERLAPPED* overlapped = nullptr;
-    EXPECT_FALSE(GetQueuedCompletionStatus(port, &bytes, &key, &overlapped, 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NETNAME_DELETED));
-    EXPECT_TRUE(bytes == 9 && key == 55 && overlapped == &record);
-    EXPECT_TRUE(file->PostCompletion(&record, 4, 0));
-    EXPECT_TRUE(GetQueuedCompletionStatus(port, &bytes, &key, &overlapped, 0));
-}
-
 TEST(FileObject, LearnsOfItsLastHandle) {
     bool closed = false;
     HANDLE first = platform::OpenHandle(std::make_shared<TestFile>(&closed));

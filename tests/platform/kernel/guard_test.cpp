@@ -84,11 +84,7 @@ TEST(Guard, LeavesCppExceptionsAndLocksOutsideAlone) {
         if (entered) LeaveCriticalSection(&section);
         return entered;
     };
-    TestHandle thread(StartThread(&other));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    DWORD entered = 9;
-    GetExitCodeThread(thread, &entered);
-    EXPECT_EQ(entered, 1u);
+    EXPECT_EQ(RunOnThread(&other), 1u);
     DeleteCriticalSection(&section);
 }
 
@@ -105,11 +101,11 @@ TEST(Guard, ThreadsRecoverEachTheirOwnFaults) {
         }
         return 0;
     };
-    const HANDLE threads[] = {StartThread(&body), StartThread(&body), StartThread(&body), StartThread(&body)};
-    EXPECT_EQ(WaitForMultipleObjects(4, threads, TRUE, kPatience), WAIT_OBJECT_0);
+    const TestHandle threads[] = {TestHandle(StartThread(&body)), TestHandle(StartThread(&body)),
+                                  TestHandle(StartThread(&body)), TestHandle(StartThread(&body))};
+    for (const TestHandle& thread : threads)
+        EXPECT_EQ(EndOf(thread), 0u);
     EXPECT_EQ(recovered, 4 * 2 * kRounds);
-    for (HANDLE thread : threads)
-        CloseHandle(thread);
 }
 
 namespace {
@@ -135,9 +131,5 @@ TEST(Guard, StackOverflowIsRecoveredAndCanHappenAgain) {
         GuardedCall([] { Overflow(1); }, &second);
         return first == EXCEPTION_STACK_OVERFLOW && second == EXCEPTION_STACK_OVERFLOW;
     };
-    TestHandle thread(StartThread(&body));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    DWORD both = 9;
-    GetExitCodeThread(thread, &both);
-    EXPECT_EQ(both, 1u);
+    EXPECT_EQ(RunOnThread(&body), 1u);
 }

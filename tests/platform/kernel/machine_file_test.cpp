@@ -2,20 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "platform/testing/machine.h"
-
-namespace {
-
-#ifdef _WIN32
-constexpr char kBaseProvider[] = "\\qxlower.dll";
-constexpr char kLayer[] = "\\qxlsp.dll";
-#else
-constexpr char kBaseProvider[] = "/libqxtcpip.so";
-constexpr char kLayer[] = "/libqxlsp.so";
-#endif
-
-}  // namespace
 
 TEST(MachineFile, ErrorsNameTheirPlaceAndReason) {
     const struct {
@@ -42,16 +31,42 @@ TEST(MachineFile, ErrorsNameTheirPlaceAndReason) {
     }
 }
 
-TEST(MachineFile, RoutesAndDefaults) {
+TEST(MachineFile, SettingsAreRead) {
+    const char text[] = R"(
+[registry_access]
+deny_write = true
+[user]
+name = 'DEMO\alice'
+[process]
+image = 'C:/Demo/demo.exe'
+modules = ['extra.dll', 'other.dll']
+[certificate]
+subject = 'Demo Signer'
+[[windows]]
+title = 'Main'
+process = 4
+[[windows]]
+title = 'Stuck'
+hung = true
+owner = 0
+[[routes]]
+destination = '203.0.113.10:0'
+target = 'blackhole'
+[[routes]]
+destination = '[2001:db8::1]:443'
+target = '127.0.0.1:41080'
+)";
     std::string message;
-    const auto machine = platform::ParseMachine(
-        "[catalog]\nlayer = 'default'\n[[routes]]\ndestination = '203.0.113.10:0'\ntarget = 'blackhole'\n"
-        "[[routes]]\ndestination = '[2001:db8::1]:443'\ntarget = '127.0.0.1:41080'\n",
-        "m.toml", &message);
+    const auto machine = platform::ParseMachine(text, "m.toml", &message);
     ASSERT_NE(machine, nullptr) << message;
-    EXPECT_NE(machine->baseProvider.find(kBaseProvider), std::string::npos);
-    EXPECT_NE(machine->layer.find(kLayer), std::string::npos);
-    EXPECT_NE(machine->userName.find('\\'), std::string::npos);
+    EXPECT_TRUE(machine->denyRegistryWrite);
+    EXPECT_EQ(machine->userName, "DEMO\\alice");
+    EXPECT_EQ(machine->processImage, "C:/Demo/demo.exe");
+    EXPECT_EQ(machine->extraModules, (std::vector<std::string>{"extra.dll", "other.dll"}));
+    EXPECT_EQ(machine->certificateSubject, "Demo Signer");
+    ASSERT_EQ(machine->windows.size(), 2u);
+    EXPECT_TRUE(machine->windows[0].title == "Main" && machine->windows[0].process == 4);
+    EXPECT_TRUE(machine->windows[1].hung && machine->windows[1].owner == 0);
     ASSERT_EQ(machine->routes.size(), 2u);
     EXPECT_TRUE(machine->routes[0].blackHole && machine->routes[0].destinationPort == 0);
     EXPECT_EQ(machine->routes[1].destinationAddress, "2001:db8::1");

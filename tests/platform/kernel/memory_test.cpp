@@ -1,4 +1,4 @@
-// Critical sections, thread-local storage, private heaps and local blocks, as Windows documents them.
+// Critical sections, thread-local storage and private heaps, as Windows documents them.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -19,18 +19,9 @@ TEST(CriticalSection, IsReentrantForItsOwnerAndExcludesOthers) {
         LeaveCriticalSection(&section);
         return 1;
     };
-    DWORD entered = 9;
-    {
-        TestHandle thread(StartThread(&other));
-        ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-        GetExitCodeThread(thread, &entered);
-        EXPECT_EQ(entered, 0u) << "left once, entered twice";
-    }
+    EXPECT_EQ(RunOnThread(&other), 0u) << "left once, entered twice";
     LeaveCriticalSection(&section);
-    TestHandle thread(StartThread(&other));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    GetExitCodeThread(thread, &entered);
-    EXPECT_EQ(entered, 1u);
+    EXPECT_EQ(RunOnThread(&other), 1u);
     DeleteCriticalSection(&section);
 }
 
@@ -46,11 +37,11 @@ TEST(CriticalSection, GuardsAPlainCounter) {
         }
         return 0;
     };
-    const HANDLE threads[] = {StartThread(&body), StartThread(&body), StartThread(&body)};
-    EXPECT_EQ(WaitForMultipleObjects(3, threads, TRUE, kPatience), WAIT_OBJECT_0);
+    const TestHandle threads[] = {TestHandle(StartThread(&body)), TestHandle(StartThread(&body)),
+                                  TestHandle(StartThread(&body))};
+    for (const TestHandle& thread : threads)
+        EXPECT_EQ(EndOf(thread), 0u);
     EXPECT_EQ(counter, 15000);
-    for (HANDLE thread : threads)
-        CloseHandle(thread);
     DeleteCriticalSection(&section);
 }
 
@@ -60,11 +51,7 @@ TEST(Tls, HoldsAValuePerThreadAndForgetsItWithTheSlot) {
     int value = 0;
     EXPECT_TRUE(TlsSetValue(slot, &value));
     auto body = [&] { return TlsGetValue(slot) == nullptr && TlsSetValue(slot, nullptr); };
-    TestHandle thread(StartThread(&body));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    DWORD wasEmpty = 0;
-    GetExitCodeThread(thread, &wasEmpty);
-    EXPECT_EQ(wasEmpty, 1u);
+    EXPECT_EQ(RunOnThread(&body), 1u) << "it was empty there";
     SetLastError(5);
     EXPECT_EQ(TlsGetValue(slot), &value);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SUCCESS)) << "success clears the last error";
@@ -92,13 +79,4 @@ TEST(Heap, ZeroesOnDemandAndFreesEverythingWhenDestroyed) {
     }
     EXPECT_TRUE(HeapFree(heap, 0, *blocks.begin()));
     EXPECT_TRUE(HeapDestroy(heap));
-}
-
-TEST(LocalBlocks, AreZeroedOnDemand) {
-    auto* block = static_cast<unsigned char*>(LocalAlloc(LPTR, 100));
-    ASSERT_NE(block, nullptr);
-    for (int i = 0; i < 100; ++i)
-        ASSERT_EQ(block[i], 0);
-    EXPECT_EQ(LocalFree(block), nullptr);
-    EXPECT_EQ(LocalFree(nullptr), nullptr);
 }

@@ -37,15 +37,11 @@ TEST(Modules, EntryPointHearsTheFirstLoadThreadsAndTheLastFree) {
     EXPECT_EQ(LoadLibraryW(wide.c_str()), module);
     EXPECT_EQ(Notes(module), "attach ");
     auto body = [] { return 0; };
-    {
-        TestHandle thread(StartThread(&body));
-        WaitForSingleObject(thread, kPatience);
-    }
+    EXPECT_EQ(RunOnThread(&body), 0u);
     EXPECT_EQ(Notes(module), "attach thread-attach thread-detach ");
     EXPECT_EQ(DisableThreadLibraryCalls(module), kHasThreadStorage ? FALSE : TRUE);
     if (!kHasThreadStorage) {
-        TestHandle thread(StartThread(&body));
-        WaitForSingleObject(thread, kPatience);
+        EXPECT_EQ(RunOnThread(&body), 0u);
     }
     EXPECT_EQ(Notes(module), "attach thread-attach thread-detach ");
 

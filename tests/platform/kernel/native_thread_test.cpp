@@ -48,12 +48,10 @@ TEST(NativeThread, OnlyMadeThreadsCanBeTerminated) {
 
 TEST(NativeThread, TerminatingAnEndedThreadDoesNothing) {
     auto body = []() -> DWORD { return 7; };
-    TestHandle thread(StartThread(&body));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
+    const TestHandle thread(StartThread(&body));
+    EXPECT_EQ(EndOf(thread), 7u);
     EXPECT_TRUE(TerminateThread(thread, 77));
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(thread, &code));
-    EXPECT_EQ(code, 7u);
+    EXPECT_EQ(EndOf(thread), 7u);
     EXPECT_EQ(platform::PlatformScope::Attention.load() & platform::kTerminationAttention, 0u)
         << "every later call would pay for it";
 }

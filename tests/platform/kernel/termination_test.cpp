@@ -7,16 +7,6 @@
 
 #include "tests/platform/kernel/test_handle.h"
 
-namespace {
-
-DWORD ExitCode(HANDLE thread) {
-    DWORD code = 0;
-    GetExitCodeThread(thread, &code);
-    return code;
-}
-
-}  // namespace
-
 TEST(Termination, EndsWaitsOfEveryKind) {
     TestHandle never(NewEvent(true)), port(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
     TestHandle started(CreateSemaphoreA(nullptr, 0, 4, nullptr));
@@ -42,15 +32,13 @@ TEST(Termination, EndsWaitsOfEveryKind) {
         start();
         return GetQueuedCompletionStatus(port, &bytes, &key, &overlapped, INFINITE);
     };
-    const HANDLE threads[] = {StartThread(&event), StartThread(&sleep), StartThread(&packet),
-                              StartThread(&all)};
+    const TestHandle threads[] = {TestHandle(StartThread(&event)), TestHandle(StartThread(&sleep)),
+                                  TestHandle(StartThread(&packet)), TestHandle(StartThread(&all))};
     for (int i = 0; i < 4; ++i)
         ASSERT_EQ(WaitForSingleObject(started, kPatience), WAIT_OBJECT_0);
-    for (HANDLE thread : threads) {
+    for (const TestHandle& thread : threads) {
         EXPECT_TRUE(TerminateThread(thread, 77));
-        ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-        EXPECT_EQ(ExitCode(thread), 77u);
-        CloseHandle(thread);
+        EXPECT_EQ(EndOf(thread), 77u);
     }
 }
 
@@ -61,8 +49,7 @@ TEST(Termination, ReachesAThreadThatNeverWaits) {
     };
     TestHandle thread(StartThread(&busy));
     EXPECT_TRUE(TerminateThread(thread, 5));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(thread), 5u);
+    EXPECT_EQ(EndOf(thread), 5u);
 }
 
 TEST(AdoptedThreads, HaveAnIdentityThatEndsWithThem) {

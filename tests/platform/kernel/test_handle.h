@@ -1,7 +1,9 @@
-// A handle that closes itself, for tests.
+// Handles that close themselves, and threads by their handles, for tests.
 #pragma once
 
 #include <windows.h>
+
+#include <gtest/gtest.h>
 
 class TestHandle {
   public:
@@ -33,4 +35,19 @@ HANDLE StartThread(Callable* callable, DWORD* threadId = nullptr) {
         [](LPVOID parameter)
             WINAPI -> DWORD { return static_cast<DWORD>((*static_cast<Callable*>(parameter))()); },
         callable, 0, threadId);
+}
+
+/// Waits for the thread's end; its exit code.
+inline DWORD EndOf(HANDLE thread) {
+    EXPECT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
+    DWORD code = 9;
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    return code;
+}
+
+/// Runs a callable on a thread of its own to its end; its exit code.
+template <class Callable>
+DWORD RunOnThread(Callable* callable) {
+    const TestHandle thread(StartThread(callable));
+    return EndOf(thread);
 }

@@ -19,12 +19,6 @@ HANDLE OwnThread() {
     return OpenThread(THREAD_ALL_ACCESS, FALSE, GetCurrentThreadId());
 }
 
-DWORD ExitCode(HANDLE thread) {
-    DWORD code = 0;
-    EXPECT_TRUE(GetExitCodeThread(thread, &code));
-    return code;
-}
-
 void CALLBACK EndThread(ULONG_PTR code) {
     ExitThread(static_cast<DWORD>(code));
 }
@@ -49,12 +43,13 @@ TEST(Thread, EndsWithItsCodeAndStaysSignaled) {
         return 7;
     };
     TestHandle thread(StartThread(&body, &outside));
-    EXPECT_EQ(ExitCode(thread), static_cast<DWORD>(STILL_ACTIVE));
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeThread(thread, &code));
+    EXPECT_EQ(code, static_cast<DWORD>(STILL_ACTIVE));
     EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_TIMEOUT);
     SetEvent(gate);
-    EXPECT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
+    EXPECT_EQ(EndOf(thread), 7u);
     EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(thread), 7u);
     EXPECT_EQ(inside, outside);
     EXPECT_NE(inside, GetCurrentThreadId());
 }
@@ -67,9 +62,7 @@ TEST(Thread, ExitThreadLeavesFromDeepInside) {
         SleepEx(INFINITE, TRUE);
         return 1;
     };
-    TestHandle thread(StartThread(&body));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(thread), 42u);
+    EXPECT_EQ(RunOnThread(&body), 42u);
 }
 
 TEST(Thread, IsOpenedByIdWhileItsObjectLives) {
@@ -127,8 +120,7 @@ TEST_F(Apc, WakesAnotherThreadsAlertableWait) {
     TestHandle thread(StartThread(&waiter));
     ASSERT_EQ(WaitForSingleObject(started, kPatience), WAIT_OBJECT_0);
     ASSERT_NE(QueueUserAPC(Note, thread, 5), 0u);
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(thread), WAIT_IO_COMPLETION);
+    EXPECT_EQ(EndOf(thread), WAIT_IO_COMPLETION);
     EXPECT_EQ(order_, (std::vector<ULONG_PTR>{5}));
     EXPECT_EQ(QueueUserAPC(Note, thread, 6), 0u) << "an ended thread takes no more";
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_GEN_FAILURE));
@@ -141,8 +133,7 @@ TEST(Thread, LastErrorIsItsOwn) {
         SetLastError(77);
         return initial;
     };
-    TestHandle thread(StartThread(&body));
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(thread), 0u);
+    const TestHandle thread(StartThread(&body));
+    EXPECT_EQ(EndOf(thread), 0u);
     EXPECT_EQ(GetLastError(), 1234u);
 }

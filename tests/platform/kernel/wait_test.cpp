@@ -61,10 +61,7 @@ TEST(Wait, AllConsumesNothingUntilEverythingIsSignaled) {
     TestHandle thread(StartThread(&waiter));
     SetEvent(first);
     SetEvent(second);
-    ASSERT_EQ(WaitForSingleObject(thread, kPatience), WAIT_OBJECT_0);
-    DWORD result = 99;
-    GetExitCodeThread(thread, &result);
-    EXPECT_EQ(result, WAIT_OBJECT_0);
+    EXPECT_EQ(EndOf(thread), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 0), WAIT_TIMEOUT) << "both were consumed";
 }
 
@@ -106,15 +103,10 @@ TEST(Wait, SignalsAndWaitsOfManyThreadsBalance) {
             ReleaseSemaphore(both[i % 2], 1, nullptr);
         return 0;
     };
-    const HANDLE threads[] = {StartThread(&any), StartThread(&any), StartThread(&producer),
-                              StartThread(&producer)};
-    EXPECT_EQ(WaitForMultipleObjects(4, threads, TRUE, kPatience), WAIT_OBJECT_0);
-    for (HANDLE thread : threads) {
-        DWORD code = 99;
-        GetExitCodeThread(thread, &code);
-        EXPECT_EQ(code, 0u);
-        CloseHandle(thread);
-    }
+    const TestHandle threads[] = {TestHandle(StartThread(&any)), TestHandle(StartThread(&any)),
+                                  TestHandle(StartThread(&producer)), TestHandle(StartThread(&producer))};
+    for (const TestHandle& thread : threads)
+        EXPECT_EQ(EndOf(thread), 0u);
     EXPECT_EQ(WaitForMultipleObjects(2, both, FALSE, 0), WAIT_TIMEOUT);
 }
 

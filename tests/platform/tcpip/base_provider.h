@@ -87,7 +87,8 @@ class BaseProvider : public testing::Test {
     }
 
     WSPPROC_TABLE Table = {};
-    int Error = 0;
+    /// Every thread has its own, so that all but the asserting helpers may be used on any thread.
+    static inline thread_local int Error = 0;
 
   private:
     HMODULE module_ = nullptr;

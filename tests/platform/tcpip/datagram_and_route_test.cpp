@@ -137,8 +137,8 @@ TEST_F(RouteTest, BlackHoleAnswersNobodyUntilTheTimeOut) {
     const SOCKET blocking = Stream();
     int blockingError = 0;
     std::thread waiter([&] {
-        Table.lpWSPConnect(blocking, reinterpret_cast<const sockaddr*>(&nowhere), sizeof(nowhere), nullptr,
-                           nullptr, nullptr, nullptr, &blockingError);
+        Connect(blocking, nowhere);
+        blockingError = Error;
     });
     // The reactor, for the pending one, and the blocked thread.
     ASSERT_TRUE(platform::WaitForTimedWaits(2));
@@ -161,8 +161,8 @@ TEST_F(RouteTest, CloseEndsAConnectIntoTheBlackHole) {
     const SOCKET s = Stream();
     int error = 0;
     std::thread waiter([&] {
-        Table.lpWSPConnect(s, reinterpret_cast<const sockaddr*>(&nowhere), sizeof(nowhere), nullptr, nullptr,
-                           nullptr, nullptr, &error);
+        Connect(s, nowhere);
+        error = Error;
     });
     ASSERT_TRUE(platform::WaitForTimedWaits(1));
     Close(s);

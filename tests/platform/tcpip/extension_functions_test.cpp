@@ -144,6 +144,11 @@ TEST_F(OverlappedTest, AcceptExTakesAnIPv6SocketWithItsOptions) {
     ExpectPacket(&overlapped);
     EXPECT_EQ(Send(client, "six"), 3);
     EXPECT_EQ(Receive(accepting), "six");
+    // The next one is accepted as any other connection is.
+    const SOCKET second = Stream(AF_INET6);
+    ASSERT_EQ(Connect(second, name), 0) << Error;
+    EXPECT_EQ(Send(Accept(listener), "plain"), 5);
+    EXPECT_EQ(Receive(second), "plain");
 }
 
 TEST_F(OverlappedTest, DisconnectedSocketConnectsAgain) {

@@ -34,6 +34,16 @@ class OverlappedTest : public BaseProvider {
         return result == 0 ? 0 : Error;
     }
 
+    /// A connection whose client is sending more than fits on the way.
+    void ConnectAndStartSend(SOCKET* client, SOCKET* server, const std::string& data,
+                             OVERLAPPED* overlapped) {
+        Connect(client, server);
+        Associate(*client);
+        SetNumber(*client, SOL_SOCKET, SO_SNDBUF, 65536);
+        EXPECT_EQ(StartSend(*client, data.data(), static_cast<ULONG>(data.size()), overlapped),
+                  WSA_IO_PENDING);
+    }
+
     /// The error of a request, 0 for success; `*bytes` is set.
     int ResultOf(SOCKET s, OVERLAPPED* overlapped, DWORD* bytes, bool wait = false, DWORD* flags = nullptr) {
         DWORD ignored = 0;

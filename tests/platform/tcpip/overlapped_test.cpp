@@ -86,17 +86,36 @@ TEST_F(OverlappedTest, EventIsSetAndItsLowBitKeepsThePacketBack) {
     // Without any event the wait is on the request itself.
     overlapped.hEvent = nullptr;
     EXPECT_EQ(StartReceive(server, data, 8, &overlapped), WSA_IO_PENDING);
-    std::thread sender([&] {
-        int error = 0;
-        WSABUF buffer = {3, const_cast<char*>("abc")};
-        DWORD sent = 0;
-        Table.lpWSPSend(client, &buffer, 1, &sent, 0, nullptr, nullptr, nullptr, &error);
-    });
+    std::thread sender([&] { Send(client, "abc"); });
     EXPECT_EQ(ResultOf(server, &overlapped, &bytes, true), 0);
     EXPECT_EQ(bytes, 3u);
     sender.join();
     ExpectPacket(&overlapped);
     CloseHandle(event);
+}
+
+TEST_F(OverlappedTest, SuccessesInsideTheCallCanBeKeptFromThePort) {
+    SOCKET client, server;
+    Connect(&client, &server);
+    Associate(server);
+    const auto file = reinterpret_cast<HANDLE>(server);
+    if (Keeps(Documented::kUnknownModesAreRefused)) {
+        EXPECT_FALSE(SetFileCompletionNotificationModes(file, 0x80));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
+    ASSERT_TRUE(SetFileCompletionNotificationModes(file, FILE_SKIP_COMPLETION_PORT_ON_SUCCESS));
+    OVERLAPPED send = {};
+    send.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_EQ(StartSend(server, "abc", 3, &send), 0);
+    EXPECT_EQ(WaitForSingleObject(send.hEvent, 0), WAIT_OBJECT_0) << "whoever waits for it is told";
+    EXPECT_EQ(send.InternalHigh, 3u);
+    CloseHandle(send.hEvent);
+
+    char data[8];
+    OVERLAPPED receive = {};
+    EXPECT_EQ(StartReceive(server, data, 8, &receive), WSA_IO_PENDING);
+    EXPECT_EQ(Send(client, "xy"), 2);
+    EXPECT_EQ(ExpectPacket(&receive), 2u) << "the send before it has queued none";
 }
 
 struct RoutineCall {
@@ -180,12 +199,9 @@ TEST_F(OverlappedTest, ResetEndsAPendingReceiveAndLaterCallsFailAtOnce) {
 
 TEST_F(OverlappedTest, LargeSendCompletesWhenAllOfItHasGone) {
     SOCKET client, server;
-    Connect(&client, &server);
-    Associate(client);
-    SetNumber(client, SOL_SOCKET, SO_SNDBUF, 65536);
     const std::string first(4 << 20, 'a'), second(100000, 'b');
     OVERLAPPED sends[2] = {};
-    EXPECT_EQ(StartSend(client, first.data(), static_cast<ULONG>(first.size()), &sends[0]), WSA_IO_PENDING);
+    ConnectAndStartSend(&client, &server, first, &sends[0]);
     EXPECT_EQ(StartSend(client, second.data(), static_cast<ULONG>(second.size()), &sends[1]), WSA_IO_PENDING);
     ExpectNoPacket();
     std::string all;
@@ -201,12 +217,9 @@ TEST_F(OverlappedTest, LargeSendCompletesWhenAllOfItHasGone) {
 
 TEST_F(OverlappedTest, ShutdownComesBehindWhatIsBeingSent) {
     SOCKET client, server;
-    Connect(&client, &server);
-    Associate(client);
-    SetNumber(client, SOL_SOCKET, SO_SNDBUF, 65536);
     const std::string data(4 << 20, 'a');
     OVERLAPPED sending = {};
-    EXPECT_EQ(StartSend(client, data.data(), static_cast<ULONG>(data.size()), &sending), WSA_IO_PENDING);
+    ConnectAndStartSend(&client, &server, data, &sending);
     EXPECT_EQ(CALL(Shutdown, client, SD_SEND), 0);
     OVERLAPPED late = {};
     EXPECT_EQ(StartSend(client, "x", 1, &late), WSAESHUTDOWN);
@@ -221,14 +234,11 @@ TEST_F(OverlappedTest, ShutdownComesBehindWhatIsBeingSent) {
 
 TEST_F(OverlappedTest, AResetEndsTheSendThatAShutdownWaitsFor) {
     SOCKET client, server;
-    Connect(&client, &server);
-    Associate(client);
-    SetNumber(client, SOL_SOCKET, SO_SNDBUF, 65536);
     const std::string data(4 << 20, 'a');
     char byte;
     OVERLAPPED receiving = {}, sending = {};
+    ConnectAndStartSend(&client, &server, data, &sending);
     EXPECT_EQ(StartReceive(client, &byte, 1, &receiving), WSA_IO_PENDING);
-    EXPECT_EQ(StartSend(client, data.data(), static_cast<ULONG>(data.size()), &sending), WSA_IO_PENDING);
     EXPECT_EQ(CALL(Shutdown, client, SD_SEND), 0);
     Abort(server);
     for (int i = 0; i < 2; ++i) {
@@ -385,26 +395,16 @@ TEST_F(OverlappedTest, CompletionsAreExactlyOnceWhileOthersCloseTheSockets) {
     const auto work = [&](SOCKET(*mine)[2], std::deque<SmallRequest>* made) {
         for (int round = 0; round < kRounds; ++round) {
             const SOCKET* ends = mine[round];
-            std::thread closer([&, round] {
-                int ignored = 0;
-                Table.lpWSPCloseSocket(ends[round & 1], &ignored);
-            });
+            std::thread closer([&, round] { CALL(CloseSocket, ends[round & 1]); });
             for (int i = 0; i < kRequests; ++i) {
                 SmallRequest& request = made->emplace_back();
-                WSABUF buffer = {1, &request.byte};
-                DWORD flags = 0;
-                int requestError = 0;
                 const SOCKET s = ends[i / 2 & 1];
-                const int result = i % 2 == 0
-                                       ? Table.lpWSPRecv(s, &buffer, 1, nullptr, &flags, &request.overlapped,
-                                                         nullptr, nullptr, &requestError)
-                                       : Table.lpWSPSend(s, &buffer, 1, nullptr, 0, &request.overlapped,
-                                                         nullptr, nullptr, &requestError);
-                request.accepted = result == 0 || requestError == WSA_IO_PENDING;
+                const int error = i % 2 == 0 ? StartReceive(s, &request.byte, 1, &request.overlapped)
+                                             : StartSend(s, &request.byte, 1, &request.overlapped);
+                request.accepted = error == 0 || error == WSA_IO_PENDING;
             }
             closer.join();
-            int ignored = 0;
-            Table.lpWSPCloseSocket(ends[(round & 1) ^ 1], &ignored);
+            CALL(CloseSocket, ends[(round & 1) ^ 1]);
         }
     };
     std::vector<std::thread> workers;

@@ -268,7 +268,7 @@ TEST_F(RoutingTest, OverlappedCallsNameTheirThread) {
     DWORD bytes = 0;
     EXPECT_FALSE(WSAGetOverlappedResult(socket_, &overlapped, &bytes, FALSE, &flags));
     EXPECT_EQ(WSAGetLastError(), WSA_IO_INCOMPLETE);
-    EXPECT_TRUE(provider_->Complete(&overlapped, 0, "four"));
+    EXPECT_TRUE(provider_->Complete(&overlapped, "four"));
     EXPECT_TRUE(WSAGetOverlappedResult(socket_, &overlapped, &bytes, FALSE, &flags));
     EXPECT_EQ(bytes, 4u);
     EXPECT_EQ(std::string(buffer, 4), "four");

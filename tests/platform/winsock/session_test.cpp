@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/testing/fault_points.h"
+#include "tests/platform/kernel/environment_variable.h"
 #include "tests/platform/winsock/host_fixture.h"
 
 namespace {
@@ -102,11 +103,7 @@ TEST_F(SessionTest, AProviderThatCannotStartFailsTheSocketAndIsTriedAgain) {
 TEST_F(SessionTest, PathsAreExpanded) {
     const std::string path = winsock_host::Narrow(ScriptedProviderModule::Path().c_str());
     const std::size_t slash = path.rfind('/');
-#ifdef _WIN32
-    ASSERT_TRUE(SetEnvironmentVariableA("QX_TEST_FOLDER", path.substr(0, slash).c_str()));
-#else
-    ASSERT_EQ(setenv("QX_TEST_FOLDER", path.substr(0, slash).c_str(), 1), 0);
-#endif
+    const ScopedVariable folder("QX_TEST_FOLDER", path.substr(0, slash).c_str());
     RestartWith(winsock_host::MakeBaseCatalog(winsock_host::Widen("%QX_TEST_FOLDER%" + path.substr(slash))));
     EXPECT_NE(TcpSocket(), INVALID_SOCKET);
 }
@@ -147,10 +144,7 @@ TEST_F(SessionTest, OnlyCallsOfTheApplicationAndTheProviderAreFaultPoints) {
                                                                   "WSACreateEvent", "WSACloseEvent"}));
     platform::DisarmFaults();
 
-    platform::Fault fault;
-    fault.function = "WSACreateEvent";
-    fault.nth = 2;
-    platform::ScopedFault armed(fault);
+    const platform::ScopedFault armed({"WSACreateEvent", 2});
     const WSAEVENT first = WSACreateEvent();
     EXPECT_NE(first, WSA_INVALID_EVENT);
     EXPECT_EQ(WSACreateEvent(), WSA_INVALID_EVENT);
@@ -164,12 +158,8 @@ TEST_F(SessionTest, AShortCountShortensATransfer) {
     char second[] = "defg";
     WSABUF buffers[] = {{3, first}, {4, second}};
     DWORD sent = 0;
-    platform::Fault fault;
-    fault.function = "WSASend";
-    fault.kind = platform::FaultKind::kShortCount;
-    fault.value = 4;
     {
-        platform::ScopedFault armed(fault);
+        const platform::ScopedFault armed({"WSASend", 1, platform::FaultKind::kShortCount, 4});
         EXPECT_EQ(WSASend(s, buffers, 2, &sent, 0, nullptr, nullptr), 0);
     }
     EXPECT_EQ(sent, 4u);

@@ -1,4 +1,4 @@
-// Random numbers for the oracle tests: QX_SEED repeats a run, and every run says which seed it used.
+// Random numbers for the oracle tests: QX_SEED repeats a run, and every failure says which seed it used.
 #pragma once
 
 #include <cstdint>
