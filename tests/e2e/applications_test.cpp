@@ -87,8 +87,11 @@ TEST(DemoTest, InterruptedDemoEndsItsProcessesAndCleansUp) {
         const pid_t application = std::stoi(line->substr(8));
         demo.RequestStop();
         EXPECT_EQ(demo.Wait(After(kLimit)), 130);
-        for (const fs::directory_entry& left : fs::recursive_directory_iterator(temporary))
+        for (const fs::directory_entry& left : fs::recursive_directory_iterator(temporary)) {
+            // The thread sanitizer's own, of a process that was ended while its runtime started.
+            if (left.path().filename().string().rfind("tsan.rodata.", 0) == 0) continue;
             ADD_FAILURE() << left.path() << " is left";
+        }
         EXPECT_EQ(kill(application, 0), -1);
         EXPECT_EQ(errno, ESRCH);
     }
