@@ -5,6 +5,7 @@
 #include "provider/lower_call.h"
 #include "provider/operation_failure.h"
 #include "provider/operations.h"
+#include "provider/way_down.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ CloseClaim ClaimClose(SocketContext* context) {
 }
 
 int CloseLower(SocketContext* context, LPINT error) {
+    AwaitWaysDown(context);
     LspEntry* const provider = context->Provider;
     // The lower provider may linger; it is called without a lock, and by one thread, which has the socket for
     // itself.

@@ -8,6 +8,7 @@
 #include "provider/interception.h"
 #include "provider/lower_call.h"
 #include "provider/overlapped_records.h"
+#include "provider/way_down.h"
 
 namespace {
 
@@ -24,6 +25,8 @@ int ResultOf(int result, INT error) {
 /// Runs `call(lower procedures, &error)`.
 template <class Call>
 int CallProcedure(OverlappedOperation* operation, Call call) {
+    const WayDown way(operation->SocketContext);
+    if (!way) return WSAENOTSOCK;
     INT error = 0;
     LspEntry* const provider = operation->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, &error,
@@ -34,6 +37,8 @@ int CallProcedure(OverlappedOperation* operation, Call call) {
 /// Runs `call(lower extension functions)`, which tells success.
 template <class Call>
 int CallExtension(OverlappedOperation* operation, Call call) {
+    const WayDown way(operation->SocketContext);
+    if (!way) return WSAENOTSOCK;
     INT error = 0;
     LspEntry* const provider = operation->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, &error, [&]() noexcept {
@@ -166,10 +171,12 @@ int Connect(OverlappedOperation* operation, SocketContext* context) {
 
 int Accept(OverlappedOperation* operation) {
     AcceptExArguments& accept = operation->AcceptEx;
-    // Closed while the request waited for a worker: its lower socket's value may be another one's by now.
+    // May have been closed while the request waited for a worker.
     INT error = 0;
     const ContextReference accepting(accept.AcceptingSocket, &error);
-    if (!accepting || accepting->Closing) return WSAENOTSOCK;
+    if (!accepting) return WSAENOTSOCK;
+    const WayDown way(accepting.Get());
+    if (!way) return WSAENOTSOCK;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.AcceptEx.load()(operation->ProviderSocket, accept.AcceptingProviderSocket, accept.Output,
                                      accept.ReceiveLength, accept.LocalAddressLength,

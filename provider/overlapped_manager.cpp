@@ -17,6 +17,7 @@
 #include "provider/lower_call.h"
 #include "provider/overlapped_execution.h"
 #include "provider/overlapped_records.h"
+#include "provider/way_down.h"
 
 namespace {
 
@@ -332,7 +333,8 @@ bool SkipPacketsOfSuccess(const SocketContext* context) {
 Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* context) {
     // Read once: without a port the call below would make one that nobody waits for.
     const HANDLE port = Port;
-    if (port == nullptr || !AcquireSocketLock(context)) return Association::kFailed;
+    const WayDown way(context);
+    if (port == nullptr || !way || !AcquireSocketLock(context)) return Association::kFailed;
     Association association = Association::kMade;
     if (context->CompletionPort == nullptr) {
         context->CompletionPort = CreateIoCompletionPort(reinterpret_cast<HANDLE>(operation->ProviderSocket),

@@ -38,6 +38,7 @@ struct SocketContext {
     DWORD OutstandingAsync = 0;      ///< overlapped operations under way; guarded by Lock
     Relaxed<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
     volatile LONG RefCount = 0;      ///< threads using the context; changed under GlobalLock
+    volatile LONG OnTheWayDown = 0;  ///< overlapped requests being handed to the lower provider; see WayDown
     Relaxed<std::uint64_t> BytesSent;
     Relaxed<std::uint64_t> BytesRecv;
     HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock

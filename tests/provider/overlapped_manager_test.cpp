@@ -54,7 +54,7 @@ int WSPAPI LowerIoctl(SOCKET, DWORD code, LPVOID, DWORD, LPVOID output, DWORD, L
         return 0;
     }
     SetEvent(Requests->entered);
-    WaitForSingleObject(Requests->gate, kPatience);
+    EXPECT_EQ(WaitForSingleObject(Requests->gate, kPatience), static_cast<DWORD>(WAIT_OBJECT_0));
     *error = WSAENOBUFS;
     return SOCKET_ERROR;
 }
@@ -93,6 +93,24 @@ class OverlappedManager : public FakeWinsock {
                                           nullptr, nullptr, &error_);
     }
 
+    /// Has the worker make a lower call that stays inside until the gate is opened.
+    void StartBlocking(SOCKET s, LPWSAOVERLAPPED overlapped) {
+        DWORD bytes = 0;
+        EXPECT_EQ(
+            WSPIoctl(s, kBlockingCode, nullptr, 0, nullptr, 0, &bytes, overlapped, nullptr, nullptr, &error_),
+            SOCKET_ERROR);
+        EXPECT_EQ(error_, WSA_IO_PENDING);
+        ASSERT_EQ(WaitForSingleObject(Requests->entered, kPatience), WAIT_OBJECT_0);
+    }
+
+    /// Lets the close of a lower socket end the lower calls on it.
+    void CloseOpensTheGate() {
+        Lower().lpWSPCloseSocket = Callback([](SOCKET, LPINT) {
+            SetEvent(Requests->gate);
+            return 0;
+        });
+    }
+
     static bool Accept(SOCKET listener, SOCKET accepting, LPWSAOVERLAPPED overlapped) {
         static char output[64];
         DWORD bytes = 0;
@@ -128,12 +146,7 @@ TEST_F(OverlappedManager, AnAcceptWhoseSocketWasClosedWhileItWaitedIsNotHandedDo
     const SOCKET listener = MakeSocket();
     const SOCKET accepting = MakeSocket();
     WSAOVERLAPPED blocking{};
-    DWORD bytes = 0;
-    EXPECT_EQ(
-        WSPIoctl(busy, kBlockingCode, nullptr, 0, nullptr, 0, &bytes, &blocking, nullptr, nullptr, &error_),
-        SOCKET_ERROR);
-    EXPECT_EQ(error_, WSA_IO_PENDING);
-    ASSERT_EQ(WaitForSingleObject(Requests->entered, kPatience), WAIT_OBJECT_0);
+    StartBlocking(busy, &blocking);
 
     WSAOVERLAPPED overlapped{};
     overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
@@ -147,6 +160,58 @@ TEST_F(OverlappedManager, AnAcceptWhoseSocketWasClosedWhileItWaitedIsNotHandedDo
     CloseHandle(overlapped.hEvent);
     Close(listener);
     Close(busy);
+}
+
+TEST_F(OverlappedManager, ARequestWhoseSocketIsClosedWhileItIsAnalyzedIsNotHandedDown) {
+    StartAlertable();
+    Fake().sent = [](SocketContext* context) { Close(context->LayeredSocket); };
+    Lower().lpWSPSend = Callback([](SOCKET, LPWSABUF, DWORD, LPDWORD, DWORD, LPWSAOVERLAPPED,
+                                    LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) -> int {
+        ADD_FAILURE() << "the lower socket's value may be another one's by now";
+        *error = WSAENOBUFS;
+        return SOCKET_ERROR;
+    });
+    const SOCKET s = MakeSocket();
+    WSAOVERLAPPED overlapped{};
+    overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    DWORD bytes = 0;
+    EXPECT_EQ(WSPSend(s, nullptr, 0, &bytes, 0, &overlapped, nullptr, nullptr, &error_), SOCKET_ERROR);
+    EXPECT_EQ(error_, WSA_IO_PENDING);
+    EXPECT_EQ(WaitForSingleObject(overlapped.hEvent, kPatience), WAIT_OBJECT_0);
+    EXPECT_EQ(overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
+    EXPECT_TRUE(StopOverlappedManager());
+    CloseHandle(overlapped.hEvent);
+}
+
+TEST_F(OverlappedManager, ACloseBelowWaitsForARequestOnItsWayDown) {
+    StartAlertable();
+    CloseOpensTheGate();
+    Lower().lpWSPIoctl = Callback([](SOCKET, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPWSAOVERLAPPED,
+                                     LPWSAOVERLAPPED_COMPLETION_ROUTINE, LPWSATHREADID, LPINT error) {
+        SetEvent(Requests->entered);
+        EXPECT_EQ(WaitForSingleObject(Requests->gate, 100), static_cast<DWORD>(WAIT_TIMEOUT))
+            << "the request would reach whatever socket has the value by then";
+        *error = WSAENOBUFS;
+        return SOCKET_ERROR;
+    });
+    const SOCKET s = MakeSocket();
+    WSAOVERLAPPED overlapped{};
+    StartBlocking(s, &overlapped);
+    Close(s);
+    EXPECT_EQ(WaitForSingleObject(Requests->gate, 0), WAIT_OBJECT_0) << "closed below when the close returns";
+    EXPECT_TRUE(StopOverlappedManager());
+}
+
+TEST_F(OverlappedManager, ARequestStuckOnItsWayDownIsFreedByTheClose) {
+    StartAlertable();
+    CloseOpensTheGate();
+    const SOCKET s = MakeSocket();
+    WSAOVERLAPPED overlapped{};
+    StartBlocking(s, &overlapped);
+    const platform::ScopedClockRate fast(100);
+    Close(s);
+    EXPECT_TRUE(StopOverlappedManager());
+    EXPECT_FALSE(IsOverlappedInProgress(&overlapped));
 }
 
 TEST_F(OverlappedManager, ARequestThatTheLowerProviderHoldsOnToKeepsItsRecord) {
