@@ -17,7 +17,6 @@
 #include "provider/lower_call.h"
 #include "provider/overlapped_execution.h"
 #include "provider/overlapped_records.h"
-#include "provider/way_down.h"
 
 namespace {
 
@@ -333,10 +332,13 @@ bool SkipPacketsOfSuccess(const SocketContext* context) {
 Association AssociateLowerSocket(OverlappedOperation* operation, SocketContext* context) {
     // Read once: without a port the call below would make one that nobody waits for.
     const HANDLE port = Port;
-    const WayDown way(context);
-    if (port == nullptr || !way || !AcquireSocketLock(context)) return Association::kFailed;
+    if (port == nullptr || !AcquireSocketLock(context)) return Association::kFailed;
     Association association = Association::kMade;
-    if (context->CompletionPort == nullptr) {
+    if (context->Closing) {
+        // The value may be another socket's by now. One that is not closing stays open while its lock is
+        // held.
+        association = Association::kFailed;
+    } else if (context->CompletionPort == nullptr) {
         context->CompletionPort = CreateIoCompletionPort(reinterpret_cast<HANDLE>(operation->ProviderSocket),
                                                          port, operation->CallerSocket, 0);
         if (context->CompletionPort == nullptr) {

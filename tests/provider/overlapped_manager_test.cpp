@@ -140,6 +140,21 @@ TEST_F(OverlappedManager, ARecordGivenBackDuringACleanUpIsNotUsedByTheNextStart)
     Close(s);
 }
 
+TEST_F(OverlappedManager, ASocketThatIsBeingClosedIsNotPutOnThePort) {
+    ASSERT_EQ(StartOverlappedManager(), 0);
+    const SOCKET s = MakeSocket();
+    WSAOVERLAPPED overlapped{};
+    OverlappedOperation* const operation = Prepare(s, &overlapped);
+    ASSERT_NE(operation, nullptr);
+    ContextOf(s)->Closing = TRUE;
+    platform::ArmFault({"CreateIoCompletionPort"});
+    EXPECT_EQ(QueueOverlappedOperation(operation, ContextOf(s)), WSAEFAULT);
+    EXPECT_EQ(platform::FaultsStruck(), 0) << "the value may be another socket's by now";
+    platform::DisarmFaults();
+    ContextOf(s)->Closing = FALSE;
+    Close(s);
+}
+
 TEST_F(OverlappedManager, AnAcceptWhoseSocketWasClosedWhileItWaitedIsNotHandedDown) {
     StartAlertable();
     const SOCKET busy = MakeSocket();
