@@ -25,7 +25,7 @@ if(QX_WINDOWS)
     SECURITY_WIN32)
   target_compile_options(qx_flags INTERFACE -Wno-pedantic)
   # What sources shared with the stand-in include of its kernel is different here, so this folder comes first.
-  target_include_directories(qx_flags BEFORE INTERFACE "${CMAKE_SOURCE_DIR}/platform/windows/seam")
+  target_include_directories(qx_flags BEFORE INTERFACE "${CMAKE_SOURCE_DIR}/tests/windows/host/seam")
   file(MAKE_DIRECTORY "${CMAKE_BINARY_DIR}/system-include")
   if(NOT EXISTS "${CMAKE_BINARY_DIR}/system-include/boost")
     file(CREATE_LINK /usr/include/boost "${CMAKE_BINARY_DIR}/system-include/boost" SYMBOLIC)
@@ -62,13 +62,6 @@ endif()
 if(QX_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
-
-# qx_subdirectory(<folder>): add the folder when it has a CMakeLists.txt.
-macro(qx_subdirectory folder)
-  if(EXISTS "${CMAKE_CURRENT_SOURCE_DIR}/${folder}/CMakeLists.txt")
-    add_subdirectory(${folder})
-  endif()
-endmacro()
 
 # qx_object_library(<target> SOURCES ... [LINK ...]): object files with the project's flags.
 function(qx_object_library target)
@@ -139,14 +132,12 @@ endfunction()
 add_custom_target(benchmarks)
 add_custom_target(fuzzers)
 
-# qx_benchmark(<name> SOURCES ... [LINK ...]): built when QX_BENCH is on.
+# qx_benchmark(<name> SOURCES ... [LINK ...]): in builds with QX_BENCH.
 function(qx_benchmark name)
-  if(QX_BENCH)
-    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
-    find_package(benchmark REQUIRED)
-    qx_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK} benchmark::benchmark)
-    add_dependencies(benchmarks ${name})
-  endif()
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  find_package(benchmark REQUIRED)
+  qx_program(${name} SOURCES ${ARG_SOURCES} LINK ${ARG_LINK} benchmark::benchmark)
+  add_dependencies(benchmarks ${name})
 endfunction()
 
 # qx_fuzzer(<name> SOURCES ... [LINK ...]): a libFuzzer program with QX_FUZZ, and in every native build a plain

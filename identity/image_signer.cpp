@@ -12,8 +12,8 @@
 #include <memory>
 #include <string>
 
+#include "base/trace.h"
 #include "identity/process_identity.h"
-#include "messages/trace.h"
 
 namespace {
 

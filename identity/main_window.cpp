@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/trace.h"
 #include "identity/process_identity.h"
-#include "messages/trace.h"
 #include "provider/process_state.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <exception>
 
-#include "messages/locker.h"
-#include "messages/trace.h"
+#include "base/locker.h"
+#include "base/trace.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
 

@@ -8,11 +8,11 @@
 
 #include <cstdint>
 
+#include "base/locker.h"
 #include "identity/process_identity.h"
 #include "messages/analyzer_messages.h"
-#include "messages/locker.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "provider/socket_context.h"
 
 namespace {
 

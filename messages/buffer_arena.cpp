@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "messages/process_object.h"
+#include "base/process_object.h"
 
 namespace {
 

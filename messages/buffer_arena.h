@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "messages/locker.h"
+#include "base/locker.h"
 
 /// One contiguous block. `start` <= `nextFree` <= `limit`; every live start lies in [start, nextFree).
 struct ArenaBlock {

@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <new>
 
+#include "base/trace.h"
 #include "messages/message_limits.h"
-#include "messages/trace.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 
 #include <new>
 
+#include "base/locker.h"
+#include "base/process_object.h"
 #include "messages/buffer_arena.h"
-#include "messages/locker.h"
 #include "messages/message_limits.h"
-#include "messages/process_object.h"
 
 namespace {
 

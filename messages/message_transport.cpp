@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "messages/trace.h"
+#include "base/trace.h"
 
 // The chain's pieces go to Winsock as they are.
 static_assert(sizeof(BufferPiece) == sizeof(WSABUF) &&

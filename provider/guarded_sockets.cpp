@@ -6,8 +6,8 @@
 
 #include <atomic>
 
-#include "messages/locker.h"
-#include "messages/trace.h"
+#include "base/locker.h"
+#include "base/trace.h"
 #include "provider/process_state.h"
 
 namespace {

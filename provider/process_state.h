@@ -21,8 +21,8 @@
 #include <atomic>
 #include <cstddef>
 
-#include "messages/locker.h"
-#include "provider/relaxed.h"
+#include "base/locker.h"
+#include "base/relaxed.h"
 
 namespace qx {
 /// Held for the whole of a start-up and a clean-up, and around every lookup of a context and change of its

@@ -7,7 +7,7 @@
 
 #include "messages/message_pool.h"
 #include "provider/process_state.h"
-#include "provider/startup.h"
+#include "qxlsp/startup.h"
 
 namespace {
 

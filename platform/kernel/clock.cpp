@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -11,8 +11,8 @@
 #include <new>
 
 #include "platform/kernel/critical_section.h"
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/process_exit.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -9,9 +9,9 @@
 #include <new>
 #include <string_view>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/text.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -3,9 +3,9 @@
 
 #include <new>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/wait.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -1,9 +1,9 @@
 // Handles as the Windows API has them.
 #include <windows.h>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/handles.h"
 #include "platform/kernel/last_error.h"
-#include "platform/testing/fault_points.h"
 
 using platform::Fail;
 using platform::PlatformCall;

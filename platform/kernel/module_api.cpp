@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/text.h"
-#include "platform/testing/fault_points.h"
 
 using platform::Fail;
 using platform::PlatformCall;

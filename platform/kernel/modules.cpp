@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/process_exit.h"
 #include "platform/kernel/text.h"
 #include "platform/system/machine.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/thread.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <new>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/guard/signal_stack.h"
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 
 namespace platform {
 

@@ -6,11 +6,11 @@
 #include <memory>
 #include <new>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/process_exit.h"
 #include "platform/kernel/thread.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

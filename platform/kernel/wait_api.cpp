@@ -5,9 +5,9 @@
 #include <array>
 #include <memory>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/wait.h"
-#include "platform/testing/fault_points.h"
 
 using platform::Fail;
 using platform::PlatformCall;

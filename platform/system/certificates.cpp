@@ -12,10 +12,10 @@
 #include <new>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/text.h"
 #include "platform/system/machine.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/text.h"
 #include "platform/system/machine.h"
-#include "platform/testing/fault_points.h"
 
 using platform::Fail;
 using platform::PlatformCall;

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/wait.h"
 #include "platform/system/machine.h"
-#include "platform/testing/fault_points.h"
 
 namespace platform {
 

@@ -9,8 +9,8 @@
 #include <memory>
 #include <new>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/tcpip/socket.h"
-#include "platform/testing/fault_points.h"
 
 namespace tcpip {
 

@@ -7,7 +7,7 @@
 
 #include <windows.h>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 
 #ifdef _WIN32
 

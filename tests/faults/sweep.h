@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 
 struct SweepResult {
     int runs = 0;                       ///< runs in which the fault struck

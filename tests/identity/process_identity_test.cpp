@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "base/locker.h"
 #include "identity/process_identity.h"
-#include "messages/locker.h"
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "platform/testing/debug_output.h"
-#include "platform/testing/fault_points.h"
 #include "platform/testing/machine.h"
 #include "platform/testing/resource_counts.h"
 #include "provider/process_state.h"

@@ -6,8 +6,8 @@
 #include "identity/process_identity.h"
 #include "identity/request_fields.h"
 #include "messages/analyzer_messages.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "provider/socket_context.h"
 #include "tests/support/layer_fixture.h"
 
 namespace {

@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 
+#include "base/trace.h"
 #include "messages/buffer_arena.h"
 #include "messages/message_pool.h"
-#include "messages/trace.h"
 #include "tests/messages/frame_tools.h"
 #include "tests/support/replaced_new.h"
 

@@ -9,9 +9,9 @@
 
 #include "messages/buffer_arena.h"
 #include "messages/message_pool.h"
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "platform/testing/debug_output.h"
-#include "platform/testing/fault_points.h"
 #include "tests/messages/frame_tools.h"
 
 namespace {

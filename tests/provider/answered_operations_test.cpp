@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "platform/testing/clock.h"
-#include "provider/extension_functions.h"
-#include "provider/overlapped_manager.h"
+#include "provider/operations/extension_functions.h"
+#include "provider/overlapped/overlapped_manager.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 

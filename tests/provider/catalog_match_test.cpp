@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "platform/testing/catalog.h"
-#include "provider/catalog.h"
+#include "provider/catalog/catalog.h"
 #include "provider/process_state.h"
 
 namespace {

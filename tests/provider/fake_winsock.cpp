@@ -2,7 +2,6 @@
 
 #include "platform/testing/catalog.h"
 #include "provider/interception.h"
-#include "relay/analyzer_channel.h"
 
 namespace {
 
@@ -209,4 +208,3 @@ void NotifyBind(SocketContext* context, const sockaddr*, int) {
     if (Fake().bound) Fake().bound(context);
 }
 void NotifyClose(SocketContext*) {}
-void ClearPendingResponses() {}

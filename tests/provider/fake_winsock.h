@@ -17,11 +17,11 @@
 #include <vector>
 
 #include "platform/testing/resource_counts.h"
-#include "provider/catalog.h"
+#include "provider/catalog/catalog.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/interception.h"
-#include "provider/operations.h"
+#include "provider/operations/operations.h"
 #include "provider/process_state.h"
-#include "provider/socket_context.h"
 
 /// What the fakes were asked and what they answer. Reset before each test.
 struct FakeState {

@@ -4,8 +4,8 @@
 #include <future>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/debug_output.h"
-#include "platform/testing/fault_points.h"
 #include "platform/testing/resource_counts.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 #include "tests/support/layer_fixture.h"
 #include "tests/support/loopback_stream.h"
 

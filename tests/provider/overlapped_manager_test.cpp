@@ -1,6 +1,6 @@
 // The overlapped manager between fakes: what its records and its alertable worker do when a clean-up, a close
 // or a lower provider that does not let go comes in between.
-#include "provider/overlapped_manager.h"
+#include "provider/overlapped/overlapped_manager.h"
 
 #include <winsock2.h>
 
@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
-#include "provider/extension_functions.h"
+#include "provider/operations/extension_functions.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 

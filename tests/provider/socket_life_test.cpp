@@ -2,8 +2,8 @@
 #include <future>
 #include <thread>
 
-#include "platform/testing/fault_points.h"
-#include "provider/lower_call.h"
+#include "platform/kernel/fault_points.h"
+#include "provider/contexts/lower_call.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 

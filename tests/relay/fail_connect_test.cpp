@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
 #include "tests/support/connect_fixture.h"
 
 namespace {

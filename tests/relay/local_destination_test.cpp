@@ -6,8 +6,8 @@
 #include <random>
 #include <string>
 
-#include "provider/socket_context.h"
-#include "relay/analyzer_channel.h"
+#include "provider/contexts/socket_context.h"
+#include "relay/channel/analyzer_channel.h"
 #include "tests/support/layer_fixture.h"
 
 namespace {

@@ -6,12 +6,12 @@
 #include <thread>
 
 #include "messages/buffer_arena.h"
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
 #include "platform/testing/resource_counts.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "provider/socket_context.h"
-#include "relay/analyzer_channel.h"
+#include "relay/channel/analyzer_channel.h"
 
 namespace {
 

@@ -8,12 +8,12 @@
 #include <thread>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
 #include "platform/testing/resource_counts.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "provider/socket_context.h"
-#include "relay/spy_exchange.h"
+#include "relay/channel/spy_exchange.h"
 
 namespace {
 

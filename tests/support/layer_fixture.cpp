@@ -5,8 +5,8 @@
 #include <fstream>
 #include <memory>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
-#include "platform/testing/fault_points.h"
 #include "platform/testing/machine.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 
 namespace {
 

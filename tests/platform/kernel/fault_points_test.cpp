@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "guarded_call.h"
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 #include "tests/platform/kernel/test_handle.h"
 
 using platform::Fault;

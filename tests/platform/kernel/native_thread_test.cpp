@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/resource_counts.h"
 #include "tests/platform/kernel/test_handle.h"
 

@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 #include "tests/platform/tcpip/base_provider.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/testing/fault_points.h"
+#include "platform/kernel/fault_points.h"
 #include "tests/platform/kernel/environment_variable.h"
 #include "tests/platform/winsock/host_fixture.h"
 

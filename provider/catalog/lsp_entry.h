@@ -1,0 +1,56 @@
+// One layered entry of the Winsock catalog that belongs to this layer, with the lower provider below it and
+// the sockets made through it.
+//
+// Entries are made by the first start-up and given up by the last clean-up; they lie in the private heap and
+// stay valid for every thread that holds a CatalogHold or a reference on a context of theirs, also when a
+// clean-up overtakes it. What is read from the catalog never changes; the lower provider's part is written by
+// InitializeProvider under GlobalLock, before LowerStartupCount leaves 0.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <mswsock.h>
+#include <windows.h>
+
+#include <atomic>
+
+#include "base/locker.h"
+
+struct CatalogLifetime;
+struct SocketContext;
+
+/// Extension functions of a lower provider; each null until first needed. Threads that load the same one at
+/// the same time store the same value.
+struct LowerExtensions {
+    std::atomic<LPFN_ACCEPTEX> AcceptEx;
+    std::atomic<LPFN_TRANSMITFILE> TransmitFile;
+    std::atomic<LPFN_TRANSMITPACKETS> TransmitPackets;
+    std::atomic<LPFN_CONNECTEX> ConnectEx;
+    std::atomic<LPFN_DISCONNECTEX> DisconnectEx;
+    std::atomic<LPFN_WSARECVMSG> WSARecvMsg;
+};
+
+struct LspEntry {
+    WSAPROTOCOL_INFOW NextProvider;   ///< the lower provider's entry, next below in the chain
+    WSAPROTOCOL_INFOW LayerProvider;  ///< this layered entry
+    WSPPROC_TABLE LowerProcedures;    ///< filled by the lower provider's start-up
+    LowerExtensions Extensions;
+    DWORD LayerBaseId;  ///< catalog id of the layer's own base entry
+    WCHAR ProviderPath[MAX_PATH];
+    WCHAR LibraryPath[MAX_PATH];
+    INT ProviderPathLength;
+    LPWSPSTARTUP LowerStartup;
+    WSPDATA LowerData;
+    HMODULE Module;  ///< the lower library; null while not loaded
+    std::atomic<LONG>
+        LowerStartupCount;     ///< lower start-ups without their clean-up; above 0: the table may be used
+    CriticalSection ListLock;  ///< guards the three below; calls out to nothing that takes a lock
+    SocketContext* FirstSocket QX_GUARDED_BY(ListLock);
+    SocketContext* LastSocket QX_GUARDED_BY(ListLock);
+    bool Closed QX_GUARDED_BY(ListLock);  ///< the catalog was freed: no context may join any more
+    CatalogLifetime* Lifetime;            ///< what keeps this entry's memory and its lower library
+
+    /// Whether the lower provider is itself a layer rather than a base provider.
+    bool LowerIsLayered() const { return NextProvider.ProtocolChain.ChainLen != 1; }
+};

@@ -1,0 +1,55 @@
+// Calls into a lower provider. While one runs, the thread slot says which entry is being called (a blocking
+// call is cancelled through it); whatever the lower provider raises becomes a failure with WSAEFAULT, so that
+// the caller's reference and the slot are given back on every path. No lock of the library may be held, save
+// where a declaration says so.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <guarded_call.h>
+#include <windows.h>
+
+#include <utility>
+
+#include "provider/catalog/lsp_entry.h"
+#include "provider/contexts/socket_context.h"
+#include "provider/process_state.h"
+
+/// Scoped holder of the thread slot.
+class LowerCall {
+  public:
+    explicit LowerCall(LspEntry* provider) {
+        if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsSetValue(ThreadSlot, provider);
+    }
+    ~LowerCall() {
+        if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsSetValue(ThreadSlot, nullptr);
+    }
+    LowerCall(const LowerCall&) = delete;
+    LowerCall& operator=(const LowerCall&) = delete;
+};
+
+/// Runs `call()` as a call into the lower provider of `provider` and returns its result; `failure` with
+/// `*error` WSAEFAULT when it raised.
+template <class Call, class Result = decltype(std::declval<Call&>()())>
+Result CallLower(LspEntry* provider, Result failure, LPINT error, Call call) {
+    Result result = failure;
+    const LowerCall slot(provider);
+    if (!GuardedCall([&]() noexcept { result = call(); })) {
+        *error = WSAEFAULT;
+        return failure;
+    }
+    return result;
+}
+
+/// The common shape of a forwarded operation: finds the socket's context and runs
+/// `call(lower procedure table, lower socket)` with a reference held. Returns the lower result unchanged.
+template <class Call>
+int ForwardOperation(SOCKET s, LPINT error, Call call) {
+    const ContextReference context(s, error);
+    if (!context) return SOCKET_ERROR;
+    LspEntry* const provider = context->Provider;
+    const SOCKET lowerSocket = context->ProviderSocket;
+    return CallLower(provider, SOCKET_ERROR, error,
+                     [&]() noexcept { return call(provider->LowerProcedures, lowerSocket); });
+}

@@ -1,0 +1,176 @@
+// The record behind every socket that the layer hands out: which lower socket it stands for, and what the
+// interception knows about it.
+//
+// Winsock itself maps the application's handle to its context. A context is used with a reference held
+// (FindAndRefSocketContext, ContextReference); lookups and reference changes happen under GlobalLock, so the
+// last dereference of a closing context can free it with nobody reaching it meanwhile. Its fields are read
+// and written by application threads without a lock, each access being whole (Relaxed, AddressField); `Lock`
+// guards OutstandingAsync, CompletionPort, SkipsPackets and the change to Closing.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2spi.h>
+
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/locker.h"
+#include "base/relaxed.h"
+#include "provider/contexts/address_field.h"
+#include "provider/process_state.h"
+
+struct LspEntry;
+struct CatalogLifetime;
+
+/// Bits of SocketContext::ProtocolProbed.
+constexpr DWORD kProbedReceived = 1;
+constexpr DWORD kProbedSent = 2;
+constexpr DWORD kProbedBoth = 3;
+
+/// SocketContext::Protocol when classification was given up.
+constexpr DWORD kProtocolGivenUp = 0x80000000;
+
+struct SocketContext {
+    Relaxed<SOCKET> ProviderSocket;  ///< the lower socket; INVALID_SOCKET once closed
+    Relaxed<SOCKET> LayeredSocket;   ///< the application's handle; INVALID_SOCKET once given back
+    DWORD OutstandingAsync = 0;      ///< overlapped operations under way; guarded by Lock
+    Relaxed<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
+    volatile LONG RefCount = 0;      ///< threads using the context; changed under GlobalLock
+    volatile LONG OnTheWayDown = 0;  ///< overlapped requests being handed to the lower provider; see WayDown
+    Relaxed<std::uint64_t> BytesSent;
+    Relaxed<std::uint64_t> BytesRecv;
+    HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock
+    bool SkipsPackets = false;   ///< requests that succeed inside the lower call queue none; guarded by Lock
+    Relaxed<int> LastError;      ///< of the last completed overlapped operation
+    HWND AsyncWindow = nullptr;  ///< as given to WSPAsyncSelect
+    UINT AsyncMessage = 0;
+    Relaxed<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
+    CriticalSection Lock;
+    LspEntry* Provider = nullptr;
+    struct {
+        SocketContext* Next = nullptr;
+        SocketContext* Previous = nullptr;
+    } Link;                           ///< membership in the entry's list; guarded by its ListLock
+    AddressField RelayAddress;        ///< where a split or redirected socket really goes; written by connect
+    AddressField DestinationAddress;  ///< given to connect or sendto, or reported by recvfrom
+    Relaxed<int> DestinationAddressLength;
+    Relaxed<BOOL> Split;  ///< connected elsewhere than the application asked
+    /// This socket's connection to the analyzer, or INVALID_SOCKET. Who exchanges it out closes it.
+    Relaxed<SOCKET> SpySocket;
+    Relaxed<DWORD> Protocol;        ///< id found by classification; 0: not yet; kProtocolGivenUp
+    Relaxed<DWORD> ProtocolProbed;  ///< kProbed... bits
+    AddressField LocalAddress;      ///< the socket's local name once connected
+    Relaxed<BOOL> Blocked;          ///< sends and receives fail with BlockError
+    Relaxed<BOOL> Own;              ///< exempt from interception
+    Relaxed<BOOL> ReportTraffic;
+    Relaxed<BOOL> InspectData;
+    Relaxed<BOOL> CountTraffic;
+    Relaxed<BOOL> RelayWanted;  ///< the connection is to be split
+    Relaxed<DWORD> RelayIndex;  ///< of the relay connection; 0: none
+    Relaxed<BOOL> AnalyzerServes;
+    int AddressFamily = 0;  ///< this and the next four: as the application made the socket
+    int SocketType = 0;     ///< 6 stands for any type from 6 on
+    int SocketProtocol = 0;
+    GROUP SocketGroup = 0;
+    DWORD SocketFlags = 0;
+    Relaxed<int> BlockError;  ///< while Blocked; 0 means WSAECONNABORTED
+
+    /// Set when a clean-up overtook threads that use the context: what the last of them then releases.
+    /// Guarded by GlobalLock.
+    CatalogLifetime* Abandoned = nullptr;
+};
+
+/// Makes a context for a lower socket of `provider`, in the heap that holds the entry. With `inheritFrom` the
+/// new socket gets its window and message. With `insert` it joins the provider's list at once. Null with
+/// `*error` WSAENOBUFS when there is no memory (or the lock can't be made), WSANOTINITIALISED when the
+/// catalog is gone.
+SocketContext* CreateSocketContext(LspEntry* provider, SOCKET providerSocket,
+                                   const SocketContext* inheritFrom, bool insert, LPINT error);
+
+/// Marks the context dead and gives its memory back. Not in any list; null is ignored.
+void FreeSocketContext(SocketContext* context);
+
+/// Appends the context to its provider's list and signals ContextAddedEvent. False when the catalog was
+/// freed.
+bool InsertSocketContext(LspEntry* provider, SocketContext* context);
+
+/// Takes the context off its provider's list.
+void RemoveSocketContext(LspEntry* provider, SocketContext* context);
+
+/// The context of an application's handle with one more reference, or null with `*error` WSAENOTSOCK. Takes
+/// GlobalLock.
+SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error);
+
+/// Drops a reference. The last one of a closing context without outstanding operations gives the
+/// application's handle back and frees the context; a spy socket that it still has and that no relay uses is
+/// closed. Takes GlobalLock and must be called without any lock to the right of it. `*error` is written only
+/// by a failing upcall; the thread's last error is kept. True when the handle was given back successfully or
+/// is still in use.
+bool DerefSocketContext(SocketContext* context, LPINT error);
+
+/// Takes the spy socket away from a context that ends: the socket for the caller to close with
+/// SafeCloseSocket after leaving every lock, or INVALID_SOCKET when there is none or a relay uses it.
+SOCKET DetachSpySocket(SocketContext* context);
+
+/// Enters the context's lock. False, without waiting, when there is no context or it is dead.
+bool AcquireSocketLock(SocketContext* context) QX_NO_THREAD_SAFETY_ANALYSIS;
+void ReleaseSocketLock(SocketContext* context) QX_NO_THREAD_SAFETY_ANALYSIS;
+
+/// The context whose lower socket this is, or null; with null for `provider` all entries are searched. Takes
+/// GlobalLock (and CatalogLock); no reference is taken.
+SocketContext* FindSocketContextByProviderSocket(LspEntry* provider, SOCKET providerSocket);
+
+/// Ends every context of an entry for good: unlinks it, closes its lower socket hard, gives its handle back
+/// and frees it. A context that a thread still uses is left to that thread's last dereference. While
+/// detaching nothing is called below a layered lower provider. No context can join the entry afterwards. Call
+/// with GlobalLock held.
+void CloseProviderSockets(LspEntry* provider, bool detaching);
+
+/// Marks a socket that the layer made for itself; with a relay index other than 0 also stores it. Takes
+/// GlobalLock.
+void MarkSocketAsOwn(SOCKET s, DWORD relayIndex);
+
+/// Whether nothing of this socket (or of this process) is to be intercepted. True without a context.
+bool IsSocketExempt(const SocketContext* context);
+
+/// A text of its own that needs no memory from anywhere.
+class ContextText {
+  public:
+    static constexpr std::size_t kSize = 320;
+
+    const char* c_str() const { return text_; }
+
+  private:
+    friend ContextText DescribeContext(const SocketContext* context);
+    char text_[kSize];
+};
+
+/// The text of the "#Details" part of messages; "Context is empty" without a context. Keeps the last error,
+/// which is often an argument of the same message. Winsock writes the address, through the layer: GlobalLock
+/// may be taken, so no lock that comes after it may be held.
+ContextText DescribeContext(const SocketContext* context);
+
+/// A referenced context for a scope; converts to false when the handle has none.
+class ContextReference {
+  public:
+    ContextReference(SOCKET s, LPINT error) : context_(FindAndRefSocketContext(s, error)) {}
+    ~ContextReference() { Release(); }
+    ContextReference(const ContextReference&) = delete;
+    ContextReference& operator=(const ContextReference&) = delete;
+
+    explicit operator bool() const { return context_ != nullptr; }
+    SocketContext* operator->() const { return context_; }
+    SocketContext* Get() const { return context_; }
+
+    /// Drops the reference before the scope ends.
+    void Release() {
+        INT ignored = 0;
+        if (context_ != nullptr) DerefSocketContext(context_, &ignored);
+        context_ = nullptr;
+    }
+
+  private:
+    SocketContext* context_;
+};

@@ -1,0 +1,203 @@
+// Sends and receives. Overlapped ones go to the overlapped manager; the others are carried out here, counted,
+// and shown to the analysis: a send before it leaves, a receive after it came.
+//
+// A verdict's block ends with the next receive, which may be answered differently. A block that carries an
+// error of its own (the server could not be reached) stays: nothing will change it.
+#include "base/caller_memory.h"
+#include "base/trace.h"
+#include "provider/contexts/lower_call.h"
+#include "provider/interception.h"
+#include "provider/operation_failure.h"
+#include "provider/operations/operations.h"
+#include "provider/overlapped/overlapped_manager.h"
+
+namespace {
+
+int FailBlocked(const SocketContext* context, LPINT error) {
+    const int blockError = context->BlockError;
+    return FailWithLastError(blockError != 0 ? blockError : WSAECONNABORTED, error);
+}
+
+/// A receive may be tried again after a verdict's block. False when the socket stays blocked.
+bool ClearVerdictBlock(SocketContext* context) {
+    if (context->Blocked && context->BlockError != 0) return false;
+    context->Blocked = FALSE;
+    return true;
+}
+
+/// The value behind an optional pointer of the application; 0 without one.
+DWORD ReadOptional(const DWORD* value) {
+    return value != nullptr ? *value : 0;
+}
+
+/// What the manager made of a request, as the operation's result.
+int QueueTransfer(OverlappedOperation* operation, SocketContext* context, LPINT error) {
+    const int result = QueueOverlappedOperation(operation, context);
+    return result == 0 ? 0 : Fail(result, error);
+}
+
+int QueueReceive(SOCKET s, SocketContext* context, OverlappedType type, LPWSABUF buffers, DWORD count,
+                 LPDWORD bytesReceived, LPDWORD flags, sockaddr* from, LPINT fromLength,
+                 LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine,
+                 LPWSATHREADID threadId, LPINT error) {
+    DWORD givenBytes = 0;
+    DWORD givenFlags = 0;
+    if (!GuardedCall([&]() noexcept {
+            givenBytes = ReadOptional(bytesReceived);
+            givenFlags = ReadOptional(flags);
+        })) {
+        Trace("ERROR:WSPRecv: Overlapped exception! %d, ovl:%d..", static_cast<int>(s),
+              static_cast<int>(reinterpret_cast<ULONG_PTR>(overlapped)));
+        return Fail(WSAEFAULT, error);
+    }
+    OverlappedOperation* const operation = PrepareOverlappedOperation(
+        context, type, buffers, count, overlapped, completionRoutine, threadId, error);
+    if (operation == nullptr) {
+        Trace("ERROR:WSPRecv: Overlapped is null! %d, ovl:%d. error = %d.", static_cast<int>(s),
+              static_cast<int>(reinterpret_cast<ULONG_PTR>(overlapped)), *error);
+        return SOCKET_ERROR;
+    }
+    operation->Transfer.Bytes = givenBytes;
+    operation->Transfer.Flags = givenFlags;
+    operation->Transfer.From = from;
+    operation->Transfer.FromLength = fromLength;
+    return QueueTransfer(operation, context, error);
+}
+
+/// The bytes of a receive: what came, and nothing when it failed, whatever the application's variable holds.
+DWORD CountReceived(SocketContext* context, int result, const DWORD* bytesReceived) {
+    const DWORD bytes = result != SOCKET_ERROR ? ReadOptional(bytesReceived) : 0;
+    if (bytes != 0) context->BytesRecv.FetchAdd(bytes);
+    return bytes;
+}
+
+/// The peer that a datagram came from becomes the socket's destination. `*source` is a copy of its address;
+/// false when there is none.
+bool StoreSource(SocketContext* context, const sockaddr* from, const INT* fromLength,
+                 SOCKADDR_STORAGE* source) {
+    if (from == nullptr || fromLength == nullptr) return false;
+    INT length = 0;
+    if (!GuardedCall([&]() noexcept { length = *fromLength; })) return false;
+    length = length < 0 ? 0 : length < kLongestName ? length : kLongestName;
+    if (!CopyCallerName(from, length, source)) return false;
+    context->DestinationAddressLength = length;
+    context->DestinationAddress.Store(source, length);
+    return true;
+}
+
+}  // namespace
+
+int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
+                   LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine,
+                   LPWSATHREADID threadId, LPINT error) {
+    *error = 0;
+    const ContextReference context(s, error);
+    if (!context) return SOCKET_ERROR;
+    const bool mayReceive = ClearVerdictBlock(context.Get());
+    if (overlapped != nullptr) {
+        return QueueReceive(s, context.Get(), OverlappedType::kRecv, buffers, count, bytesReceived, flags,
+                            nullptr, nullptr, overlapped, completionRoutine, threadId, error);
+    }
+    if (!mayReceive) return FailBlocked(context.Get(), error);
+
+    LspEntry* const provider = context->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPRecv(context->ProviderSocket, buffers, count, bytesReceived,
+                                                   flags, nullptr, nullptr, threadId, error);
+    });
+    const DWORD received = CountReceived(context.Get(), result, bytesReceived);
+    AnalyzeReceived(context.Get(), buffers, count, &received);
+    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+}
+
+int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
+                       sockaddr* from, LPINT fromLength, LPWSAOVERLAPPED overlapped,
+                       LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine, LPWSATHREADID threadId,
+                       LPINT error) {
+    *error = 0;
+    const ContextReference context(s, error);
+    if (!context) return SOCKET_ERROR;
+    const bool mayReceive = ClearVerdictBlock(context.Get());
+    if (overlapped != nullptr) {
+        return QueueReceive(s, context.Get(), OverlappedType::kRecvFrom, buffers, count, bytesReceived, flags,
+                            from, fromLength, overlapped, completionRoutine, threadId, error);
+    }
+    if (!mayReceive) return FailBlocked(context.Get(), error);
+
+    LspEntry* const provider = context->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPRecvFrom(context->ProviderSocket, buffers, count, bytesReceived,
+                                                       flags, from, fromLength, nullptr, nullptr, threadId,
+                                                       error);
+    });
+    const DWORD received = CountReceived(context.Get(), result, bytesReceived);
+    SOCKADDR_STORAGE source;
+    const bool hasSource = result != SOCKET_ERROR && StoreSource(context.Get(), from, fromLength, &source);
+    AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
+                        hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
+    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+}
+
+int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
+                   LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine,
+                   LPWSATHREADID threadId, LPINT error) {
+    *error = 0;
+    const ContextReference context(s, error);
+    if (!context) return SOCKET_ERROR;
+    if (overlapped != nullptr) {
+        OverlappedOperation* const operation =
+            PrepareOverlappedOperation(context.Get(), OverlappedType::kSend, buffers, count, overlapped,
+                                       completionRoutine, threadId, error);
+        if (operation == nullptr) return SOCKET_ERROR;
+        operation->Transfer.Flags = flags;
+        return QueueTransfer(operation, context.Get(), error);
+    }
+    AnalyzeSent(context.Get(), buffers, count);
+    if (context->Blocked) return FailBlocked(context.Get(), error);
+
+    LspEntry* const provider = context->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPSend(context->ProviderSocket, buffers, count, bytesSent, flags,
+                                                   nullptr, nullptr, threadId, error);
+    });
+    if (result != SOCKET_ERROR) context->BytesSent.FetchAdd(ReadOptional(bytesSent));
+    return result;
+}
+
+int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
+                     const sockaddr* to, int toLength, LPWSAOVERLAPPED overlapped,
+                     LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine, LPWSATHREADID threadId,
+                     LPINT error) {
+    *error = 0;
+    const ContextReference context(s, error);
+    if (!context) return SOCKET_ERROR;
+    // What is reported is what is sent: both use this copy.
+    SOCKADDR_STORAGE destination;
+    if (to != nullptr && !CopyCallerName(to, toLength, &destination)) return Fail(WSAEFAULT, error);
+    const auto* const target = to != nullptr ? reinterpret_cast<const sockaddr*>(&destination) : nullptr;
+    if (overlapped != nullptr) {
+        OverlappedOperation* const operation =
+            PrepareOverlappedOperation(context.Get(), OverlappedType::kSendTo, buffers, count, overlapped,
+                                       completionRoutine, threadId, error);
+        if (operation == nullptr) return SOCKET_ERROR;
+        operation->Transfer.Flags = flags;
+        operation->Transfer.ToLength = target != nullptr ? toLength : 0;
+        if (target != nullptr) operation->Transfer.To = destination;
+        return QueueTransfer(operation, context.Get(), error);
+    }
+    if (target != nullptr) {
+        context->DestinationAddressLength = toLength;
+        context->DestinationAddress.Store(&destination, toLength);
+    }
+    AnalyzeSentTo(context.Get(), buffers, count, target);
+    if (context->Blocked) return FailBlocked(context.Get(), error);
+
+    LspEntry* const provider = context->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPSendTo(context->ProviderSocket, buffers, count, bytesSent,
+                                                     flags, target, toLength, nullptr, nullptr, threadId,
+                                                     error);
+    });
+    if (result != SOCKET_ERROR) context->BytesSent.FetchAdd(ReadOptional(bytesSent));
+    return result;
+}

@@ -1,0 +1,227 @@
+// What happens when an overlapped request has ended: the result is fetched, counted and written into the
+// application's record, the application is told in the way it asked for, and the context is let go.
+//
+// A request is reported once: either here, or by FailOverlappedOperation when nothing of it reached the lower
+// provider. After the application has been told, its record is its own again and is not touched any more.
+#include <winsock2.h>
+
+#include <guarded_call.h>
+
+#include "provider/catalog/catalog.h"
+#include "provider/contexts/lower_call.h"
+#include "provider/overlapped/overlapped_manager.h"
+#include "provider/overlapped/overlapped_records.h"
+
+namespace {
+
+struct Outcome {
+    DWORD Bytes;
+    DWORD Flags;
+    INT Error;
+};
+
+/// The context that the record counts in, found without its handle. Null once the catalog that it belonged to
+/// was given up.
+SocketContext* ReferenceListedContext(const OverlappedOperation* operation) {
+    const Locker global(qx::GlobalLock);
+    if (operation->Lifetime->Heap != PrivateHeap) return nullptr;
+    LspEntry* const provider = operation->Provider;
+    const Locker list(provider->ListLock);
+    SocketContext* context = provider->FirstSocket;
+    while (context != nullptr && context != operation->SocketContext)
+        context = context->Link.Next;
+    if (context != nullptr) InterlockedIncrement(&context->RefCount);
+    return context;
+}
+
+/// The context that the record counts in, referenced; null when it was given up (its handle may be somebody
+/// else's). A request must end even when Winsock fails to tell whose its handle is.
+SocketContext* ReferenceContext(const OverlappedOperation* operation) {
+    INT ignored = 0;
+    SocketContext* const context = FindAndRefSocketContext(operation->CallerSocket, &ignored);
+    if (context == nullptr) return ReferenceListedContext(operation);
+    if (context == operation->SocketContext) return context;
+    DerefSocketContext(context, &ignored);
+    return nullptr;
+}
+
+/// The result of a request whose socket was closed below: the lower provider no longer knows the socket, but
+/// it ended the request with the status in its record.
+Outcome OutcomeAfterClose(const OverlappedOperation* operation) {
+    const WSAOVERLAPPED& overlapped = operation->ProviderOverlapped;
+    if (__atomic_load_n(&overlapped.Internal, __ATOMIC_ACQUIRE) == 0) {
+        return {static_cast<DWORD>(overlapped.InternalHigh), 0, 0};
+    }
+    return {0, 0, WSA_OPERATION_ABORTED};
+}
+
+Outcome FetchOutcome(OverlappedOperation* operation, SocketContext* context) {
+    if (context->ProviderSocket == INVALID_SOCKET) return OutcomeAfterClose(operation);
+    Outcome outcome = {};
+    LspEntry* const provider = operation->Provider;
+    const BOOL succeeded = CallLower(provider, BOOL{FALSE}, &outcome.Error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPGetOverlappedResult(
+            operation->ProviderSocket, &operation->ProviderOverlapped, &outcome.Bytes, FALSE, &outcome.Flags,
+            &outcome.Error);
+    });
+    if (succeeded) outcome.Error = 0;
+    // The socket may have been closed between the two.
+    const bool closed =
+        !succeeded && (outcome.Error == WSAENOTSOCK || context->ProviderSocket == INVALID_SOCKET);
+    return closed ? OutcomeAfterClose(operation) : outcome;
+}
+
+/// Ends what an AcceptEx holds of its accepting socket. False when the socket is gone.
+bool ReleaseAcceptingSocket(const OverlappedOperation* operation, const Outcome& outcome) {
+    INT ignored = 0;
+    const ContextReference accepting(operation->AcceptEx.AcceptingSocket, &ignored);
+    if (!accepting || !AcquireSocketLock(accepting.Get())) return false;
+    if (accepting->OutstandingAsync > 0) --accepting->OutstandingAsync;
+    if (outcome.Error == 0) accepting->BytesRecv.FetchAdd(outcome.Bytes);
+    ReleaseSocketLock(accepting.Get());
+    return true;
+}
+
+void Count(const OverlappedOperation* operation, SocketContext* context, Outcome* outcome) {
+    switch (operation->Operation) {
+        case OverlappedType::kAcceptEx:
+            if (!ReleaseAcceptingSocket(operation, *outcome) && outcome->Error == 0)
+                outcome->Error = WSAENOTSOCK;
+            return;
+        case OverlappedType::kRecv:
+        case OverlappedType::kRecvFrom:
+        case OverlappedType::kWsaRecvMsg:
+            if (outcome->Error == 0) context->BytesRecv.FetchAdd(outcome->Bytes);
+            return;
+        case OverlappedType::kSend:
+        case OverlappedType::kSendTo:
+        case OverlappedType::kTransmitFile:
+        case OverlappedType::kTransmitPackets:
+        case OverlappedType::kConnectEx:
+            if (outcome->Error == 0) context->BytesSent.FetchAdd(outcome->Bytes);
+            return;
+        case OverlappedType::kIoctl:
+        case OverlappedType::kDisconnectEx:
+            return;
+    }
+}
+
+/// The state that the application reads; `internal` last, since it ends the request for whoever polls.
+bool WriteState(LPWSAOVERLAPPED overlapped, const Outcome& outcome, ULONG_PTR internal) {
+    return GuardedCall([&]() noexcept {
+        overlapped->Offset = outcome.Flags;
+        overlapped->OffsetHigh = static_cast<DWORD>(outcome.Error);
+        overlapped->InternalHigh = outcome.Bytes;
+        __atomic_store_n(&overlapped->Internal, internal, __ATOMIC_RELEASE);
+    });
+}
+
+/// Uncounts the request; the last one of a closing socket ends its context. `reference` is dropped.
+void LetGo(OverlappedOperation* operation, SocketContext* reference) {
+    if (AcquireSocketLock(reference)) {
+        if (reference->OutstandingAsync > 0) --reference->OutstandingAsync;
+        ReleaseSocketLock(reference);
+    }
+    DerefSocketContext(reference, &operation->CleanupError);
+    ReleaseOverlappedRecord(operation);
+}
+
+/// Runs on the application's thread. The record, and with it the context, lasts until the routine has
+/// returned.
+void CALLBACK RunCompletionRoutine(DWORD_PTR record) {
+    auto* const operation = reinterpret_cast<OverlappedOperation*>(record);
+    const LPWSAOVERLAPPED overlapped = operation->CallerOverlapped;
+    const auto routine = reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(overlapped->Internal);
+    __atomic_store_n(&overlapped->Internal, ULONG_PTR{0}, __ATOMIC_RELEASE);
+    routine(overlapped->OffsetHigh, static_cast<DWORD>(overlapped->InternalHigh), overlapped,
+            overlapped->Offset);
+    SocketContext* const context = ReferenceContext(operation);
+    if (context != nullptr) {
+        LetGo(operation, context);
+    } else {
+        ReleaseOverlappedRecord(operation);
+    }
+}
+
+/// Queues the application's routine to its thread. False when that can't be done: the thread has ended.
+bool QueueCompletionRoutine(OverlappedOperation* operation, const Outcome& outcome) {
+    const auto routine = reinterpret_cast<ULONG_PTR>(operation->CallerCompletionRoutine);
+    if (!WriteState(operation->CallerOverlapped, outcome, routine)) return false;
+    INT ignored = 0;
+    return UpcallTable.lpWPUQueueApc(&operation->CallerThreadId, RunCompletionRoutine,
+                                     reinterpret_cast<DWORD_PTR>(operation), &ignored) != SOCKET_ERROR;
+}
+
+void NotifyApplication(const OverlappedOperation* operation, const Outcome& outcome) {
+    const LPWSAOVERLAPPED overlapped = operation->CallerOverlapped;
+    HANDLE event = nullptr;
+    if (!GuardedCall([&]() noexcept {
+            overlapped->Offset = outcome.Flags;
+            overlapped->OffsetHigh = static_cast<DWORD>(outcome.Error);
+            overlapped->InternalHigh = outcome.Bytes;
+            event = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1});
+        })) {
+        return;
+    }
+    INT ignored = 0;
+    if (WPUCompleteOverlappedRequest(operation->CallerSocket, overlapped, static_cast<DWORD>(outcome.Error),
+                                     outcome.Bytes, &ignored) != SOCKET_ERROR) {
+        return;
+    }
+    // Winsock has not told it: whoever polls or waits for the event must not wait for ever.
+    if (WriteState(overlapped, outcome, 0) && event != nullptr) SetEvent(event);
+}
+
+void CloseThreadId(WSATHREADID* thread) {
+    INT ignored = 0;
+    UpcallTable.lpWPUCloseThread(thread, &ignored);
+}
+
+}  // namespace
+
+void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags) {
+    if (overlapped == nullptr) return;
+    OverlappedOperation* const operation = OperationOf(overlapped);
+    SocketContext* const context = ReferenceContext(operation);
+    if (context == nullptr) {
+        ReleaseOverlappedRecord(operation);
+        return;
+    }
+    Outcome outcome = {bytes, flags, static_cast<INT>(error)};
+    if (error == WSA_IO_PENDING) outcome = FetchOutcome(operation, context);
+    // A lower provider that no longer knows the socket speaks of one that the application has closed: the
+    // request ends like any other that the close has cut short.
+    if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
+    const INT refusedWith = InterlockedCompareExchange(&operation->RefusedWith, 0, 0);
+    if (refusedWith != 0) outcome = {0, 0, refusedWith};
+    Count(operation, context, &outcome);
+    context->LastError = outcome.Error;
+
+    if (operation->CallerCompletionRoutine == nullptr) {
+        NotifyApplication(operation, outcome);
+        LetGo(operation, context);
+        return;
+    }
+    // Once the routine is queued, the record may be gone before the queueing call has returned.
+    const bool closeThread = operation->CloseThread != FALSE;
+    WSATHREADID thread = operation->CallerThreadId;
+    if (QueueCompletionRoutine(operation, outcome)) {
+        INT ignored = 0;
+        DerefSocketContext(context, &ignored);
+    } else {
+        LetGo(operation, context);
+    }
+    if (closeThread) CloseThreadId(&thread);
+}
+
+void FailOverlappedOperation(OverlappedOperation* operation, SocketContext* context, INT error) {
+    const Outcome outcome = {0, 0, error};
+    WriteState(operation->CallerOverlapped, outcome, 0);
+    if (operation->Operation == OverlappedType::kAcceptEx) ReleaseAcceptingSocket(operation, outcome);
+    if (operation->CloseThread) CloseThreadId(&operation->CallerThreadId);
+    if (AcquireSocketLock(context)) {
+        if (context->OutstandingAsync > 0) --context->OutstandingAsync;
+        ReleaseSocketLock(context);
+    }
+    ReleaseOverlappedRecord(operation);
+}

@@ -1,0 +1,265 @@
+// A lower call that receives may have been made when a block is found: the request is then cancelled below,
+// and ends with the block's error when the lower provider has let go of the application's buffers.
+#include "provider/overlapped/overlapped_execution.h"
+
+#include <cstring>
+
+#include "provider/contexts/lower_call.h"
+#include "provider/contexts/lower_socket_use.h"
+#include "provider/interception.h"
+#include "provider/operations/extension_functions.h"
+#include "provider/overlapped/overlapped_records.h"
+
+namespace {
+
+int BlockErrorOf(const SocketContext* context) {
+    const int blockError = context->BlockError;
+    return blockError != 0 ? blockError : WSAECONNABORTED;
+}
+
+/// 0 for success, else the error of a call in the style of the provider interface.
+int ResultOf(int result, INT error) {
+    return result != SOCKET_ERROR ? 0 : error;
+}
+
+/// Runs `call(lower procedures, &error)`.
+template <class Call>
+int CallProcedure(OverlappedOperation* operation, Call call) {
+    const WayDown way(operation->SocketContext);
+    if (!way) return WSAENOTSOCK;
+    INT error = 0;
+    LspEntry* const provider = operation->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, &error,
+                                 [&]() noexcept { return call(provider->LowerProcedures, &error); });
+    return ResultOf(result, error);
+}
+
+/// Runs `call(lower extension functions)`, which tells success.
+template <class Call>
+int CallExtension(OverlappedOperation* operation, Call call) {
+    const WayDown way(operation->SocketContext);
+    if (!way) return WSAENOTSOCK;
+    INT error = 0;
+    LspEntry* const provider = operation->Provider;
+    const int result = CallLower(provider, SOCKET_ERROR, &error, [&]() noexcept {
+        if (call(provider->Extensions)) return 0;
+        error = WSAGetLastError();
+        return SOCKET_ERROR;
+    });
+    return ResultOf(result, error);
+}
+
+/// A receive that the analysis blocked after the lower call had been made. Its completion reports the block's
+/// error; that one under way is cancelled only makes this soon.
+int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, int lowerResult) {
+    const int blockError = BlockErrorOf(context);
+    if (lowerResult != 0 && lowerResult != WSA_IO_PENDING) return blockError;
+    InterlockedExchange(&operation->RefusedWith, blockError);
+    if (lowerResult == WSA_IO_PENDING) {
+        CancelIoEx(reinterpret_cast<HANDLE>(operation->ProviderSocket), &operation->ProviderOverlapped);
+    }
+    return lowerResult;
+}
+
+int Receive(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+    if (context->Blocked) return BlockErrorOf(context);
+    const RecordHold hold(operation);
+    TransferArguments& transfer = operation->Transfer;
+    const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+        return lower.lpWSPRecv(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
+                               &transfer.Bytes, &transfer.Flags, &operation->ProviderOverlapped,
+                               notice.Routine, notice.Thread, error);
+    });
+    AnalyzeReceived(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes);
+    return context->Blocked ? RefuseReceive(operation, context, result) : result;
+}
+
+/// The sender's address, when it is there already.
+bool StoreSource(const TransferArguments& transfer, SocketContext* context, SOCKADDR_STORAGE* source) {
+    if (transfer.From == nullptr || transfer.FromLength == nullptr) return false;
+    INT length = 0;
+    if (!GuardedCall([&]() noexcept {
+            length = *transfer.FromLength < 0 ? 0 : *transfer.FromLength;
+            if (length > static_cast<INT>(sizeof(*source))) length = sizeof(*source);
+            std::memset(source, 0, sizeof(*source));
+            std::memcpy(source, transfer.From, static_cast<std::size_t>(length));
+        })) {
+        return false;
+    }
+    context->DestinationAddress.Store(source, length);
+    context->DestinationAddressLength = length;
+    return true;
+}
+
+int ReceiveFrom(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+    if (context->Blocked) return BlockErrorOf(context);
+    const RecordHold hold(operation);
+    TransferArguments& transfer = operation->Transfer;
+    const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+        return lower.lpWSPRecvFrom(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
+                                   &transfer.Bytes, &transfer.Flags, transfer.From, transfer.FromLength,
+                                   &operation->ProviderOverlapped, notice.Routine, notice.Thread, error);
+    });
+    // While the request is under way the application's address buffer holds nothing yet.
+    SOCKADDR_STORAGE source;
+    const bool hasSource = result == 0 && StoreSource(transfer, context, &source);
+    AnalyzeReceivedFrom(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes,
+                        hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
+    return context->Blocked ? RefuseReceive(operation, context, result) : result;
+}
+
+int Send(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+    TransferArguments& transfer = operation->Transfer;
+    AnalyzeSent(context, transfer.Buffers, transfer.BufferCount);
+    if (context->Blocked) return BlockErrorOf(context);
+    return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+        return lower.lpWSPSend(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
+                               &transfer.Bytes, transfer.Flags, &operation->ProviderOverlapped,
+                               notice.Routine, notice.Thread, error);
+    });
+}
+
+int SendTo(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+    TransferArguments& transfer = operation->Transfer;
+    const auto* const to = transfer.ToLength > 0 ? reinterpret_cast<const sockaddr*>(&transfer.To) : nullptr;
+    if (to != nullptr) {
+        context->DestinationAddress.Store(&transfer.To, transfer.ToLength);
+        context->DestinationAddressLength = transfer.ToLength;
+    }
+    AnalyzeSentTo(context, transfer.Buffers, transfer.BufferCount, to);
+    if (context->Blocked) return WSAECONNREFUSED;
+    return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+        return lower.lpWSPSendTo(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
+                                 &transfer.Bytes, transfer.Flags, to, transfer.ToLength,
+                                 &operation->ProviderOverlapped, notice.Routine, notice.Thread, error);
+    });
+}
+
+int Ioctl(OverlappedOperation* operation, const CompletionNotice& notice) {
+    IoctlArguments& ioctl = operation->Ioctl;
+    return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+        return lower.lpWSPIoctl(operation->ProviderSocket, ioctl.Code, ioctl.Input, ioctl.InputLength,
+                                ioctl.Output, ioctl.OutputLength, &ioctl.BytesReturned,
+                                &operation->ProviderOverlapped, notice.Routine, notice.Thread, error);
+    });
+}
+
+int Connect(OverlappedOperation* operation, SocketContext* context) {
+    ConnectExArguments& connect = operation->ConnectEx;
+    const SOCKADDR_STORAGE destination = connect.Name;
+    const auto* const name = reinterpret_cast<const sockaddr*>(&destination);
+    context->DestinationAddressLength = connect.NameLength;
+    context->DestinationAddress.Store(&connect.Name, connect.NameLength);
+    ConnectTarget target;
+    target.name = destination;
+    int targetLength = connect.NameLength;
+    AskConnectVerdict(context, name, connect.NameLength, &target, &targetLength);
+    if (target.way == ConnectTarget::Way::kRefused) return WSAECONNREFUSED;
+    if (target.way == ConnectTarget::Way::kThroughRelay &&
+        !SplitConnection(operation->CallerSocket, context, name, connect.NameLength, &target,
+                         &targetLength)) {
+        return WSAECONNREFUSED;
+    }
+    connect.Name = target.name;
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.ConnectEx.load()(operation->ProviderSocket,
+                                      reinterpret_cast<const sockaddr*>(&connect.Name), connect.NameLength,
+                                      connect.SendBuffer, connect.SendLength, &connect.BytesSent,
+                                      &operation->ProviderOverlapped) != FALSE;
+    });
+}
+
+int Accept(OverlappedOperation* operation) {
+    AcceptExArguments& accept = operation->AcceptEx;
+    // May have been closed while the request waited for a worker.
+    INT error = 0;
+    const ContextReference accepting(accept.AcceptingSocket, &error);
+    if (!accepting) return WSAENOTSOCK;
+    const WayDown way(accepting.Get());
+    if (!way) return WSAENOTSOCK;
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.AcceptEx.load()(operation->ProviderSocket, accept.AcceptingProviderSocket, accept.Output,
+                                     accept.ReceiveLength, accept.LocalAddressLength,
+                                     accept.RemoteAddressLength, &accept.BytesReceived,
+                                     &operation->ProviderOverlapped) != FALSE;
+    });
+}
+
+int TransmitFileBelow(OverlappedOperation* operation) {
+    const TransmitFileArguments& file = operation->TransmitFile;
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.TransmitFile.load()(operation->ProviderSocket, file.File, file.BytesToWrite,
+                                         file.BytesPerSend, &operation->ProviderOverlapped, file.Buffers,
+                                         file.Flags) != FALSE;
+    });
+}
+
+int Disconnect(OverlappedOperation* operation) {
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.DisconnectEx.load()(operation->ProviderSocket, &operation->ProviderOverlapped,
+                                         operation->DisconnectEx.Flags,
+                                         operation->DisconnectEx.Reserved) != FALSE;
+    });
+}
+
+int TransmitPacketsBelow(OverlappedOperation* operation) {
+    const TransmitPacketsArguments& packets = operation->TransmitPackets;
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.TransmitPackets.load()(operation->ProviderSocket, packets.Packets, packets.ElementCount,
+                                            packets.SendSize, &operation->ProviderOverlapped,
+                                            packets.Flags) != FALSE;
+    });
+}
+
+int ReceiveMessageBelow(OverlappedOperation* operation, const CompletionNotice& notice) {
+    WsaRecvMsgArguments& receive = operation->WSARecvMsg;
+    return CallExtension(operation, [&](const LowerExtensions& lower) {
+        return lower.WSARecvMsg.load()(operation->ProviderSocket, receive.Message, &receive.BytesReceived,
+                                       &operation->ProviderOverlapped, notice.Routine) == 0;
+    });
+}
+
+}  // namespace
+
+int CallLowerOverlapped(OverlappedOperation* operation, SocketContext* context,
+                        const CompletionNotice& notice) {
+    switch (operation->Operation) {
+        case OverlappedType::kIoctl:
+            return Ioctl(operation, notice);
+        case OverlappedType::kRecv:
+            return Receive(operation, context, notice);
+        case OverlappedType::kRecvFrom:
+            return ReceiveFrom(operation, context, notice);
+        case OverlappedType::kSend:
+            return Send(operation, context, notice);
+        case OverlappedType::kSendTo:
+            return SendTo(operation, context, notice);
+        case OverlappedType::kTransmitFile:
+            return TransmitFileBelow(operation);
+        case OverlappedType::kAcceptEx:
+            return Accept(operation);
+        case OverlappedType::kConnectEx:
+            return Connect(operation, context);
+        case OverlappedType::kDisconnectEx:
+            return Disconnect(operation);
+        case OverlappedType::kTransmitPackets:
+            return TransmitPacketsBelow(operation);
+        case OverlappedType::kWsaRecvMsg:
+            return ReceiveMessageBelow(operation, notice);
+    }
+    return WSAEINVAL;
+}
+
+bool TakesCompletionRoutine(OverlappedType type) {
+    switch (type) {
+        case OverlappedType::kIoctl:
+        case OverlappedType::kRecv:
+        case OverlappedType::kRecvFrom:
+        case OverlappedType::kSend:
+        case OverlappedType::kSendTo:
+        case OverlappedType::kWsaRecvMsg:
+            return true;
+        default:
+            return false;
+    }
+}

@@ -1,0 +1,77 @@
+// Getting a channel for a context, and getting the answer to a request on it.
+#include "relay/channel/analyzer_channel.h"
+
+#include "base/trace.h"
+#include "messages/message_transport.h"
+#include "provider/contexts/socket_context.h"
+#include "provider/process_state.h"
+#include "relay/channel/pending_responses.h"
+#include "relay/channel/socket_address.h"
+#include "relay/channel/verdict_flags.h"
+
+namespace {
+
+PooledResponse ReceiveDirectly(DWORD messageId, SocketContext* context, const std::atomic<bool>* abandoned) {
+    PooledResponse response = TakeResponse();
+    if (response != nullptr) {
+        AnswerLimits limits;
+        limits.stop = abandoned;
+        if (ReceiveAnswer(*response, context->SpySocket, messageId, limits)) return response;
+    }
+    CloseSpySocket(context);
+    return nullptr;
+}
+
+bool Has(std::uint32_t flags, std::uint32_t bit) {
+    return (flags & bit) != 0;
+}
+
+/// What every answer carries, whatever it answers.
+void ApplyAnswer(SocketContext* context, const LSPAnalyzerMessageResponse& response) {
+    if (context->CountTraffic) {
+        // The counts so far have travelled with the request.
+        context->BytesSent = 0;
+        context->BytesRecv = 0;
+    }
+    if (response.ExemptProcessId != 0) ExemptProcessId = response.ExemptProcessId;
+    if (Has(response.Flags, kFlagKeepFlags)) return;
+    context->ReportTraffic = Has(response.Flags, kFlagReportTraffic);
+    context->CountTraffic = Has(response.Flags, kFlagCountTraffic);
+    if (context->RelayWanted) {
+        context->AnalyzerServes = Has(response.Flags, kFlagAnalyzerServes);
+        context->InspectData = Has(response.Flags, kFlagInspectData);
+    }
+}
+
+}  // namespace
+
+bool PrepareAnalyzerChannel(SocketContext* context, const sockaddr* name, int namelen) {
+    if (context == nullptr) return true;
+    if (IsSocketExempt(context)) {
+        ClearTrafficFlags(context);
+        return true;
+    }
+    context->DestinationAddressLength = namelen;
+    context->Blocked = FALSE;
+    // Judged by what is asked about: another thread that uses the socket may have stored its own destination.
+    const bool local = name == nullptr ? IsLocalDestination(context)
+                                       : IsLocalDestination(context, CopyAddress(name, namelen));
+    if (local) {
+        context->Own = TRUE;
+        return true;
+    }
+    if (name != nullptr && name->sa_family != AF_INET) return true;
+    if (ConnectSpySocket(context)) return true;
+    ApplyFailConnectPolicy(context);
+    return false;
+}
+
+PooledResponse WaitForResponse(DWORD messageId, SocketContext* context, HANDLE event,
+                               const std::atomic<bool>* abandoned) {
+    if (messageId == 0 || context == nullptr) return nullptr;
+    const bool delivered = event != nullptr && event != INVALID_HANDLE_VALUE && context->RelayWanted;
+    PooledResponse response = delivered ? FetchDeliveredResponse(messageId, context, event)
+                                        : ReceiveDirectly(messageId, context, abandoned);
+    if (response != nullptr) ApplyAnswer(context, *response);
+    return response;
+}

@@ -1,0 +1,56 @@
+// Whether connections are refused while the analyzer can't be reached: a setting of the machine, read from
+// the registry and kept for ten minutes. Any thread, no lock: two threads that find it stale both read the
+// same.
+#include <winsock2.h>
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "base/calendar.h"
+#include "provider/contexts/socket_context.h"
+#include "relay/channel/analyzer_channel.h"
+
+namespace {
+
+constexpr std::int64_t kPolicySeconds = 600;
+
+struct {
+    std::atomic<DWORD> Value{0};
+    std::atomic<std::int64_t> ReadAt{0};  // seconds; 0: never
+} FailConnectPolicy;
+
+DWORD ReadPolicy() {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Vantrex Software\\Talvessa QX", 0,
+                      KEY_QUERY_VALUE | KEY_WOW64_64KEY, &key) != ERROR_SUCCESS) {
+        return 0;
+    }
+    DWORD value = 0;
+    DWORD size = sizeof value;
+    const LONG result = RegQueryValueExA(key, "StopActivityOnFailConnect", nullptr, nullptr,
+                                         reinterpret_cast<BYTE*>(&value), &size);
+    RegCloseKey(key);
+    return result == ERROR_SUCCESS && size == sizeof value ? value : 0;
+}
+
+DWORD CurrentPolicy() {
+    const std::int64_t now = CalendarSeconds();
+    const std::int64_t readAt = FailConnectPolicy.ReadAt.load(std::memory_order_acquire);
+    // A clock that was set back doesn't make the value stale.
+    if (readAt != 0 && now - readAt <= kPolicySeconds)
+        return FailConnectPolicy.Value.load(std::memory_order_relaxed);
+    const DWORD policy = ReadPolicy();
+    FailConnectPolicy.Value.store(policy, std::memory_order_relaxed);
+    FailConnectPolicy.ReadAt.store(now, std::memory_order_release);
+    return policy;
+}
+
+}  // namespace
+
+bool ApplyFailConnectPolicy(SocketContext* context) {
+    if (CurrentPolicy() == 0) return false;
+    context->Blocked = TRUE;
+    return true;
+}
