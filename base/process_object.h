@@ -10,6 +10,8 @@
 #include <atomic>
 #include <new>
 
+#include "base/atomic.h"
+
 /// Storage of a T with the life described above; itself constant-initialised static storage. T's default
 /// constructor must not throw.
 template <typename T>
@@ -20,18 +22,18 @@ class ProcessObject {
     ProcessObject& operator=(const ProcessObject&) = delete;
 
     T& Get() noexcept {
-        if (state_.load(std::memory_order_acquire) != kReady) Make();
+        if (state_.Acquire() != kReady) Make();
         return *Object();
     }
 
     /// Null when it has not been made, or is being made.
-    T* GetIfMade() noexcept { return state_.load(std::memory_order_acquire) == kReady ? Object() : nullptr; }
+    T* GetIfMade() noexcept { return state_.Acquire() == kReady ? Object() : nullptr; }
 
     /// For detach: no other thread may be inside `Get` or use the object any more.
     void Destroy() noexcept {
-        if (state_.load(std::memory_order_acquire) != kReady) return;
+        if (state_.Acquire() != kReady) return;
         Object()->~T();
-        state_.store(kNone, std::memory_order_release);
+        state_.Publish(kNone);
     }
 
   private:
@@ -39,13 +41,12 @@ class ProcessObject {
 
     void Make() noexcept {
         for (;;) {
-            State expected = kNone;
-            if (state_.compare_exchange_strong(expected, kMaking, std::memory_order_acquire)) {
+            if (state_.StoreIfStill(kNone, kMaking)) {
                 new (storage_) T();
-                state_.store(kReady, std::memory_order_release);
+                state_.Publish(kReady);
                 return;
             }
-            if (expected == kReady) return;
+            if (state_.Acquire() == kReady) return;
             Sleep(0);
         }
     }
@@ -53,5 +54,5 @@ class ProcessObject {
     T* Object() noexcept { return std::launder(reinterpret_cast<T*>(storage_)); }
 
     alignas(T) unsigned char storage_[sizeof(T)] = {};
-    std::atomic<State> state_{kNone};
+    Atomic<State> state_{kNone};
 };

@@ -3,10 +3,10 @@
 // still runs in it.
 #include "identity/process_identity.h"
 
-#include <atomic>
 #include <cstddef>
 #include <exception>
 
+#include "base/atomic.h"
 #include "base/locker.h"
 #include "base/trace.h"
 #include "provider/guarded_sockets.h"
@@ -23,7 +23,7 @@ constexpr DWORD kTerminateMilliseconds = 1000;
 // A thread is terminated in kAbandoned only, which it never leaves for `IdentityLock`: the lock can't be lost
 // with it.
 enum CollectionState : int { kQuerying, kPublishing, kAbandoned };
-std::atomic<CollectionState> State{kQuerying};
+Atomic<CollectionState> State{kQuerying};
 
 HANDLE CollectionThread = nullptr;  // under GlobalLock
 
@@ -34,21 +34,17 @@ void CopyText(const std::string& text, char (&destination)[size]) {
 
 /// False when the collection has been abandoned.
 bool BeginPublishing() {
-    CollectionState expected = kQuerying;
-    return State.compare_exchange_strong(expected, kPublishing);
+    return State.StoreIfStill(kQuerying, kPublishing);
 }
 
 void EndPublishing() {
-    State.store(kQuerying);
+    State.Publish(kQuerying);
 }
 
 /// A publishing thread only copies; the wait for it is a moment.
 void AbandonCollection() {
-    CollectionState expected = kQuerying;
-    while (!State.compare_exchange_weak(expected, kAbandoned)) {
-        expected = kQuerying;
+    while (!State.StoreIfStill(kQuerying, kAbandoned))
         Sleep(0);
-    }
 }
 
 }  // namespace
@@ -81,7 +77,7 @@ void StartProcessInfoCollection() {
         if (WaitForSingleObject(CollectionThread, 0) != WAIT_OBJECT_0) return;
         SafeCloseHandle(CollectionThread);
     }
-    State.store(kQuerying);
+    State.Publish(kQuerying);
     DWORD threadId = 0;
     CollectionThread = CreateThread(nullptr, 0, CollectProcessInfo, nullptr, 0, &threadId);
     if (CollectionThread == nullptr) {

@@ -9,16 +9,17 @@
 #include <cstdio>
 #include <new>
 
+#include "base/atomic.h"
 #include "base/trace.h"
 #include "messages/message_limits.h"
 
 namespace {
 
 const DWORD ThisProcessId = GetCurrentProcessId();
-std::atomic<std::uint32_t> MessageCounter{0};
+Atomic<std::uint32_t> MessageCounter{0};
 
 std::uint32_t NextMessageId() {
-    const std::uint32_t count = MessageCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint32_t count = MessageCounter.FetchAdd(1) + 1;
     return (static_cast<std::uint32_t>(ThisProcessId) << 16) | (count & 0xFFFF);
 }
 

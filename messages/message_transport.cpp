@@ -31,7 +31,7 @@ class Wait {
     bool IsOver() const {
         if (maxTimeouts_ != 0 && timeouts_ > maxTimeouts_) return true;
         if (totalMilliseconds_ != 0 && Elapsed() >= totalMilliseconds_) return true;
-        return stop_ != nullptr && stop_->load(std::memory_order_relaxed);
+        return stop_ != nullptr && *stop_;
     }
 
     /// One slice, cut where the whole wait ends.
@@ -55,7 +55,7 @@ class Wait {
 
     std::uint32_t maxTimeouts_;
     std::uint32_t totalMilliseconds_;
-    const std::atomic<bool>* stop_;
+    const Atomic<bool>* stop_;
     std::uint32_t startedAt_;
     std::uint32_t timeouts_ = 0;
 };
@@ -266,7 +266,7 @@ bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool
     }
 }
 
-bool ReceiveMessage(MessageBase& message, SOCKET s, const std::atomic<bool>* stop,
+bool ReceiveMessage(MessageBase& message, SOCKET s, const Atomic<bool>* stop,
                     std::uint32_t maxTimeouts) noexcept {
     AnswerLimits limits;
     limits.maxTimeouts = maxTimeouts;

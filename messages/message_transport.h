@@ -9,9 +9,9 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstdint>
 
+#include "base/atomic.h"
 #include "messages/analyzer_messages.h"
 #include "messages/message_limits.h"
 
@@ -35,7 +35,7 @@ bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped = nul
 /// Receives exactly one frame from a blocking socket into an empty message and deserialises it. Gives up,
 /// with an empty chain, when more than `maxTimeouts` (0: no limit) 3-second waits pass without a byte, when
 /// `stop` (may be null) is set, when the connection ends or fails, or when the frame is unreadable.
-bool ReceiveMessage(MessageBase& message, SOCKET s, const std::atomic<bool>* stop,
+bool ReceiveMessage(MessageBase& message, SOCKET s, const Atomic<bool>* stop,
                     std::uint32_t maxTimeouts) noexcept;
 
 /// How long an answer is waited for, all frames that are skipped meanwhile included.
@@ -43,7 +43,7 @@ struct AnswerLimits {
     std::uint32_t maxTimeouts = kDirectWaitTimeouts;
     /// 0: no limit.
     std::uint32_t totalMilliseconds = kDirectWaitMilliseconds;
-    const std::atomic<bool>* stop = nullptr;
+    const Atomic<bool>* stop = nullptr;
 };
 
 /// Receives frames until one answers `requestId` (or carries RequestId 0), which is left in the message. Any

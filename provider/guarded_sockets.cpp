@@ -4,8 +4,7 @@
 
 #include <guarded_call.h>
 
-#include <atomic>
-
+#include "base/atomic.h"
 #include "base/locker.h"
 #include "base/trace.h"
 #include "provider/process_state.h"
@@ -15,8 +14,8 @@ namespace {
 GUID DisconnectExId = {0x7fda2e11, 0x8630, 0x436f, {0xa0, 0x31, 0xf5, 0x36, 0xa6, 0xee, 0xc1, 0x57}};
 GUID ConnectExId = {0x25a207b9, 0xddf3, 0x4660, {0x8e, 0xe9, 0x76, 0xe5, 0x8c, 0x74, 0x06, 0x3e}};
 
-std::atomic<unsigned int> CloseHandleExceptions{0};
-std::atomic<unsigned int> ConnectExExceptions{0};
+Atomic<unsigned int> CloseHandleExceptions{0};
+Atomic<unsigned int> ConnectExExceptions{0};
 
 int ThreadForTrace() {
     return static_cast<int>(GetCurrentThreadId());
@@ -125,7 +124,7 @@ BOOL SafeCloseHandle(HANDLE handle) {
         [&] {
             Trace("ERROR:LSP EXCEPTION Closing handle %d in thread: %d, %d",
                   static_cast<int>(reinterpret_cast<ULONG_PTR>(handle)), ThreadForTrace(),
-                  static_cast<int>(CloseHandleExceptions++));
+                  static_cast<int>(CloseHandleExceptions.FetchAdd(1)));
         });
 }
 
@@ -159,7 +158,7 @@ BOOL SafeConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID sendBuffer
         },
         [&] {
             Trace("ERROR:Unhandled lsp EXCEPTION when connecting ex on socket %d, from thread %d :%d",
-                  SocketForTrace(s), ThreadForTrace(), static_cast<int>(ConnectExExceptions++));
+                  SocketForTrace(s), ThreadForTrace(), static_cast<int>(ConnectExExceptions.FetchAdd(1)));
         });
 }
 

@@ -18,14 +18,14 @@ HANDLE PrivateHeap = nullptr;
 WSPUPCALLTABLE UpcallTable = {};
 HANDLE ContextAddedEvent = nullptr;
 
-std::atomic<bool> Detaching{false};
-std::atomic<bool> RelayShutdown{false};
-Relaxed<SOCKET> RelayListenSocket(INVALID_SOCKET);
-Relaxed<HANDLE> RelayCompletionPort(nullptr);
+Atomic<bool> Detaching{false};
+Atomic<bool> RelayShutdown{false};
+Atomic<SOCKET> RelayListenSocket(INVALID_SOCKET);
+Atomic<HANDLE> RelayCompletionPort(nullptr);
 
-Relaxed<DWORD> CurrentProcessId;
-Relaxed<DWORD> ExemptProcessId;
-Relaxed<bool> OwnProcess;
+Atomic<DWORD> CurrentProcessId;
+Atomic<DWORD> ExemptProcessId;
+Atomic<bool> OwnProcess;
 
 char ProcessImagePath[kImagePathSize] = "";
 char ProcessUserName[kUserNameSize] = "<Unknown>";

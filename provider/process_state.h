@@ -18,11 +18,10 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstddef>
 
+#include "base/atomic.h"
 #include "base/locker.h"
-#include "base/relaxed.h"
 
 namespace qx {
 /// Held for the whole of a start-up and a clean-up, and around every lookup of a context and change of its
@@ -64,20 +63,20 @@ extern WSPUPCALLTABLE UpcallTable;
 extern HANDLE ContextAddedEvent;
 
 /// The library is being detached; a clean-up then does nothing.
-extern std::atomic<bool> Detaching;
+extern Atomic<bool> Detaching;
 /// Tells the relay worker to end.
-extern std::atomic<bool> RelayShutdown;
+extern Atomic<bool> RelayShutdown;
 /// The relay's listener, INVALID_SOCKET when there is none.
-extern Relaxed<SOCKET> RelayListenSocket;
+extern Atomic<SOCKET> RelayListenSocket;
 /// The relay's completion port, null when there is none.
-extern Relaxed<HANDLE> RelayCompletionPort;
+extern Atomic<HANDLE> RelayCompletionPort;
 
 /// The host process; 0 before the first start-up.
-extern Relaxed<DWORD> CurrentProcessId;
+extern Atomic<DWORD> CurrentProcessId;
 /// A process id that the analyzer wants left alone; 0 until it names one.
-extern Relaxed<DWORD> ExemptProcessId;
+extern Atomic<DWORD> ExemptProcessId;
 /// The host is one of the product's own processes. Set at start-up, never cleared.
-extern Relaxed<bool> OwnProcess;
+extern Atomic<bool> OwnProcess;
 
 /// Texts about the host, in storage that is never destroyed: a thread may still copy one while the process
 /// ends.

@@ -55,7 +55,7 @@ void FillEntry(LspEntry* entry, const WSAPROTOCOL_INFOW& info, const ProtocolLis
 void CleanUpLowerProvider(LspEntry* entry, bool detaching, LPINT error) {
     if (detaching && entry->LowerIsLayered()) return;
     while (entry->LowerStartupCount > 0) {
-        --entry->LowerStartupCount;
+        entry->LowerStartupCount.Decrement();
         if (entry->LowerProcedures.lpWSPCleanup == nullptr) continue;
         CallLower(entry, SOCKET_ERROR, error,
                   [&]() noexcept { return entry->LowerProcedures.lpWSPCleanup(error); });
@@ -128,7 +128,7 @@ bool FreeLspCatalog(bool detaching, LPINT error) {
 
 bool ReleaseCatalogLifetime(CatalogLifetime* lifetime) {
     if (lifetime == nullptr) return true;
-    if (InterlockedDecrement(&lifetime->Holders) > 0) return false;
+    if (lifetime->Holders.Decrement() > 0) return false;
     for (LONG i = 0; i < lifetime->Count; ++i) {
         LspEntry& entry = lifetime->Entries[i];
         entry.ListLock.Delete();
@@ -139,7 +139,7 @@ bool ReleaseCatalogLifetime(CatalogLifetime* lifetime) {
 }
 
 void HoldCatalogLifetime(CatalogLifetime* lifetime) {
-    InterlockedIncrement(&lifetime->Holders);
+    lifetime->Holders.Increment();
 }
 
 void CatalogHold::Take() {

@@ -11,6 +11,7 @@
 
 #include <windows.h>
 
+#include "base/atomic.h"
 #include "base/locker.h"
 #include "provider/catalog/lsp_entry.h"
 #include "provider/process_state.h"
@@ -21,7 +22,7 @@ struct CatalogLifetime {
     HANDLE Heap;
     LspEntry* Entries;
     LONG Count;
-    volatile LONG Holders;  ///< the catalog itself, each CatalogHold, each abandoned context
+    Atomic<LONG> Holders;  ///< the catalog itself, each CatalogHold, each abandoned context
 };
 
 extern LspEntry* CatalogEntries QX_GUARDED_BY(CatalogLock);

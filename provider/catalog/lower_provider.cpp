@@ -90,7 +90,7 @@ int InitializeProvider(LspEntry* entry, WORD version, LPWSAPROTOCOL_INFOW info, 
     *error = LoadLowerProvider(entry);
     if (*error == 0) *error = StartLowerProvider(entry, version, info, upcalls);
     if (*error == 0) {
-        ++entry->LowerStartupCount;
+        entry->LowerStartupCount.Increment();
         return 0;
     }
     if (entry->Module != nullptr) FreeLibrary(entry->Module);

@@ -13,8 +13,7 @@
 #include <mswsock.h>
 #include <windows.h>
 
-#include <atomic>
-
+#include "base/atomic.h"
 #include "base/locker.h"
 
 struct CatalogLifetime;
@@ -23,12 +22,12 @@ struct SocketContext;
 /// Extension functions of a lower provider; each null until first needed. Threads that load the same one at
 /// the same time store the same value.
 struct LowerExtensions {
-    std::atomic<LPFN_ACCEPTEX> AcceptEx;
-    std::atomic<LPFN_TRANSMITFILE> TransmitFile;
-    std::atomic<LPFN_TRANSMITPACKETS> TransmitPackets;
-    std::atomic<LPFN_CONNECTEX> ConnectEx;
-    std::atomic<LPFN_DISCONNECTEX> DisconnectEx;
-    std::atomic<LPFN_WSARECVMSG> WSARecvMsg;
+    Atomic<LPFN_ACCEPTEX> AcceptEx;
+    Atomic<LPFN_TRANSMITFILE> TransmitFile;
+    Atomic<LPFN_TRANSMITPACKETS> TransmitPackets;
+    Atomic<LPFN_CONNECTEX> ConnectEx;
+    Atomic<LPFN_DISCONNECTEX> DisconnectEx;
+    Atomic<LPFN_WSARECVMSG> WSARecvMsg;
 };
 
 struct LspEntry {
@@ -43,7 +42,7 @@ struct LspEntry {
     LPWSPSTARTUP LowerStartup;
     WSPDATA LowerData;
     HMODULE Module;  ///< the lower library; null while not loaded
-    std::atomic<LONG>
+    Atomic<LONG>
         LowerStartupCount;     ///< lower start-ups without their clean-up; above 0: the table may be used
     CriticalSection ListLock;  ///< guards the three below; calls out to nothing that takes a lock
     SocketContext* FirstSocket QX_GUARDED_BY(ListLock);

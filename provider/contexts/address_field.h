@@ -6,10 +6,11 @@
 
 #include <winsock2.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+
+#include "base/atomic.h"
 
 class AddressField {
   public:
@@ -27,14 +28,14 @@ class AddressField {
             std::memcpy(words, name, static_cast<std::size_t>(length < kSize ? length : kSize));
         }
         for (std::size_t i = 0; i < kWords; ++i)
-            words_[i].store(words[i], std::memory_order_relaxed);
+            words_[i] = words[i];
     }
 
     /// A copy of the stored address.
     SOCKADDR_STORAGE Load() const noexcept {
         std::uint64_t words[kWords];
         for (std::size_t i = 0; i < kWords; ++i)
-            words[i] = words_[i].load(std::memory_order_relaxed);
+            words[i] = words_[i];
         SOCKADDR_STORAGE address;
         static_assert(sizeof(address) == sizeof(words), "a socket address is 128 bytes");
         std::memcpy(&address, words, sizeof(address));
@@ -60,9 +61,9 @@ class AddressField {
 
     template <class T>
     void CopyFromFirstWord(T* value, std::size_t offset) const noexcept {
-        const std::uint64_t word = words_[0].load(std::memory_order_relaxed);
+        const std::uint64_t word = words_[0];
         std::memcpy(value, reinterpret_cast<const unsigned char*>(&word) + offset, sizeof(*value));
     }
 
-    std::atomic<std::uint64_t> words_[kWords] = {};
+    Atomic<std::uint64_t> words_[kWords] = {};
 };

@@ -10,17 +10,17 @@
 /// Keeps the lower socket of a context open for the length of a lower call that does not wait for the
 /// network. Converts to false when the application has closed the socket: its lower socket must not be used
 /// any more. The caller has a reference on the context.
-class WayDown {
+class LowerSocketUse {
   public:
-    explicit WayDown(SocketContext* context) : context_(context) {
+    explicit LowerSocketUse(SocketContext* context) : context_(context) {
         // Before the look at Closing, as the close sets that before it looks at the count: one of the two
         // sees the other.
-        InterlockedIncrement(&context->OnTheWayDown);
+        context->LowerSocketUses.Increment();
         open_ = !context->Closing;
     }
-    ~WayDown() { InterlockedDecrement(&context_->OnTheWayDown); }
-    WayDown(const WayDown&) = delete;
-    WayDown& operator=(const WayDown&) = delete;
+    ~LowerSocketUse() { context_->LowerSocketUses.Decrement(); }
+    LowerSocketUse(const LowerSocketUse&) = delete;
+    LowerSocketUse& operator=(const LowerSocketUse&) = delete;
 
     explicit operator bool() const { return open_; }
 
@@ -29,14 +29,17 @@ class WayDown {
     bool open_;
 };
 
-/// Waits until nothing is on its way down to a socket that is marked as closing, for a second at most: a
+/// Waits until nobody uses the lower socket of a context that is marked as closing, for a second at most: a
 /// lower provider that makes such a call wait for the network is woken by the close itself. No lock may be
 /// held.
-inline void AwaitWaysDown(SocketContext* context) {
+inline void AwaitLowerSocketUses(SocketContext* context) {
     constexpr DWORD kPatienceMilliseconds = 1000;
     const DWORD start = GetTickCount();
-    while (InterlockedExchangeAdd(&context->OnTheWayDown, 0) > 0 &&
-           GetTickCount() - start < kPatienceMilliseconds) {
+    // The close counts itself too: a user that counts itself later sees Closing.
+    const LONG own = 1;
+    context->LowerSocketUses.Increment();
+    while (context->LowerSocketUses.Acquire() > own && GetTickCount() - start < kPatienceMilliseconds) {
         Sleep(1);
     }
+    context->LowerSocketUses.Decrement();
 }

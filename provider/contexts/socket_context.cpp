@@ -149,7 +149,7 @@ SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error) {
         return nullptr;
     }
     auto* const context = reinterpret_cast<SocketContext*>(value);
-    InterlockedIncrement(&context->RefCount);
+    context->RefCount.Increment();
     return context;
 }
 
@@ -158,7 +158,7 @@ bool DerefSocketContext(SocketContext* context, LPINT error) {
     EndedContext ended;
     {
         const Locker lock(qx::GlobalLock);
-        if (InterlockedDecrement(&context->RefCount) > 0) return true;
+        if (context->RefCount.Decrement() > 0) return true;
         const bool ends =
             context->Abandoned != nullptr || (context->Closing && context->OutstandingAsync == 0);
         if (!ends) return true;

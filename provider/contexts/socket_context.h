@@ -16,8 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/atomic.h"
 #include "base/locker.h"
-#include "base/relaxed.h"
 #include "provider/contexts/address_field.h"
 #include "provider/process_state.h"
 
@@ -33,20 +33,21 @@ constexpr DWORD kProbedBoth = 3;
 constexpr DWORD kProtocolGivenUp = 0x80000000;
 
 struct SocketContext {
-    Relaxed<SOCKET> ProviderSocket;  ///< the lower socket; INVALID_SOCKET once closed
-    Relaxed<SOCKET> LayeredSocket;   ///< the application's handle; INVALID_SOCKET once given back
-    DWORD OutstandingAsync = 0;      ///< overlapped operations under way; guarded by Lock
-    Relaxed<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
-    volatile LONG RefCount = 0;      ///< threads using the context; changed under GlobalLock
-    volatile LONG OnTheWayDown = 0;  ///< overlapped requests being handed to the lower provider; see WayDown
-    Relaxed<std::uint64_t> BytesSent;
-    Relaxed<std::uint64_t> BytesRecv;
+    Atomic<SOCKET> ProviderSocket;  ///< the lower socket; INVALID_SOCKET once closed
+    Atomic<SOCKET> LayeredSocket;   ///< the application's handle; INVALID_SOCKET once given back
+    DWORD OutstandingAsync = 0;     ///< overlapped operations under way; guarded by Lock
+    Atomic<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
+    Atomic<LONG> RefCount;          ///< threads using the context; changed under GlobalLock
+    Atomic<LONG>
+        LowerSocketUses;  ///< overlapped requests being handed to the lower provider; see LowerSocketUse
+    Atomic<std::uint64_t> BytesSent;
+    Atomic<std::uint64_t> BytesRecv;
     HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock
     bool SkipsPackets = false;   ///< requests that succeed inside the lower call queue none; guarded by Lock
-    Relaxed<int> LastError;      ///< of the last completed overlapped operation
+    Atomic<int> LastError;       ///< of the last completed overlapped operation
     HWND AsyncWindow = nullptr;  ///< as given to WSPAsyncSelect
     UINT AsyncMessage = 0;
-    Relaxed<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
+    Atomic<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
     CriticalSection Lock;
     LspEntry* Provider = nullptr;
     struct {
@@ -55,27 +56,27 @@ struct SocketContext {
     } Link;                           ///< membership in the entry's list; guarded by its ListLock
     AddressField RelayAddress;        ///< where a split or redirected socket really goes; written by connect
     AddressField DestinationAddress;  ///< given to connect or sendto, or reported by recvfrom
-    Relaxed<int> DestinationAddressLength;
-    Relaxed<BOOL> Split;  ///< connected elsewhere than the application asked
+    Atomic<int> DestinationAddressLength;
+    Atomic<BOOL> Split;  ///< connected elsewhere than the application asked
     /// This socket's connection to the analyzer, or INVALID_SOCKET. Who exchanges it out closes it.
-    Relaxed<SOCKET> SpySocket;
-    Relaxed<DWORD> Protocol;        ///< id found by classification; 0: not yet; kProtocolGivenUp
-    Relaxed<DWORD> ProtocolProbed;  ///< kProbed... bits
-    AddressField LocalAddress;      ///< the socket's local name once connected
-    Relaxed<BOOL> Blocked;          ///< sends and receives fail with BlockError
-    Relaxed<BOOL> Own;              ///< exempt from interception
-    Relaxed<BOOL> ReportTraffic;
-    Relaxed<BOOL> InspectData;
-    Relaxed<BOOL> CountTraffic;
-    Relaxed<BOOL> RelayWanted;  ///< the connection is to be split
-    Relaxed<DWORD> RelayIndex;  ///< of the relay connection; 0: none
-    Relaxed<BOOL> AnalyzerServes;
+    Atomic<SOCKET> SpySocket;
+    Atomic<DWORD> Protocol;        ///< id found by classification; 0: not yet; kProtocolGivenUp
+    Atomic<DWORD> ProtocolProbed;  ///< kProbed... bits
+    AddressField LocalAddress;     ///< the socket's local name once connected
+    Atomic<BOOL> Blocked;          ///< sends and receives fail with BlockError
+    Atomic<BOOL> Own;              ///< exempt from interception
+    Atomic<BOOL> ReportTraffic;
+    Atomic<BOOL> InspectData;
+    Atomic<BOOL> CountTraffic;
+    Atomic<BOOL> RelayWanted;  ///< the connection is to be split
+    Atomic<DWORD> RelayIndex;  ///< of the relay connection; 0: none
+    Atomic<BOOL> AnalyzerServes;
     int AddressFamily = 0;  ///< this and the next four: as the application made the socket
     int SocketType = 0;     ///< 6 stands for any type from 6 on
     int SocketProtocol = 0;
     GROUP SocketGroup = 0;
     DWORD SocketFlags = 0;
-    Relaxed<int> BlockError;  ///< while Blocked; 0 means WSAECONNABORTED
+    Atomic<int> BlockError;  ///< while Blocked; 0 means WSAECONNABORTED
 
     /// Set when a clean-up overtook threads that use the context: what the last of them then releases.
     /// Guarded by GlobalLock.

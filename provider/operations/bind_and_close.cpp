@@ -30,7 +30,7 @@ CloseClaim ClaimClose(SocketContext* context) {
 }
 
 int CloseLower(SocketContext* context, LPINT error) {
-    AwaitWaysDown(context);
+    AwaitLowerSocketUses(context);
     LspEntry* const provider = context->Provider;
     // The lower provider may linger; it is called without a lock, and by one thread, which has the socket for
     // itself.

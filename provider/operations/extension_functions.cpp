@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "base/atomic.h"
 #include "base/caller_memory.h"
 #include "base/trace.h"
 #include "provider/contexts/lower_call.h"
@@ -44,8 +45,8 @@ ULONG_PTR AddressBits(Function function) {
 
 /// Asks the lower provider for a function unless `*slot` has it.
 template <class Function>
-bool LoadInto(SocketContext* context, const GUID& knownId, std::atomic<Function>* slot) {
-    if (slot->load(std::memory_order_acquire) != nullptr) return true;
+bool LoadInto(SocketContext* context, const GUID& knownId, Atomic<Function>* slot) {
+    if (slot->Acquire() != nullptr) return true;
     LspEntry* const provider = context->Provider;
     GUID id = knownId;
     Function function = nullptr;
@@ -57,7 +58,7 @@ bool LoadInto(SocketContext* context, const GUID& knownId, std::atomic<Function>
             sizeof(function), &bytes, nullptr, nullptr, nullptr, &error);
     });
     if (result == SOCKET_ERROR || function == nullptr) return false;
-    slot->store(function, std::memory_order_release);
+    slot->Publish(function);
     return true;
 }
 
@@ -168,8 +169,7 @@ BOOL WINAPI LayerTransmitFile(SOCKET s, HANDLE file, DWORD bytesToWrite, DWORD b
             return Queue(operation, context, error);
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            return lower.TransmitFile.load()(lowerSocket, file, bytesToWrite, bytesPerSend, nullptr, buffers,
-                                             flags);
+            return lower.TransmitFile(lowerSocket, file, bytesToWrite, bytesPerSend, nullptr, buffers, flags);
         });
 }
 
@@ -195,8 +195,8 @@ BOOL WINAPI LayerAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD
             return Queue(operation, context, queueError);
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            return lower.AcceptEx.load()(lowerSocket, lowerAccepting, output, receiveLength, localLength,
-                                         remoteLength, bytesReceived, nullptr);
+            return lower.AcceptEx(lowerSocket, lowerAccepting, output, receiveLength, localLength,
+                                  remoteLength, bytesReceived, nullptr);
         });
 }
 
@@ -218,8 +218,7 @@ BOOL WINAPI LayerConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID se
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
             Trace("ERROR: ConnectEx called with null overlapped data. This is not permitted in winsock!");
-            return lower.ConnectEx.load()(lowerSocket, name, namelen, sendBuffer, sendLength, bytesSent,
-                                          nullptr);
+            return lower.ConnectEx(lowerSocket, name, namelen, sendBuffer, sendLength, bytesSent, nullptr);
         });
 }
 
@@ -234,7 +233,7 @@ BOOL WINAPI LayerDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DW
             return Queue(operation, context, error);
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            return lower.DisconnectEx.load()(lowerSocket, nullptr, flags, reserved);
+            return lower.DisconnectEx(lowerSocket, nullptr, flags, reserved);
         });
 }
 
@@ -250,7 +249,7 @@ BOOL WINAPI LayerTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, D
             return Queue(operation, context, error);
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            return lower.TransmitPackets.load()(lowerSocket, packets, count, sendSize, nullptr, flags);
+            return lower.TransmitPackets(lowerSocket, packets, count, sendSize, nullptr, flags);
         });
 }
 
@@ -267,8 +266,7 @@ INT WINAPI LayerWSARecvMsg(SOCKET s, LPWSAMSG message, LPDWORD bytesReceived, LP
             return Queue(operation, context, error);
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            return lower.WSARecvMsg.load()(lowerSocket, message, bytesReceived, nullptr, completionRoutine) ==
-                   0;
+            return lower.WSARecvMsg(lowerSocket, message, bytesReceived, nullptr, completionRoutine) == 0;
         });
     return done ? 0 : SOCKET_ERROR;
 }

@@ -30,7 +30,7 @@ SocketContext* ReferenceListedContext(const OverlappedOperation* operation) {
     SocketContext* context = provider->FirstSocket;
     while (context != nullptr && context != operation->SocketContext)
         context = context->Link.Next;
-    if (context != nullptr) InterlockedIncrement(&context->RefCount);
+    if (context != nullptr) context->RefCount.Increment();
     return context;
 }
 
@@ -49,7 +49,7 @@ SocketContext* ReferenceContext(const OverlappedOperation* operation) {
 /// it ended the request with the status in its record.
 Outcome OutcomeAfterClose(const OverlappedOperation* operation) {
     const WSAOVERLAPPED& overlapped = operation->ProviderOverlapped;
-    if (__atomic_load_n(&overlapped.Internal, __ATOMIC_ACQUIRE) == 0) {
+    if (AcquireWord(overlapped.Internal) == 0) {
         return {static_cast<DWORD>(overlapped.InternalHigh), 0, 0};
     }
     return {0, 0, WSA_OPERATION_ABORTED};
@@ -112,7 +112,7 @@ bool WriteState(LPWSAOVERLAPPED overlapped, const Outcome& outcome, ULONG_PTR in
         overlapped->Offset = outcome.Flags;
         overlapped->OffsetHigh = static_cast<DWORD>(outcome.Error);
         overlapped->InternalHigh = outcome.Bytes;
-        __atomic_store_n(&overlapped->Internal, internal, __ATOMIC_RELEASE);
+        PublishWord(&overlapped->Internal, internal);
     });
 }
 
@@ -132,7 +132,7 @@ void CALLBACK RunCompletionRoutine(DWORD_PTR record) {
     auto* const operation = reinterpret_cast<OverlappedOperation*>(record);
     const LPWSAOVERLAPPED overlapped = operation->CallerOverlapped;
     const auto routine = reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(overlapped->Internal);
-    __atomic_store_n(&overlapped->Internal, ULONG_PTR{0}, __ATOMIC_RELEASE);
+    PublishWord(&overlapped->Internal, ULONG_PTR{0});
     routine(overlapped->OffsetHigh, static_cast<DWORD>(overlapped->InternalHigh), overlapped,
             overlapped->Offset);
     SocketContext* const context = ReferenceContext(operation);
@@ -192,7 +192,7 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
     // A lower provider that no longer knows the socket speaks of one that the application has closed: the
     // request ends like any other that the close has cut short.
     if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
-    const INT refusedWith = InterlockedCompareExchange(&operation->RefusedWith, 0, 0);
+    const INT refusedWith = operation->RefusedWith.Acquire();
     if (refusedWith != 0) outcome = {0, 0, refusedWith};
     Count(operation, context, &outcome);
     context->LastError = outcome.Error;

@@ -25,8 +25,8 @@ int ResultOf(int result, INT error) {
 /// Runs `call(lower procedures, &error)`.
 template <class Call>
 int CallProcedure(OverlappedOperation* operation, Call call) {
-    const WayDown way(operation->SocketContext);
-    if (!way) return WSAENOTSOCK;
+    const LowerSocketUse use(operation->SocketContext);
+    if (!use) return WSAENOTSOCK;
     INT error = 0;
     LspEntry* const provider = operation->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, &error,
@@ -37,8 +37,8 @@ int CallProcedure(OverlappedOperation* operation, Call call) {
 /// Runs `call(lower extension functions)`, which tells success.
 template <class Call>
 int CallExtension(OverlappedOperation* operation, Call call) {
-    const WayDown way(operation->SocketContext);
-    if (!way) return WSAENOTSOCK;
+    const LowerSocketUse use(operation->SocketContext);
+    if (!use) return WSAENOTSOCK;
     INT error = 0;
     LspEntry* const provider = operation->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, &error, [&]() noexcept {
@@ -54,7 +54,7 @@ int CallExtension(OverlappedOperation* operation, Call call) {
 int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, int lowerResult) {
     const int blockError = BlockErrorOf(context);
     if (lowerResult != 0 && lowerResult != WSA_IO_PENDING) return blockError;
-    InterlockedExchange(&operation->RefusedWith, blockError);
+    operation->RefusedWith.Publish(blockError);
     if (lowerResult == WSA_IO_PENDING) {
         CancelIoEx(reinterpret_cast<HANDLE>(operation->ProviderSocket), &operation->ProviderOverlapped);
     }
@@ -162,10 +162,9 @@ int Connect(OverlappedOperation* operation, SocketContext* context) {
     }
     connect.Name = target.name;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.ConnectEx.load()(operation->ProviderSocket,
-                                      reinterpret_cast<const sockaddr*>(&connect.Name), connect.NameLength,
-                                      connect.SendBuffer, connect.SendLength, &connect.BytesSent,
-                                      &operation->ProviderOverlapped) != FALSE;
+        return lower.ConnectEx(operation->ProviderSocket, reinterpret_cast<const sockaddr*>(&connect.Name),
+                               connect.NameLength, connect.SendBuffer, connect.SendLength, &connect.BytesSent,
+                               &operation->ProviderOverlapped) != FALSE;
     });
 }
 
@@ -175,47 +174,44 @@ int Accept(OverlappedOperation* operation) {
     INT error = 0;
     const ContextReference accepting(accept.AcceptingSocket, &error);
     if (!accepting) return WSAENOTSOCK;
-    const WayDown way(accepting.Get());
-    if (!way) return WSAENOTSOCK;
+    const LowerSocketUse use(accepting.Get());
+    if (!use) return WSAENOTSOCK;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.AcceptEx.load()(operation->ProviderSocket, accept.AcceptingProviderSocket, accept.Output,
-                                     accept.ReceiveLength, accept.LocalAddressLength,
-                                     accept.RemoteAddressLength, &accept.BytesReceived,
-                                     &operation->ProviderOverlapped) != FALSE;
+        return lower.AcceptEx(operation->ProviderSocket, accept.AcceptingProviderSocket, accept.Output,
+                              accept.ReceiveLength, accept.LocalAddressLength, accept.RemoteAddressLength,
+                              &accept.BytesReceived, &operation->ProviderOverlapped) != FALSE;
     });
 }
 
 int TransmitFileBelow(OverlappedOperation* operation) {
     const TransmitFileArguments& file = operation->TransmitFile;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.TransmitFile.load()(operation->ProviderSocket, file.File, file.BytesToWrite,
-                                         file.BytesPerSend, &operation->ProviderOverlapped, file.Buffers,
-                                         file.Flags) != FALSE;
+        return lower.TransmitFile(operation->ProviderSocket, file.File, file.BytesToWrite, file.BytesPerSend,
+                                  &operation->ProviderOverlapped, file.Buffers, file.Flags) != FALSE;
     });
 }
 
 int Disconnect(OverlappedOperation* operation) {
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.DisconnectEx.load()(operation->ProviderSocket, &operation->ProviderOverlapped,
-                                         operation->DisconnectEx.Flags,
-                                         operation->DisconnectEx.Reserved) != FALSE;
+        return lower.DisconnectEx(operation->ProviderSocket, &operation->ProviderOverlapped,
+                                  operation->DisconnectEx.Flags, operation->DisconnectEx.Reserved) != FALSE;
     });
 }
 
 int TransmitPacketsBelow(OverlappedOperation* operation) {
     const TransmitPacketsArguments& packets = operation->TransmitPackets;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.TransmitPackets.load()(operation->ProviderSocket, packets.Packets, packets.ElementCount,
-                                            packets.SendSize, &operation->ProviderOverlapped,
-                                            packets.Flags) != FALSE;
+        return lower.TransmitPackets(operation->ProviderSocket, packets.Packets, packets.ElementCount,
+                                     packets.SendSize, &operation->ProviderOverlapped,
+                                     packets.Flags) != FALSE;
     });
 }
 
 int ReceiveMessageBelow(OverlappedOperation* operation, const CompletionNotice& notice) {
     WsaRecvMsgArguments& receive = operation->WSARecvMsg;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
-        return lower.WSARecvMsg.load()(operation->ProviderSocket, receive.Message, &receive.BytesReceived,
-                                       &operation->ProviderOverlapped, notice.Routine) == 0;
+        return lower.WSARecvMsg(operation->ProviderSocket, receive.Message, &receive.BytesReceived,
+                                &operation->ProviderOverlapped, notice.Routine) == 0;
     });
 }
 

@@ -29,8 +29,8 @@ constexpr int kStartFailure = WSAEPROVIDERFAILEDINIT;
 
 // Written by start and stop under OverlappedLock; read by operations and workers without. Both null: the
 // manager has stopped.
-Relaxed<HANDLE> Port;
-Relaxed<HANDLE> Semaphore;
+Atomic<HANDLE> Port;
+Atomic<HANDLE> Semaphore;
 HANDLE* Workers QX_GUARDED_BY(OverlappedLock) = nullptr;
 DWORD WorkerCount QX_GUARDED_BY(OverlappedLock) = 0;
 
@@ -55,15 +55,15 @@ LONG AwaitEnd(OverlappedOperation* operation) {
     // Also where packets are not skipped: the record's last request may have been another socket's, whose
     // packet came nevertheless.
     if (SystemEndsRequests(operation->Provider))
-        __atomic_store_n(&operation->ProviderOverlapped.Internal, kOperationInProgress, __ATOMIC_RELAXED);
-    const LONG end = NumberAfter(__atomic_load_n(&operation->AwaitedEnd, __ATOMIC_RELAXED)) | 1;
-    InterlockedExchange(&operation->AwaitedEnd, end);
+        PublishWord(&operation->ProviderOverlapped.Internal, kOperationInProgress);
+    const LONG end = NumberAfter(operation->AwaitedEnd) | 1;
+    operation->AwaitedEnd.Publish(end);
     return end;
 }
 
 /// True for one caller: it completes the request.
 bool ClaimEnd(OverlappedOperation* operation, LONG end) {
-    return InterlockedCompareExchange(&operation->AwaitedEnd, NumberAfter(end), end) == end;
+    return operation->AwaitedEnd.StoreIfStill(end, NumberAfter(end));
 }
 
 /// Whether the worker that has the packet is to complete the request. Not every system keeps its promise to
@@ -72,7 +72,7 @@ bool ClaimEnd(OverlappedOperation* operation, LONG end) {
 bool ClaimEndByPacket(LPWSAOVERLAPPED overlapped) {
     OverlappedOperation* const operation = OperationOf(overlapped);
     // In this order: a request that this end belongs to was marked as in progress before.
-    const LONG end = __atomic_load_n(&operation->AwaitedEnd, __ATOMIC_ACQUIRE);
+    const LONG end = operation->AwaitedEnd.Acquire();
     return (end & 1) != 0 && !IsOverlappedInProgress(overlapped) && ClaimEnd(operation, end);
 }
 
@@ -268,7 +268,7 @@ INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine) {
             return;
         }
         overlapped->InternalHigh = 0;
-        __atomic_store_n(&overlapped->Internal, kOperationInProgress, __ATOMIC_RELEASE);
+        PublishWord(&overlapped->Internal, kOperationInProgress);
     });
     return readable ? error : WSAEFAULT;
 }

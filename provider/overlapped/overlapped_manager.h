@@ -13,6 +13,7 @@
 #include <mswsock.h>
 #include <windows.h>
 
+#include "base/atomic.h"
 #include "provider/catalog/lsp_entry.h"
 #include "provider/contexts/socket_context.h"
 
@@ -131,12 +132,12 @@ struct OverlappedOperation {
     OverlappedOperation* NextPending;  ///< the one that the alertable worker executes next
     CatalogLifetime* Lifetime;         ///< keeps the heap with this record
     BOOL OwnsBuffers;                  ///< Transfer.Buffers is a copy in the private heap
-    volatile LONG Holds;               ///< who may still look at the record
-    volatile LONG RefusedWith;         ///< not 0: the error to report whatever the lower provider says
+    Atomic<LONG> Holds;                ///< who may still look at the record
+    Atomic<LONG> RefusedWith;          ///< not 0: the error to report whatever the lower provider says
     /// Above the port: odd while the request's end is awaited; who makes it even ends the request. It counts
     /// on through all uses of the record, so that a late packet cannot end the request of a later use. The
     /// last field: what comes before it is cleared with the record.
-    volatile LONG AwaitedEnd;
+    Atomic<LONG> AwaitedEnd;
 };
 
 /// Starts the workers. 0, or WSASYSCALLFAILURE.
@@ -174,5 +175,5 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
 /// Whether the request behind an application's record is still under way; everything that its completion
 /// wrote is visible once it is not.
 inline bool IsOverlappedInProgress(const WSAOVERLAPPED* overlapped) {
-    return __atomic_load_n(&overlapped->Internal, __ATOMIC_ACQUIRE) == kOperationInProgress;
+    return AcquireWord(overlapped->Internal) == kOperationInProgress;
 }

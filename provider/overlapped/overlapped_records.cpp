@@ -42,7 +42,7 @@ bool OwnsBuffers(const OverlappedOperation* operation) {
 void ClearRecord(OverlappedOperation* operation) {
     constexpr std::size_t kAfterState = offsetof(OverlappedOperation, ProviderOverlapped.InternalHigh);
     constexpr std::size_t kAwaitedEnd = offsetof(OverlappedOperation, AwaitedEnd);
-    __atomic_store_n(&operation->ProviderOverlapped.Internal, 0, __ATOMIC_RELAXED);
+    PublishWord(&operation->ProviderOverlapped.Internal, ULONG_PTR{0});
     std::memset(reinterpret_cast<char*>(operation) + kAfterState, 0, kAwaitedEnd - kAfterState);
 }
 
@@ -77,7 +77,7 @@ OverlappedOperation* TakeOverlappedRecord(SocketContext* context) {
 }
 
 void ReleaseOverlappedRecord(OverlappedOperation* operation) {
-    if (InterlockedDecrement(&operation->Holds) > 0) return;
+    if (operation->Holds.Decrement() > 0) return;
     CatalogLifetime* const lifetime = operation->Lifetime;
     const HANDLE heap = lifetime->Heap;
     if (OwnsBuffers(operation)) HeapFree(heap, 0, operation->Transfer.Buffers);

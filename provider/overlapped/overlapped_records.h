@@ -38,7 +38,7 @@ inline OverlappedOperation* OperationOf(LPWSAOVERLAPPED providerOverlapped) {
 class RecordHold {
   public:
     explicit RecordHold(OverlappedOperation* operation) : operation_(operation) {
-        InterlockedIncrement(&operation->Holds);
+        operation->Holds.Increment();
     }
     ~RecordHold() { ReleaseOverlappedRecord(operation_); }
     RecordHold(const RecordHold&) = delete;

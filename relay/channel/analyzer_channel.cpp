@@ -11,7 +11,7 @@
 
 namespace {
 
-PooledResponse ReceiveDirectly(DWORD messageId, SocketContext* context, const std::atomic<bool>* abandoned) {
+PooledResponse ReceiveDirectly(DWORD messageId, SocketContext* context, const Atomic<bool>* abandoned) {
     PooledResponse response = TakeResponse();
     if (response != nullptr) {
         AnswerLimits limits;
@@ -67,7 +67,7 @@ bool PrepareAnalyzerChannel(SocketContext* context, const sockaddr* name, int na
 }
 
 PooledResponse WaitForResponse(DWORD messageId, SocketContext* context, HANDLE event,
-                               const std::atomic<bool>* abandoned) {
+                               const Atomic<bool>* abandoned) {
     if (messageId == 0 || context == nullptr) return nullptr;
     const bool delivered = event != nullptr && event != INVALID_HANDLE_VALUE && context->RelayWanted;
     PooledResponse response = delivered ? FetchDeliveredResponse(messageId, context, event)

@@ -9,8 +9,7 @@
 
 #include <windows.h>
 
-#include <atomic>
-
+#include "base/atomic.h"
 #include "messages/message_pool.h"
 
 struct SocketContext;
@@ -18,7 +17,7 @@ struct SocketContext;
 /// Time that the connect of a spy socket may take, in microseconds. Falls to a tenth of a second after an
 /// attempt timed out, so that a stuck analyzer doesn't cost every connect of the process a second, and is
 /// back at a second after an attempt that succeeded through the wait.
-extern std::atomic<DWORD> SpyConnectTimeout;
+extern Atomic<DWORD> SpyConnectTimeout;
 constexpr DWORD kSpyConnectTimeout = 1000000;
 constexpr DWORD kSpyConnectTimeoutAfterFailure = 100000;
 
@@ -64,7 +63,7 @@ HANDLE CreateResponseWait(DWORD messageId, SocketContext* context);
 /// be null) then ends the wait early. Applies what every answer carries: traffic flags, exempt process,
 /// counters taken. Null means no answer: the spy socket has been closed.
 PooledResponse WaitForResponse(DWORD messageId, SocketContext* context, HANDLE event,
-                               const std::atomic<bool>* abandoned = nullptr);
+                               const Atomic<bool>* abandoned = nullptr);
 
 /// Wakes everyone who waits for an answer on this spy socket; they find none. Takes `PendingResponseLock`,
 /// also with a relay record's locks held.

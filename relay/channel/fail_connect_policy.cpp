@@ -5,9 +5,9 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstdint>
 
+#include "base/atomic.h"
 #include "base/calendar.h"
 #include "provider/contexts/socket_context.h"
 #include "relay/channel/analyzer_channel.h"
@@ -17,8 +17,8 @@ namespace {
 constexpr std::int64_t kPolicySeconds = 600;
 
 struct {
-    std::atomic<DWORD> Value{0};
-    std::atomic<std::int64_t> ReadAt{0};  // seconds; 0: never
+    Atomic<DWORD> Value{0};
+    Atomic<std::int64_t> ReadAt{0};  // seconds; 0: never
 } FailConnectPolicy;
 
 DWORD ReadPolicy() {
@@ -37,13 +37,12 @@ DWORD ReadPolicy() {
 
 DWORD CurrentPolicy() {
     const std::int64_t now = CalendarSeconds();
-    const std::int64_t readAt = FailConnectPolicy.ReadAt.load(std::memory_order_acquire);
+    const std::int64_t readAt = FailConnectPolicy.ReadAt.Acquire();
     // A clock that was set back doesn't make the value stale.
-    if (readAt != 0 && now - readAt <= kPolicySeconds)
-        return FailConnectPolicy.Value.load(std::memory_order_relaxed);
+    if (readAt != 0 && now - readAt <= kPolicySeconds) return FailConnectPolicy.Value;
     const DWORD policy = ReadPolicy();
-    FailConnectPolicy.Value.store(policy, std::memory_order_relaxed);
-    FailConnectPolicy.ReadAt.store(now, std::memory_order_release);
+    FailConnectPolicy.Value = policy;
+    FailConnectPolicy.ReadAt.Publish(now);
     return policy;
 }
 

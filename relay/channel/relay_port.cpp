@@ -7,11 +7,11 @@
 #include <shlobj.h>
 #include <windows.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
+#include "base/atomic.h"
 #include "base/calendar.h"
 
 namespace {
@@ -22,8 +22,8 @@ constexpr char kRegistryKey[] = "SOFTWARE\\Vantrex Software\\Talvessa QX";
 constexpr char kPortFile[] = "/VantrexSoftware/Talvessa/p_info";
 constexpr std::size_t kPathSize = 772;
 
-std::atomic<unsigned int> CachedPort{kUsualPort};
-std::atomic<long long> LastReadTime{0};
+Atomic<unsigned int> CachedPort{kUsualPort};
+Atomic<long long> LastReadTime{0};
 
 /// The configured port, or 0 when there is none or it is out of range.
 unsigned int ReadRegistryPort(HKEY key) {

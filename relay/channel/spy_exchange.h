@@ -9,7 +9,7 @@
 
 #include <windows.h>
 
-#include <atomic>
+#include "base/atomic.h"
 
 struct SocketContext;
 
@@ -30,7 +30,7 @@ class SpyExchange {
     bool Entered() const { return entered_; }
 
     /// Set when the application closes the socket: nobody wants the answer any more.
-    const std::atomic<bool>& Abandoned() const { return abandoned_; }
+    const Atomic<bool>& Abandoned() const { return abandoned_; }
 
     /// Ends the waits of all exchanges of a context, so that closing a socket frees the thread that connects
     /// it.
@@ -47,5 +47,5 @@ class SpyExchange {
     SpyExchange* next_ = nullptr;
     HANDLE turn_ = nullptr;  // of a thread that waits
     bool entered_ = false;
-    std::atomic<bool> abandoned_{false};
+    Atomic<bool> abandoned_{false};
 };

@@ -12,7 +12,7 @@
 #include "relay/channel/analyzer_channel.h"
 #include "relay/channel/relay_port.h"
 
-std::atomic<DWORD> SpyConnectTimeout{kSpyConnectTimeout};
+Atomic<DWORD> SpyConnectTimeout{kSpyConnectTimeout};
 
 namespace {
 
@@ -31,21 +31,20 @@ bool WaitForConnect(SOCKET s, const SocketContext* context) {
     FD_SET(s, &writable);
     fd_set failed = writable;
     timeval timeout{};
-    timeout.tv_usec =
-        static_cast<decltype(timeout.tv_usec)>(SpyConnectTimeout.load(std::memory_order_relaxed));
+    timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(SpyConnectTimeout);
 
     const int ready = GuardedSelect(nullptr, &writable, &failed, &timeout);
     if (ready == 0 || ready == SOCKET_ERROR) {
         Trace("ERROR:Failed to select on a connection request to lsp server:%d. #Details: %s #\n", ready,
               DescribeContext(context).c_str());
-        if (ready == 0) SpyConnectTimeout.store(kSpyConnectTimeoutAfterFailure, std::memory_order_relaxed);
+        if (ready == 0) SpyConnectTimeout = kSpyConnectTimeoutAfterFailure;
         return false;
     }
     if (!FD_ISSET(s, &writable)) {
         Trace("ERROR:Failed to connect to lsp server. Unexpected error. Socket not found.\n");
         return false;
     }
-    SpyConnectTimeout.store(kSpyConnectTimeout, std::memory_order_relaxed);
+    SpyConnectTimeout = kSpyConnectTimeout;
     return true;
 }
 

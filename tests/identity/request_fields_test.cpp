@@ -57,7 +57,7 @@ TEST_F(RequestFields, SayWhoAndWhichSocket) {
 
 TEST_F(RequestFields, ReportTheVerdictFlagsThatApplyToTheSocketsType) {
     const struct {
-        Relaxed<BOOL> SocketContext::*field;
+        Atomic<BOOL> SocketContext::*field;
         std::uint32_t stream;
         std::uint32_t datagram;
     } cases[] = {

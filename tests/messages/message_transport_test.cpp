@@ -176,7 +176,7 @@ TEST_F(MessageTransport, SilenceEndsAfterTheSixthTimeoutOfThreeSeconds) {
 
 TEST_F(MessageTransport, ATrickleEndsWithTheWholeWait) {
     const platform::ScopedClockRate fast(200);
-    std::atomic<bool> done{false};
+    Atomic<bool> done{false};
     std::size_t sent = 0;
     std::thread trickle([&] {
         const Bytes frame = ResponseFrame(kRequestId);
@@ -219,7 +219,7 @@ TEST_F(MessageTransport, OnlyTheAnswerToTheRequestIsTaken) {
     PeerSends(ResponseFrame(7));
     EXPECT_FALSE(ReceiveAnswer(response, ours, kRequestId));
 
-    const std::atomic<bool> stop{true};
+    const Atomic<bool> stop{true};
     AnswerLimits limits;
     limits.maxTimeouts = 0;
     limits.totalMilliseconds = 0;

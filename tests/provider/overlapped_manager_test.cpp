@@ -198,7 +198,7 @@ TEST_F(OverlappedManager, ARequestWhoseSocketIsClosedWhileItIsAnalyzedIsNotHande
     CloseHandle(overlapped.hEvent);
 }
 
-TEST_F(OverlappedManager, ACloseBelowWaitsForARequestOnItsWayDown) {
+TEST_F(OverlappedManager, ACloseBelowWaitsForARequestOnItsLowerSocketUse) {
     StartAlertable();
     CloseOpensTheGate();
     Lower().lpWSPIoctl = Callback([](SOCKET, DWORD, LPVOID, DWORD, LPVOID, DWORD, LPDWORD, LPWSAOVERLAPPED,
@@ -217,7 +217,7 @@ TEST_F(OverlappedManager, ACloseBelowWaitsForARequestOnItsWayDown) {
     EXPECT_TRUE(StopOverlappedManager());
 }
 
-TEST_F(OverlappedManager, ARequestStuckOnItsWayDownIsFreedByTheClose) {
+TEST_F(OverlappedManager, ARequestStuckOnItsLowerSocketUseIsFreedByTheClose) {
     StartAlertable();
     CloseOpensTheGate();
     const SOCKET s = MakeSocket();
