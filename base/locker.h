@@ -50,7 +50,7 @@ class QX_SCOPED_CAPABILITY Locker {
     Locker(const Locker&) = delete;
     Locker& operator=(const Locker&) = delete;
 
-    void Enter() QX_NO_THREAD_SAFETY_ANALYSIS {
+    void Enter() QX_ACQUIRE() {
         section_.Enter();
         entered_ = 1;
     }

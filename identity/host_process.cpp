@@ -12,6 +12,9 @@
 #include "identity/process_identity.h"
 #include "provider/process_state.h"
 
+char ProcessImagePath[kImagePathSize] = "";
+char ProcessUserName[kUserNameSize] = "<Unknown>";
+
 namespace {
 
 constexpr ULONG kWideUserNameSize = 273;

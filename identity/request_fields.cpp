@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "base/locker.h"
+#include "identity/host_process.h"
 #include "identity/process_identity.h"
 #include "messages/analyzer_messages.h"
 #include "provider/contexts/socket_context.h"

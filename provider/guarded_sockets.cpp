@@ -205,28 +205,3 @@ void CloseSocketCompletely(SOCKET& s) {
     SafeCloseSocket(s);
     s = INVALID_SOCKET;
 }
-
-void EnsureRelayCompletionPort() {
-    if (RelayCompletionPort != nullptr) return;
-    const HANDLE port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
-    if (port != nullptr) {
-        // Two first splits at the same moment both make one; the port that came second goes.
-        if (!RelayCompletionPort.StoreIfStill(nullptr, port)) SafeCloseHandle(port);
-        return;
-    }
-    const DWORD error = GetLastError();
-    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
-    Trace("ERROR:Failed to create the completion port:%d\n", static_cast<int>(error));
-}
-
-bool AssociateWithRelayCompletionPort(SOCKET s, DWORD concurrency) {
-    EnsureRelayCompletionPort();
-    const HANDLE port = RelayCompletionPort;
-    if (port != nullptr &&
-        CreateIoCompletionPort(reinterpret_cast<HANDLE>(s), port, 0, concurrency) != nullptr) {
-        return true;
-    }
-    Trace("ERROR:Failed to create completion port for the socket %d:%d\n", SocketForTrace(s),
-          WSAGetLastError());
-    return false;
-}

@@ -47,11 +47,3 @@ BOOL SafeAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receive
 /// Disconnects, shuts down and closes `s` as one step against other creations and closes, and stores
 /// INVALID_SOCKET in it. Failures on the way don't matter.
 void CloseSocketCompletely(SOCKET& s);
-
-/// Makes the relay's completion port when there is none. On failure the relay listener is closed, since it
-/// could not be served.
-void EnsureRelayCompletionPort();
-
-/// Associates `s` with the relay's completion port under key 0; `concurrency` counts when the port is made.
-/// False, traced, when it can't be.
-bool AssociateWithRelayCompletionPort(SOCKET s, DWORD concurrency);

@@ -8,6 +8,7 @@
 #include "messages/message_pool.h"
 #include "provider/process_state.h"
 #include "qxlsp/startup.h"
+#include "relay/split/relay_life.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ void Attach(HINSTANCE instance) {
     ModuleHandle = instance;
     // A module that is attached again without having left memory finds its values from before.
     Detaching = false;
-    RelayShutdown = false;
+    StartRelay();
     InitializeLocks();
     ThreadSlot = TlsAlloc();
 }

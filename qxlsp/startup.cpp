@@ -1,6 +1,6 @@
 // WSPStartup and WSPCleanup: what is started by the first start-up of the process and stopped by the last
-// clean-up, in their fixed orders. Both run under GlobalLock, which the clean-up leaves only while the
-// overlapped workers end; start-ups wait for the end of a clean-up.
+// clean-up, in their fixed orders. Both run under GlobalLock, which the clean-up leaves only while the relay
+// and the overlapped workers end; start-ups wait for the end of a clean-up.
 #include "qxlsp/startup.h"
 
 #include <ws2spi.h>
@@ -11,20 +11,17 @@
 #include "messages/buffer_arena.h"
 #include "protocols/protocol_table.h"
 #include "provider/catalog/catalog.h"
-#include "provider/guarded_sockets.h"
+#include "provider/contexts/catalog_teardown.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
 #include "provider/overlapped/overlapped_manager.h"
 #include "provider/process_state.h"
-#include "relay/channel/analyzer_channel.h"
+#include "relay/split/relay_life.h"
 
 namespace {
 
 /// How long threads that were told to end are given before what they use goes.
 constexpr DWORD kEndGraceMilliseconds = 200;
-
-/// Byte count of the completion packet that ends the relay worker.
-constexpr DWORD kStopPacket = 0xFFFFFFFF;
 
 /// A start-up that fails for a reason of the system's.
 constexpr int kStartupFailure = WSAEPROVIDERFAILEDINIT;
@@ -70,7 +67,7 @@ constexpr WSPPROC_TABLE kLayerOperations = {
 
 /// What the first start-up builds: heap, upcalls, event, catalog, overlapped manager.
 bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
-    RelayShutdown = false;
+    StartRelay();
     if (!CreatePrivateHeap()) return false;
     UpcallTable = upcalls;
     ContextAddedEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -120,23 +117,11 @@ int StartEntry(WORD version, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upc
     return error;
 }
 
-/// Tells the relay worker to end and closes the port that it waits on. GlobalLock may be held.
-void StopRelayWorker() {
-    RelayShutdown = true;
-    const HANDLE port = RelayCompletionPort.Exchange(nullptr);
-    if (port == nullptr) return;
-    PostQueuedCompletionStatus(port, kStopPacket, 0, nullptr);
-    SafeCloseHandle(port);
-}
-
-/// Ends the overlapped manager. Its workers take GlobalLock until they have ended, so that is left meanwhile.
+/// Ends the workers of the overlapped manager. They take GlobalLock until they have ended, so it is not held.
 /// False when one of them is still there.
-bool EndOverlappedManager(Locker& global) QX_NO_THREAD_SAFETY_ANALYSIS {
-    CleaningUp = true;
-    global.Leave();
+bool StopWorkers() {
     const bool ended = StopOverlappedManager();
     Sleep(kEndGraceMilliseconds);
-    global.Enter();
     return ended;
 }
 
@@ -174,23 +159,16 @@ extern "C" int WSPAPI WSPStartup(WORD wVersionRequested, LPWSPDATA lpWSPData,
 
 int WSPAPI WSPCleanup(LPINT error) {
     if (Detaching) return 0;
-    // Closing the relay listener takes SocketCreateCloseLock, which comes before GlobalLock. Without a
-    // listener it is left alone: a thread that makes a socket holds it while Winsock, which calls us here,
-    // waits to start a provider.
-    const bool closesListener = RelayListenSocket != INVALID_SOCKET;
-    Locker createClose(SocketCreateCloseLock, closesListener);
     Locker global(qx::GlobalLock);
     if (StartupCount == 0) return Fail(WSANOTINITIALISED, error);
     if (--StartupCount > 0) return 0;
 
+    CleaningUp = true;
     StopProcessInfoCollection();
-    RelayShutdown = true;
-    if (closesListener) SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
-    createClose.Leave();
-    RelayListenSocket = INVALID_SOCKET;  // one that came meanwhile ends with the catalog's sockets
-    StopRelayWorker();
-    ClearPendingResponses();
-    const bool workersEnded = EndOverlappedManager(global);
+    global.Leave();
+    StopRelay();
+    const bool workersEnded = StopWorkers();
+    global.Enter();
     FreeOverlappedRecords();
     if (FreeLspCatalog(false, error) && workersEnded) {
         // Only now is it certain that no other thread still holds a message.
@@ -204,24 +182,21 @@ int WSPAPI WSPCleanup(LPINT error) {
 }
 
 void ReleaseLayerAtDetach(bool unloading) {
-    RelayShutdown = true;
-    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
-    StopRelayWorker();
+    StopRelay();
     {
         Locker global(qx::GlobalLock);
         if (StartupCount != 0) {
+            StartupCount = 0;
             // No thread of the library's own may outlive its code.
             if (unloading) StopProcessInfoCollection();
-            if (PrivateHeap != nullptr) {
-                EndOverlappedManager(global);
-                INT ignored = 0;
-                FreeLspCatalog(true, &ignored);
-            }
+            global.Leave();
+            StopWorkers();
+            global.Enter();
+            INT ignored = 0;
+            FreeLspCatalog(true, &ignored);
             FreeProtocolPatterns();
-            StartupCount = 0;
             CleaningUp = false;
         }
     }
-    ClearPendingResponses();
     DestroyBufferArena();
 }

@@ -4,11 +4,10 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
+#include "provider/catalog/lower_call.h"
 #include "provider/catalog/protocol_list.h"
-#include "provider/contexts/lower_call.h"
-#include "provider/contexts/socket_context.h"
-#include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
 
 LspEntry* CatalogEntries = nullptr;
@@ -48,18 +47,6 @@ void FillEntry(LspEntry* entry, const WSAPROTOCOL_INFOW& info, const ProtocolLis
     if (next != nullptr) CopyProtocolInfo(*next, &entry->NextProvider);
     entry->LayerBaseId = layerBaseId;
     entry->Lifetime = CurrentLifetime;
-}
-
-/// Calls the lower clean-up as often as the lower provider was started. A layered lower provider may be gone
-/// already when the library is being detached.
-void CleanUpLowerProvider(LspEntry* entry, bool detaching, LPINT error) {
-    if (detaching && entry->LowerIsLayered()) return;
-    while (entry->LowerStartupCount > 0) {
-        entry->LowerStartupCount.Decrement();
-        if (entry->LowerProcedures.lpWSPCleanup == nullptr) continue;
-        CallLower(entry, SOCKET_ERROR, error,
-                  [&]() noexcept { return entry->LowerProcedures.lpWSPCleanup(error); });
-    }
 }
 
 }  // namespace
@@ -107,23 +94,21 @@ bool EnumerateLspCatalog(LspEntry** array, LONG* count, LPINT error) {
     return true;
 }
 
-bool FreeLspCatalog(bool detaching, LPINT error) {
-    CatalogLifetime* lifetime;
-    {
-        const Locker lock(CatalogLock);
-        for (LONG i = 0; i < CatalogCount; ++i) {
-            CloseProviderSockets(&CatalogEntries[i], detaching);
-            CleanUpLowerProvider(&CatalogEntries[i], detaching, error);
-        }
-        CatalogEntries = nullptr;
-        CatalogCount = 0;
-        lifetime = CurrentLifetime;
-        CurrentLifetime = nullptr;
-        PrivateHeap = nullptr;
+void CleanUpLowerProvider(LspEntry* entry, bool detaching, LPINT error) {
+    if (detaching && entry->LowerIsLayered()) return;
+    while (entry->LowerStartupCount > 0) {
+        entry->LowerStartupCount.Decrement();
+        if (entry->LowerProcedures.lpWSPCleanup == nullptr) continue;
+        CallLower(entry, SOCKET_ERROR, error,
+                  [&]() noexcept { return entry->LowerProcedures.lpWSPCleanup(error); });
     }
-    SafeCloseHandle(ContextAddedEvent);
-    ContextAddedEvent = nullptr;
-    return ReleaseCatalogLifetime(lifetime);
+}
+
+CatalogLifetime* DetachCatalog() {
+    CatalogEntries = nullptr;
+    CatalogCount = 0;
+    PrivateHeap = nullptr;
+    return std::exchange(CurrentLifetime, nullptr);
 }
 
 bool ReleaseCatalogLifetime(CatalogLifetime* lifetime) {

@@ -49,10 +49,13 @@ int InitializeProvider(LspEntry* entry, WORD version, LPWSAPROTOCOL_INFOW info, 
 /// Starts the lower provider at version 2.2 unless it is started. Takes GlobalLock. As InitializeProvider.
 int EnsureProviderStarted(LspEntry* entry, LPWSAPROTOCOL_INFOW info, LPINT error);
 
-/// Gives up the catalog: closes every socket, cleans up the lower providers (not below a layered one while
-/// detaching) and releases entries, event and heap, all but what threads inside a call still hold: the last
-/// of them releases it. True when nothing was held. Call with GlobalLock held.
-bool FreeLspCatalog(bool detaching, LPINT error);
+/// Calls the lower clean-up as often as the lower provider was started. While detaching nothing is called
+/// below a layered lower provider, which may be gone already. Call with GlobalLock held.
+void CleanUpLowerProvider(LspEntry* entry, bool detaching, LPINT error);
+
+/// Takes the entries and the private heap out of everybody's sight. Their lifetime, for the caller to
+/// release.
+CatalogLifetime* DetachCatalog() QX_REQUIRES(CatalogLock);
 
 /// Whether the service flags are the same, apart from the one that says whether handles are file handles.
 bool SameServiceFlags(DWORD first, DWORD second);

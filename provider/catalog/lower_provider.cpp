@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "provider/catalog/catalog.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/operation_failure.h"
 #include "provider/process_state.h"
 

@@ -1,5 +1,5 @@
-// Making, finding, counting and freeing contexts. One place decides that a context ends (DerefSocketContext),
-// one tears all of them down (CloseProviderSockets); both run under GlobalLock.
+// Making, finding, counting and freeing contexts. One place decides that a context ends: DerefSocketContext,
+// under GlobalLock.
 #include "provider/contexts/socket_context.h"
 
 #include <guarded_call.h>
@@ -8,7 +8,6 @@
 
 #include "base/trace.h"
 #include "provider/catalog/catalog.h"
-#include "provider/contexts/lower_call.h"
 #include "provider/guarded_sockets.h"
 
 static_assert(sizeof(SocketContext) <= 1024, "a context costs at most 1 KiB");
@@ -46,33 +45,6 @@ void EnterUnchecked(CriticalSection& lock) QX_NO_THREAD_SAFETY_ANALYSIS {
 }
 void LeaveUnchecked(CriticalSection& lock) QX_NO_THREAD_SAFETY_ANALYSIS {
     lock.Leave();
-}
-
-/// Closes a lower socket so that nothing of it lingers.
-void CloseLowerSocketHard(LspEntry* provider, SOCKET lowerSocket) {
-    INT error = 0;
-    const LINGER hard = {1, 0};
-    const WSPPROC_TABLE& lower = provider->LowerProcedures;
-    const int result = CallLower(provider, SOCKET_ERROR, &error, [&]() noexcept {
-        return lower.lpWSPSetSockOpt(lowerSocket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard),
-                                     sizeof(hard), &error);
-    });
-    // A datagram socket knows no lingering and is closed all the same; a socket that is no more is not.
-    if (result == SOCKET_ERROR && error == WSAENOTSOCK) return;
-    CallLower(provider, SOCKET_ERROR, &error,
-              [&]() noexcept { return lower.lpWSPCloseSocket(lowerSocket, &error); });
-}
-
-/// Takes the first context off an entry that is being given up; null when none is left.
-SocketContext* TakeFirstContext(LspEntry* provider) {
-    const Locker lock(provider->ListLock);
-    provider->Closed = true;
-    SocketContext* const context = provider->FirstSocket;
-    if (context == nullptr) return nullptr;
-    provider->FirstSocket = context->Link.Next;
-    (provider->FirstSocket != nullptr ? provider->FirstSocket->Link.Previous : provider->LastSocket) =
-        nullptr;
-    return context;
 }
 
 }  // namespace
@@ -199,25 +171,6 @@ SocketContext* FindSocketContextByProviderSocket(LspEntry* provider, SOCKET prov
         if (context != nullptr) return context;
     }
     return nullptr;
-}
-
-void CloseProviderSockets(LspEntry* provider, bool detaching) {
-    while (SocketContext* const context = TakeFirstContext(provider)) {
-        const SOCKET lowerSocket = context->ProviderSocket.Exchange(INVALID_SOCKET);
-        if (lowerSocket != INVALID_SOCKET && !(detaching && provider->LowerIsLayered())) {
-            CloseLowerSocketHard(provider, lowerSocket);
-        }
-        INT ignored = 0;
-        UpcallTable.lpWPUCloseSocketHandle(context->LayeredSocket, &ignored);
-        context->LayeredSocket = INVALID_SOCKET;
-        if (context->RefCount == 0) {
-            FreeSocketContext(context);
-            continue;
-        }
-        // A thread is still inside an operation: the context, its entry and the lower library stay for it.
-        HoldCatalogLifetime(provider->Lifetime);
-        context->Abandoned = provider->Lifetime;
-    }
 }
 
 void MarkSocketAsOwn(SOCKET s, DWORD relayIndex) {

@@ -123,12 +123,6 @@ void ReleaseSocketLock(SocketContext* context) QX_NO_THREAD_SAFETY_ANALYSIS;
 /// GlobalLock (and CatalogLock); no reference is taken.
 SocketContext* FindSocketContextByProviderSocket(LspEntry* provider, SOCKET providerSocket);
 
-/// Ends every context of an entry for good: unlinks it, closes its lower socket hard, gives its handle back
-/// and frees it. A context that a thread still uses is left to that thread's last dereference. While
-/// detaching nothing is called below a layered lower provider. No context can join the entry afterwards. Call
-/// with GlobalLock held.
-void CloseProviderSockets(LspEntry* provider, bool detaching);
-
 /// Marks a socket that the layer made for itself; with a relay index other than 0 also stores it. Takes
 /// GlobalLock.
 void MarkSocketAsOwn(SOCKET s, DWORD relayIndex);

@@ -1,7 +1,7 @@
 // Addresses to text and back: no socket is involved, so the entry is chosen by the protocol that the caller
 // names.
 #include "provider/catalog/catalog.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/operations/operations.h"
 
 namespace {

@@ -1,8 +1,9 @@
 // WSPBind and WSPCloseSocket. Closing only marks the context and closes the lower socket; the last user of
 // the context frees it, be that this call, another thread's, or the completion of an overlapped operation.
 #include "base/caller_memory.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/contexts/lower_socket_use.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"

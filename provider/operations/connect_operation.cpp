@@ -2,7 +2,8 @@
 // the destination, to the address that the analyzer named instead, to the relay listener, or not at all.
 #include "base/caller_memory.h"
 #include "base/trace.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"

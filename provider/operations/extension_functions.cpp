@@ -7,7 +7,8 @@
 #include "base/atomic.h"
 #include "base/caller_memory.h"
 #include "base/trace.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/overlapped/overlapped_manager.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The operations that only put the lower socket in place of the application's.
 #include "base/trace.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/operations/forward_operation.h"
 #include "provider/operations/operations.h"
 
 int WSPAPI WSPEnumNetworkEvents(SOCKET s, WSAEVENT event, LPWSANETWORKEVENTS networkEvents, LPINT error) {

@@ -2,7 +2,8 @@
 // everything else goes down.
 #include <cstring>
 
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/extension_functions.h"
 #include "provider/operations/operations.h"

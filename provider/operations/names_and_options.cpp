@@ -4,7 +4,8 @@
 #include <cstring>
 
 #include "base/caller_memory.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
 

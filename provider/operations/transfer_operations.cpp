@@ -5,7 +5,8 @@
 // error of its own (the server could not be reached) stays: nothing will change it.
 #include "base/caller_memory.h"
 #include "base/trace.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"

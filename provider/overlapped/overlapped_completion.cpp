@@ -8,7 +8,7 @@
 #include <guarded_call.h>
 
 #include "provider/catalog/catalog.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/overlapped/overlapped_manager.h"
 #include "provider/overlapped/overlapped_records.h"
 

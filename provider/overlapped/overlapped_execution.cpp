@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/contexts/lower_socket_use.h"
 #include "provider/interception.h"
 #include "provider/operations/extension_functions.h"

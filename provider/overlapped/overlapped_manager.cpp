@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "provider/catalog/catalog.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
 #include "provider/guarded_sockets.h"
 #include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"

@@ -1,11 +1,15 @@
 // Getting a channel for a context, and getting the answer to a request on it.
 #include "relay/channel/analyzer_channel.h"
 
+#include "relay/channel/fail_connect_policy.h"
+#include "relay/channel/local_destination.h"
+#include "relay/channel/pending_responses.h"
+#include "relay/channel/spy_socket.h"
+
 #include "base/trace.h"
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "relay/channel/pending_responses.h"
 #include "relay/channel/socket_address.h"
 #include "relay/channel/verdict_flags.h"
 

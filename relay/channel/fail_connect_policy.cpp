@@ -1,6 +1,8 @@
 // Whether connections are refused while the analyzer can't be reached: a setting of the machine, read from
 // the registry and kept for ten minutes. Any thread, no lock: two threads that find it stale both read the
 // same.
+#include "relay/channel/fail_connect_policy.h"
+
 #include <winsock2.h>
 
 #include <windows.h>
@@ -10,7 +12,6 @@
 #include "base/atomic.h"
 #include "base/calendar.h"
 #include "provider/contexts/socket_context.h"
-#include "relay/channel/analyzer_channel.h"
 
 namespace {
 

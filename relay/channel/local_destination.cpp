@@ -1,5 +1,7 @@
 // Which destinations the analyzer is never asked about. The rules are about the numbers of a dotted address
 // text; for IPv4, the everyday case, they are taken from the address itself.
+#include "relay/channel/local_destination.h"
+
 #include <winsock2.h>
 
 #include <cstdlib>
@@ -7,7 +9,6 @@
 #include <string_view>
 
 #include "provider/contexts/socket_context.h"
-#include "relay/channel/analyzer_channel.h"
 #include "relay/channel/verdict_flags.h"
 
 namespace {

@@ -1,6 +1,7 @@
 // Requests of relayed sockets whose answers the relay worker reads: who waits for which. One table under
 // `PendingResponseLock`; nobody waits or calls into Winsock while holding it. It is made on first use and has
 // no destructor, since other threads may still be inside it when the process exits.
+
 #include "relay/channel/pending_responses.h"
 
 #include <new>
@@ -13,7 +14,6 @@
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
-#include "relay/channel/analyzer_channel.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include "base/locker.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
-#include "relay/channel/analyzer_channel.h"
+#include "relay/channel/pending_responses.h"
 
 namespace {
 

@@ -1,6 +1,8 @@
 // Opens the socket on which one application socket is talked about with the analyzer. It is made through the
 // Winsock API and so comes back into the layer like any other; from MarkSocketAsOwn on the layer leaves it
 // alone.
+#include "relay/channel/spy_socket.h"
+
 #include <winsock2.h>
 
 #include <windows.h>
@@ -9,7 +11,6 @@
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
-#include "relay/channel/analyzer_channel.h"
 #include "relay/channel/relay_port.h"
 
 Atomic<DWORD> SpyConnectTimeout{kSpyConnectTimeout};

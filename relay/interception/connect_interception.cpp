@@ -15,8 +15,10 @@
 #include "provider/interception.h"
 #include "provider/process_state.h"
 #include "relay/channel/analyzer_channel.h"
+#include "relay/channel/fail_connect_policy.h"
 #include "relay/channel/socket_address.h"
 #include "relay/channel/spy_exchange.h"
+#include "relay/channel/spy_socket.h"
 #include "relay/channel/verdict_flags.h"
 
 namespace {

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "identity/host_process.h"
 #include "identity/process_identity.h"
 #include "identity/request_fields.h"
 #include "messages/analyzer_messages.h"

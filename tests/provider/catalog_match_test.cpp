@@ -5,6 +5,7 @@
 
 #include "platform/testing/catalog.h"
 #include "provider/catalog/catalog.h"
+#include "provider/contexts/catalog_teardown.h"
 #include "provider/process_state.h"
 
 namespace {

@@ -1,6 +1,7 @@
 #include "tests/provider/fake_winsock.h"
 
 #include "platform/testing/catalog.h"
+#include "provider/contexts/catalog_teardown.h"
 #include "provider/interception.h"
 
 namespace {

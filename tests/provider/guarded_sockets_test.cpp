@@ -135,20 +135,4 @@ TEST_F(GuardedSockets, ConnectExThatIsMissingFailsAfterItsLine) {
     SafeCloseSocket(s);
 }
 
-TEST_F(GuardedSockets, RelayPortThatCantBeMadeClosesTheListener) {
-    RelayListenSocket = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
-    const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
-    {
-        const platform::DebugOutputCapture output;
-        const platform::ScopedFault fault({"CreateIoCompletionPort"});
-        EXPECT_FALSE(AssociateWithRelayCompletionPort(s, 0));
-        EXPECT_EQ(RelayListenSocket, INVALID_SOCKET);
-        EXPECT_TRUE(output.Contains("ERROR:Failed to create the completion port:"));
-    }
-    EXPECT_TRUE(AssociateWithRelayCompletionPort(s, 0));
-    EXPECT_FALSE(AssociateWithRelayCompletionPort(s, 0)) << "a socket belongs to one port for life";
-    SafeCloseHandle(RelayCompletionPort.Exchange(nullptr));
-    SafeCloseSocket(s);
-}
-
 }  // namespace

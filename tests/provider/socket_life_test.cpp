@@ -3,7 +3,8 @@
 #include <thread>
 
 #include "platform/kernel/fault_points.h"
-#include "provider/contexts/lower_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 

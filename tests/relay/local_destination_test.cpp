@@ -1,4 +1,8 @@
 // The classification of destinations against a plain reading of their address text.
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -7,7 +11,7 @@
 #include <string>
 
 #include "provider/contexts/socket_context.h"
-#include "relay/channel/analyzer_channel.h"
+#include "relay/channel/local_destination.h"
 #include "tests/support/layer_fixture.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
 #include "relay/channel/analyzer_channel.h"
+#include "relay/channel/pending_responses.h"
 
 namespace {
 

@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "provider/catalog/lsp_entry.h"
-#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
 
 /// Scoped holder of the thread slot.
@@ -40,16 +39,4 @@ Result CallLower(LspEntry* provider, Result failure, LPINT error, Call call) {
         return failure;
     }
     return result;
-}
-
-/// The common shape of a forwarded operation: finds the socket's context and runs
-/// `call(lower procedure table, lower socket)` with a reference held. Returns the lower result unchanged.
-template <class Call>
-int ForwardOperation(SOCKET s, LPINT error, Call call) {
-    const ContextReference context(s, error);
-    if (!context) return SOCKET_ERROR;
-    LspEntry* const provider = context->Provider;
-    const SOCKET lowerSocket = context->ProviderSocket;
-    return CallLower(provider, SOCKET_ERROR, error,
-                     [&]() noexcept { return call(provider->LowerProcedures, lowerSocket); });
 }

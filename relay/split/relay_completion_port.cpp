@@ -1,0 +1,33 @@
+// See relay_completion_port.h.
+#include "relay/split/relay_completion_port.h"
+
+#include "base/trace.h"
+#include "provider/guarded_sockets.h"
+
+Atomic<SOCKET> RelayListenSocket(INVALID_SOCKET);
+Atomic<HANDLE> RelayCompletionPort(nullptr);
+
+void EnsureRelayCompletionPort() {
+    if (RelayCompletionPort != nullptr) return;
+    const HANDLE port = CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0);
+    if (port != nullptr) {
+        // Two first splits at the same moment both make one; the port that came second goes.
+        if (!RelayCompletionPort.StoreIfStill(nullptr, port)) SafeCloseHandle(port);
+        return;
+    }
+    const DWORD error = GetLastError();
+    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
+    Trace("ERROR:Failed to create the completion port:%d\n", static_cast<int>(error));
+}
+
+bool AssociateWithRelayCompletionPort(SOCKET s, DWORD concurrency) {
+    EnsureRelayCompletionPort();
+    const HANDLE port = RelayCompletionPort;
+    if (port != nullptr &&
+        CreateIoCompletionPort(reinterpret_cast<HANDLE>(s), port, 0, concurrency) != nullptr) {
+        return true;
+    }
+    Trace("ERROR:Failed to create completion port for the socket %d:%d\n", static_cast<int>(s),
+          WSAGetLastError());
+    return false;
+}
