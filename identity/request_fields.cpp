@@ -30,7 +30,8 @@ std::uint32_t VerdictFlags(const SocketContext& context) {
 
 }  // namespace
 
-void FillRequestFields(LSPAnalyzerMessage& request, const SocketContext* context) {
+void FillRequestFields(LSPAnalyzerMessage& request, const SocketContext* context,
+                       const SOCKADDR_STORAGE* peer) {
     {
         Locker lock(IdentityLock);
         request.ProcessName = ProcessImagePath;
@@ -46,8 +47,8 @@ void FillRequestFields(LSPAnalyzerMessage& request, const SocketContext* context
     }
     request.LocalAddress = context->LocalAddress.Load();
     request.LocalPort = context->LocalAddress.Port();
-    request.RemoteAddress = context->DestinationAddress.Load();
-    request.RemotePort = context->DestinationAddress.Port();
+    request.RemoteAddress = peer != nullptr ? *peer : context->DestinationAddress.Load();
+    request.RemotePort = ntohs(reinterpret_cast<const sockaddr_in&>(request.RemoteAddress).sin_port);
     request.BytesSent = context->BytesSent;
     request.BytesReceived = context->BytesRecv;
     request.Protocol = context->Protocol;

@@ -16,25 +16,24 @@ struct ConnectTarget {
     enum class Way { kDirect, kThroughRelay, kRefused };
 
     Way way = Way::kDirect;
-    SOCKADDR_STORAGE name;
+    SOCKADDR_STORAGE name = {};
+    int length = 0;  ///< of the name, as the application gave it, until a split replaces both
 };
 
-/// Asks the analyzer about a stream connect to `name` and applies its verdict to the context (`Blocked`,
-/// `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and to `*nameOut`: the way, and when it is
-/// redirected the name, which is otherwise left alone. `*namelenOut` stays the application's. True when a
-/// verdict was applied or none was needed, false when the analyzer could not be asked or did not answer (the
-/// fail-connect policy has then been applied).
-bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* nameOut,
-                       int* namelenOut);
+/// Asks the analyzer about a stream connect to `target->name` and applies its verdict to the context
+/// (`Blocked`, `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and to `*target`: the way, and
+/// the name when it is redirected. True when a verdict was applied or none was needed, false when the
+/// analyzer could not be asked or did not answer (the fail-connect policy has then been applied).
+bool AskConnectVerdict(SocketContext* context, ConnectTarget* target);
 
-/// Splits the connection of the application's socket `s` through the relay: on success `nameOut->name` and
-/// `*namelenOut` give the relay listener's address, to which the lower socket is then connected. On failure
-/// everything the split made has been released.
-bool SplitConnection(SOCKET s, SocketContext* context, const sockaddr* name, int namelen,
-                     ConnectTarget* nameOut, int* namelenOut);
+/// Splits the connection to `target->name` through the relay: on success `*target` holds the relay listener's
+/// name, to which the lower socket is then connected. False otherwise; AbandonSplit then releases what was
+/// made.
+bool SplitConnection(SocketContext* context, ConnectTarget* target);
 
-/// Closes and removes the relay connection of a split whose connect to the relay listener failed.
-void AbandonSplit(SOCKET s, SocketContext* context);
+/// Closes and removes the relay connection of a split that failed, or whose connect to the relay listener
+/// did.
+void AbandonSplit(SocketContext* context);
 
 /// A look at received data of a stream socket; `bytesReceived` may be null. May set `Blocked`.
 void AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived);

@@ -78,6 +78,12 @@ struct SocketContext {
     DWORD SocketFlags = 0;
     Atomic<int> BlockError;  ///< while Blocked; 0 means WSAECONNABORTED
 
+    /// Where the socket is connected to, or its datagrams go to or come from.
+    void StoreDestination(const SOCKADDR_STORAGE& name, int length) {
+        DestinationAddressLength = length;
+        DestinationAddress.Store(&name, length);
+    }
+
     /// Set when a clean-up overtook threads that use the context: what the last of them then releases.
     /// Guarded by GlobalLock.
     CatalogLifetime* Abandoned = nullptr;

@@ -3,8 +3,7 @@
 #include "base/caller_memory.h"
 #include "base/trace.h"
 #include "provider/catalog/lower_call.h"
-#include "provider/contexts/socket_context.h"
-#include "provider/interception.h"
+#include "provider/contexts/connect_route.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
 
@@ -18,12 +17,12 @@ struct ConnectArguments {
     LPQOS GroupQos;
 };
 
-int ConnectLower(SocketContext* context, const SOCKADDR_STORAGE& target, int targetLength,
-                 const ConnectArguments& arguments, LPINT error) {
+int ConnectLower(SocketContext* context, const ConnectTarget& target, const ConnectArguments& arguments,
+                 LPINT error) {
     LspEntry* const provider = context->Provider;
     return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPConnect(
-            context->ProviderSocket, reinterpret_cast<const sockaddr*>(&target), targetLength,
+            context->ProviderSocket, reinterpret_cast<const sockaddr*>(&target.name), target.length,
             arguments.CallerData, arguments.CalleeData, arguments.SendQos, arguments.GroupQos, error);
     });
 }
@@ -45,22 +44,12 @@ bool IsPending(int error) {
     return error == WSAEWOULDBLOCK || error == WSA_IO_PENDING || error == 0;
 }
 
-/// Connects the application's socket through the relay. `*established` tells whether it is connected or on
-/// its way.
-int ConnectSplit(SOCKET s, SocketContext* context, const sockaddr* name, int namelen,
-                 const ConnectArguments& arguments, bool* established, LPINT error) {
-    *established = false;
-    ConnectTarget target;
-    int targetLength = namelen;
-    if (!SplitConnection(s, context, name, namelen, &target, &targetLength)) {
-        Trace(
-            "ERROR:Failed to connect the server socket in ConnectEx after splitting sockets.#Details: %s #\n",
-            DescribeContext(context).c_str());
-        AbandonSplit(s, context);
-        return FailWithLastError(WSAEFAULT, error);
-    }
+/// Connects the application's socket to the relay. `*established` tells whether it is connected or on its
+/// way.
+int ConnectToRelay(SocketContext* context, const ConnectTarget& relay, const ConnectArguments& arguments,
+                   bool* established, LPINT error) {
     *error = 0;
-    const int result = ConnectLower(context, target.name, targetLength, arguments, error);
+    const int result = ConnectLower(context, relay, arguments, error);
     *established = result != SOCKET_ERROR || IsPending(*error);
     if (result != SOCKET_ERROR) return result;
     // However the lower provider calls it, the application's connect is one that is not done yet.
@@ -70,7 +59,7 @@ int ConnectSplit(SOCKET s, SocketContext* context, const sockaddr* name, int nam
         "ERROR:Failed to connect to the proxy socket. Server socket was also closed. #Details: %s #. "
         "Error:%d\n",
         DescribeContext(context).c_str(), code);
-    AbandonSplit(s, context);
+    AbandonSplit(context);
     return FailWithLastError(code, error);
 }
 
@@ -85,30 +74,22 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     }
     // The verdict, the report and the connect must all speak of the same address, whatever becomes of the
     // application's memory; and of all of it, so one that doesn't fit is refused.
-    SOCKADDR_STORAGE destination;
-    if (!CopyCallerName(name, namelen, &destination)) return FailWithLastError(WSAEFAULT, error);
-    context->DestinationAddressLength = namelen;
-    context->DestinationAddress.Store(&destination, namelen);
-
-    const auto* const asked = reinterpret_cast<const sockaddr*>(&destination);
     ConnectTarget target;
-    target.name = destination;
-    int targetLength = namelen;
-    AskConnectVerdict(context.Get(), asked, namelen, &target, &targetLength);
-
-    const ConnectArguments arguments = {callerData, calleeData, sendQos, groupQos};
-    // Not by `Blocked` and `RelayWanted`, which another thread's connect of the same socket may have changed.
-    if (target.way == ConnectTarget::Way::kRefused) {
-        StoreLocalName(context.Get());
-        return FailWithLastError(WSAECONNREFUSED, error);
+    if (!CopyCallerName(name, namelen, &target.name)) return FailWithLastError(WSAEFAULT, error);
+    target.length = namelen;
+    constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAEFAULT};
+    if (const int refusal = RouteConnect(context.Get(), kErrors, &target); refusal != 0) {
+        if (target.way == ConnectTarget::Way::kRefused) StoreLocalName(context.Get());
+        return FailWithLastError(refusal, error);
     }
+    const ConnectArguments arguments = {callerData, calleeData, sendQos, groupQos};
     if (target.way == ConnectTarget::Way::kDirect) {
-        const int result = ConnectLower(context.Get(), target.name, targetLength, arguments, error);
+        const int result = ConnectLower(context.Get(), target, arguments, error);
         StoreLocalName(context.Get());
         return result;
     }
     bool established = false;
-    const int result = ConnectSplit(s, context.Get(), asked, namelen, arguments, &established, error);
+    const int result = ConnectToRelay(context.Get(), target, arguments, &established, error);
     if (established) StoreLocalName(context.Get());
     return result;
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "provider/catalog/lower_call.h"
+#include "provider/contexts/connect_route.h"
 #include "provider/contexts/lower_socket_use.h"
 #include "provider/interception.h"
 #include "provider/operations/extension_functions.h"
@@ -146,20 +147,12 @@ int Ioctl(OverlappedOperation* operation, const CompletionNotice& notice) {
 
 int Connect(OverlappedOperation* operation, SocketContext* context) {
     ConnectExArguments& connect = operation->ConnectEx;
-    const SOCKADDR_STORAGE destination = connect.Name;
-    const auto* const name = reinterpret_cast<const sockaddr*>(&destination);
-    context->DestinationAddressLength = connect.NameLength;
-    context->DestinationAddress.Store(&connect.Name, connect.NameLength);
     ConnectTarget target;
-    target.name = destination;
-    int targetLength = connect.NameLength;
-    AskConnectVerdict(context, name, connect.NameLength, &target, &targetLength);
-    if (target.way == ConnectTarget::Way::kRefused) return WSAECONNREFUSED;
-    if (target.way == ConnectTarget::Way::kThroughRelay &&
-        !SplitConnection(operation->CallerSocket, context, name, connect.NameLength, &target,
-                         &targetLength)) {
-        return WSAECONNREFUSED;
-    }
+    target.name = connect.Name;
+    target.length = connect.NameLength;
+    constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAECONNREFUSED};
+    if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) return refusal;
+    // The name stays as long as the application gave it.
     connect.Name = target.name;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.ConnectEx(operation->ProviderSocket, reinterpret_cast<const sockaddr*>(&connect.Name),

@@ -10,7 +10,6 @@
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
-#include "relay/channel/socket_address.h"
 #include "relay/channel/verdict_flags.h"
 
 namespace {
@@ -49,7 +48,7 @@ void ApplyAnswer(SocketContext* context, const LSPAnalyzerMessageResponse& respo
 
 }  // namespace
 
-bool PrepareAnalyzerChannel(SocketContext* context, const sockaddr* name, int namelen) {
+bool PrepareAnalyzerChannel(SocketContext* context, const SOCKADDR_STORAGE* name, int namelen) {
     if (context == nullptr) return true;
     if (IsSocketExempt(context)) {
         ClearTrafficFlags(context);
@@ -58,13 +57,12 @@ bool PrepareAnalyzerChannel(SocketContext* context, const sockaddr* name, int na
     context->DestinationAddressLength = namelen;
     context->Blocked = FALSE;
     // Judged by what is asked about: another thread that uses the socket may have stored its own destination.
-    const bool local = name == nullptr ? IsLocalDestination(context)
-                                       : IsLocalDestination(context, CopyAddress(name, namelen));
+    const bool local = name == nullptr ? IsLocalDestination(context) : IsLocalDestination(context, *name);
     if (local) {
         context->Own = TRUE;
         return true;
     }
-    if (name != nullptr && name->sa_family != AF_INET) return true;
+    if (name != nullptr && name->ss_family != AF_INET) return true;
     if (ConnectSpySocket(context)) return true;
     ApplyFailConnectPolicy(context);
     return false;

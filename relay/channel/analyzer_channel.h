@@ -15,7 +15,7 @@ struct SocketContext;
 /// Makes the channel ready for a request about `name`, or the context's destination when it is null. True
 /// when the caller may go on: channel ready, or nothing to be asked. False when the analyzer could not be
 /// reached; the fail-connect policy has been applied.
-bool PrepareAnalyzerChannel(SocketContext* context, const sockaddr* name, int namelen);
+bool PrepareAnalyzerChannel(SocketContext* context, const SOCKADDR_STORAGE* name, int namelen);
 
 /// Waits for the answer to a request: for the relay worker when `event` is a registered waiter's, otherwise
 /// by reading the spy socket directly, for which the caller holds the context's SpyExchange; `abandoned` (may

@@ -11,7 +11,7 @@
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
-#include "relay/channel/relay_port.h"
+#include "relay/channel/settings.h"
 
 Atomic<DWORD> SpyConnectTimeout{kSpyConnectTimeout};
 

@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <cstring>
 #include <exception>
 
 #include "base/trace.h"
@@ -13,10 +12,8 @@
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/interception.h"
-#include "provider/process_state.h"
 #include "relay/channel/analyzer_channel.h"
 #include "relay/channel/fail_connect_policy.h"
-#include "relay/channel/socket_address.h"
 #include "relay/channel/spy_exchange.h"
 #include "relay/channel/spy_socket.h"
 #include "relay/channel/verdict_flags.h"
@@ -27,14 +24,11 @@ namespace {
 constexpr std::uint32_t kActionAllowConnect = 7;
 
 /// Id of the request that was sent, or 0. Throws std::bad_alloc.
-DWORD SendConnectRequest(SocketContext* context, const sockaddr* name, int namelen) {
+DWORD SendConnectRequest(SocketContext* context, const SOCKADDR_STORAGE& destination) {
     LSPAnalyzerMessage request;
-    FillRequestFields(request, context);
     // What this connect goes to; the context may hold the destination of another thread's by now.
-    request.RemoteAddress = CopyAddress(name, namelen);
-    request.RemotePort = ntohs(reinterpret_cast<const sockaddr_in&>(request.RemoteAddress).sin_port);
+    FillRequestFields(request, context, &destination);
     request.Operation = OpConnect;
-    request.SocketType = static_cast<std::uint32_t>(context->SocketType);
     request.Protocol = 0;
     return SendMessage(request, context->SpySocket) ? request.MessageId : 0;
 }
@@ -50,8 +44,7 @@ void ApplyAllow(SocketContext* context, std::uint32_t flags) {
     context->RelayWanted = context->SocketType == SOCK_STREAM && (flags & kSplitting) != 0;
 }
 
-void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verdict, const sockaddr* name,
-                  int namelen, ConnectTarget* target) {
+void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verdict, ConnectTarget* target) {
     switch (verdict.Action) {
         case ActionAllow:
         case kActionAllowConnect:
@@ -64,7 +57,7 @@ void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verd
             return;
         case ActionRedirect:
             ClearRoute(context);
-            context->DestinationAddress.Store(name, namelen);
+            context->DestinationAddress.Store(&target->name, target->length);
             context->RelayAddress.Store(&verdict.RedirectAddress, sizeof(verdict.RedirectAddress));
             context->Split = TRUE;
             target->name = verdict.RedirectAddress;
@@ -75,46 +68,45 @@ void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verd
     if (context->RelayWanted) target->way = ConnectTarget::Way::kThroughRelay;
 }
 
-enum class Question { kNeedless, kAnswered, kFailed };
+enum class AskResult { kNotNeeded, kAnswered, kFailed };
 
 /// Asks in the context's turn and applies the answer. Throws std::bad_alloc.
-Question AskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* target) {
+AskResult AskAnalyzer(SocketContext* context, ConnectTarget* target) {
     const SpyExchange exchange(context);
-    if (!exchange.Entered() || exchange.Abandoned()) return Question::kFailed;
-    if (!PrepareAnalyzerChannel(context, name, namelen)) {
+    if (!exchange.Entered() || exchange.Abandoned()) return AskResult::kFailed;
+    if (!PrepareAnalyzerChannel(context, &target->name, target->length)) {
         Trace("ERROR:Failed to connect to lsp server. #Details: %s #\n", DescribeContext(context).c_str());
-        return Question::kFailed;
+        return AskResult::kFailed;
     }
-    if (IsSocketExempt(context)) return Question::kNeedless;
+    if (IsSocketExempt(context)) return AskResult::kNotNeeded;
 
-    const DWORD messageId = SendConnectRequest(context, name, namelen);
+    const DWORD messageId = SendConnectRequest(context, target->name);
     if (messageId == 0) {
         Trace("ERROR:Closing spy socket because of send failure 8:%d. #Details: %s # \n",
               static_cast<int>(context->SpySocket), DescribeContext(context).c_str());
         CloseSpySocket(context);
-        return Question::kFailed;
+        return AskResult::kFailed;
     }
     const PooledResponse verdict =
         WaitForResponse(messageId, context, INVALID_HANDLE_VALUE, &exchange.Abandoned());
-    if (verdict == nullptr) return Question::kFailed;
-    ApplyVerdict(context, *verdict, name, namelen, target);
-    return Question::kAnswered;
+    if (verdict == nullptr) return AskResult::kFailed;
+    ApplyVerdict(context, *verdict, target);
+    return AskResult::kAnswered;
 }
 
 /// As if it couldn't be asked when memory runs out. The spy socket then stays with the context, which closes
 /// it.
-Question TryAskAnalyzer(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* target) {
+AskResult TryAskAnalyzer(SocketContext* context, ConnectTarget* target) {
     try {
-        return AskAnalyzer(context, name, namelen, target);
+        return AskAnalyzer(context, target);
     } catch (const std::exception&) {
-        return Question::kFailed;
+        return AskResult::kFailed;
     }
 }
 
 }  // namespace
 
-bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen, ConnectTarget* nameOut,
-                       int*) {
+bool AskConnectVerdict(SocketContext* context, ConnectTarget* target) {
     if (context == nullptr) return true;
     context->Blocked = FALSE;
     context->BlockError = 0;
@@ -123,15 +115,15 @@ bool AskConnectVerdict(SocketContext* context, const sockaddr* name, int namelen
         ClearRoute(context);
         return true;
     }
-    const Question question = TryAskAnalyzer(context, name, namelen, nameOut);
-    if (question == Question::kAnswered) return true;
+    const AskResult result = TryAskAnalyzer(context, target);
+    if (result == AskResult::kAnswered) return true;
     ClearRoute(context);
-    if (question == Question::kNeedless) return true;
-    if (ApplyFailConnectPolicy(context)) nameOut->way = ConnectTarget::Way::kRefused;
+    if (result == AskResult::kNotNeeded) return true;
+    if (ApplyFailConnectPolicy(context)) target->way = ConnectTarget::Way::kRefused;
     return false;
 }
 
-bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, ConnectTarget*, int*) {
+bool SplitConnection(SocketContext* context, ConnectTarget*) {
     // There is nothing yet that could carry a split connection: it fails as one does whose relay can't be
     // made. In its turn, since another thread that connects the same socket may be reading the spy socket;
     // one that doesn't get it leaves the spy socket to the context.
@@ -141,4 +133,4 @@ bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, Conne
     return false;
 }
 
-void AbandonSplit(SOCKET, SocketContext*) {}
+void AbandonSplit(SocketContext*) {}

@@ -32,7 +32,7 @@ TEST_F(ConnectOperation, AllowedGoesToTheDestinationAndIsRemembered) {
 }
 
 TEST_F(ConnectOperation, RedirectedGoesElsewhereAndPeerNameKeepsTheDestination) {
-    Fake().verdict = [](SocketContext* context, ConnectTarget* target, int*) {
+    Fake().verdict = [](SocketContext* context, ConnectTarget* target) {
         const sockaddr_in other = MakeAddress("198.51.100.20", 8080);
         std::memcpy(&target->name, &other, sizeof(other));
         context->Split = TRUE;
@@ -54,7 +54,7 @@ TEST_F(ConnectOperation, RedirectedGoesElsewhereAndPeerNameKeepsTheDestination) 
 }
 
 TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
-    Fake().verdict = [](SocketContext*, ConnectTarget* target, int*) {
+    Fake().verdict = [](SocketContext*, ConnectTarget* target) {
         target->way = ConnectTarget::Way::kThroughRelay;
         return true;
     };
@@ -64,10 +64,10 @@ TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
     EXPECT_TRUE(Fake().connected.empty());
     EXPECT_EQ(context_->LocalAddress.Port(), 0);
 
-    Fake().split = [](SocketContext*, ConnectTarget* target, int* length) {
+    Fake().split = [](SocketContext*, ConnectTarget* target) {
         const sockaddr_in relay = MakeAddress("127.0.0.1", 48300);
         std::memcpy(&target->name, &relay, sizeof(relay));
-        *length = 128;
+        target->length = 128;
         return true;
     };
     struct {
@@ -92,7 +92,7 @@ TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
 
 TEST_F(ConnectOperation, NamesThatCantBeTakenAreRefusedBeforeAnyoneIsAsked) {
     bool asked = false;
-    Fake().verdict = [&](SocketContext*, ConnectTarget*, int*) { return asked = true; };
+    Fake().verdict = [&](SocketContext*, ConnectTarget*) { return asked = true; };
     char name[200] = {};
     name[0] = AF_INET;
     for (const int length : {129, 200, -1})

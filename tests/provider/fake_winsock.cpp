@@ -180,15 +180,13 @@ bool FakeWinsock::FreeCatalog() {
 
 // ---- The interception
 
-bool AskConnectVerdict(SocketContext* context, const sockaddr*, int, ConnectTarget* nameOut,
-                       int* namelenOut) {
-    return !Fake().verdict || Fake().verdict(context, nameOut, namelenOut);
+bool AskConnectVerdict(SocketContext* context, ConnectTarget* target) {
+    return !Fake().verdict || Fake().verdict(context, target);
 }
-bool SplitConnection(SOCKET, SocketContext* context, const sockaddr*, int, ConnectTarget* nameOut,
-                     int* namelenOut) {
-    return Fake().split && Fake().split(context, nameOut, namelenOut);
+bool SplitConnection(SocketContext* context, ConnectTarget* target) {
+    return Fake().split && Fake().split(context, target);
 }
-void AbandonSplit(SOCKET, SocketContext*) {
+void AbandonSplit(SocketContext*) {
     ++Fake().abandonedSplits;
 }
 void AnalyzeReceived(SocketContext* context, const WSABUF*, DWORD, const DWORD* bytesReceived) {

@@ -43,8 +43,8 @@ struct FakeState {
     int connectError = 0;
 
     // The interception; unset ones do nothing.
-    std::function<bool(SocketContext*, ConnectTarget*, int*)> verdict;
-    std::function<bool(SocketContext*, ConnectTarget*, int*)> split;
+    std::function<bool(SocketContext*, ConnectTarget*)> verdict;
+    std::function<bool(SocketContext*, ConnectTarget*)> split;
     int abandonedSplits = 0;
     std::function<void(SocketContext*)> received;
     std::function<void(SocketContext*)> sent;

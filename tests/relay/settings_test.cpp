@@ -15,14 +15,14 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "platform/testing/machine.h"
-#include "relay/channel/relay_port.h"
+#include "relay/channel/settings.h"
 
 namespace {
 
 constexpr char kProductKey[] = "HKEY_LOCAL_MACHINE\\SOFTWARE\\Vantrex Software\\Talvessa QX";
 constexpr DWORD kCacheMilliseconds = 300000;
 
-class RelayPort : public ::testing::Test {
+class Settings : public ::testing::Test {
   protected:
     void SetUp() override {
         folder_ =
@@ -64,7 +64,7 @@ class RelayPort : public ::testing::Test {
     std::shared_ptr<const platform::Machine> machine_ = platform::TheMachine();
 };
 
-TEST_F(RelayPort, RegistryAndFileDecideTogether) {
+TEST_F(Settings, RegistryAndFileDecideTogether) {
     struct {
         const char* what;
         std::optional<std::string> file;
@@ -90,7 +90,7 @@ TEST_F(RelayPort, RegistryAndFileDecideTogether) {
     }
 }
 
-TEST_F(RelayPort, ReadsOnceInFiveMinutes) {
+TEST_F(Settings, ReadsOnceInFiveMinutes) {
     Configure({}, Bytes(5001));
     platform::AdvanceClock(kCacheMilliseconds + 1000);
     ASSERT_EQ(GetRelayPort(), 5001u);
@@ -106,7 +106,7 @@ TEST_F(RelayPort, ReadsOnceInFiveMinutes) {
     EXPECT_EQ(GetRelayPort(), 5002u);
 }
 
-TEST_F(RelayPort, WithoutFolderTheCachedPortStays) {
+TEST_F(Settings, WithoutFolderTheCachedPortStays) {
     Configure({}, Bytes(5003));
     platform::AdvanceClock(kCacheMilliseconds + 1000);
     ASSERT_EQ(GetRelayPort(), 5003u);
