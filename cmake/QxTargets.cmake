@@ -14,8 +14,6 @@ find_package(Threads REQUIRED)
 add_library(qx_flags INTERFACE)
 target_compile_options(qx_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Werror)
-# Boost's reader/writer lock is used from headers only; its interruption points would need the compiled library.
-target_compile_definitions(qx_flags INTERFACE BOOST_THREAD_DONT_PROVIDE_INTERRUPTIONS)
 target_include_directories(qx_flags INTERFACE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/platform/guard")
 
 if(QX_WINDOWS)
@@ -42,7 +40,7 @@ else()
 endif()
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  target_compile_options(qx_flags INTERFACE -Wthread-safety)
+  target_compile_options(qx_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 
 if(QX_SANITIZE STREQUAL "address")

@@ -62,7 +62,7 @@ class Wait {
 
 /// Where received bytes land. What a short read left of an allocation takes the next one, so that a sender of
 /// single bytes costs no more memory than its frame is long.
-class Landing {
+class ReceiveBuffer {
   public:
     /// Room for up to `wanted` bytes, owned by the message. Throws std::bad_alloc.
     BufferPiece Room(MessageBase& message, std::uint32_t wanted) {
@@ -111,8 +111,8 @@ ReadResult WaitForBytes(SOCKET s, Wait& wait, int& error) {
 
 /// One read of at most `wanted` bytes into the chain. kFailed: the bytes could not be added, with `error`
 /// set.
-ReadResult ReadBytes(MessageBase& message, SOCKET s, Landing& landing, std::uint32_t wanted, int& error) {
-    BufferPiece piece = landing.Room(message, wanted);
+ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std::uint32_t wanted, int& error) {
+    BufferPiece piece = target.Room(message, wanted);
     WSABUF buffer;
     buffer.len = piece.length;
     buffer.buf = reinterpret_cast<char*>(piece.data);
@@ -128,7 +128,7 @@ ReadResult ReadBytes(MessageBase& message, SOCKET s, Landing& landing, std::uint
         if (received == 0) return ReadResult::kEnded;
         piece.length = std::min<std::uint32_t>(received, piece.length);
     }
-    landing.Use(piece.length);
+    target.Use(piece.length);
     if (message.AddReceivedBytes(piece)) return ReadResult::kBytes;
     error = 1;
     return ReadResult::kFailed;
@@ -136,7 +136,7 @@ ReadResult ReadBytes(MessageBase& message, SOCKET s, Landing& landing, std::uint
 
 /// The body of ReceiveMessage. Throws what the chain throws.
 bool ReceiveFrame(MessageBase& message, SOCKET s, Wait& wait) {
-    Landing landing;
+    ReceiveBuffer buffer;
     std::uint32_t readSize = message.HeaderSize;
     int error = 0;
     do {
@@ -144,7 +144,7 @@ bool ReceiveFrame(MessageBase& message, SOCKET s, Wait& wait) {
         if (waited == ReadResult::kFailed) break;
         if (waited == ReadResult::kNothing) continue;
 
-        if (ReadBytes(message, s, landing, readSize, error) == ReadResult::kEnded) {
+        if (ReadBytes(message, s, buffer, readSize, error) == ReadResult::kEnded) {
             message.ClearBuffers();
             return false;
         }

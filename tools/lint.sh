@@ -1,12 +1,32 @@
 #!/usr/bin/env bash
-# Formatting, clang-tidy over the library, and the platform's name list: a Windows function that the library calls
-# and platform/README.md does not list is an error, so that the stand-in's contract stays written down.
+# What machines can check of docs/style.md and docs/architecture.md: formatting, the arrows between folders, the order
+# of locks, the size of files, the shell scripts, clang-tidy over the library (with the size of functions), and the
+# stand-in's name list: a Windows function that the library calls and platform/README.md does not list is an error, so
+# that the stand-in's contract stays written down.
 set -euo pipefail
 library="base protocols messages identity provider relay qxlsp"
+longest_file=400
 status=0
 
 echo "== clang-format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror || status=1
+
+echo "== includes"
+tools/check-includes || status=1
+
+echo "== locks"
+tools/check-locks || status=1
+
+echo "== file sizes"
+for file in $(git ls-files $(printf '%s/*.cpp %s/*.h ' $(for folder in $library; do echo "$folder" "$folder"; done))); do
+    lines=$(wc -l <"$file")
+    [ "$lines" -le "$longest_file" ] || { echo "$file has $lines lines, more than $longest_file"; status=1; }
+done
+
+echo "== scripts"
+for script in qx .ci/run $(git ls-files '*.sh'); do
+    bash -n "$script" || status=1
+done
 
 echo "== names"
 # The lists write NameA/W and Name(Ex) for two names each.

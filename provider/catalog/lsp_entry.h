@@ -14,7 +14,7 @@
 #include <windows.h>
 
 #include "base/atomic.h"
-#include "base/locker.h"
+#include "base/process_locks.h"
 
 struct CatalogLifetime;
 struct SocketContext;
@@ -43,8 +43,9 @@ struct LspEntry {
     WSPDATA LowerData;
     HMODULE Module;  ///< the lower library; null while not loaded
     Atomic<LONG>
-        LowerStartupCount;     ///< lower start-ups without their clean-up; above 0: the table may be used
-    CriticalSection ListLock;  ///< guards the three below; calls out to nothing that takes a lock
+        LowerStartupCount;  ///< lower start-ups without their clean-up; above 0: the table may be used
+    /// Guards the three below; nothing that takes a lock is called with it held.
+    CriticalSection ListLock QX_ACQUIRED_AFTER(CatalogLock, qx::GlobalLock);
     SocketContext* FirstSocket QX_GUARDED_BY(ListLock);
     SocketContext* LastSocket QX_GUARDED_BY(ListLock);
     bool Closed QX_GUARDED_BY(ListLock);  ///< the catalog was freed: no context may join any more

@@ -48,7 +48,7 @@ struct SocketContext {
     HWND AsyncWindow = nullptr;  ///< as given to WSPAsyncSelect
     UINT AsyncMessage = 0;
     Atomic<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
-    CriticalSection Lock;
+    CriticalSection Lock QX_ACQUIRED_AFTER(qx::GlobalLock) QX_ACQUIRED_BEFORE(OverlappedLock);
     LspEntry* Provider = nullptr;
     struct {
         SocketContext* Next = nullptr;
