@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "base/layer_call.h"
 #include "base/trace.h"
 
 // The chain's pieces go to Winsock as they are.
@@ -111,7 +112,8 @@ ReadResult WaitForBytes(SOCKET s, Wait& wait, int& error) {
 
 /// One read of at most `wanted` bytes into the chain. kFailed: the bytes could not be added, with `error`
 /// set.
-ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std::uint32_t wanted, int& error) {
+ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std::uint32_t wanted,
+                     int& error) {
     BufferPiece piece = target.Room(message, wanted);
     WSABUF buffer;
     buffer.len = piece.length;
@@ -189,6 +191,7 @@ bool ReceiveWithin(MessageBase& message, SOCKET s, Wait& wait) noexcept {
 
 int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWORD flags,
                    WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+    const LayerCall layerCall;
     int result = SOCKET_ERROR;
     const bool completed =
         GuardedCall([&] { result = WSASend(s, buffers, count, bytesSent, flags, overlapped, routine); });
@@ -200,6 +203,7 @@ int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWO
 
 int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived, DWORD* flags,
                    WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+    const LayerCall layerCall;
     int result = SOCKET_ERROR;
     const bool completed =
         GuardedCall([&] { result = WSARecv(s, buffers, count, bytesReceived, flags, overlapped, routine); });
@@ -210,6 +214,7 @@ int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived,
 }
 
 int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) noexcept {
+    const LayerCall layerCall;
     int result = SOCKET_ERROR;
     if (GuardedCall([&] { result = select(0, readable, writable, failed, timeout); })) return result;
     WSASetLastError(WSAEFAULT);

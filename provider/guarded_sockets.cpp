@@ -5,6 +5,7 @@
 #include <guarded_call.h>
 
 #include "base/atomic.h"
+#include "base/layer_call.h"
 #include "base/locker.h"
 #include "base/trace.h"
 #include "provider/process_state.h"
@@ -27,7 +28,9 @@ int SocketForTrace(SOCKET s) {
 
 /// Runs `call`; when it raises, runs `report` (which traces) and gives `failure` with WSAEFAULT.
 template <class Result, class Call, class Report>
-Result Guarded(Result failure, Call call, Report report) {
+Result Guarded(Result failure, Call call, Report report,
+               LayerCall::Kind kind = LayerCall::Kind::kUsesSockets) {
+    const LayerCall layerCall(kind);
     Result result = failure;
     if (GuardedCall([&]() noexcept { result = call(); })) return result;
     report();
@@ -133,7 +136,8 @@ SOCKET SafeWSASocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOA pro
     const Locker lock(SocketCreateCloseLock);
     return Guarded(
         INVALID_SOCKET, [&] { return WSASocketA(family, type, protocol, protocolInfo, group, flags); },
-        [] { Trace("ERROR:Unhandled EXCEPTION when creating socket from thread %d", ThreadForTrace()); });
+        [] { Trace("ERROR:Unhandled EXCEPTION when creating socket from thread %d", ThreadForTrace()); },
+        LayerCall::Kind::kMakesSocket);
 }
 
 BOOL SafeWSAGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait,
@@ -164,6 +168,11 @@ BOOL SafeConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID sendBuffer
 
 int SafeConnect(SOCKET s, const sockaddr* name, int namelen) {
     return GuardedOnSocket(s, "connecting", SOCKET_ERROR, [&] { return connect(s, name, namelen); });
+}
+
+int SafeGetSockName(SOCKET s, sockaddr* name, int* namelen) {
+    return GuardedOnSocket(s, "getting the name of", SOCKET_ERROR,
+                           [&] { return getsockname(s, name, namelen); });
 }
 
 int SafeSetSockOpt(SOCKET s, int level, int option, const char* value, int length) {

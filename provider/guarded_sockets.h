@@ -37,6 +37,7 @@ BOOL SafeWSAGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD by
 BOOL SafeConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID sendBuffer, DWORD sendLength,
                    LPDWORD bytesSent, LPOVERLAPPED overlapped);
 int SafeConnect(SOCKET s, const sockaddr* name, int namelen);
+int SafeGetSockName(SOCKET s, sockaddr* name, int* namelen);
 int SafeSetSockOpt(SOCKET s, int level, int option, const char* value, int length);
 int SafeIoctlSocket(SOCKET s, LONG command, u_long* argument);
 int SafeBind(SOCKET s, const sockaddr* name, int namelen);

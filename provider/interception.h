@@ -13,23 +13,20 @@ struct SocketContext;
 /// Where one connect goes by its own verdict. The context's fields follow the verdicts of all threads that
 /// connect the same socket.
 struct ConnectTarget {
-    enum class Way { kDirect, kThroughRelay, kRefused };
+    enum class Way { kDirect, kThroughRelay, kRefused, kSplitFailed, kSocketClosed };
 
     Way way = Way::kDirect;
     SOCKADDR_STORAGE name = {};
     int length = 0;  ///< of the name, as the application gave it, until a split replaces both
 };
 
-/// Asks the analyzer about a stream connect to `target->name` and applies its verdict to the context
-/// (`Blocked`, `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and to `*target`: the way, and
-/// the name when it is redirected. True when a verdict was applied or none was needed, false when the
-/// analyzer could not be asked or did not answer (the fail-connect policy has then been applied).
-bool AskConnectVerdict(SocketContext* context, ConnectTarget* target);
-
-/// Splits the connection to `target->name` through the relay: on success `*target` holds the relay listener's
-/// name, to which the lower socket is then connected. False otherwise; AbandonSplit then releases what was
-/// made.
-bool SplitConnection(SocketContext* context, ConnectTarget* target);
+/// Asks the analyzer about a connect to `target->name`, unless the socket is exempt or no stream, and applies
+/// its verdict to the context (`Blocked`, `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and
+/// to
+/// `*target`: the way, and the name to connect to, which a redirection replaces. A connection that is to be
+/// split is split, and the name is the relay listener's; when that fails, everything that was made has been
+/// released. When the analyzer can't be asked, or doesn't answer, the fail-connect policy decides.
+void InterceptConnect(SocketContext* context, ConnectTarget* target);
 
 /// Closes and removes the relay connection of a split that failed, or whose connect to the relay listener
 /// did.
@@ -53,3 +50,6 @@ void NotifyBind(SocketContext* context, const sockaddr* name, int namelen);
 
 /// Reports the application's close of its socket and releases what the interception keeps for it.
 void NotifyClose(SocketContext* context);
+
+/// Ends every wait for the analyzer on a socket that has been marked as closing: no later one begins.
+void AbandonWaits(SocketContext* context);

@@ -3,7 +3,7 @@
 
 DWORD ThreadSlot = TLS_OUT_OF_INDEXES;
 HINSTANCE ModuleHandle = nullptr;
-HANDLE PrivateHeap = nullptr;
+Atomic<HANDLE> PrivateHeap;
 WSPUPCALLTABLE UpcallTable = {};
 HANDLE ContextAddedEvent = nullptr;
 

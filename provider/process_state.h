@@ -18,7 +18,7 @@ extern DWORD ThreadSlot;
 extern HINSTANCE ModuleHandle;
 /// The layer's own heap: catalog entries, contexts and overlapped records. Null between clean-up and
 /// start-up.
-extern HANDLE PrivateHeap;
+extern Atomic<HANDLE> PrivateHeap;
 /// The upcalls given to the first start-up.
 extern WSPUPCALLTABLE UpcallTable;
 /// Manual-reset; set each time a context joins a list. Null between clean-up and start-up.

@@ -5,7 +5,9 @@
 
 #include <windows.h>
 
+#include "base/layer_call.h"
 #include "messages/message_pool.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/process_state.h"
 #include "qxlsp/startup.h"
 #include "relay/split/relay_life.h"
@@ -18,19 +20,22 @@ void Attach(HINSTANCE instance) {
     Detaching = false;
     StartRelay();
     InitializeLocks();
+    InitializeHandleLocks();
     ThreadSlot = TlsAlloc();
+    LayerCall::AllocateSlot();
 }
 
 void Detach(bool unloading) {
     Detaching = true;
     ReleaseLayerAtDetach(unloading);
+    DeleteHandleLocks();
     DeleteLocks();
     DestroyMessagePool();
-    // A process that ends takes the slot with it.
-    if (unloading && ThreadSlot != TLS_OUT_OF_INDEXES) {
-        TlsFree(ThreadSlot);
-        ThreadSlot = TLS_OUT_OF_INDEXES;
-    }
+    // A process that ends takes the slots with it.
+    if (!unloading) return;
+    LayerCall::FreeSlot();
+    if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsFree(ThreadSlot);
+    ThreadSlot = TLS_OUT_OF_INDEXES;
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "protocols/protocol_table.h"
 #include "provider/catalog/catalog.h"
 #include "provider/contexts/catalog_teardown.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
 #include "provider/overlapped/overlapped_manager.h"
@@ -68,8 +69,12 @@ constexpr WSPPROC_TABLE kLayerOperations = {
 /// What the first start-up builds: heap, upcalls, event, catalog, overlapped manager.
 bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
     StartRelay();
+    {
+        // A thread with a handle that is none any more may look it up at any time.
+        const AllHandleGroups groups;
+        UpcallTable = upcalls;
+    }
     if (!CreatePrivateHeap()) return false;
-    UpcallTable = upcalls;
     ContextAddedEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     if (ContextAddedEvent == nullptr) return false;
     {

@@ -3,6 +3,7 @@
 
 #include "provider/catalog/catalog.h"
 #include "provider/catalog/lower_call.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
@@ -38,22 +39,28 @@ SocketContext* TakeFirstContext(LspEntry* provider) {
 
 }  // namespace
 
+void GiveUpContext(SocketContext* context) {
+    const SOCKET handle = context->LayeredSocket;
+    const Locker lock(GroupOf(handle).Lock);
+    INT ignored = 0;
+    UpcallTable.lpWPUCloseSocketHandle(handle, &ignored);
+    if (context->RefCount == 0) {
+        FreeSocketContext(context);
+        return;
+    }
+    CatalogLifetime* const lifetime = context->Provider->Lifetime;
+    HoldCatalogLifetime(lifetime);
+    context->Abandoned = lifetime;
+    context->LayeredSocket = INVALID_SOCKET;
+}
+
 void CloseProviderSockets(LspEntry* provider, bool detaching) {
     while (SocketContext* const context = TakeFirstContext(provider)) {
         const SOCKET lowerSocket = context->ProviderSocket.Exchange(INVALID_SOCKET);
         if (lowerSocket != INVALID_SOCKET && !(detaching && provider->LowerIsLayered())) {
             CloseLowerSocketHard(provider, lowerSocket);
         }
-        INT ignored = 0;
-        UpcallTable.lpWPUCloseSocketHandle(context->LayeredSocket, &ignored);
-        context->LayeredSocket = INVALID_SOCKET;
-        if (context->RefCount == 0) {
-            FreeSocketContext(context);
-            continue;
-        }
-        // A thread is still inside an operation: the context, its entry and the lower library stay for it.
-        HoldCatalogLifetime(provider->Lifetime);
-        context->Abandoned = provider->Lifetime;
+        GiveUpContext(context);
     }
 }
 
@@ -65,6 +72,7 @@ bool FreeLspCatalog(bool detaching, LPINT error) {
             CloseProviderSockets(&CatalogEntries[i], detaching);
             CleanUpLowerProvider(&CatalogEntries[i], detaching, error);
         }
+        const AllHandleGroups groups;
         lifetime = DetachCatalog();
     }
     SafeCloseHandle(ContextAddedEvent);

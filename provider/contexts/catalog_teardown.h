@@ -16,3 +16,8 @@ bool FreeLspCatalog(bool detaching, LPINT error);
 /// detaching nothing is called below a layered lower provider. No context can join the entry afterwards. Call
 /// with GlobalLock held.
 void CloseProviderSockets(LspEntry* provider, bool detaching);
+
+/// Gives the handle of a context that is in no list back and frees it, unless a thread is still inside an
+/// operation: then the context, its entry and the lower library stay for that thread. Call with GlobalLock
+/// held.
+void GiveUpContext(SocketContext* context);

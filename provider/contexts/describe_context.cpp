@@ -34,7 +34,7 @@ ContextText DescribeContext(const SocketContext* context) {
         context->SocketType, static_cast<int>(context->RelayIndex), static_cast<int>(context->LayeredSocket),
         static_cast<int>(context->ProviderSocket), static_cast<int>(context->SpySocket),
         known ? address : "<undefined>", context->DestinationAddress.Port(),
-        static_cast<int>(context->Protocol), static_cast<int>(context->Own),
+        static_cast<int>(context->Protocol), static_cast<int>(context->Own || context->LocalDestination),
         static_cast<int>(context->ReportTraffic), static_cast<int>(context->InspectData),
         static_cast<int>(context->RelayWanted), static_cast<int>(context->CountTraffic),
         static_cast<int>(context->Split), static_cast<int>(context->AnalyzerServes));

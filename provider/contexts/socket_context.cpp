@@ -6,8 +6,10 @@
 
 #include <new>
 
+#include "base/layer_call.h"
 #include "base/trace.h"
 #include "provider/catalog/catalog.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/guarded_sockets.h"
 
 static_assert(sizeof(SocketContext) <= 1024, "a context costs at most 1 KiB");
@@ -37,6 +39,17 @@ EndedContext EndContext(SocketContext* context, LPINT error) {
     }
     FreeSocketContext(context);
     return ended;
+}
+
+/// Drops a reference, unless the context may end with it. Whoever lets it end sets Closing or Abandoned
+/// before it drops its own reference, or with the lock of the handle's group held.
+bool DropReferenceOfLiving(SocketContext* context) {
+    const SOCKET handle = context->LayeredSocket;
+    const Locker lock(GroupOf(handle).Lock);
+    // The clean-up takes the handle away, and then it is another group's lock that counts.
+    if (context->LayeredSocket != handle || context->Closing || context->Abandoned != nullptr) return false;
+    context->RefCount.Decrement();
+    return true;
 }
 
 // The two halves of a hold whose ends lie in different functions.
@@ -113,7 +126,7 @@ void RemoveSocketContext(LspEntry* provider, SocketContext* context) {
 SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error) {
     DWORD_PTR value = 0;
     INT ignored = 0;
-    const Locker lock(qx::GlobalLock);
+    const Locker lock(GroupOf(s).Lock);
     // Without a catalog there is no socket of ours, and perhaps no upcall table yet.
     if (PrivateHeap == nullptr ||
         UpcallTable.lpWPUQuerySocketHandleContext(s, &value, &ignored) == SOCKET_ERROR || value == 0) {
@@ -121,15 +134,22 @@ SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error) {
         return nullptr;
     }
     auto* const context = reinterpret_cast<SocketContext*>(value);
+    if (context->OwnedByLayer && !LayerCall::IsUnderWay()) {
+        *error = WSAENOTSOCK;
+        return nullptr;
+    }
+    // Whoever made the handle may not have come to store it yet.
+    context->LayeredSocket = s;
     context->RefCount.Increment();
     return context;
 }
 
 bool DerefSocketContext(SocketContext* context, LPINT error) {
-    if (context == nullptr) return true;
+    if (context == nullptr || DropReferenceOfLiving(context)) return true;
     EndedContext ended;
     {
         const Locker lock(qx::GlobalLock);
+        const Locker handle(GroupOf(context->LayeredSocket).Lock);
         if (context->RefCount.Decrement() > 0) return true;
         const bool ends =
             context->Abandoned != nullptr || (context->Closing && context->OutstandingAsync == 0);
@@ -175,6 +195,7 @@ SocketContext* FindSocketContextByProviderSocket(LspEntry* provider, SOCKET prov
 
 void MarkSocketAsOwn(SOCKET s, DWORD relayIndex) {
     INT error = 0;
+    const LayerCall call;
     const ContextReference context(s, &error);
     if (!context) {
         Trace("ERROR:Failed to mark socket %d as own. No socket context found. Relay index = %d\n",
@@ -186,5 +207,5 @@ void MarkSocketAsOwn(SOCKET s, DWORD relayIndex) {
 }
 
 bool IsSocketExempt(const SocketContext* context) {
-    return IsProcessExempt() || context == nullptr || context->Own || OwnProcess;
+    return IsProcessExempt() || context == nullptr || context->Own || context->LocalDestination || OwnProcess;
 }

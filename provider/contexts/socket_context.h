@@ -2,10 +2,10 @@
 // interception knows about it.
 //
 // Winsock itself maps the application's handle to its context. A context is used with a reference held
-// (FindAndRefSocketContext, ContextReference); lookups and reference changes happen under GlobalLock, so the
-// last dereference of a closing context can free it with nobody reaching it meanwhile. Its fields are read
-// and written by application threads without a lock, each access being whole (Relaxed, AddressField); `Lock`
-// guards OutstandingAsync, CompletionPort, SkipsPackets and the change to Closing.
+// (FindAndRefSocketContext, ContextReference); lookups and reference changes happen under the lock of the
+// handle's group, so the last dereference of a closing context can free it with nobody reaching it meanwhile.
+// Its fields are read and written by application threads without a lock, each access being whole (Relaxed,
+// AddressField); `Lock` guards OutstandingAsync, CompletionPort, SkipsPackets and the change to Closing.
 #pragma once
 
 #include <winsock2.h>
@@ -37,7 +37,7 @@ struct SocketContext {
     Atomic<SOCKET> LayeredSocket;   ///< the application's handle; INVALID_SOCKET once given back
     DWORD OutstandingAsync = 0;     ///< overlapped operations under way; guarded by Lock
     Atomic<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
-    Atomic<LONG> RefCount;          ///< threads using the context; changed under GlobalLock
+    Atomic<LONG> RefCount;  ///< threads using the context; raised under the lock of the handle's group
     Atomic<LONG>
         LowerSocketUses;  ///< overlapped requests being handed to the lower provider; see LowerSocketUse
     Atomic<std::uint64_t> BytesSent;
@@ -60,19 +60,23 @@ struct SocketContext {
     Atomic<BOOL> Split;  ///< connected elsewhere than the application asked
     /// This socket's connection to the analyzer, or INVALID_SOCKET. Who exchanges it out closes it.
     Atomic<SOCKET> SpySocket;
-    Atomic<DWORD> Protocol;        ///< id found by classification; 0: not yet; kProtocolGivenUp
-    Atomic<DWORD> ProtocolProbed;  ///< kProbed... bits
-    AddressField LocalAddress;     ///< the socket's local name once connected
-    Atomic<BOOL> Blocked;          ///< sends and receives fail with BlockError
-    Atomic<BOOL> Own;              ///< exempt from interception
+    Atomic<DWORD> Protocol;         ///< id found by classification; 0: not yet; kProtocolGivenUp
+    Atomic<DWORD> ProtocolProbed;   ///< kProbed... bits
+    AddressField LocalAddress;      ///< the socket's local name once connected
+    Atomic<BOOL> Blocked;           ///< sends and receives fail with BlockError
+    Atomic<BOOL> Own;               ///< exempt from interception for as long as it lives
+    Atomic<BOOL> LocalDestination;  ///< exempt for as long as it is connected where nobody is asked about
+    bool OwnedByLayer = false;      ///< made by the layer for itself: the application has no such socket
     Atomic<BOOL> ReportTraffic;
     Atomic<BOOL> InspectData;
     Atomic<BOOL> CountTraffic;
     Atomic<BOOL> RelayWanted;  ///< the connection is to be split
     Atomic<DWORD> RelayIndex;  ///< of the relay connection; 0: none
     Atomic<BOOL> AnalyzerServes;
-    int AddressFamily = 0;  ///< this and the next four: as the application made the socket
-    int SocketType = 0;     ///< 6 stands for any type from 6 on
+    /// This and the next four: as the application made the socket; what it left open, or took from a catalog
+    /// entry, is the chosen entry's.
+    int AddressFamily = 0;
+    int SocketType = 0;  ///< 6 stands for any type from 6 on
     int SocketProtocol = 0;
     GROUP SocketGroup = 0;
     DWORD SocketFlags = 0;
@@ -106,15 +110,16 @@ bool InsertSocketContext(LspEntry* provider, SocketContext* context);
 /// Takes the context off its provider's list.
 void RemoveSocketContext(LspEntry* provider, SocketContext* context);
 
-/// The context of an application's handle with one more reference, or null with `*error` WSAENOTSOCK. Takes
-/// GlobalLock.
+/// The context of an application's handle with one more reference, or null with `*error` WSAENOTSOCK; so also
+/// for a handle of the layer's own outside a LayerCall, which can only be a closed one of the application's
+/// whose value was given out again. Takes the handle's group lock.
 SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error);
 
 /// Drops a reference. The last one of a closing context without outstanding operations gives the
 /// application's handle back and frees the context; a spy socket that it still has and that no relay uses is
-/// closed. Takes GlobalLock and must be called without any lock to the right of it. `*error` is written only
-/// by a failing upcall; the thread's last error is kept. True when the handle was given back successfully or
-/// is still in use.
+/// closed. May take GlobalLock and must be called without any lock that comes after it. `*error` is written
+/// only by a failing upcall; the thread's last error is kept. True when the handle was given back
+/// successfully or is still in use.
 bool DerefSocketContext(SocketContext* context, LPINT error);
 
 /// Takes the spy socket away from a context that ends: the socket for the caller to close with

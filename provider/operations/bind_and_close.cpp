@@ -10,24 +10,14 @@
 
 namespace {
 
-enum class CloseClaim {
-    kRefused,  ///< somebody closed it before
-    kAlone,    ///< nothing else uses the context
-    kShared,   ///< operations or other threads still do
-};
-
-/// Marks the context as closing, for one caller only.
-CloseClaim ClaimClose(SocketContext* context) {
+/// Marks the context as closing; false when somebody closed it before.
+bool ClaimClose(SocketContext* context) {
     const Locker global(qx::GlobalLock);
-    if (!AcquireSocketLock(context)) return CloseClaim::kRefused;
-    CloseClaim claim = CloseClaim::kRefused;
-    if (!context->Closing) {
-        context->Closing = TRUE;
-        const bool alone = context->OutstandingAsync == 0 && context->RefCount == 1;
-        claim = alone ? CloseClaim::kAlone : CloseClaim::kShared;
-    }
+    if (!AcquireSocketLock(context)) return false;
+    const bool claimed = !context->Closing;
+    context->Closing = TRUE;
     ReleaseSocketLock(context);
-    return claim;
+    return claimed;
 }
 
 int CloseLower(SocketContext* context, LPINT error) {
@@ -65,16 +55,12 @@ int WSPAPI WSPCloseSocket(SOCKET s, LPINT error) {
     NotifyClose(context);
 
     INT ignored = 0;
-    const CloseClaim claim = ClaimClose(context);
-    if (claim == CloseClaim::kRefused) {
+    if (!ClaimClose(context)) {
         DerefSocketContext(context, &ignored);
         return Fail(WSAENOTSOCK, error);
     }
+    AbandonWaits(context);
     const int result = CloseLower(context, error);
-    if (claim == CloseClaim::kShared) {
-        DerefSocketContext(context, &ignored);
-        return result;
-    }
     if (result == SOCKET_ERROR) {
         // Still open, and the application may try again.
         context->Closing = FALSE;

@@ -1,10 +1,10 @@
 // Every way to a new socket for the application: the lower socket, its context and the application's handle
-// are made in this order and released in the opposite one when a step fails. A context joins its entry's list
-// last, when nothing of it changes any more, since a clean-up on another thread may end it from then on.
-#include <cstring>
-
+// are made in this order and released in the opposite one when a step fails. A context is filled before its
+// handle exists, and joins its entry's list last, since a clean-up on another thread may end it from then on.
+#include "base/layer_call.h"
 #include "provider/catalog/catalog.h"
 #include "provider/catalog/lower_call.h"
+#include "provider/contexts/catalog_teardown.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/operations/operations.h"
 
@@ -78,7 +78,15 @@ void CloseLowerSocket(LspEntry* provider, SOCKET lowerSocket) {
               [&]() noexcept { return provider->LowerProcedures.lpWSPCloseSocket(lowerSocket, &ignored); });
 }
 
-/// Gives the application a handle for a lower socket: context, handle, `fill(context)`, list. On failure the
+/// Takes back a context that the catalog's end overtook before it could join its entry's list. Another thread
+/// may have guessed its handle and be using it.
+void WithdrawContext(SocketContext* context) {
+    const Locker global(qx::GlobalLock);
+    context->RefCount.Decrement();
+    GiveUpContext(context);
+}
+
+/// Gives the application a handle for a lower socket: context, `fill(context)`, handle, list. On failure the
 /// lower socket is closed and nothing stays.
 template <class Fill>
 SOCKET PublishSocket(LspEntry* provider, SOCKET lowerSocket, const SocketContext* inheritFrom, LPINT error,
@@ -88,24 +96,38 @@ SOCKET PublishSocket(LspEntry* provider, SOCKET lowerSocket, const SocketContext
         CloseLowerSocket(provider, lowerSocket);
         return INVALID_SOCKET;
     }
+    fill(context);
+    // From here on a thread that guesses the handle can use the socket, and close it.
+    context->RefCount.Increment();
     const SOCKET handle = UpcallTable.lpWPUCreateSocketHandle(provider->LayerProvider.dwCatalogEntryId,
                                                               reinterpret_cast<DWORD_PTR>(context), error);
-    if (handle != INVALID_SOCKET) {
-        context->LayeredSocket = handle;
-        fill(context);
-        if (InsertSocketContext(provider, context)) return handle;
-        INT ignored = 0;
-        UpcallTable.lpWPUCloseSocketHandle(handle, &ignored);
-        *error = WSANOTINITIALISED;
+    if (handle == INVALID_SOCKET) {
+        CloseLowerSocket(provider, lowerSocket);
+        FreeSocketContext(context);
+        return INVALID_SOCKET;
     }
-    CloseLowerSocket(provider, lowerSocket);
-    FreeSocketContext(context);
+    context->LayeredSocket = handle;
+    INT ignored = 0;
+    if (InsertSocketContext(provider, context)) {
+        DerefSocketContext(context, &ignored);
+        return handle;
+    }
+    const SOCKET unlisted = context->ProviderSocket.Exchange(INVALID_SOCKET);
+    if (unlisted != INVALID_SOCKET) CloseLowerSocket(provider, unlisted);
+    WithdrawContext(context);
+    *error = WSANOTINITIALISED;
     return INVALID_SOCKET;
 }
 
 /// A socket that came out of another one of the application's.
 SOCKET PublishDerivedSocket(SocketContext* parent, SOCKET lowerSocket, LPINT error) {
     return PublishSocket(parent->Provider, lowerSocket, parent, error, [](SocketContext*) {});
+}
+
+/// An argument of WSPSocket: what the application left open, or said to take from the catalog, is the chosen
+/// entry's.
+int Effective(int argument, int chosen) {
+    return argument == 0 || argument == FROM_PROTOCOL_INFO ? chosen : argument;
 }
 
 }  // namespace
@@ -137,11 +159,14 @@ SOCKET WSPAPI WSPSocket(int family, int type, int protocol, LPWSAPROTOCOL_INFOW 
     });
     if (lowerSocket == INVALID_SOCKET) return INVALID_SOCKET;
 
+    const WSAPROTOCOL_INFOW& chosen = provider->NextProvider;
     return PublishSocket(provider, lowerSocket, nullptr, error, [&](SocketContext* context) {
-        context->AddressFamily = family;
-        context->Own = family != AF_INET ? TRUE : FALSE;
-        context->SocketType = type < kHighestSocketType ? type : kHighestSocketType;
-        context->SocketProtocol = protocol;
+        context->AddressFamily = Effective(family, chosen.iAddressFamily);
+        const int socketType = Effective(type, chosen.iSocketType);
+        context->SocketType = socketType < kHighestSocketType ? socketType : kHighestSocketType;
+        context->SocketProtocol = Effective(protocol, chosen.iProtocol);
+        context->OwnedByLayer = LayerCall::MakesSocket();
+        context->Own = context->OwnedByLayer || context->AddressFamily != AF_INET ? TRUE : FALSE;
         context->SocketGroup = group;
         context->SocketFlags = flags;
     });

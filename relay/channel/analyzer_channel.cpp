@@ -30,11 +30,12 @@ bool Has(std::uint32_t flags, std::uint32_t bit) {
 }
 
 /// What every answer carries, whatever it answers.
-void ApplyAnswer(SocketContext* context, const LSPAnalyzerMessageResponse& response) {
+void ApplyAnswer(SocketContext* context, const SentRequest& request,
+                 const LSPAnalyzerMessageResponse& response) {
     if (context->CountTraffic) {
-        // The counts so far have travelled with the request.
-        context->BytesSent = 0;
-        context->BytesRecv = 0;
+        // What has passed since the request was made is for the next one.
+        context->BytesSent.FetchAdd(0 - request.BytesSent);
+        context->BytesRecv.FetchAdd(0 - request.BytesReceived);
     }
     if (response.ExemptProcessId != 0) ExemptProcessId = response.ExemptProcessId;
     if (Has(response.Flags, kFlagKeepFlags)) return;
@@ -59,7 +60,7 @@ bool PrepareAnalyzerChannel(SocketContext* context, const SOCKADDR_STORAGE* name
     // Judged by what is asked about: another thread that uses the socket may have stored its own destination.
     const bool local = name == nullptr ? IsLocalDestination(context) : IsLocalDestination(context, *name);
     if (local) {
-        context->Own = TRUE;
+        context->LocalDestination = TRUE;
         return true;
     }
     if (name != nullptr && name->ss_family != AF_INET) return true;
@@ -68,12 +69,12 @@ bool PrepareAnalyzerChannel(SocketContext* context, const SOCKADDR_STORAGE* name
     return false;
 }
 
-PooledResponse WaitForResponse(DWORD messageId, SocketContext* context, HANDLE event,
+PooledResponse WaitForResponse(const SentRequest& request, SocketContext* context, HANDLE event,
                                const Atomic<bool>* abandoned) {
-    if (messageId == 0 || context == nullptr) return nullptr;
-    const bool delivered = event != nullptr && event != INVALID_HANDLE_VALUE && context->RelayWanted;
-    PooledResponse response = delivered ? FetchDeliveredResponse(messageId, context, event)
-                                        : ReceiveDirectly(messageId, context, abandoned);
-    if (response != nullptr) ApplyAnswer(context, *response);
+    if (request.MessageId == 0 || context == nullptr) return nullptr;
+    const bool delivered = event != nullptr && event != INVALID_HANDLE_VALUE;
+    PooledResponse response = delivered ? FetchDeliveredResponse(request.MessageId, context, event)
+                                        : ReceiveDirectly(request.MessageId, context, abandoned);
+    if (response != nullptr) ApplyAnswer(context, request, *response);
     return response;
 }

@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include <cstdint>
+
 #include "base/atomic.h"
 #include "messages/message_pool.h"
 
@@ -17,9 +19,16 @@ struct SocketContext;
 /// reached; the fail-connect policy has been applied.
 bool PrepareAnalyzerChannel(SocketContext* context, const SOCKADDR_STORAGE* name, int namelen);
 
+/// A request that is on its way, and what it said of the socket's traffic so far.
+struct SentRequest {
+    DWORD MessageId = 0;
+    std::uint64_t BytesSent = 0;
+    std::uint64_t BytesReceived = 0;
+};
+
 /// Waits for the answer to a request: for the relay worker when `event` is a registered waiter's, otherwise
 /// by reading the spy socket directly, for which the caller holds the context's SpyExchange; `abandoned` (may
-/// be null) then ends the wait early. Applies what every answer carries: traffic flags, exempt process,
-/// counters taken. Null means no answer: the spy socket has been closed.
-PooledResponse WaitForResponse(DWORD messageId, SocketContext* context, HANDLE event,
+/// be null) then ends the wait early. Applies what every answer carries: traffic flags, exempt process, and
+/// that what the request reported has been counted. Null means no answer: the spy socket has been closed.
+PooledResponse WaitForResponse(const SentRequest& request, SocketContext* context, HANDLE event,
                                const Atomic<bool>* abandoned = nullptr);

@@ -18,48 +18,54 @@
 namespace {
 
 struct PendingResponse {
-    HANDLE Event = INVALID_HANDLE_VALUE;  // auto-reset; INVALID_HANDLE_VALUE once woken without an answer
+    HANDLE Event = INVALID_HANDLE_VALUE;  // auto-reset
     PooledResponse Response;
     SOCKET SpySocket = INVALID_SOCKET;
+    bool Awaited = false;  // a thread waits for the event, and closes it
+    bool Woken = false;    // without an answer
 };
 
 using PendingResponseTable = std::unordered_map<DWORD, PendingResponse>;
 ProcessObject<PendingResponseTable> Table;
 
-/// Whether the answer has arrived already, which makes waiting needless.
-bool ArrivedEarly(DWORD messageId, const SocketContext* context, HANDLE event) {
-    bool otherEvent = false;
-    {
-        Locker lock(PendingResponseLock);
-        const auto entry = Table.Get().find(messageId);
-        if (entry == Table.Get().end()) return false;
-        if (entry->second.Response != nullptr) return true;
-        otherEvent = entry->second.Event != event;
-    }
-    if (otherEvent) {
-        Trace(
-            "ERROR:Failed to get response for message id %d for OL operation on socket %d. Different event "
-            "handle. "
-            "Details: %s\n",
-            static_cast<int>(messageId), static_cast<int>(context->LayeredSocket),
-            DescribeContext(context).c_str());
-    }
-    return false;
+enum class Arrival {
+    kAwaited,    // nothing yet: the event is to be waited for
+    kArrived,    // the answer is there already
+    kCleared,    // the clean-up took the waiter away, and closed its event
+    kDisplaced,  // message ids have come round: a younger waiter has the entry, this one only its event
+};
+
+/// Begins a wait.
+Arrival BeginWait(DWORD messageId, HANDLE event) {
+    const Locker lock(PendingResponseLock);
+    const auto found = Table.Get().find(messageId);
+    if (found == Table.Get().end()) return Arrival::kCleared;
+    PendingResponse& entry = found->second;
+    if (entry.Event != event) return Arrival::kDisplaced;
+    entry.Awaited = true;
+    return entry.Response != nullptr ? Arrival::kArrived : Arrival::kAwaited;
 }
 
-/// Ends the wait: takes what has arrived, also in the moment after the time was up.
-PooledResponse RemoveWaiter(DWORD messageId, HANDLE event) {
-    Locker lock(PendingResponseLock);
-    PendingResponseTable& table = Table.Get();
-    const auto entry = table.find(messageId);
-    // The clean-up has taken the entry away and closed its event.
-    if (entry == table.end()) return nullptr;
-    PooledResponse response = std::move(entry->second.Response);
-    // Another waiter's entry, made when the message ids had come round, stays with that waiter.
-    const HANDLE registered = entry->second.Event;
-    if (registered == event || registered == INVALID_HANDLE_VALUE) table.erase(entry);
+/// Ends a wait: takes what has arrived, also in the moment after the time was up, and closes the event.
+PooledResponse EndWait(DWORD messageId, HANDLE event) {
+    PooledResponse response;
+    {
+        const Locker lock(PendingResponseLock);
+        PendingResponseTable& table = Table.Get();
+        const auto found = table.find(messageId);
+        if (found != table.end() && found->second.Event == event) {
+            response = std::move(found->second.Response);
+            table.erase(found);
+        }
+    }
     SafeCloseHandle(event);
     return response;
+}
+
+void TraceNoAnswer(const char* what, DWORD messageId, const SocketContext* context) {
+    Trace("ERROR:Failed to get response for message id %d for OL operation on socket %d. %s. Details: %s\n",
+          static_cast<int>(messageId), static_cast<int>(context->LayeredSocket), what,
+          DescribeContext(context).c_str());
 }
 
 }  // namespace
@@ -68,13 +74,13 @@ HANDLE CreateResponseWait(DWORD messageId, SocketContext* context) {
     if (context == nullptr || !context->RelayWanted) return INVALID_HANDLE_VALUE;
     const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     if (event == nullptr) return INVALID_HANDLE_VALUE;
-    PooledResponse unfetched;  // goes back to the pool after the lock
+    PendingResponse waiter;
+    waiter.Event = event;
+    waiter.SpySocket = context->SpySocket;
     try {
-        Locker lock(PendingResponseLock);
-        PendingResponse& entry = Table.Get()[messageId];
-        entry.Event = event;
-        unfetched = std::move(entry.Response);
-        entry.SpySocket = context->SpySocket;
+        const Locker lock(PendingResponseLock);
+        // An older waiter of the same id keeps its event; its answer goes back to the pool after the lock.
+        std::swap(Table.Get()[messageId], waiter);
     } catch (const std::bad_alloc&) {
         SafeCloseHandle(event);
         return INVALID_HANDLE_VALUE;
@@ -83,17 +89,15 @@ HANDLE CreateResponseWait(DWORD messageId, SocketContext* context) {
 }
 
 PooledResponse FetchDeliveredResponse(DWORD messageId, const SocketContext* context, HANDLE event) {
-    const bool waited = !ArrivedEarly(messageId, context, event);
-    const bool signalled = !waited || WaitForSingleObject(event, kResponseWaitMilliseconds) == WAIT_OBJECT_0;
-    PooledResponse response = RemoveWaiter(messageId, event);
-    if (response != nullptr) return response;
-    if (!signalled) {
-        Trace(
-            "ERROR:Failed to get response for message id %d for OL operation on socket %d. Timeout while "
-            "waiting "
-            "for the event. Details: %s\n",
-            static_cast<int>(messageId), static_cast<int>(context->LayeredSocket),
-            DescribeContext(context).c_str());
+    PooledResponse response;
+    const Arrival arrival = BeginWait(messageId, event);
+    if (arrival == Arrival::kDisplaced) TraceNoAnswer("Different event handle", messageId, context);
+    if (arrival != Arrival::kCleared) {
+        const bool signalled = arrival == Arrival::kArrived ||
+                               WaitForSingleObject(event, kResponseWaitMilliseconds) == WAIT_OBJECT_0;
+        response = EndWait(messageId, event);
+        if (response != nullptr) return response;
+        if (!signalled) TraceNoAnswer("Timeout while waiting for the event", messageId, context);
     }
     Trace(
         "ERROR:Failed to get response for OL operation. No response was set for the message id %d. Closing "
@@ -103,35 +107,41 @@ PooledResponse FetchDeliveredResponse(DWORD messageId, const SocketContext* cont
 }
 
 void WakeResponseWaiters(SOCKET spySocket) {
-    Locker lock(PendingResponseLock);
+    const Locker lock(PendingResponseLock);
     for (auto& item : Table.Get()) {
         PendingResponse& entry = item.second;
-        if (entry.SpySocket != spySocket || entry.Event == INVALID_HANDLE_VALUE) continue;
-        SetEvent(std::exchange(entry.Event, INVALID_HANDLE_VALUE));
+        if (entry.SpySocket != spySocket || entry.Woken) continue;
+        entry.Woken = true;
+        SetEvent(entry.Event);
     }
 }
 
 bool DeliverResponse(PooledResponse& response) {
-    Locker lock(PendingResponseLock);
-    const auto entry = Table.Get().find(response->RequestId);
-    if (entry == Table.Get().end()) return false;
-    entry->second.Response = std::move(response);
-    const HANDLE event = entry->second.Event;
-    if (event != nullptr && event != INVALID_HANDLE_VALUE) SetEvent(event);
+    PooledResponse replaced;  // goes back to the pool after the lock
+    const Locker lock(PendingResponseLock);
+    const auto found = Table.Get().find(response->RequestId);
+    if (found == Table.Get().end()) return false;
+    PendingResponse& entry = found->second;
+    replaced = std::exchange(entry.Response, std::move(response));
+    if (!entry.Woken) SetEvent(entry.Event);
     return true;
 }
 
 void ClearPendingResponses() {
     PendingResponseTable released;
     {
-        Locker lock(PendingResponseLock);
+        const Locker lock(PendingResponseLock);
         // At the end of the process a killed thread may have been making the table.
         PendingResponseTable* const table = Table.GetIfMade();
-        if (table != nullptr) released.swap(*table);
-    }
-    for (auto& item : released) {
-        const HANDLE event = item.second.Event;
-        if (event != nullptr && event != INVALID_HANDLE_VALUE) SetEvent(event);
-        SafeCloseHandle(event);
+        if (table == nullptr) return;
+        for (auto& item : *table) {
+            // Under the lock: a thread that waits closes its event once it has had the lock.
+            if (item.second.Awaited) {
+                SetEvent(item.second.Event);
+            } else {
+                SafeCloseHandle(item.second.Event);
+            }
+        }
+        released.swap(*table);
     }
 }

@@ -1,6 +1,7 @@
 #include "relay/channel/spy_exchange.h"
 
 #include "base/locker.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
 #include "relay/channel/pending_responses.h"
@@ -14,9 +15,16 @@ SpyExchange* Newest = nullptr;
 }  // namespace
 
 SpyExchange::SpyExchange(const SocketContext* context) : context_(context) {
+    Enter();
+    // The close abandons the exchanges that it finds; one that enters later finds the mark that it set
+    // before.
+    if (context->Closing) abandoned_ = true;
+}
+
+void SpyExchange::Enter() {
     {
         Locker lock(PendingResponseLock);
-        if (First(context) == nullptr) {
+        if (First(context_) == nullptr) {
             Append();
             entered_ = true;
             return;

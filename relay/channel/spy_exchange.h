@@ -38,6 +38,7 @@ class SpyExchange {
 
   private:
     static SpyExchange* First(const SocketContext* context);
+    void Enter();
     void Append();
     void Unlink();
     void WaitForTurn();

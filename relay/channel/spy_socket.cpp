@@ -49,6 +49,16 @@ bool WaitForConnect(SOCKET s, const SocketContext* context) {
     return true;
 }
 
+/// Whether the socket's own name is its peer's: with nobody listening there, and a port of the range that
+/// sockets get theirs from, the system may connect it so. It would ask itself, and keep the port from the
+/// analyzer.
+bool IsConnectedToItself(SOCKET s, const sockaddr_in& peer) {
+    sockaddr_in own{};
+    int length = sizeof(own);
+    return SafeGetSockName(s, reinterpret_cast<sockaddr*>(&own), &length) == 0 &&
+           own.sin_port == peer.sin_port && own.sin_addr.s_addr == peer.sin_addr.s_addr;
+}
+
 bool ConnectToAnalyzer(SOCKET s, const SocketContext* context) {
     sockaddr_in analyzer{};
     analyzer.sin_family = AF_INET;
@@ -66,6 +76,13 @@ bool ConnectToAnalyzer(SOCKET s, const SocketContext* context) {
             return false;
         }
         if (!WaitForConnect(s, context)) return false;
+    }
+    if (IsConnectedToItself(s, analyzer)) {
+        Trace("ERROR:Failed to connect to lsp server. The socket was connected to itself.#Details: %s #\n",
+              DescribeContext(context).c_str());
+        const linger hard = {1, 0};
+        SetOption(s, SOL_SOCKET, SO_LINGER, hard);
+        return false;
     }
 
     nonBlocking = 0;

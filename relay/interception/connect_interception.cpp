@@ -23,14 +23,15 @@ namespace {
 /// The code that is handled as ActionAllow by a connect alone.
 constexpr std::uint32_t kActionAllowConnect = 7;
 
-/// Id of the request that was sent, or 0. Throws std::bad_alloc.
-DWORD SendConnectRequest(SocketContext* context, const SOCKADDR_STORAGE& destination) {
+/// The request that was sent; its id is 0 when it could not be. Throws std::bad_alloc.
+SentRequest SendConnectRequest(SocketContext* context, const SOCKADDR_STORAGE& destination) {
     LSPAnalyzerMessage request;
     // What this connect goes to; the context may hold the destination of another thread's by now.
     FillRequestFields(request, context, &destination);
     request.Operation = OpConnect;
     request.Protocol = 0;
-    return SendMessage(request, context->SpySocket) ? request.MessageId : 0;
+    if (!SendMessage(request, context->SpySocket)) return {};
+    return {request.MessageId, request.BytesSent, request.BytesReceived};
 }
 
 void ApplyAllow(SocketContext* context, std::uint32_t flags) {
@@ -70,9 +71,8 @@ void ApplyVerdict(SocketContext* context, const LSPAnalyzerMessageResponse& verd
 
 enum class AskResult { kNotNeeded, kAnswered, kFailed };
 
-/// Asks in the context's turn and applies the answer. Throws std::bad_alloc.
-AskResult AskAnalyzer(SocketContext* context, ConnectTarget* target) {
-    const SpyExchange exchange(context);
+/// Asks in the exchange's turn and applies the answer. Throws std::bad_alloc.
+AskResult AskAnalyzer(SocketContext* context, const SpyExchange& exchange, ConnectTarget* target) {
     if (!exchange.Entered() || exchange.Abandoned()) return AskResult::kFailed;
     if (!PrepareAnalyzerChannel(context, &target->name, target->length)) {
         Trace("ERROR:Failed to connect to lsp server. #Details: %s #\n", DescribeContext(context).c_str());
@@ -80,15 +80,15 @@ AskResult AskAnalyzer(SocketContext* context, ConnectTarget* target) {
     }
     if (IsSocketExempt(context)) return AskResult::kNotNeeded;
 
-    const DWORD messageId = SendConnectRequest(context, target->name);
-    if (messageId == 0) {
+    const SentRequest request = SendConnectRequest(context, target->name);
+    if (request.MessageId == 0) {
         Trace("ERROR:Closing spy socket because of send failure 8:%d. #Details: %s # \n",
               static_cast<int>(context->SpySocket), DescribeContext(context).c_str());
         CloseSpySocket(context);
         return AskResult::kFailed;
     }
     const PooledResponse verdict =
-        WaitForResponse(messageId, context, INVALID_HANDLE_VALUE, &exchange.Abandoned());
+        WaitForResponse(request, context, INVALID_HANDLE_VALUE, &exchange.Abandoned());
     if (verdict == nullptr) return AskResult::kFailed;
     ApplyVerdict(context, *verdict, target);
     return AskResult::kAnswered;
@@ -96,41 +96,57 @@ AskResult AskAnalyzer(SocketContext* context, ConnectTarget* target) {
 
 /// As if it couldn't be asked when memory runs out. The spy socket then stays with the context, which closes
 /// it.
-AskResult TryAskAnalyzer(SocketContext* context, ConnectTarget* target) {
+AskResult TryAskAnalyzer(SocketContext* context, const SpyExchange& exchange, ConnectTarget* target) {
     try {
-        return AskAnalyzer(context, target);
+        return AskAnalyzer(context, exchange, target);
     } catch (const std::exception&) {
         return AskResult::kFailed;
     }
 }
 
-}  // namespace
-
-bool AskConnectVerdict(SocketContext* context, ConnectTarget* target) {
-    if (context == nullptr) return true;
-    context->Blocked = FALSE;
-    context->BlockError = 0;
-    if (IsSocketExempt(context) || context->SocketType != SOCK_STREAM) {
-        ClearTrafficFlags(context);
-        ClearRoute(context);
-        return true;
-    }
-    const AskResult result = TryAskAnalyzer(context, target);
-    if (result == AskResult::kAnswered) return true;
+/// Asks about a stream connect and applies the verdict, or the policy for when there is none.
+void AskConnectVerdict(SocketContext* context, const SpyExchange& exchange, ConnectTarget* target) {
+    const AskResult result = TryAskAnalyzer(context, exchange, target);
+    if (result == AskResult::kAnswered) return;
     ClearRoute(context);
-    if (result == AskResult::kNotNeeded) return true;
+    if (result == AskResult::kNotNeeded) return;
+    // Its lower socket may be open for a moment still, and nobody was asked.
+    if (exchange.Abandoned()) {
+        target->way = ConnectTarget::Way::kSocketClosed;
+        return;
+    }
     if (ApplyFailConnectPolicy(context)) target->way = ConnectTarget::Way::kRefused;
+}
+
+/// Splits the connection through the relay; false when that can't be done. There is nothing yet that could
+/// carry a split connection: it fails as one does whose relay can't be made.
+bool SplitConnection(SocketContext* context, const SpyExchange&, ConnectTarget*) {
+    CloseSpySocket(context);
+    context->Split = FALSE;
     return false;
 }
 
-bool SplitConnection(SocketContext* context, ConnectTarget*) {
-    // There is nothing yet that could carry a split connection: it fails as one does whose relay can't be
-    // made. In its turn, since another thread that connects the same socket may be reading the spy socket;
-    // one that doesn't get it leaves the spy socket to the context.
+}  // namespace
+
+void InterceptConnect(SocketContext* context, ConnectTarget* target) {
+    context->Blocked = FALSE;
+    context->BlockError = 0;
+    // Where an earlier connect of a stream went says nothing about this one.
+    if (context->SocketType == SOCK_STREAM) context->LocalDestination = FALSE;
+    if (IsSocketExempt(context) || context->SocketType != SOCK_STREAM) {
+        ClearTrafficFlags(context);
+        ClearRoute(context);
+        return;
+    }
+    // From the question to the split in one turn: nobody else replaces the spy socket in between.
     const SpyExchange exchange(context);
-    if (exchange.Entered()) CloseSpySocket(context);
-    context->Split = FALSE;
-    return false;
+    AskConnectVerdict(context, exchange, target);
+    if (target->way != ConnectTarget::Way::kThroughRelay || SplitConnection(context, exchange, target))
+        return;
+    Trace("ERROR:Failed to connect the server socket in ConnectEx after splitting sockets.#Details: %s #\n",
+          DescribeContext(context).c_str());
+    AbandonSplit(context);
+    target->way = ConnectTarget::Way::kSplitFailed;
 }
 
 void AbandonSplit(SocketContext*) {}

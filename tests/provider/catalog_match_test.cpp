@@ -6,6 +6,7 @@
 #include "platform/testing/catalog.h"
 #include "provider/catalog/catalog.h"
 #include "provider/contexts/catalog_teardown.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/process_state.h"
 
 namespace {
@@ -32,6 +33,7 @@ class CatalogMatch : public ::testing::Test {
   protected:
     void SetUp() override {
         InitializeLocks();
+        InitializeHandleLocks();
         ASSERT_TRUE(CreatePrivateHeap());
         entries_[0].LayerProvider =
             MakeInfo(kTcpChain, {kLayerBase, 1}, SOCK_STREAM, IPPROTO_TCP, XP1_IFS_HANDLES);
@@ -43,6 +45,7 @@ class CatalogMatch : public ::testing::Test {
     void TearDown() override {
         INT error = 0;
         FreeLspCatalog(false, &error);
+        DeleteHandleLocks();
         DeleteLocks();
         winsock_host::ResetCatalogForTest();
         winsock_host::DropCatalog();

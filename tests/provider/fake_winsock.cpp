@@ -2,6 +2,7 @@
 
 #include "platform/testing/catalog.h"
 #include "provider/contexts/catalog_teardown.h"
+#include "provider/contexts/handle_locks.h"
 #include "provider/interception.h"
 
 namespace {
@@ -15,10 +16,15 @@ SOCKET WSPAPI CreateHandle(DWORD entry, DWORD_PTR context, LPINT error) {
         *error = Fake().createHandleError;
         return INVALID_SOCKET;
     }
-    const std::lock_guard<std::mutex> lock(Fake().mutex);
-    Fake().handleEntry = entry;
-    Fake().handles[Fake().nextHandle] = context;
-    return Fake().nextHandle++;
+    SOCKET handle;
+    {
+        const std::lock_guard<std::mutex> lock(Fake().mutex);
+        Fake().handleEntry = entry;
+        handle = Fake().nextHandle++;
+        Fake().handles[handle] = context;
+    }
+    if (Fake().handleMade) Fake().handleMade(handle);
+    return handle;
 }
 
 int WSPAPI QueryHandle(SOCKET s, PDWORD_PTR context, LPINT error) {
@@ -101,6 +107,7 @@ void FakeWinsock::SetUp() {
     before_ = platform::CountResources();
     State = new FakeState;
     InitializeLocks();
+    InitializeHandleLocks();
     ThreadSlot = TlsAlloc();
     winsock_host::Catalog catalog = winsock_host::MakeBaseCatalog({});
     winsock_host::AddLayer(catalog, {});
@@ -139,6 +146,7 @@ void FakeWinsock::TearDown() {
     winsock_host::DropCatalog();
     TlsFree(ThreadSlot);
     ThreadSlot = TLS_OUT_OF_INDEXES;
+    DeleteHandleLocks();
     DeleteLocks();
     EXPECT_TRUE(Fake().handles.empty()) << "a handle of Winsock's was not given back";
     EXPECT_EQ(platform::SettleTo(before_), "");
@@ -180,11 +188,10 @@ bool FakeWinsock::FreeCatalog() {
 
 // ---- The interception
 
-bool AskConnectVerdict(SocketContext* context, ConnectTarget* target) {
-    return !Fake().verdict || Fake().verdict(context, target);
-}
-bool SplitConnection(SocketContext* context, ConnectTarget* target) {
-    return Fake().split && Fake().split(context, target);
+void InterceptConnect(SocketContext* context, ConnectTarget* target) {
+    if (Fake().verdict) Fake().verdict(context, target);
+    if (target->way != ConnectTarget::Way::kThroughRelay) return;
+    if (!Fake().split || !Fake().split(context, target)) target->way = ConnectTarget::Way::kSplitFailed;
 }
 void AbandonSplit(SocketContext*) {
     ++Fake().abandonedSplits;
@@ -207,3 +214,4 @@ void NotifyBind(SocketContext* context, const sockaddr*, int) {
     if (Fake().bound) Fake().bound(context);
 }
 void NotifyClose(SocketContext*) {}
+void AbandonWaits(SocketContext*) {}

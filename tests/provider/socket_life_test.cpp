@@ -2,6 +2,7 @@
 #include <future>
 #include <thread>
 
+#include "base/layer_call.h"
 #include "platform/kernel/fault_points.h"
 #include "provider/catalog/lower_call.h"
 #include "provider/contexts/socket_context.h"
@@ -79,6 +80,91 @@ TEST_F(SocketLife, NewSocketRecordsWhatWasAskedAndGoesDownOverlapped) {
     Close(v6);
 }
 
+TEST_F(SocketLife, WhatTheApplicationLeavesOpenIsTheChosenEntrys) {
+    WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
+    constexpr int kFromInfo = FROM_PROTOCOL_INFO;
+    struct {
+        int family, type, protocol;
+        LPWSAPROTOCOL_INFOW info;
+    } const cases[] = {
+        {AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP, nullptr},
+        {AF_INET, SOCK_STREAM, 0, nullptr},
+        {AF_INET, 0, IPPROTO_TCP, &info},
+        {kFromInfo, kFromInfo, kFromInfo, &info},
+        {0, 0, 0, &info},
+    };
+    for (const auto& row : cases) {
+        const SOCKET s = WSPSocket(row.family, row.type, row.protocol, row.info, 0, 0, &error_);
+        ASSERT_NE(s, INVALID_SOCKET) << row.family << " " << row.type << " " << row.protocol;
+        SocketContext* const context = ContextOf(s);
+        EXPECT_EQ(context->AddressFamily, AF_INET);
+        EXPECT_EQ(context->SocketType, SOCK_STREAM);
+        EXPECT_EQ(context->SocketProtocol, IPPROTO_TCP);
+        EXPECT_FALSE(IsSocketExempt(context)) << "it would never be asked about";
+        Close(s);
+    }
+}
+
+TEST_F(SocketLife, AThreadThatGuessesANewHandleFindsItsSocketWhole) {
+    SOCKET guessed = INVALID_SOCKET;
+    int typeAtVerdict = -1;
+    Fake().verdict = [&](SocketContext* context, ConnectTarget*) {
+        typeAtVerdict = context->SocketType;
+        EXPECT_EQ(context->LayeredSocket, guessed);
+        return true;
+    };
+    const auto onOtherThread = [](auto action) { std::thread(action).join(); };
+    Fake().handleMade = [&](SOCKET s) {
+        guessed = s;
+        onOtherThread([s] {
+            const sockaddr_in name = MakeAddress("203.0.113.10", 80);
+            INT error = 0;
+            WSPConnect(s, reinterpret_cast<const sockaddr*>(&name), sizeof(name), nullptr, nullptr, nullptr,
+                       nullptr, &error);
+        });
+    };
+    Close(MakeSocket());
+    EXPECT_EQ(typeAtVerdict, SOCK_STREAM);
+
+    // It may close it, too: the handle goes back when whoever made it has let go.
+    Fake().handleMade = [&](SOCKET s) {
+        onOtherThread([s] { Close(s); });
+        EXPECT_EQ(Fake().handles.count(s), 1u);
+    };
+    const SOCKET closed = MakeSocket();
+    EXPECT_EQ(Fake().handles.count(closed), 0u);
+    EXPECT_EQ(ErrorOf(WSPCloseSocket(closed, &error_) == 0), WSAENOTSOCK);
+}
+
+TEST_F(SocketLife, TheApplicationHasNoSocketOfTheLayers) {
+    LayerCall::AllocateSlot();
+    SOCKET own = INVALID_SOCKET;
+    {
+        const LayerCall call(LayerCall::Kind::kMakesSocket);
+        own = MakeSocket();
+    }
+    EXPECT_TRUE(IsSocketExempt(ContextOf(own))) << "from its beginning";
+    const sockaddr_in name = MakeAddress("203.0.113.10", 80);
+    EXPECT_EQ(ErrorOf(WSPConnect(own, reinterpret_cast<const sockaddr*>(&name), sizeof(name), nullptr,
+                                 nullptr, nullptr, nullptr, &error_) == 0),
+              WSAENOTSOCK)
+        << "a closed handle of the application's with the same value";
+    EXPECT_EQ(ErrorOf(WSPCloseSocket(own, &error_) == 0), WSAENOTSOCK);
+    EXPECT_TRUE(Fake().connected.empty());
+    {
+        const LayerCall outer;
+        const SOCKET applications = MakeSocket();
+        EXPECT_FALSE(IsSocketExempt(ContextOf(applications))) << "made by a routine of the application's";
+        Close(applications);
+        SetLastError(4711);
+        const LayerCall inner;
+        EXPECT_EQ(GetLastError(), 4711u);
+        Close(own);
+    }
+    EXPECT_FALSE(LayerCall::IsUnderWay());
+    LayerCall::FreeSlot();
+}
+
 TEST_F(SocketLife, FailuresAfterTheLowerSocketCloseIt) {
     Fake().createHandleError = WSAEMFILE;
     EXPECT_EQ(ErrorOfSocket(AF_INET, SOCK_STREAM, 0), WSAEMFILE);
@@ -130,8 +216,15 @@ TEST_F(SocketLife, CloseWaitsForOtherUsers) {
     EXPECT_EQ(Fake().handles.count(busy), 0u);
 
     const SOCKET lingering = MakeSocket();
-    Fake().closeError = WSAEWOULDBLOCK;
-    EXPECT_EQ(ErrorOf(WSPCloseSocket(lingering, &error_) == 0), WSAEWOULDBLOCK);
+    for (const bool inUse : {false, true}) {
+        SocketContext* const user = inUse ? FindAndRefSocketContext(lingering, &error_) : nullptr;
+        Fake().closeError = WSAEWOULDBLOCK;
+        EXPECT_EQ(ErrorOf(WSPCloseSocket(lingering, &error_) == 0), WSAEWOULDBLOCK) << inUse;
+        EXPECT_EQ(ErrorOf(WSPCloseSocket(lingering, &error_) == 0), WSAEWOULDBLOCK)
+            << "the application may try again";
+        DerefSocketContext(user, &error_);
+        EXPECT_EQ(Fake().handles.count(lingering), 1u);
+    }
     Fake().closeError = 0;
     Close(lingering);
 }

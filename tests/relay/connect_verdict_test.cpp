@@ -180,6 +180,18 @@ TEST_F(ConnectVerdict, LocalDestinationsAndDatagramsAreNeverAsked) {
     EXPECT_EQ(analyzer_.Accepted(), 0u);
 }
 
+TEST_F(ConnectVerdict, ALocalConnectThatFailsOpensNoWayPastARefusal) {
+    analyzer_.SetScript(AnswerInOrder({Verdict(kBlock)}));
+    StartWinsock();
+    const ClosedPort nobody;
+    const SOCKET s = StreamSocket();
+    EXPECT_EQ(Connect(s, Ipv4("127.0.0.1", nobody.Port())), WSAECONNREFUSED);
+    EXPECT_EQ(ConnectToPublic(s), WSAECONNREFUSED);
+    EXPECT_FALSE(origin_.HasConnection());
+    EXPECT_EQ(analyzer_.Requests().size(), 1u);
+    EXPECT_EQ(closesocket(s), 0);
+}
+
 TEST_F(ConnectVerdict, AnExemptedProcessIsLeftAlone) {
     ScriptedAnswer someoneElse = Verdict(kAllow);
     someoneElse.exemptProcessId = GetCurrentProcessId() + 1;

@@ -59,9 +59,11 @@ TEST_F(PendingResponses, AnAnswerThatComesFirstIsTakenWithoutWaiting) {
     const platform::ScopedClockRate stopped(0);
     const HANDLE event = CreateResponseWait(kId, &context_);
     PooledResponse response = ResponseTo(kId, ActionBlock);
+    PooledResponse earlier = ResponseTo(kId, ActionAllow);
+    EXPECT_TRUE(DeliverResponse(earlier));
     EXPECT_TRUE(DeliverResponse(response));
     EXPECT_EQ(response, nullptr);
-    const PooledResponse taken = WaitForResponse(kId, &context_, event);
+    const PooledResponse taken = WaitForResponse({kId}, &context_, event);
     ASSERT_NE(taken, nullptr);
     EXPECT_EQ(taken->Action, ActionBlock);
 
@@ -79,8 +81,8 @@ TEST_F(PendingResponses, EachWaiterGetsItsOwnAnswer) {
         PooledResponse one = ResponseTo(kId, ActionRedirect);
         DeliverResponse(one);
     });
-    const PooledResponse one = WaitForResponse(kId, &context_, first);
-    const PooledResponse two = WaitForResponse(kId + 1, &context_, second);
+    const PooledResponse one = WaitForResponse({kId}, &context_, first);
+    const PooledResponse two = WaitForResponse({kId + 1}, &context_, second);
     worker.join();
     ASSERT_TRUE(one != nullptr && two != nullptr);
     EXPECT_EQ(one->Action, ActionRedirect);
@@ -96,16 +98,16 @@ TEST_F(PendingResponses, WakingEndsTheWaitsOfOneSpySocketOnly) {
     const HANDLE otherEvent = CreateResponseWait(kId + 1, &other);
     WakeResponseWaiters(4710);
     WakeResponseWaiters(4711);
-    EXPECT_EQ(WaitForResponse(kId, &context_, event), nullptr);
+    EXPECT_EQ(WaitForResponse({kId}, &context_, event), nullptr);
     PooledResponse response = ResponseTo(kId + 1);
     DeliverResponse(response);
-    EXPECT_NE(WaitForResponse(kId + 1, &other, otherEvent), nullptr);
+    EXPECT_NE(WaitForResponse({kId + 1}, &other, otherEvent), nullptr);
 }
 
 TEST_F(PendingResponses, TheWaitEndsAfterAMinute) {
     const platform::ScopedClockRate stopped(0);
     const HANDLE event = CreateResponseWait(kId, &context_);
-    auto waiter = std::async(std::launch::async, [&] { return WaitForResponse(kId, &context_, event); });
+    auto waiter = std::async(std::launch::async, [&] { return WaitForResponse({kId}, &context_, event); });
     ASSERT_TRUE(platform::WaitForTimedWaits(1));
     platform::AdvanceClock(59999);
     EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
@@ -118,11 +120,11 @@ TEST_F(PendingResponses, AWaiterWhoseIdCameRoundLeavesTheNewOneAlone) {
     const HANDLE young = CreateResponseWait(kId, &context_);
     {
         const platform::ScopedClockRate fast(100000);
-        EXPECT_EQ(WaitForResponse(kId, &context_, old), nullptr);
+        EXPECT_EQ(WaitForResponse({kId}, &context_, old), nullptr);
     }
     PooledResponse response = ResponseTo(kId);
     EXPECT_TRUE(DeliverResponse(response));
-    EXPECT_NE(WaitForResponse(kId, &context_, young), nullptr);
+    EXPECT_NE(WaitForResponse({kId}, &context_, young), nullptr);
 }
 
 TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
@@ -133,15 +135,25 @@ TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
     // TearDown clears and counts.
 }
 
-TEST_F(PendingResponses, AWaiterOvertakenByAClearingClosesNothing) {
+TEST_F(PendingResponses, AWaiterOvertakenByAClearingLeavesTheHandleAlone) {
+    const platform::ScopedClockRate stopped(0);
     const HANDLE event = CreateResponseWait(kId, &context_);
     ClearPendingResponses();
-    // It has the value of the event that the clearing closed.
-    const HANDLE other = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    // It has the value of the event that the clearing closed; a wait for it would never end.
+    const HANDLE other = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     ASSERT_EQ(other, event);
-    EXPECT_EQ(WaitForResponse(kId, &context_, event), nullptr);
+    EXPECT_EQ(WaitForResponse({kId}, &context_, event), nullptr);
     EXPECT_TRUE(SetEvent(other));
     CloseHandle(other);
+}
+
+TEST_F(PendingResponses, AClearingFreesAThreadThatWaits) {
+    const platform::ScopedClockRate stopped(0);
+    const HANDLE event = CreateResponseWait(kId, &context_);
+    auto waiter = std::async(std::launch::async, [&] { return WaitForResponse({kId}, &context_, event); });
+    ASSERT_TRUE(platform::WaitForTimedWaits(1));
+    ClearPendingResponses();
+    EXPECT_EQ(waiter.get(), nullptr);
 }
 
 TEST_F(PendingResponses, AnAnswerEndsTheCountThatWasReportedAndExemptsAProcess) {
@@ -151,15 +163,15 @@ TEST_F(PendingResponses, AnAnswerEndsTheCountThatWasReportedAndExemptsAProcess) 
         response->Flags = flags;
         response->ExemptProcessId = exempt;
         DeliverResponse(response);
-        WaitForResponse(kId, &context_, event);
+        WaitForResponse({kId, 10, 20}, &context_, event);
     };
-    context_.BytesSent = 10;
-    context_.BytesRecv = 20;
+    context_.BytesSent = 13;
+    context_.BytesRecv = 24;
     answerWith(kFlagCountTraffic, 0);
-    EXPECT_EQ(context_.BytesSent, 10u) << "not counted so far, so not reported";
+    EXPECT_EQ(context_.BytesSent, 13u) << "not counted so far, so not reported";
     answerWith(kFlagKeepFlags, 99);
-    EXPECT_EQ(context_.BytesSent, 0u);
-    EXPECT_EQ(context_.BytesRecv, 0u);
+    EXPECT_EQ(context_.BytesSent, 3u) << "what came after the report is for the next";
+    EXPECT_EQ(context_.BytesRecv, 4u);
     EXPECT_EQ(ExemptProcessId, 99u);
     answerWith(0, 0);
     EXPECT_EQ(ExemptProcessId, 99u) << "an answer that names no process exempts no other";

@@ -53,6 +53,8 @@ TEST_F(SpyExchanges, WaitersTakeTurnsInTheirOrder) {
         ASSERT_TRUE(platform::WaitForTimedWaits(i + 1));
     }
     SocketContext other;
+    other.Closing = TRUE;
+    EXPECT_TRUE(SpyExchange(&other).Abandoned()) << "the close has come and gone";
     EXPECT_TRUE(SpyExchange(&other).Entered()) << "another socket's exchange is not in the way";
     EXPECT_TRUE(order.empty());
     first.reset();
