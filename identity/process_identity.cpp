@@ -1,10 +1,10 @@
-// The collection thread's life. Its handle is kept until the thread has really ended, and is looked at by
-// start-up and clean-up alone, both under `GlobalLock`: so nobody unloads the library under a thread that
-// still runs in it.
+// The collection thread's life. It holds a reference on the library, so nobody unloads the library under a
+// thread that still runs in it.
 #include "identity/process_identity.h"
 
 #include <cstddef>
 #include <exception>
+#include <utility>
 
 #include "base/atomic.h"
 #include "base/locker.h"
@@ -17,34 +17,30 @@ char ImageSignerSubject[kMaxStringLength + 1] = "<Unknown>";
 
 namespace {
 
-constexpr DWORD kStopMilliseconds = 500;
-constexpr DWORD kTerminateMilliseconds = 1000;
-
-// A thread is terminated in kAbandoned only, which it never leaves for `IdentityLock`: the lock can't be lost
-// with it.
-enum CollectionState : int { kQuerying, kPublishing, kAbandoned };
-Atomic<CollectionState> State{kQuerying};
+constexpr DWORD kPatienceMilliseconds = 500;
 
 HANDLE CollectionThread = nullptr;  // under GlobalLock
+Atomic<bool> Collecting;            // set under GlobalLock, cleared by the thread
 
 template <std::size_t size>
 void CopyText(const std::string& text, char (&destination)[size]) {
     destination[text.copy(destination, size - 1)] = 0;
 }
 
-/// False when the collection has been abandoned.
-bool BeginPublishing() {
-    return State.StoreIfStill(kQuerying, kPublishing);
+/// A reference on this library, or null.
+HMODULE ReferenceThisLibrary() {
+    HMODULE library = nullptr;
+    const auto* const codeInside = reinterpret_cast<LPCWSTR>(&CollectProcessInfo);
+    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, codeInside, &library) ? library
+                                                                                            : nullptr;
 }
 
-void EndPublishing() {
-    State.Publish(kQuerying);
-}
-
-/// A publishing thread only copies; the wait for it is a moment.
-void AbandonCollection() {
-    while (!State.StoreIfStill(kQuerying, kAbandoned))
-        Sleep(0);
+/// The thread, which keeps the library loaded for as long as it runs: it asks other programs' windows and the
+/// system's certificate code, where nobody can tell when it comes back, nor end it without harm.
+DWORD WINAPI CollectionProcedure(LPVOID library) {
+    CollectProcessInfo(nullptr);
+    Collecting = false;
+    FreeLibraryAndExitThread(static_cast<HMODULE>(library), 0);
 }
 
 }  // namespace
@@ -52,20 +48,13 @@ void AbandonCollection() {
 DWORD WINAPI CollectProcessInfo(LPVOID) {
     try {
         const std::string signer = GetImageSignerSubject();
-        if (!BeginPublishing()) return 0;
         {
-            Locker lock(IdentityLock);
+            const Locker lock(IdentityLock);
             CopyText(signer, ImageSignerSubject);
         }
-        EndPublishing();
-
         const std::string title = GetMainWindowTitle();
-        if (!BeginPublishing()) return 0;
-        {
-            Locker lock(IdentityLock);
-            CopyText(title, MainWindowTitle);
-        }
-        EndPublishing();
+        const Locker lock(IdentityLock);
+        CopyText(title, MainWindowTitle);
     } catch (const std::exception&) {
         // Out of memory: the old values stay.
     }
@@ -73,26 +62,25 @@ DWORD WINAPI CollectProcessInfo(LPVOID) {
 }
 
 void StartProcessInfoCollection() {
-    if (CollectionThread != nullptr) {
-        if (WaitForSingleObject(CollectionThread, 0) != WAIT_OBJECT_0) return;
-        SafeCloseHandle(CollectionThread);
-    }
-    State.Publish(kQuerying);
+    if (Collecting) return;
+    ForgetProcessInfoCollection();
+    const HMODULE library = ReferenceThisLibrary();
     DWORD threadId = 0;
-    CollectionThread = CreateThread(nullptr, 0, CollectProcessInfo, nullptr, 0, &threadId);
-    if (CollectionThread == nullptr) {
-        Trace("ERROR:Failed to create the thread for getting process info, error = %d\n",
-              static_cast<int>(GetLastError()));
-    }
+    Collecting = true;
+    if (library != nullptr)
+        CollectionThread = CreateThread(nullptr, 0, CollectionProcedure, library, 0, &threadId);
+    if (CollectionThread != nullptr) return;
+    Trace("ERROR:Failed to create the thread for getting process info, error = %d\n",
+          static_cast<int>(GetLastError()));
+    Collecting = false;
+    if (library != nullptr) FreeLibrary(library);
 }
 
 void StopProcessInfoCollection() {
-    if (CollectionThread == nullptr) return;
-    AbandonCollection();
-    if (WaitForSingleObject(CollectionThread, kStopMilliseconds) != WAIT_OBJECT_0) {
-        TerminateThread(CollectionThread, 1);
-        WaitForSingleObject(CollectionThread, kTerminateMilliseconds);
-    }
-    SafeCloseHandle(CollectionThread);
-    CollectionThread = nullptr;
+    if (CollectionThread != nullptr) WaitForSingleObject(CollectionThread, kPatienceMilliseconds);
+    ForgetProcessInfoCollection();
+}
+
+void ForgetProcessInfoCollection() {
+    SafeCloseHandle(std::exchange(CollectionThread, nullptr));
 }

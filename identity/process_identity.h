@@ -28,12 +28,17 @@ extern char ImageSignerSubject[kMaxStringLength + 1] QX_GUARDED_BY(IdentityLock)
 /// provider. A thread that can't be created is traced; the old values stay and the next start-up tries again.
 void StartProcessInfoCollection();
 
-/// Ends the collection, if one is running, and releases its handle: asks the thread to stop, gives it half a
-/// second, then terminates it with exit code 1. Called with `GlobalLock` held and `IdentityLock` not held.
-/// After it no code of this library runs on a collection thread, so that the library can be unloaded.
+/// Gives a collection that is running half a second to end. One that takes longer goes on, and keeps the
+/// library loaded until it has ended; it may be inside the loader, the heap or another program's window, and
+/// ending it by force would take the process with it. Called with `GlobalLock` held and `IdentityLock` not
+/// held.
 void StopProcessInfoCollection();
 
-/// The thread procedure: collects both values once. Result 0.
+/// Releases the collection's handle. For the detach, where none can be running: it would have kept the
+/// library.
+void ForgetProcessInfoCollection();
+
+/// What the thread does: collects both values once. Result 0.
 DWORD WINAPI CollectProcessInfo(LPVOID parameter);
 
 /// The simple display name of the certificate that signed the host executable; empty when there is none or a

@@ -27,7 +27,7 @@ void Attach(HINSTANCE instance) {
 
 void Detach(bool unloading) {
     Detaching = true;
-    ReleaseLayerAtDetach(unloading);
+    ReleaseLayerAtDetach();
     DeleteHandleLocks();
     DeleteLocks();
     DestroyMessagePool();

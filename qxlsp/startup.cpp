@@ -5,6 +5,8 @@
 
 #include <ws2spi.h>
 
+#include <guarded_call.h>
+
 #include "base/trace.h"
 #include "identity/host_process.h"
 #include "identity/process_identity.h"
@@ -89,9 +91,10 @@ bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
 /// Keeps the library's code for threads that a clean-up overtook inside it: once in them, nobody could tell
 /// when the last instruction has been executed.
 void KeepLibraryLoaded() {
-    WCHAR path[MAX_PATH];
-    const DWORD length = GetModuleFileNameW(ModuleHandle, path, MAX_PATH);
-    if (length != 0 && length < MAX_PATH) LoadLibraryW(path);
+    HMODULE pinned = nullptr;
+    const auto* const codeInside = reinterpret_cast<LPCWSTR>(&KeepLibraryLoaded);
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, codeInside,
+                       &pinned);
 }
 
 /// Releases what a failed first start-up built. Its workers can't end, nor even begin, while the loader's
@@ -140,26 +143,44 @@ void WaitForCleanUp(Locker& global) QX_NO_THREAD_SAFETY_ANALYSIS {
     }
 }
 
-}  // namespace
-
-extern "C" int WSPAPI WSPStartup(WORD wVersionRequested, LPWSPDATA lpWSPData,
-                                 LPWSAPROTOCOL_INFOW lpProtocolInfo, WSPUPCALLTABLE upcallTable,
-                                 LPWSPPROC_TABLE lpProcTable) {
+/// Starts the layer up once more; 0, with the lower provider's data in `*data`, or the error.
+int StartUp(WORD version, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upcalls, LPWSPDATA data) {
     Locker global(qx::GlobalLock);
     WaitForCleanUp(global);
     CaptureHostProcess();
     LspEntry* entry = nullptr;
-    const int result = StartEntry(wVersionRequested, lpProtocolInfo, upcallTable, &entry);
+    const int result = StartEntry(version, info, upcalls, &entry);
     if (result != 0) {
         Trace("ERROR:WSPStartup failed!");
         if (StartupCount == 0) DropLayer();
         return result;
     }
     ++StartupCount;
-    *lpWSPData = entry->LowerData;
-    *lpProcTable = kLayerOperations;
+    *data = entry->LowerData;
     CompileProtocolPatterns();
     return 0;
+}
+
+}  // namespace
+
+extern "C" int WSPAPI WSPStartup(WORD wVersionRequested, LPWSPDATA lpWSPData,
+                                 LPWSAPROTOCOL_INFOW lpProtocolInfo, WSPUPCALLTABLE upcallTable,
+                                 LPWSPPROC_TABLE lpProcTable) {
+    // The caller's memory is read before the lock is taken, and written after it was left.
+    WSAPROTOCOL_INFOW info;
+    WSPDATA data;
+    if (!GuardedCall([&]() noexcept { info = *lpProtocolInfo; })) return WSAEFAULT;
+    const int result = StartUp(wVersionRequested, &info, upcallTable, &data);
+    if (result != 0) return result;
+    if (GuardedCall([&]() noexcept {
+            *lpWSPData = data;
+            *lpProcTable = kLayerOperations;
+        })) {
+        return 0;
+    }
+    INT ignored = 0;
+    WSPCleanup(&ignored);
+    return WSAEFAULT;
 }
 
 int WSPAPI WSPCleanup(LPINT error) {
@@ -186,14 +207,13 @@ int WSPAPI WSPCleanup(LPINT error) {
     return 0;
 }
 
-void ReleaseLayerAtDetach(bool unloading) {
+void ReleaseLayerAtDetach() {
     StopRelay();
+    ForgetProcessInfoCollection();
     {
         Locker global(qx::GlobalLock);
         if (StartupCount != 0) {
             StartupCount = 0;
-            // No thread of the library's own may outlive its code.
-            if (unloading) StopProcessInfoCollection();
             global.Leave();
             StopWorkers();
             global.Enter();

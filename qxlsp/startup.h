@@ -5,5 +5,5 @@
 
 #include <windows.h>
 
-/// Ends everything that still runs when the library is detached. `unloading` is false when the process ends.
-void ReleaseLayerAtDetach(bool unloading);
+/// Ends everything that still runs when the library is detached.
+void ReleaseLayerAtDetach();

@@ -120,6 +120,7 @@ DWORD WINAPI SleepEx(DWORD milliseconds, BOOL alertable);
 HANDLE WINAPI CreateThread(LPSECURITY_ATTRIBUTES attributes, SIZE_T stackSize, LPTHREAD_START_ROUTINE start,
                            LPVOID parameter, DWORD flags, LPDWORD threadId);
 [[noreturn]] void WINAPI ExitThread(DWORD exitCode);
+[[noreturn]] void WINAPI FreeLibraryAndExitThread(HMODULE module, DWORD exitCode);
 BOOL WINAPI TerminateThread(HANDLE thread, DWORD exitCode);
 BOOL WINAPI GetExitCodeThread(HANDLE thread, LPDWORD exitCode);
 HANDLE WINAPI OpenThread(DWORD access, BOOL inherit, DWORD threadId);

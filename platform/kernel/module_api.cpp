@@ -51,6 +51,12 @@ BOOL FreeLibrary(HMODULE module) {
     return platform::FreeModule(module);
 }
 
+void FreeLibraryAndExitThread(HMODULE module, DWORD exitCode) {
+    // The thread's code may be gone after the first step; this function's is not.
+    FreeLibrary(module);
+    ExitThread(exitCode);
+}
+
 FARPROC GetProcAddress(HMODULE module, LPCSTR name) {
     PlatformCall call("GetProcAddress", ERROR_PROC_NOT_FOUND);
     if (call.Fails()) return nullptr;

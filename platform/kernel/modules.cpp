@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <limits.h>
 #include <link.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -208,9 +209,8 @@ Module* FindByAddress(Loader& loader, const void* address) {
             return loaded.get();
     }
     Dl_info executable;
-    static const void* const entry = dlsym(loader.executable.library, "main");
-    if (entry != nullptr && dladdr(entry, &executable) != 0 && executable.dli_fbase == info.dli_fbase)
-        return &loader.executable;
+    const auto* const entry = reinterpret_cast<const void*>(getauxval(AT_ENTRY));
+    if (dladdr(entry, &executable) != 0 && executable.dli_fbase == info.dli_fbase) return &loader.executable;
     return nullptr;
 }
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <string>
 #include <thread>
 #include <utility>
@@ -168,10 +169,19 @@ TEST_F(ProcessIdentity, EachStartUpCollectsAnewUnlessACollectionRuns) {
     const platform::ResourceCounts held = platform::CountResources();
     StartProcessInfoCollection();
     EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "");
-    platform::ResetClock();
-    const platform::ScopedClockRate fast(1000);
-    StopProcessInfoCollection();
-    EXPECT_EQ(TitleAndSigner().first, "Second") << "an abandoned collection stores nothing more";
+    // One that goes on when the patience of a stop is over is left alone.
+    auto stop = std::async(std::launch::async, StopProcessInfoCollection);
+    ASSERT_TRUE(platform::WaitForTimedWaits(2));
+    platform::AdvanceClock(500);
+    stop.get();
+    EXPECT_EQ(TitleAndSigner().first, "Second");
+    StartProcessInfoCollection();
+    EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "") << "it still runs";
+    platform::AdvanceClock(500);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (TitleAndSigner().first == "Second" && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_EQ(TitleAndSigner().first, "<Unknown>") << "the window did not answer within a second";
 }
 
 }  // namespace
