@@ -2,7 +2,7 @@
 // header.
 #include "protocols/pattern_gate.h"
 
-#include <boost/smart_ptr/detail/yield_k.hpp>
+#include <thread>
 
 /// Moves from one stage to another whatever the number of users; false when the stage is a different one.
 bool PatternGate::ChangeIf(Stage from, Stage to) {
@@ -14,11 +14,11 @@ bool PatternGate::ChangeIf(Stage from, Stage to) {
 }
 
 bool PatternGate::BeginCompile() {
-    for (unsigned round = 0;; ++round) {
+    for (;;) {
         if (ChangeIf(kNone, kCompiling)) return true;
         // Retired patterns are still whole: nobody can have taken them for release.
         if ((word_.load() & kStageMask) == kReady || ChangeIf(kRetired, kReady)) return false;
-        boost::detail::yield(round);
+        std::this_thread::yield();
     }
 }
 
