@@ -5,10 +5,11 @@
 
 bool ByteReader::Append(const DataChunk& chunk) {
     if (chunkCount_ == kMaxChunks) return false;
-    chunks_[chunkCount_] = {std::max<std::int32_t>(chunk.length, 0), chunk.data};
-    total_ += chunks_[chunkCount_].length;
-    remaining_ += chunks_[chunkCount_].length;
-    ++chunkCount_;
+    const std::int32_t length = std::max<std::int32_t>(chunk.length, 0);
+    DataChunk& added = chunks_[chunkCount_++];
+    added.length = length;
+    added.data = chunk.data;
+    remaining_ += length;
     return true;
 }
 
@@ -43,10 +44,4 @@ bool ByteReader::Skip(std::size_t bytes) {
         offset_ = 0;
     }
     return true;
-}
-
-void ByteReader::Rewind() {
-    chunk_ = 0;
-    offset_ = 0;
-    remaining_ = total_;
 }

@@ -24,14 +24,10 @@ class ByteReader {
 
     bool Skip(std::size_t bytes);
 
-    /// Goes back to the first byte.
-    void Rewind();
-
   private:
     std::array<DataChunk, kMaxChunks> chunks_;
     int chunkCount_ = 0;
     int chunk_ = 0;              // where the cursor stands ...
     std::size_t offset_ = 0;     // ... and at which byte of that chunk
-    std::size_t total_ = 0;      // bytes in all chunks
     std::size_t remaining_ = 0;  // bytes behind the cursor
 };

@@ -7,6 +7,7 @@ namespace {
 
 constexpr std::uint32_t kMaxHelloRecord = 1024;
 constexpr std::uint8_t kTlsHandshake = 0x16;
+constexpr std::uint8_t kSsl2Header = 0x80;  // and all above: the high bit of the record's length
 constexpr std::uint8_t kClientHello = 1;
 constexpr std::uint8_t kBerInteger = 0x02;
 constexpr std::uint8_t kBerSequence = 0x30;
@@ -15,6 +16,12 @@ ByteReader ClientBytes(const ProtocolSample& sample) {
     ByteReader reader;
     reader.Append({sample.clientLength, sample.clientData});
     return reader;
+}
+
+/// The first byte, which rules most data out; none when there is no data.
+int FirstByte(const ProtocolSample& sample) {
+    constexpr int kNone = -1;
+    return sample.clientLength > 0 ? *static_cast<const std::uint8_t*>(sample.clientData) : kNone;
 }
 
 /// Versions 3.0 to 3.3: what later versions say in a hello as well.
@@ -87,11 +94,12 @@ bool IsLdapOperation(std::uint8_t tag) {
 }  // namespace
 
 int IsLdapRequest(const ProtocolSample& sample, int) {
+    if (FirstByte(sample) != kBerSequence) return kNoMatch;
     ByteReader reader = ClientBytes(sample);
     BerHeader message{};
     BerHeader messageId{};
     BerHeader operation{};
-    if (!ReadBerHeader(reader, message) || message.tag != kBerSequence) return kNoMatch;
+    if (!ReadBerHeader(reader, message)) return kNoMatch;
     if (message.length != reader.Remaining()) return kNoMatch;
     if (!ReadBerHeader(reader, messageId) || messageId.tag != kBerInteger) return kNoMatch;
     if (!ReadBerHeader(reader, operation)) return kNoMatch;
@@ -99,11 +107,10 @@ int IsLdapRequest(const ProtocolSample& sample, int) {
 }
 
 int IsTlsClientHello(const ProtocolSample& sample, int) {
+    const int type = FirstByte(sample);
+    if (type != kTlsHandshake && type < kSsl2Header) return kNoMatch;
     ByteReader reader = ClientBytes(sample);
-    std::uint8_t type = 0;
-    if (!reader.ReadByte(type)) return kNoMatch;
-    if (type == kTlsHandshake) return JudgeTlsRecord(reader);
-    if (type < 0x80) return kNoMatch;
-    reader.Rewind();
-    return JudgeSsl2Record(reader);
+    if (type != kTlsHandshake) return JudgeSsl2Record(reader);
+    reader.Skip(1);
+    return JudgeTlsRecord(reader);
 }
