@@ -2,15 +2,13 @@
 // bit mask, and each distinct mask is a state of the automaton.
 #include "protocols/byte_automaton.h"
 
-#include <cstring>
-#include <new>
+#include <algorithm>
 #include <unordered_map>
 
 namespace {
 
-constexpr std::size_t kMaxEdges = 64;          // one bit each
-constexpr std::size_t kMaxTableSize = 0xFFFF;  // a state is an offset in 16 bits
-constexpr unsigned kMaxTailLength = 8;         // one bit each
+constexpr std::size_t kMaxEdges = 64;  // one bit each
+constexpr std::size_t kMaxTableSize = 0xFFFF;
 
 using EdgeMask = std::uint64_t;
 
@@ -21,9 +19,7 @@ void ForEachEdge(EdgeMask mask, Visitor visit) {
         visit(static_cast<unsigned>(__builtin_ctzll(mask)));
 }
 
-}  // namespace
-
-class ByteAutomaton::Builder {
+class Builder {
   public:
     Builder(ByteAutomaton& automaton, const Regexp& regexp, unsigned flags)
         : automaton_(automaton), regexp_(regexp), flags_(flags) {}
@@ -57,16 +53,17 @@ class ByteAutomaton::Builder {
     std::vector<EdgeMask> masks_;  // by state, in the order of their rows
 };
 
-bool ByteAutomaton::Builder::Build() {
+bool Builder::Build() {
     if (!NumberEdges()) return false;
     FindTakers();
     FindByteClasses();
+    automaton_.classCount = classTakers_.size();
     if (!FillTable()) return false;
-    if (NeverDies() && !automaton_.acceptsNothing_) FindTail();
+    if (NeverDies()) FindTail();
     return true;
 }
 
-bool ByteAutomaton::Builder::NumberEdges() {
+bool Builder::NumberEdges() {
     outOf_.assign(regexp_.stateCount, 0);
     for (int i = 0; i < regexp_.stateCount; ++i) {
         for (const RegEdge* edge = regexp_.states[i].labelledEdges; edge != nullptr; edge = edge->next) {
@@ -75,7 +72,8 @@ bool ByteAutomaton::Builder::NumberEdges() {
             edges_.push_back(edge);
         }
     }
-    first_ = Reach(regexp_.start, automaton_.acceptsNothing_);
+    bool acceptsNothing = false;
+    first_ = Reach(regexp_.start, acceptsNothing);
     for (std::size_t i = 0; i < edges_.size(); ++i) {
         bool stops = false;
         follow_.push_back(Reach(edges_[i]->target, stops));
@@ -85,7 +83,7 @@ bool ByteAutomaton::Builder::NumberEdges() {
 }
 
 /// The labelled edges that NONE edges lead to from a state, and whether the stop state is among them.
-EdgeMask ByteAutomaton::Builder::Reach(const RegState* from, bool& stops) {
+EdgeMask Builder::Reach(const RegState* from, bool& stops) {
     std::vector<bool> seen(regexp_.stateCount);
     std::vector<const RegState*> open{from};
     EdgeMask found = 0;
@@ -104,7 +102,7 @@ EdgeMask ByteAutomaton::Builder::Reach(const RegState* from, bool& stops) {
     return found;
 }
 
-void ByteAutomaton::Builder::FindTakers() {
+void Builder::FindTakers() {
     for (std::size_t i = 0; i < edges_.size(); ++i) {
         const std::uint32_t label = edges_[i]->label;
         const auto tryByte = [&](unsigned byte) {
@@ -120,53 +118,53 @@ void ByteAutomaton::Builder::FindTakers() {
     }
 }
 
-void ByteAutomaton::Builder::FindByteClasses() {
+void Builder::FindByteClasses() {
+    std::size_t found = 0;
     for (unsigned byte = 0; byte < 256; ++byte) {
-        std::size_t found = 0;
+        // Neighbours mostly share their class.
+        if (found < classTakers_.size() && classTakers_[found] != takers_[byte]) found = 0;
         while (found < classTakers_.size() && classTakers_[found] != takers_[byte])
             ++found;
         if (found == classTakers_.size()) classTakers_.push_back(takers_[byte]);
-        automaton_.classOf_[byte] = static_cast<std::uint8_t>(found);
+        automaton_.classOf[byte] = static_cast<std::uint8_t>(found);
     }
 }
 
-unsigned ByteAutomaton::Builder::StateOf(EdgeMask mask) {
-    const auto state = static_cast<unsigned>(kStart + masks_.size() * classTakers_.size());
+unsigned Builder::StateOf(EdgeMask mask) {
+    const auto state = static_cast<unsigned>(ByteAutomaton::kStart + masks_.size());
     const auto [found, isNew] = states_.try_emplace(mask, state);
     if (isNew) masks_.push_back(mask);
     return found->second;
 }
 
-bool ByteAutomaton::Builder::FillTable() {
-    automaton_.next_.assign(kStart, 0);
+bool Builder::FillTable() {
+    states_.reserve(128);
     StateOf(first_);
     for (std::size_t i = 0; i < masks_.size(); ++i) {
-        if (kStart + masks_.size() * classTakers_.size() > kMaxTableSize) return false;
+        if (masks_.size() * classTakers_.size() > kMaxTableSize) return false;
         const EdgeMask mask = masks_[i];
         for (const EdgeMask takers : classTakers_) {
             const EdgeMask taken = mask & takers;
-            unsigned state = kDead;
+            unsigned state = ByteAutomaton::kDead;
             if ((taken & last_) != 0) {
-                state = kAccepted;
+                state = ByteAutomaton::kAccepted;
             } else if (taken != 0) {
                 EdgeMask after = 0;
                 ForEachEdge(taken, [&](unsigned edge) { after |= follow_[edge]; });
                 state = StateOf(after);
             }
-            automaton_.next_.push_back(static_cast<std::uint16_t>(state));
+            automaton_.next.push_back(static_cast<std::uint16_t>(state));
         }
     }
     return true;
 }
 
-bool ByteAutomaton::Builder::NeverDies() const {
-    for (std::size_t i = kStart; i < automaton_.next_.size(); ++i) {
-        if (automaton_.next_[i] == kDead) return false;
-    }
-    return true;
+bool Builder::NeverDies() const {
+    return std::find(automaton_.next.begin(), automaton_.next.end(), ByteAutomaton::kDead) ==
+           automaton_.next.end();
 }
 
-EdgeMask ByteAutomaton::Builder::Predecessors(EdgeMask edges) const {
+EdgeMask Builder::Predecessors(EdgeMask edges) const {
     EdgeMask found = 0;
     for (std::size_t i = 0; i < follow_.size(); ++i) {
         if ((follow_[i] & edges) != 0) found |= EdgeMask{1} << i;
@@ -176,74 +174,32 @@ EdgeMask ByteAutomaton::Builder::Predecessors(EdgeMask edges) const {
 
 /// Walks back from the ends of all matches for as long as no match can be shorter, and anchors the search at
 /// the byte farthest back that has no alternative.
-void ByteAutomaton::Builder::FindTail() {
+void Builder::FindTail() {
+    TailSearch& tail = automaton_.tail;
     bool anchored = false;
     EdgeMask edges = last_;
-    for (unsigned distance = 0; distance < kMaxTailLength; ++distance) {
+    for (unsigned distance = 0; distance < TailSearch::kMaxLength; ++distance) {
         unsigned count = 0;
         unsigned char anyOfThem = 0;
         for (unsigned byte = 0; byte < 256; ++byte) {
             if ((takers_[byte] & edges) == 0) continue;
-            automaton_.tailBytes_[byte] |= static_cast<std::uint8_t>(1u << distance);
             anyOfThem = static_cast<unsigned char>(byte);
+            tail.Allow(anyOfThem, distance);
             ++count;
         }
         if (count == 1) {
             anchored = true;
-            automaton_.tailAnchor_ = distance;
-            automaton_.tailAnchorByte_ = anyOfThem;
+            tail.Anchor(anyOfThem, distance);
         }
-        if (anchored) automaton_.tailLength_ = distance + 1;
+        if (anchored) tail.SetLength(distance + 1);
         if ((edges & first_) != 0) return;
         edges = Predecessors(edges);
     }
 }
 
-bool ByteAutomaton::Build(const Regexp& regexp, unsigned flags) {
-    *this = ByteAutomaton();
-    try {
-        if (Builder(*this, regexp, flags).Build()) return true;
-    } catch (const std::bad_alloc&) {
-        // As for a pattern that is too large: the caller runs the Regexp.
-    }
-    *this = ByteAutomaton();
-    return false;
-}
+}  // namespace
 
-int ByteAutomaton::Run(const unsigned char* data, std::size_t length) const {
-    if (length == 0) return acceptsNothing_ ? kMatch : kUndecided;
-    const std::uint16_t* next = next_.data();
-    unsigned state = kStart;
-    for (std::size_t i = 0; i < length; ++i) {
-        state = next[state + classOf_[data[i]]];
-        if (state > kStart) continue;
-        if (state < kStart) return state == kAccepted ? kMatch : kNoMatch;
-        // A searching pattern is mostly back here; bytes that keep it here needn't wait for one another.
-        while (i + 1 < length && next[kStart + classOf_[data[i + 1]]] == kStart)
-            ++i;
-    }
-    return kUndecided;
-}
-
-bool ByteAutomaton::TailEndsAt(const unsigned char* last) const {
-    for (unsigned distance = 0; distance < tailLength_; ++distance) {
-        if ((tailBytes_[*(last - distance)] >> distance & 1) == 0) return false;
-    }
-    return true;
-}
-
-bool ByteAutomaton::MayMatch(const unsigned char* data, std::size_t length) const {
-    if (length < tailLength_) return false;
-    const unsigned char* begin = data + (tailLength_ - 1 - tailAnchor_);
-    const unsigned char* end = data + (length - tailAnchor_);
-    std::size_t falseAlarms = 0;
-    while (begin < end) {
-        const void* found = std::memchr(begin, tailAnchorByte_, end - begin);
-        if (found == nullptr) return false;
-        begin = static_cast<const unsigned char*>(found) + 1;
-        if (TailEndsAt(begin - 1 + tailAnchor_)) return true;
-        // Data full of the anchor byte is read faster by the automaton itself.
-        if (++falseAlarms > 16 + static_cast<std::size_t>(begin - data) / 4) return true;
-    }
-    return false;
+bool MakeDeterministic(ByteAutomaton& automaton, const Regexp& regexp, unsigned flags) {
+    automaton = ByteAutomaton();
+    return Builder(automaton, regexp, flags).Build();
 }

@@ -1,8 +1,7 @@
 // The compiled patterns of a protocol table, and the search for the row that a sample matches.
 //
-// Most rows are out after one byte, so the search starts from a table of the rows that each first byte
-// leaves. Each pattern runs as a ByteAutomaton; one that cannot be made deterministic runs as a Regexp with a
-// matcher of the call.
+// The patterns of each side run together as an AutomatonSet; one that cannot be made deterministic runs alone
+// as a Regexp with a matcher of the call.
 //
 // Threads: Compile is for one thread, before any other uses the object; all else only reads it.
 #pragma once
@@ -11,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "protocols/byte_automaton.h"
+#include "protocols/automaton_set.h"
 #include "protocols/protocol_table.h"
 #include "protocols/regexp.h"
 
@@ -30,34 +29,36 @@ class CompiledPatterns {
     /// As ClassifyConnection.
     bool Classify(ProtocolSample& sample) const;
 
-    /// As TestProtocolRow; `matcher` is prepared when it is needed first. Negative when that fails.
+    /// As TestProtocolRow, by the row's own patterns; `matcher` is prepared when it is needed first. Negative
+    /// when that fails.
     int TestRow(std::size_t row, const ProtocolSample& sample, RegMatcher& matcher) const;
 
   private:
-    static constexpr std::size_t kMaxRows = 32;  // one bit each
-    using RowMask = std::uint32_t;
+    static constexpr std::size_t kMaxRows = AutomatonSet::kMaxRows;
+    using RowMask = AutomatonSet::RowMask;
 
-    struct Rule {
-        Regexp regexp;
-        ByteAutomaton automaton;
-    };
-
-    /// The rules of one side, by row, and the rows that data beginning with each byte can match.
+    /// The patterns of one side, by row; both forms of each that has both.
     struct Side {
-        std::array<Rule, kMaxRows> rules;
-        std::array<RowMask, 256> rowsByFirstByte{};
+        std::array<Regexp, kMaxRows> regexps;
+        AutomatonSet automata;
     };
 
-    int CompileRule(Side& side, std::size_t row, const char* pattern, unsigned flags);
-    int TestSide(const Rule& rule, std::int32_t length, const void* data, unsigned flags,
+    int CompileRules();
+    int CompileRule(Side& side, std::size_t row, const char* pattern);
+    void BuildAutomata();
+    int TestSide(const Regexp& regexp, std::int32_t length, const void* data, unsigned flags,
                  RegMatcher& matcher) const;
-    RowMask CandidateRows(const ProtocolSample& sample) const;
+    AutomatonSet::Verdicts RunAutomata(const AutomatonSet& automata, RowMask rows, const void* data,
+                                       std::int32_t length, const ProtocolSample& sample) const;
+    RowMask FirstByAutomata(const ProtocolSample& sample) const;
+    bool TestOthers(RowMask rows, const ProtocolSample& sample, RowMask& matched) const;
 
     const ProtocolEntry* table_ = nullptr;
-    Engine engine_ = Engine::kDeterministic;
+    std::size_t rowCount_ = 0;
     Side client_;
     Side server_;
-    RowMask validatedRows_ = 0;
-    RowMask tailRows_ = 0;  // rows that match by the client's bytes alone, in patterns with a tail
+    RowMask automatonRows_ = 0;  // judged by automata and ports alone
+    RowMask portRows_ = 0;       // of those: the ones with a port
+    RowMask otherRows_ = 0;
     int largestStateCount_ = 0;
 };

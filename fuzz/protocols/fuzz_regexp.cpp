@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "protocols/byte_automaton.h"
+#include "protocols/automaton_set.h"
 #include "protocols/regexp.h"
 
 namespace {
@@ -46,9 +46,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t siz
     const DataChunk chunks[] = {{third, data}, {0, nullptr}, {length - third, data + third}};
     Check(RegexpMatch(matcher, regexp, chunks, 3, flags) == result);
 
-    ByteAutomaton automaton;
-    if ((flags & kRegFirstMatch) == 0 || !automaton.Build(regexp, flags)) return 0;
-    Check(automaton.Run(data, length) == result);
-    if (automaton.HasTail() && result == kMatch) Check(automaton.MayMatch(data, length));
+    AutomatonSet::Patterns patterns;
+    patterns[0] = {&regexp, flags};
+    AutomatonSet set;
+    set.Build(patterns);
+    if (set.Rows() == 0 || length == 0) return 0;
+    const AutomatonSet::Verdicts verdicts = set.Run(1, data, static_cast<std::size_t>(length));
+    Check(verdicts.matched == (result == kMatch ? 1u : 0u));
+    Check(verdicts.undecided == (result == kUndecided ? 1u : 0u));
     return 0;
 }

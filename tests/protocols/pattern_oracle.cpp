@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr std::size_t kMaxData = 60;
 constexpr const char kAlphabet[] = "aAbBzZ0-. \n\r]";  // and its terminator, the zero byte
 
 unsigned char AnyByte(SeededRandom& random) {
@@ -260,7 +259,7 @@ std::string MakeData(SeededRandom& random, const PatternNode& root, bool ignoreC
             for (unsigned more = random.Below(8); more > 0; --more)
                 data += static_cast<char>(AnyByte(random));
     }
-    if (data.size() > kMaxData) data.resize(kMaxData);
+    if (data.size() > kMaxOracleData) data.resize(kMaxOracleData);
     return data;
 }
 

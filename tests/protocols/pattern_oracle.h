@@ -27,7 +27,11 @@ struct RandomPattern {
 /// A pattern of the whole grammar, with no more than 16 classes.
 RandomPattern MakePattern(SeededRandom& random);
 
-/// Up to 60 bytes that the pattern may like: members of its language, cut, extended or damaged, or noise.
+/// The oracle has a bit for each position.
+inline constexpr std::size_t kMaxOracleData = 60;
+
+/// Up to kMaxOracleData bytes that the pattern may like: members of its language, cut, extended or damaged,
+/// or noise.
 std::string MakeData(SeededRandom& random, const PatternNode& root, bool ignoreCase);
 
 /// What RegexpMatch must answer: 2, 1 or 0.
