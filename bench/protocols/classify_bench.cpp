@@ -1,7 +1,8 @@
 // What a classification costs, beside public engines when they are installed, and how the costs grow. Every
 // engine must give every packet its protocol before anything is measured. Pin it and repeat:
 //     taskset -c 0 classify_bench --benchmark_repetitions=9 --benchmark_report_aggregates_only=true
-// Mix: time per packet of the whole mix in shuffled order. Packet, Long: one packet over and over.
+// Mix: time per packet of the whole mix in a long shuffled order. Packet, Long, Worst: one packet over and
+// over.
 // Hostile: a pattern and data that cost a backtracking engine exponential time; ns per byte and state stay
 // level.
 #include <benchmark/benchmark.h>
@@ -41,21 +42,30 @@ Classifier BySimulation() {
     };
 }
 
+/// Packets of the mix in an order too long for the branch predictor to learn.
+const std::vector<std::uint8_t>& MixOrder() {
+    static const std::vector<std::uint8_t> order = [] {
+        std::vector<std::uint8_t> shuffled;
+        for (int round = 0; round < 1000; ++round) {
+            for (std::size_t i = 0; i < Mix().size(); ++i)
+                shuffled.push_back(static_cast<std::uint8_t>(i));
+        }
+        std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1));
+        return shuffled;
+    }();
+    return order;
+}
+
 template <typename Classify>
 void RunMix(benchmark::State& state, const Classify& classify) {
     std::vector<ProtocolSample> samples;
-    std::mt19937 random(1);
-    for (int round = 0; round < 16; ++round) {
-        std::vector<ProtocolSample> shuffled;
-        for (const FirstPacket& packet : Mix())
-            shuffled.push_back(SampleOf(packet));
-        std::shuffle(shuffled.begin(), shuffled.end(), random);
-        samples.insert(samples.end(), shuffled.begin(), shuffled.end());
-    }
+    for (const FirstPacket& packet : Mix())
+        samples.push_back(SampleOf(packet));
+    const std::vector<std::uint8_t>& order = MixOrder();
     std::size_t next = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(classify(samples[next]));
-        if (++next == samples.size()) next = 0;
+        benchmark::DoNotOptimize(classify(samples[order[next]]));
+        if (++next == order.size()) next = 0;
     }
 }
 
@@ -120,7 +130,11 @@ benchmark::internal::Benchmark* WithExtremes(benchmark::internal::Benchmark* ben
 template <typename Classify>
 bool Register(const std::string& engine, const Classify& classify) {
     static const std::vector<FirstPacket> longData = LongData();
-    if (!AnswersRight(engine, classify, Mix()) || !AnswersRight(engine, classify, longData)) return false;
+    static const std::vector<FirstPacket> worstPackets = WorstData(1400);
+    static const std::vector<FirstPacket> worstLongData = WorstData(64 * 1024);
+    for (const auto* packets : {&Mix(), &longData, &worstPackets, &worstLongData}) {
+        if (!AnswersRight(engine, classify, *packets)) return false;
+    }
     WithExtremes(benchmark::RegisterBenchmark(
         ("Mix/" + engine).c_str(), [classify](benchmark::State& state) { RunMix(state, classify); }));
     const auto one = [&](const char* group, const FirstPacket& packet) {
@@ -132,6 +146,10 @@ bool Register(const std::string& engine, const Classify& classify) {
         one("Packet/", packet);
     for (const FirstPacket& packet : longData)
         one("Long/", packet);
+    for (const FirstPacket& packet : worstPackets)
+        one("Worst1400/", packet);
+    for (const FirstPacket& packet : worstLongData)
+        one("Worst64k/", packet);
     return true;
 }
 

@@ -166,6 +166,33 @@ std::vector<FirstPacket> LongData() {
     };
 }
 
+std::vector<FirstPacket> WorstData(std::size_t size) {
+    // Ends as the filters look for, so that nothing is passed over.
+    const std::string ends = "\nxxxxxx 0\r\n='jabber";
+    const auto packet = [&](const char* name, const std::string& begin, const std::string& middle) {
+        const std::string data = begin + Repeat(middle, size - begin.size() - ends.size()) + ends;
+        return FirstPacket{name, false, 4000, data, kProtocolNone};
+    };
+    std::string letters(size, 'a');
+    std::uint32_t seed = 1;
+    for (char& letter : letters) {
+        seed = seed * 1664525u + 1013904223u;
+        if ((seed >> 31) != 0) letter = 'x';
+    }
+    return {
+        packet("users", "", "usr 1 "),
+        packet("versions", "<stream:stream", "ver 1 msnp1 xmlns='jabbe"),
+        packet("streams", "", "<stream:strea"),
+        packet("letters", "", letters),
+        packet("lines", " 0\r\n", "xxxxxxxx\r"),
+        packet("calls", "", "HELr\r\n SIP/2.0"),
+        packet("invitation", "INVITE sip:", " SIP/2.0 usr 1 "),
+        packet("nickname", "nick ", "usr 1 "),
+        packet("empty-lines", "", "\r\n"),
+        {"news", true, 4000, Repeat("200 newsnew" + Repeat("newsnew", size), size), kProtocolNone},
+    };
+}
+
 ProtocolSample SampleOf(const FirstPacket& packet) {
     ProtocolSample sample{};
     const auto length = static_cast<std::int32_t>(packet.data.size());

@@ -23,4 +23,8 @@ std::vector<FirstPacket> FirstPackets();
 /// 64 KiB each of several kinds.
 std::vector<FirstPacket> LongData();
 
+/// Packets of this size made to cost as much as can be: each kept up by rows that almost match throughout.
+/// A search over random combinations of the patterns' pieces found none that is much worse.
+std::vector<FirstPacket> WorstData(std::size_t size);
+
 ProtocolSample SampleOf(const FirstPacket& packet);
