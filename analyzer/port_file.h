@@ -5,5 +5,5 @@
 #include <string>
 
 /// Writes the port as 4 little-endian bytes, making the folders above the file. A reader sees the whole file
-/// or the one before it. Throws std::system_error (or a class derived from it).
+/// or the one before it. Throws FileError; nothing is left behind then.
 void WritePortFile(const std::string& path, std::uint16_t port);

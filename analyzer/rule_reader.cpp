@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "analyzer/regular_file.h"
 #include "analyzer/rules.h"
 #include "messages/analyzer_messages.h"
 
@@ -233,11 +234,11 @@ RuleSet RuleSet::FromText(const std::string& text, const std::string& name) {
 }
 
 RuleSet RuleSet::FromFile(const std::string& path) {
+    std::string text;
     try {
-        return RuleReader(path).Read(toml::parse_file(path));
-    } catch (const toml::parse_error& error) {
-        // A file that can't be opened has no place inside it.
-        if (!error.source().begin) throw RuleError(path + ": " + std::string(error.description()));
-        Fail(path, error.source(), std::string(error.description()));
+        text = ReadRegularFile(path);
+    } catch (const FileError& error) {
+        throw RuleError(error.what());
     }
+    return FromText(text, path);
 }

@@ -1,5 +1,5 @@
 // The analyzer's rules: a TOML file read once into a list; the first rule that matches a request decides.
-// Rules are immutable once read, so any thread may match.
+// Rules are immutable once read.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 #include "analyzer/request.h"
 
-/// What is wrong with a rule file: "file:line:column: reason".
+/// What is wrong with a rule file: "file:line:column: reason", or why it can't be read.
 class RuleError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -67,7 +67,7 @@ class RuleSet {
     /// No rules: everything is allowed.
     RuleSet();
 
-    /// Throws RuleError; also when the file can't be read.
+    /// Throws RuleError; also when it can't be read or is no regular file.
     static RuleSet FromFile(const std::string& path);
     /// `name` stands for the file in errors.
     static RuleSet FromText(const std::string& text, const std::string& name);

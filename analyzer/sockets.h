@@ -24,7 +24,8 @@ class OwnedSocket {
     SocketHandle handle_;
 };
 
-/// Listens on 127.0.0.1:`*port`; 0 takes any free one and is replaced by it. Throws std::system_error.
+/// Listens on 127.0.0.1:`*port`; 0 takes any free one and is replaced by it. Throws std::system_error, which
+/// names the port.
 SocketHandle ListenOnLoopback(std::uint16_t* port);
 
 enum class Accepted {

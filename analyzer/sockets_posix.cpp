@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 #include <system_error>
 
 namespace {
@@ -55,18 +56,12 @@ SocketHandle ListenOnLoopback(std::uint16_t* port) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
     auto* const name = reinterpret_cast<sockaddr*>(&address);
-    const char* failed = nullptr;
-    if (::bind(listener, name, length) != 0) {
-        failed = "bind";
-    } else if (::listen(listener, SOMAXCONN) != 0) {
-        failed = "listen";
-    } else if (::getsockname(listener, name, &length) != 0) {
-        failed = "getsockname";
-    }
-    if (failed != nullptr) {
+    if (::bind(listener, name, length) != 0 || ::listen(listener, SOMAXCONN) != 0 ||
+        ::getsockname(listener, name, &length) != 0) {
         const int error = errno;
         ::close(listener);
-        throw std::system_error(error, std::generic_category(), failed);
+        throw std::system_error(error, std::generic_category(),
+                                "cannot listen on 127.0.0.1:" + std::to_string(*port));
     }
     *port = ntohs(address.sin_port);
     return listener;

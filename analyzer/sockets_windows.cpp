@@ -8,6 +8,7 @@
 
 #include <winsock2.h>
 
+#include <string>
 #include <system_error>
 #include <unordered_map>
 
@@ -81,7 +82,8 @@ SocketHandle ListenOnLoopback(std::uint16_t* port) {
     if (bound == 0 || listen(listener, SOMAXCONN) != 0) {
         const int error = WSAGetLastError();
         closesocket(listener);
-        throw std::system_error(error, std::system_category(), bound == 0 ? "bind" : "listen");
+        throw std::system_error(error, std::system_category(),
+                                "cannot listen on 127.0.0.1:" + std::to_string(*port));
     }
     *port = bound;
     return static_cast<SocketHandle>(listener);

@@ -5,36 +5,28 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
 #include <string>
+#include <vector>
 
 #include "tests/analyzer/request_frames.h"
 #include "tests/analyzer/running_program.h"
+#include "tests/analyzer/system_files.h"
 #include "tests/analyzer/test_client.h"
+#include "tests/analyzer/test_folder.h"
 
 namespace {
 
-/// A folder of its own for each test.
-class Folder {
-  public:
-    Folder()
-        : path_(std::filesystem::temp_directory_path() /
-                ("qxanalyzer-test-" + std::to_string(std::random_device()()))) {
-        std::filesystem::create_directories(path_);
-    }
-    ~Folder() { std::filesystem::remove_all(path_); }
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  private:
-    const std::filesystem::path path_;
-};
+::testing::AssertionResult Says(const std::string& line, const std::string& part) {
+    const bool found = line.find(part) != std::string::npos;
+    return (found ? ::testing::AssertionSuccess() : ::testing::AssertionFailure()) << "in " << line;
+}
 
 std::uint16_t PortIn(const std::string& line) {
     return static_cast<std::uint16_t>(std::atoi(line.substr(line.rfind(':') + 1).c_str()));
 }
 
 TEST(AnalyzerProgram, ServesUntilItIsToldToStop) {
-    const Folder folder;
+    const TestFolder folder;
     std::ofstream(folder / "rules.toml") << "[[rule]]\nname = \"no web\"\nport = 80\naction = \"refuse\"\n";
     for (const Stop stop : WaysToStop()) {
         RunningProgram program({"--port", "0", "--rules", folder / "rules.toml", "--port-file",
@@ -55,18 +47,18 @@ TEST(AnalyzerProgram, ServesUntilItIsToldToStop) {
         EXPECT_EQ(answer.requestId, asked.messageId);
         EXPECT_EQ(answer.action, 1u);
         const std::string line = program.Line();
-        EXPECT_NE(line.find("connect process 4321 user \"DEMO\\\\alice\""), std::string::npos) << line;
-        EXPECT_NE(line.find("192.0.2.1:80 : refuse (\"no web\")"), std::string::npos) << line;
+        EXPECT_TRUE(Says(line, "connect process 4321 user \"DEMO\\\\alice\""));
+        EXPECT_TRUE(Says(line, "192.0.2.1:80 : refuse (\"no web\")"));
         program.Tell(stop);
         EXPECT_EQ(program.Status(), 0);
     }
 }
 
 TEST(AnalyzerProgram, RefusesWhatItCannotUse) {
-    const Folder folder;
+    const TestFolder folder;
     std::ofstream(folder / "rules.toml") << "[[rule]]\nactoin = \"refuse\"\n";
     RunningProgram wrongRules({"--port", "0", "--rules", folder / "rules.toml"});
-    EXPECT_NE(wrongRules.Line().find("rules.toml:2:1: there is no key \"actoin\""), std::string::npos);
+    EXPECT_TRUE(Says(wrongRules.Line(), "rules.toml:2:1: there is no key \"actoin\""));
     EXPECT_EQ(wrongRules.Status(), 2);
     EXPECT_EQ(RunningProgram({"--port", "65536"}).Status(), 2);
     EXPECT_EQ(RunningProgram({"--bogus"}).Status(), 2);
@@ -74,7 +66,28 @@ TEST(AnalyzerProgram, RefusesWhatItCannotUse) {
 
     RunningProgram first({"--port", "0"});
     const std::string port = std::to_string(PortIn(first.Line()));
-    EXPECT_EQ(RunningProgram({"--port", port}).Status(), 1) << "the port is taken";
+    RunningProgram second({"--port", port});
+    EXPECT_TRUE(Says(second.Line(), "127.0.0.1:" + port + ": ")) << "the port is taken";
+    EXPECT_EQ(second.Status(), 1);
+}
+
+TEST(AnalyzerProgram, RefusesWhatIsNoRegularFile) {
+    const TestFolder folder;
+    std::filesystem::create_directories(folder / "folder");
+    std::vector<std::string> names = {"folder"};
+    if (MakeFifo(folder / "fifo")) names.emplace_back("fifo");
+    const std::size_t entries = folder.Entries();
+    for (const std::string& name : names) {
+        RunningProgram rules({"--port", "0", "--rules", folder / name});
+        EXPECT_TRUE(Says(rules.Line(), "cannot read " + (folder / name) + ": it is no regular file"));
+        EXPECT_EQ(rules.Status(), 2);
+        RunningProgram portFile({"--port", "0", "--port-file", folder / name});
+        EXPECT_TRUE(Says(portFile.Line(), "cannot write " + (folder / name) + ": it is no regular file"));
+        EXPECT_EQ(portFile.Status(), 1);
+        EXPECT_EQ(folder.Entries(), entries) << "nothing is left behind";
+    }
+    RunningProgram missing({"--port", "0", "--rules", folder / "none"});
+    EXPECT_TRUE(Says(missing.Line(), "cannot read " + (folder / "none") + ": No such file or directory"));
 }
 
 }  // namespace

@@ -1,0 +1,13 @@
+#include "tests/analyzer/system_files.h"
+
+bool MakeFifo(const std::string&) {
+    return false;
+}
+
+SmallFiles::SmallFiles() = default;
+
+SmallFiles::~SmallFiles() = default;
+
+bool SmallFiles::Work() const {
+    return false;
+}
