@@ -28,6 +28,12 @@ constexpr NamedFlag kFlags[] = {
     {"relay", kFlagRelayWanted},  {"keep", kFlagKeepFlags},       {"serve", kFlagAnalyzerServes},
 };
 
+/// Not of a network that hosts are never in: 0/8, multicast and what is beyond.
+bool IsOfAHost(std::uint32_t address) {
+    const std::uint32_t first = address >> 24;
+    return first != 0 && first < 224;
+}
+
 }  // namespace
 
 /// One reading of one file.
@@ -94,6 +100,13 @@ class RuleReader {
                 Fail(file_, address->source(), "expected an address and port such as \"127.0.0.1:8080\"");
             }
         }
+        if (redirects && !IsOfAHost(verdict.redirect.address)) {
+            Fail(file_, address->source(), "no host has this address");
+        }
+        const toml::node* flags = table.get("flags");
+        if (flags != nullptr && verdict.action == RuleAction::kRefuse) {
+            Fail(file_, flags->source(), "what is refused takes no flags");
+        }
         ForEach(table, "flags", [&](const toml::node& node) { verdict.flags |= ReadFlag(node); });
         if (const toml::node* node = table.get("exempt")) verdict.exempt = Boolean(*node);
         if (const toml::node* node = table.get("behaviour")) {
@@ -131,7 +144,7 @@ class RuleReader {
         bool good = ParseAddress(text.substr(0, slash), network.address);
         if (slash != std::string::npos) {
             const std::string digits = text.substr(slash + 1);
-            good = good && !digits.empty() && digits.size() <= 2 &&
+            good = good && !digits.empty() && digits.size() <= 2 && (digits == "0" || digits[0] != '0') &&
                    std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; });
             bits = good ? static_cast<std::uint32_t>(std::stoul(digits)) : 33;
         }

@@ -12,10 +12,11 @@ bool AnyFits(const std::vector<std::string>& patterns, const std::string& text) 
            });
 }
 
-/// A decimal number of at most `limit` that takes up the whole of [begin, end).
+/// A decimal number of at most `limit` that takes up the whole of [begin, end). Without zeros in front: some
+/// read 010 as eight.
 bool ParseNumber(const std::string& text, std::size_t begin, std::size_t end, std::uint32_t limit,
                  std::uint32_t& value) {
-    if (begin >= end || end - begin > 5) return false;
+    if (begin >= end || end - begin > 5 || (text[begin] == '0' && end - begin > 1)) return false;
     value = 0;
     for (std::size_t index = begin; index < end; ++index) {
         if (text[index] < '0' || text[index] > '9') return false;

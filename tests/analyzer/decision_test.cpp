@@ -14,11 +14,11 @@ constexpr char kRules[] = R"(
 [[rule]]
 port = 1
 action = "refuse"
-flags = "keep"
 [[rule]]
 port = 2
 action = "redirect"
 address = "127.0.0.1:41080"
+flags = "keep"
 exempt = true
 [[rule]]
 port = 3
@@ -56,12 +56,13 @@ TEST(Decision, AnswersByRule) {
     ASSERT_TRUE(answer.readable);
     EXPECT_EQ(answer.requestId, asked.request.messageId);
     EXPECT_EQ(answer.action, 1u);
-    EXPECT_EQ(answer.flags, 0x10u);
+    EXPECT_EQ(answer.flags, 0u);
     EXPECT_EQ(answer.exemptProcessId, 0u);
 
     asked = Ask(2);
     answer = ReadAnswer(asked.out);
     EXPECT_EQ(answer.action, 2u);
+    EXPECT_EQ(answer.flags, 0x10u);
     EXPECT_EQ(answer.redirect, std::string("\x02\x00\xA0\x78\x7F\x00\x00\x01", 8));
     EXPECT_EQ(answer.exemptProcessId, 4321u);
 

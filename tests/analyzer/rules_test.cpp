@@ -113,6 +113,8 @@ TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
         {"[[rule]]\ndestination = \"10.0.0.0/33\"", "f:2:15: expected an address"},
         {"[[rule]]\ndestination = \"10.0.0\"", "f:2:15: expected an address"},
         {"[[rule]]\ndestination = \"10.0.0.256\"", "f:2:15: expected an address"},
+        {"[[rule]]\ndestination = \"01.2.3.4\"", "f:2:15: expected an address"},
+        {"[[rule]]\ndestination = \"1.2.3.0/024\"", "f:2:15: expected an address"},
         {"[[rule]]\noperation = \"dance\"", "f:2:13: there is no operation"},
         {"[[rule]]\noperation = []", "f:2:13: the list is empty"},
         {"[[rule]]\nflags = \"counts\"", "f:2:9: there is no flag"},
@@ -121,6 +123,10 @@ TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
         {"[[rule]]\ndelay_ms = -1", "f:2:12: expected a number"},
         {"[[rule]]\naction = \"redirect\"", "f:2:10: redirect needs an address"},
         {"[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.1\"", "f:3:11: expected an address and port"},
+        {"[[rule]]\naction = \"redirect\"\naddress = \"0.0.0.0:80\"", "f:3:11: no host has"},
+        {"[default]\naction = \"redirect\"\naddress = \"255.255.255.255:80\"", "f:3:11: no host has"},
+        {"[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.01:80\"", "f:3:11: expected an address"},
+        {"[[rule]]\nflags = \"count\"\naction = \"refuse\"", "f:2:9: what is refused takes no flags"},
         {"[[rule]]\naddress = \"127.0.0.1:1\"", "f:2:11: only redirect takes an address"},
     };
     for (const auto& wrong : cases) {
