@@ -81,10 +81,6 @@ Reply Decision::OnFrame(const unsigned char* frame, std::size_t length, std::vec
     return reply;
 }
 
-void Decision::OnIdle() {
-    if (log_ != nullptr) log_->Flush();
-}
-
 bool Decision::ReadRequest(const unsigned char* frame, std::size_t length) {
     // Read in place; the message doesn't write to a chain that it deserialises.
     const BufferPiece piece{static_cast<std::uint32_t>(length), const_cast<unsigned char*>(frame)};

@@ -18,7 +18,6 @@ class Decision : public FrameHandler {
 
     /// A frame that is no request closes its connection: nothing after it could be told apart.
     Reply OnFrame(const unsigned char* frame, std::size_t length, std::vector<unsigned char>& out) override;
-    void OnIdle() override;
 
   private:
     bool ReadRequest(const unsigned char* frame, std::size_t length);

@@ -26,9 +26,6 @@ class FrameHandler {
     /// A whole frame, its length words included. Bytes to send are appended to `out`.
     virtual Reply OnFrame(const unsigned char* frame, std::size_t length,
                           std::vector<unsigned char>& out) = 0;
-
-    /// No further frame is at hand: a good time to write what was put off.
-    virtual void OnIdle() {}
 };
 
 /// Length words of a frame as they stand on the wire. False when a frame may not announce this length.

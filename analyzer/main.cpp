@@ -7,9 +7,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "analyzer/decision.h"
+#include "analyzer/line_writer.h"
 #include "analyzer/port_file.h"
 #include "analyzer/request_log.h"
 #include "analyzer/rules.h"
@@ -55,21 +57,34 @@ struct Options {
     bool untilInputEnds = false;
 };
 
-void Note(const std::string& text) {
-    std::fprintf(stderr, "qxanalyzer: %s\n", text.c_str());
+std::string AsNote(const std::string& text) {
+    return "qxanalyzer: " + text;
 }
 
+/// Standard output and standard error while the server runs, neither of which it waits for.
+struct Outputs {
+    explicit Outputs(LogFormat format)
+        : log(DescriptorOutput(1), [format](std::size_t count) { return DroppedLine(format, count); }),
+          notes(DescriptorOutput(2),
+                [](std::size_t count) { return AsNote(DroppedLine(LogFormat::kReadable, count)); }) {}
+
+    LineWriter log;
+    LineWriter notes;
+};
+
 void Serve(const Options& options, const RuleSet& rules) {
-    RequestLog log(stdout, options.json ? LogFormat::kJson : LogFormat::kReadable);
+    const LogFormat format = options.json ? LogFormat::kJson : LogFormat::kReadable;
+    Outputs outputs(format);
+    RequestLog log(&outputs.log, format);
     Decision decision(rules, options.quiet ? nullptr : &log);
-    Server server(options.port, decision, ServerLimits(), Note);
+    Server server(options.port, decision, ServerLimits(),
+                  [&outputs](const std::string& text) { outputs.notes.Write(AsNote(text)); });
     const StopSignals signals(&server);
     std::optional<InputWatch> input;
     if (options.untilInputEnds) input.emplace(&server);
 
     if (!options.portFile.empty()) WritePortFile(options.portFile, server.Port());
-    std::printf("listening on 127.0.0.1:%u\n", static_cast<unsigned>(server.Port()));
-    std::fflush(stdout);
+    outputs.log.Write("listening on 127.0.0.1:" + std::to_string(server.Port()));
     server.Run();
 }
 
@@ -100,14 +115,13 @@ int main(int argc, char** argv) {
     }
 
     try {
-        const RuleSet rules = options.rules.empty() ? RuleSet() : RuleSet::FromFile(options.rules);
-        Serve(options, rules);
+        Serve(options, options.rules.empty() ? RuleSet() : RuleSet::FromFile(options.rules));
         return 0;
     } catch (const RuleError& error) {
-        Note(error.what());
+        std::fprintf(stderr, "%s\n", AsNote(error.what()).c_str());
         return kWrongInput;
     } catch (const std::exception& error) {
-        Note(error.what());
+        std::fprintf(stderr, "%s\n", AsNote(error.what()).c_str());
         return kCannotStart;
     }
 }

@@ -157,15 +157,13 @@ std::string JsonLine(const std::string& time, const Request& request, const Rule
     return Line(line);
 }
 
-void RequestLog::Write(const Request& request, const Rule& rule) {
-    std::string line =
-        format_ == LogFormat::kJson ? JsonLine(Now(), request, rule) : ReadableLine(Now(), request, rule);
-    line += '\n';
-    std::fwrite(line.data(), 1, line.size(), out_);
-    unflushed_ = true;
+std::string DroppedLine(LogFormat format, std::size_t count) {
+    const std::string number = std::to_string(count);
+    return format == LogFormat::kJson ? "{\"dropped_lines\":" + number + "}"
+                                      : number + " lines dropped, since nobody read them";
 }
 
-void RequestLog::Flush() {
-    if (unflushed_) std::fflush(out_);
-    unflushed_ = false;
+void RequestLog::Write(const Request& request, const Rule& rule) {
+    out_->Write(format_ == LogFormat::kJson ? JsonLine(Now(), request, rule)
+                                            : ReadableLine(Now(), request, rule));
 }

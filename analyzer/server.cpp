@@ -127,7 +127,6 @@ void Server::Implementation::Run() {
             CloseStalled(now);
         }
         if (events.empty()) SetListening(true);
-        handler_.OnIdle();
     }
 }
 

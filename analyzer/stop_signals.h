@@ -4,8 +4,8 @@
 
 class Server;
 
-/// Leads them to the server's Stop while this lives; a second SIGINT or SIGTERM ends the process, also one
-/// that can't stop because its output isn't read. One at a time, inside the server's own life.
+/// Leads them to the server's Stop while this lives; a second SIGINT or SIGTERM ends the process at once.
+/// One at a time, inside the server's own life.
 class StopSignals {
   public:
     explicit StopSignals(Server* server);

@@ -10,7 +10,7 @@ namespace {
 std::atomic<Server*> RunningServer{nullptr};
 
 void StopOnSignal(int signal) {
-    // The server's thread may be waiting for somebody who doesn't read its output: the next one ends it.
+    // Who sends another one doesn't want to wait for the output to be read.
     std::signal(signal, SIG_DFL);
     if (Server* server = RunningServer.load()) server->Stop();
 }

@@ -123,6 +123,7 @@ TEST(RequestLog, TextsFromTheWireStayInsideTheirLine) {
         EXPECT_EQ(line.find("\xC2\x9B"), std::string::npos) << line;
         EXPECT_NE(line.find("192.0.2.1:443"), std::string::npos);
     }
+    EXPECT_EQ(nlohmann::json::parse(DroppedLine(LogFormat::kJson, 7))["dropped_lines"], 7);
     const nlohmann::json json = nlohmann::json::parse(JsonLine("now", request, rule));
     EXPECT_EQ(json["user"], request.user);
     EXPECT_EQ(json["signer"], request.signer);

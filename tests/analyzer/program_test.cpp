@@ -90,4 +90,18 @@ TEST(AnalyzerProgram, RefusesWhatIsNoRegularFile) {
     EXPECT_TRUE(Says(missing.Line(), "cannot read " + (folder / "none") + ": No such file or directory"));
 }
 
+TEST(AnalyzerProgram, AnswersThoughNobodyReadsItsOutput) {
+    RunningProgram program({"--port", "0", "--until-input-ends"});
+    TestClient client(PortIn(program.Line()));
+    AskedRequest asked;
+    asked.user.assign(1000, 'u');
+    // Ten times what a pipe takes.
+    for (int count = 0; count < 640; ++count) {
+        ASSERT_TRUE(client.Send(RequestFrame(asked)));
+        ASSERT_TRUE(ReadAnswer(client.Receive(156)).readable) << count;
+    }
+    program.Tell(WaysToStop().back());
+    EXPECT_EQ(program.Status(), 0);
+}
+
 }  // namespace
