@@ -59,6 +59,7 @@ Reply Decision::OnFrame(const unsigned char* frame, std::size_t length, std::vec
         reply.kind = Reply::Kind::kClose;
         return reply;
     }
+    reply.processId = request_.processId;
     const Rule& rule = rules_.Decide(request_);
     if (log_ != nullptr) log_->Write(request_, rule);
     reply.delayMilliseconds = rule.verdict.delayMilliseconds;

@@ -17,6 +17,8 @@ struct Reply {
     Kind kind = Kind::kNone;
     /// With kSend: how long the bytes are held back.
     std::uint32_t delayMilliseconds = 0;
+    /// The process that the frame comes from, as it says itself.
+    std::uint32_t processId = 0;
 };
 
 class FrameHandler {

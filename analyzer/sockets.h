@@ -28,14 +28,18 @@ class OwnedSocket {
 /// names the port.
 SocketHandle ListenOnLoopback(std::uint16_t* port);
 
+/// How many connections there is room for in this process, as far as that is known; some room stays for other
+/// things. Raises the process's own limit as far as it may.
+std::size_t RoomForConnections() noexcept;
+
 enum class Accepted {
     kConnection,
     kNothing,
     kNoResources,  ///< something waits, but the system has no descriptor or memory for it
 };
 
-/// Takes the next connection that waits, if there is one.
-Accepted AcceptNext(SocketHandle listener, SocketHandle* connection) noexcept;
+/// Takes the next connection that waits, if there is one, with the port of its other end.
+Accepted AcceptNext(SocketHandle listener, SocketHandle* connection, std::uint16_t* peerPort) noexcept;
 
 enum class Transfer {
     kDone,    ///< `*count` bytes, at least one

@@ -5,6 +5,7 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -67,8 +68,20 @@ SocketHandle ListenOnLoopback(std::uint16_t* port) {
     return listener;
 }
 
-Accepted AcceptNext(SocketHandle listener, SocketHandle* connection) noexcept {
-    const int accepted = ::accept4(Descriptor(listener), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+std::size_t RoomForConnections() noexcept {
+    rlimit descriptors{};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return SIZE_MAX;
+    descriptors.rlim_cur = descriptors.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &descriptors);
+    ::getrlimit(RLIMIT_NOFILE, &descriptors);
+    return descriptors.rlim_cur - descriptors.rlim_cur / 8;
+}
+
+Accepted AcceptNext(SocketHandle listener, SocketHandle* connection, std::uint16_t* peerPort) noexcept {
+    sockaddr_in peer{};
+    socklen_t length = sizeof(peer);
+    const int accepted = ::accept4(Descriptor(listener), reinterpret_cast<sockaddr*>(&peer), &length,
+                                   SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (accepted < 0) {
         const bool exhausted = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         return exhausted ? Accepted::kNoResources : Accepted::kNothing;
@@ -76,6 +89,7 @@ Accepted AcceptNext(SocketHandle listener, SocketHandle* connection) noexcept {
     const int on = 1;
     ::setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     *connection = accepted;
+    *peerPort = ntohs(peer.sin_port);
     return Accepted::kConnection;
 }
 
@@ -136,6 +150,9 @@ bool SocketWatch::Wait(int milliseconds, std::vector<SocketEvent>* events) {
         const std::uint32_t seen = found[index].events;
         if (found[index].data.u64 == kWakeKey) {
             woken = true;
+            std::uint64_t wakes = 0;
+            [[maybe_unused]] const ssize_t read =
+                ::read(Descriptor(system_->wake.Get()), &wakes, sizeof(wakes));
         } else {
             events->push_back(
                 {found[index].data.u64, (seen & EPOLLIN) != 0, (seen & (EPOLLERR | EPOLLHUP)) != 0});

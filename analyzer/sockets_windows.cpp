@@ -89,8 +89,15 @@ SocketHandle ListenOnLoopback(std::uint16_t* port) {
     return static_cast<SocketHandle>(listener);
 }
 
-Accepted AcceptNext(SocketHandle listener, SocketHandle* connection) noexcept {
-    const SOCKET accepted = accept(Winsocket(listener), nullptr, nullptr);
+std::size_t RoomForConnections() noexcept {
+    constexpr std::size_t kListenerAndWake = 2;
+    return FD_SETSIZE - kListenerAndWake;
+}
+
+Accepted AcceptNext(SocketHandle listener, SocketHandle* connection, std::uint16_t* peerPort) noexcept {
+    sockaddr_in peer{};
+    int length = sizeof(peer);
+    const SOCKET accepted = accept(Winsocket(listener), reinterpret_cast<sockaddr*>(&peer), &length);
     if (accepted == INVALID_SOCKET) {
         const int error = WSAGetLastError();
         return error == WSAEMFILE || error == WSAENOBUFS ? Accepted::kNoResources : Accepted::kNothing;
@@ -99,6 +106,7 @@ Accepted AcceptNext(SocketHandle listener, SocketHandle* connection) noexcept {
     setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof(on));
     SetNonblocking(accepted);
     *connection = static_cast<SocketHandle>(accepted);
+    *peerPort = ntohs(peer.sin_port);
     return Accepted::kConnection;
 }
 

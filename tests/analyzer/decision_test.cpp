@@ -55,6 +55,7 @@ TEST(Decision, AnswersByRule) {
     GivenAnswer answer = ReadAnswer(asked.out);
     ASSERT_TRUE(answer.readable);
     EXPECT_EQ(answer.requestId, asked.request.messageId);
+    EXPECT_EQ(asked.reply.processId, asked.request.processId);
     EXPECT_EQ(answer.action, 1u);
     EXPECT_EQ(answer.flags, 0u);
     EXPECT_EQ(answer.exemptProcessId, 0u);

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +20,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-/// A frame with `payload` bytes, the first of which says what the handler does with it.
+/// A frame with `payload` bytes, the first of which says what the handler does with it, and is the process.
 Bytes Frame(unsigned char command, std::size_t payload = 1) {
     const auto length = static_cast<std::uint32_t>(8 + payload);
     Bytes frame(length, command);
@@ -31,6 +33,7 @@ class EchoHandler : public FrameHandler {
   public:
     Reply OnFrame(const unsigned char* frame, std::size_t length, Bytes& out) override {
         Reply reply;
+        reply.processId = frame[8];
         if (frame[8] == 'c') {
             reply.kind = Reply::Kind::kClose;
         } else if (frame[8] != 'n') {
@@ -52,8 +55,31 @@ class EchoHandler : public FrameHandler {
 class ServerTest : public ::testing::Test {
   protected:
     void Start(const ServerLimits& limits = ServerLimits()) {
-        server_ = std::make_unique<Server>(std::uint16_t(0), handler_, limits, nullptr);
-        thread_ = std::thread([this] { server_->Run(); });
+        const auto note = [this](const std::string& line) {
+            const std::lock_guard<std::mutex> hold(lock_);
+            notes_.push_back(line);
+        };
+        server_ = std::make_unique<Server>(std::uint16_t(0), handler_, limits, note, [this] {
+            return std::chrono::steady_clock::now() + std::chrono::milliseconds(advance_);
+        });
+        thread_ = std::thread([this] {
+            while (server_->Run())
+                ++rounds_;
+        });
+    }
+
+    /// Puts the server's clock forward and lets the server notice.
+    void Advance(int milliseconds) {
+        const int before = rounds_;
+        advance_ += milliseconds;
+        server_->Interrupt();
+        while (rounds_ == before)
+            std::this_thread::yield();
+    }
+
+    std::vector<std::string> Notes() {
+        const std::lock_guard<std::mutex> hold(lock_);
+        return notes_;
     }
 
     void TearDown() override {
@@ -65,8 +91,19 @@ class ServerTest : public ::testing::Test {
     /// Whatever a test did to it, the server still answers.
     void ExpectServing() {
         TestClient client(Port());
-        EXPECT_TRUE(client.Send(Frame('e')));
-        EXPECT_EQ(client.Receive(9), Frame('e'));
+        EXPECT_TRUE(IsAnswered(client));
+    }
+
+    static bool IsAnswered(TestClient& client, unsigned char command = 'e') {
+        return client.Send(Frame(command)) && client.Receive(9) == Frame(command);
+    }
+
+    /// Clients that have connected one after the other.
+    std::vector<std::unique_ptr<TestClient>> Clients(int count) const {
+        std::vector<std::unique_ptr<TestClient>> clients;
+        for (; count > 0; --count)
+            clients.push_back(std::make_unique<TestClient>(Port()));
+        return clients;
     }
 
     std::uint16_t Port() const { return server_->Port(); }
@@ -76,6 +113,10 @@ class ServerTest : public ::testing::Test {
 
   private:
     EchoHandler handler_;
+    std::mutex lock_;
+    std::vector<std::string> notes_;
+    std::atomic<int> advance_{0};
+    std::atomic<int> rounds_{0};
     std::unique_ptr<Server> server_;
     std::thread thread_;
 };
@@ -154,16 +195,39 @@ TEST_F(ServerTest, ImpossibleLengthsEndTheConnection) {
 }
 
 TEST_F(ServerTest, AFrameThatNeverEndsLosesItsConnection) {
-    ServerLimits limits;
-    limits.frameMilliseconds = 50;
-    Start(limits);
+    Start();
     TestClient idle(Port());
     TestClient stalled(Port());
-    ASSERT_TRUE(stalled.Send(Frame('e', 100), 0, 20));
+    Bytes frames = Frame('e');
+    frames.resize(12, 200);
+    ASSERT_TRUE(stalled.Send(frames));
+    EXPECT_EQ(stalled.Receive(9), Frame('e'));
+    ASSERT_TRUE(IsAnswered(idle));
+    Advance(29000);
+    Advance(2000);
     EXPECT_TRUE(stalled.SeesEnd());
-    // A connection between two frames may rest as long as it likes.
-    ASSERT_TRUE(idle.Send(Frame('e')));
-    EXPECT_EQ(idle.Receive(9), Frame('e'));
+    EXPECT_TRUE(IsAnswered(idle)) << "between two frames it may rest as long as it likes";
+}
+
+TEST_F(ServerTest, AConnectionThatAsksNothingIsClosed) {
+    Start();
+    TestClient silent(Port());
+    TestClient late(Port());
+    TestClient half(Port());
+    TestClient talking(Port());
+    ASSERT_TRUE(half.Send(Frame('e'), 0, 5));
+    ASSERT_TRUE(IsAnswered(talking)) << "the others were accepted before it";
+    Advance(9000);
+    ASSERT_TRUE(IsAnswered(late));
+    EXPECT_TRUE(Notes().empty());
+    Advance(1000);
+    EXPECT_TRUE(silent.SeesEnd());
+    EXPECT_TRUE(half.SeesEnd());
+    EXPECT_TRUE(IsAnswered(late));
+    const std::vector<std::string> notes = Notes();
+    ASSERT_EQ(notes.size(), 2u);
+    EXPECT_EQ(notes[0], "connection of port " + std::to_string(silent.Port()) +
+                            " closed: it asked nothing in 10000 ms");
 }
 
 TEST_F(ServerTest, UnfinishedFramesOfAllTogetherAreBounded) {
@@ -223,26 +287,59 @@ TEST_F(ServerTest, WhatASlowClientHasTakenIsNotKept) {
     EXPECT_LT(MostHeld(), 3 * limits.unsentBytes);
 }
 
-TEST_F(ServerTest, ConnectionsAreBounded) {
+TEST_F(ServerTest, SilentConnectionsShutNobodyOut) {
+    ServerLimits limits;
+    limits.connections = 5;
+    limits.connectionsOfOne = 3;
+    Start(limits);
+    TestClient before(Port());
+    ASSERT_TRUE(IsAnswered(before));
+    const auto silent = Clients(20);
+    TestClient after(Port());
+    EXPECT_TRUE(IsAnswered(after));
+    for (std::size_t old = 0; old < 17; ++old)
+        EXPECT_TRUE(silent[old]->SeesEnd()) << old;
+    EXPECT_TRUE(IsAnswered(before));
+    EXPECT_EQ(Notes()[0], "connection of port " + std::to_string(silent[0]->Port()) +
+                              " closed: too many have asked nothing, and it is the oldest");
+}
+
+TEST_F(ServerTest, AProcessTakesNoMoreThanItsShare) {
+    ServerLimits limits;
+    limits.connectionsOfOne = 3;
+    Start(limits);
+    TestClient other(Port());
+    ASSERT_TRUE(IsAnswered(other, 'o'));
+    std::vector<std::unique_ptr<TestClient>> greedy;
+    for (int count = 0; count < 4; ++count) {
+        greedy.push_back(std::make_unique<TestClient>(Port()));
+        ASSERT_TRUE(IsAnswered(*greedy.back(), 'g')) << "its questions are answered all the same";
+    }
+    EXPECT_TRUE(greedy[0]->SeesEnd());
+    const std::vector<std::string> notes = Notes();
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_EQ(notes[0], "connection of process 103, port " + std::to_string(greedy[0]->Port()) +
+                            " closed: its process has too many, and it has rested longest");
+    for (std::size_t kept = 1; kept < 4; ++kept)
+        EXPECT_TRUE(IsAnswered(*greedy[kept], 'g'));
+    EXPECT_TRUE(IsAnswered(other, 'o'));
+}
+
+TEST_F(ServerTest, WhenAllAreTooManyTheLongestRestedGoes) {
     ServerLimits limits;
     limits.connections = 3;
     Start(limits);
-    {
-        std::vector<std::unique_ptr<TestClient>> clients;
-        for (int count = 0; count < 3; ++count) {
-            clients.push_back(std::make_unique<TestClient>(Port()));
-            ASSERT_TRUE(clients.back()->Send(Frame('e')));
-            ASSERT_EQ(clients.back()->Receive(9), Frame('e'));
-        }
-        TestClient tooMany(Port());
-        EXPECT_TRUE(tooMany.SeesEnd());
-        // Their ends are served before the next accept: the frames on them are seen in the order of the
-        // events.
-        for (const auto& client : clients) {
-            client->EndSending();
-            EXPECT_TRUE(client->SeesEnd());
-        }
-    }
+    const auto clients = Clients(3);
+    // Under a name of its own each.
+    for (unsigned char index = 0; index < 3; ++index)
+        ASSERT_TRUE(IsAnswered(*clients[index], 'r' + index));
+    ASSERT_TRUE(IsAnswered(*clients[0], 'r'));
+    TestClient next(Port());
+    EXPECT_TRUE(IsAnswered(next));
+    EXPECT_TRUE(clients[1]->SeesEnd());
+    EXPECT_TRUE(IsAnswered(*clients[0], 'r'));
+    EXPECT_TRUE(IsAnswered(*clients[2], 't'));
+    EXPECT_EQ(Notes().size(), 1u);
 }
 
 }  // namespace

@@ -15,6 +15,9 @@ class TestClient {
     TestClient& operator=(const TestClient&) = delete;
     ~TestClient();
 
+    /// Its own port.
+    std::uint16_t Port() const;
+
     /// How long a send may wait from now on.
     void SetSendPatience(int milliseconds);
 

@@ -31,6 +31,13 @@ TestClient::~TestClient() {
     ::close(Descriptor(socket_));
 }
 
+std::uint16_t TestClient::Port() const {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    ::getsockname(Descriptor(socket_), reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
 void TestClient::SetSendPatience(int milliseconds) {
     const timeval patience{milliseconds / 1000, milliseconds % 1000 * 1000};
     ::setsockopt(Descriptor(socket_), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));

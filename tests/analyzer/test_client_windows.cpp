@@ -37,6 +37,13 @@ TestClient::~TestClient() {
     closesocket(Winsocket(socket_));
 }
 
+std::uint16_t TestClient::Port() const {
+    sockaddr_in address{};
+    int length = sizeof(address);
+    getsockname(Winsocket(socket_), reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
 void TestClient::SetSendPatience(int milliseconds) {
     SetPatience(socket_, SO_SNDTIMEO, milliseconds);
 }
