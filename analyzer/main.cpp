@@ -9,14 +9,15 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "analyzer/decision.h"
 #include "analyzer/line_writer.h"
 #include "analyzer/port_file.h"
+#include "analyzer/program_signals.h"
 #include "analyzer/request_log.h"
 #include "analyzer/rules.h"
 #include "analyzer/server.h"
-#include "analyzer/stop_signals.h"
 
 namespace {
 
@@ -72,20 +73,33 @@ struct Outputs {
     LineWriter notes;
 };
 
-void Serve(const Options& options, const RuleSet& rules) {
+/// What was read before stays when the file can't be used: rules that somebody is just writing are no reason
+/// to let everything through.
+void ReadRulesAgain(const std::string& path, RuleSet* rules, LineWriter* notes) {
+    if (path.empty()) return notes->Write(AsNote("there is no rule file to read again"));
+    try {
+        *rules = RuleSet::FromFile(path);
+        notes->Write(AsNote("the rules were read again"));
+    } catch (const std::exception& error) {
+        notes->Write(AsNote(std::string(error.what()) + "; the rules before are kept"));
+    }
+}
+
+void Serve(const Options& options, RuleSet rules) {
     const LogFormat format = options.json ? LogFormat::kJson : LogFormat::kReadable;
     Outputs outputs(format);
     RequestLog log(&outputs.log, format);
     Decision decision(rules, options.quiet ? nullptr : &log);
     Server server(options.port, decision, ServerLimits(),
                   [&outputs](const std::string& text) { outputs.notes.Write(AsNote(text)); });
-    const StopSignals signals(&server);
+    const ProgramSignals signals(&server);
     std::optional<InputWatch> input;
     if (options.untilInputEnds) input.emplace(&server);
 
     if (!options.portFile.empty()) WritePortFile(options.portFile, server.Port());
     outputs.log.Write("listening on 127.0.0.1:" + std::to_string(server.Port()));
-    server.Run();
+    while (server.Run())
+        ReadRulesAgain(options.rules, &rules, &outputs.notes);
 }
 
 }  // namespace

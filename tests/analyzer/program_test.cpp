@@ -90,6 +90,17 @@ TEST(AnalyzerProgram, RefusesWhatIsNoRegularFile) {
     EXPECT_TRUE(Says(missing.Line(), "cannot read " + (folder / "none") + ": No such file or directory"));
 }
 
+/// What the program decides about a connect to port 80.
+std::uint32_t ActionFor80(std::uint16_t port) {
+    TestClient client(port);
+    AskedRequest asked;
+    asked.port = 80;
+    const bool sent = client.Send(RequestFrame(asked));
+    const GivenAnswer answer = ReadAnswer(client.Receive(156));
+    EXPECT_TRUE(sent && answer.readable);
+    return answer.action;
+}
+
 TEST(AnalyzerProgram, AnswersThoughNobodyReadsItsOutput) {
     RunningProgram program({"--port", "0", "--until-input-ends"});
     TestClient client(PortIn(program.Line()));
@@ -102,6 +113,24 @@ TEST(AnalyzerProgram, AnswersThoughNobodyReadsItsOutput) {
     }
     program.Tell(WaysToStop().back());
     EXPECT_EQ(program.Status(), 0);
+}
+
+TEST(AnalyzerProgram, ReadsItsRulesAgain) {
+    const TestFolder folder;
+    std::ofstream(folder / "rules.toml") << "[default]\naction = \"refuse\"\n";
+    RunningProgram program({"--port", "0", "--rules", folder / "rules.toml"});
+    const std::uint16_t port = PortIn(program.Line());
+    EXPECT_EQ(ActionFor80(port), 1u);
+
+    std::ofstream(folder / "rules.toml") << "[default]\naction = \"allow\"\n";
+    if (!program.TellToReadRules()) GTEST_SKIP() << "not on this target";
+    EXPECT_TRUE(Says(program.LineWith("rules"), "the rules were read again"));
+    EXPECT_EQ(ActionFor80(port), 0u);
+
+    std::ofstream(folder / "rules.toml") << "[default]\naction = \"refuze\"\n";
+    program.TellToReadRules();
+    EXPECT_TRUE(Says(program.LineWith("rules"), "rules.toml:2:10: there is no action"));
+    EXPECT_EQ(ActionFor80(port), 0u) << "the rules before are kept";
 }
 
 }  // namespace

@@ -28,7 +28,19 @@ class RunningProgram {
     /// The next line with its end; empty at the end of the output.
     std::string Line();
 
+    /// The next line that has `part` in it; empty when none comes.
+    std::string LineWith(const std::string& part) {
+        std::string line;
+        do {
+            line = Line();
+        } while (!line.empty() && line.find(part) == std::string::npos);
+        return line;
+    }
+
     void Tell(Stop stop);
+
+    /// Asks it to read its rules again. False where the target has no way to.
+    bool TellToReadRules();
 
     /// The exit status, once the program has ended.
     int Status();

@@ -64,6 +64,10 @@ void RunningProgram::Tell(Stop stop) {
     }
 }
 
+bool RunningProgram::TellToReadRules() {
+    return ::kill(process_->id, SIGHUP) == 0;
+}
+
 int RunningProgram::Status() {
     int status = 0;
     ::waitpid(process_->id, &status, 0);

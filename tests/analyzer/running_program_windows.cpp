@@ -87,6 +87,10 @@ void RunningProgram::Tell(Stop) {
     process_->input = nullptr;
 }
 
+bool RunningProgram::TellToReadRules() {
+    return false;
+}
+
 int RunningProgram::Status() {
     DWORD status = 0;
     WaitForSingleObject(process_->process, INFINITE);

@@ -1,5 +1,5 @@
 // The system calls the handler on a thread of its own.
-#include "analyzer/stop_signals.h"
+#include "analyzer/program_signals.h"
 
 #include <windows.h>
 
@@ -21,13 +21,13 @@ BOOL WINAPI StopOnEvent(DWORD) {
 
 }  // namespace
 
-StopSignals::StopSignals(Server* server) {
+ProgramSignals::ProgramSignals(Server* server) {
     const std::lock_guard<std::mutex> hold(RunningLock);
     RunningServer = server;
     SetConsoleCtrlHandler(StopOnEvent, TRUE);
 }
 
-StopSignals::~StopSignals() {
+ProgramSignals::~ProgramSignals() {
     SetConsoleCtrlHandler(StopOnEvent, FALSE);
     const std::lock_guard<std::mutex> hold(RunningLock);
     RunningServer = nullptr;

@@ -1,4 +1,4 @@
-#include "analyzer/stop_signals.h"
+#include "analyzer/program_signals.h"
 
 #include <atomic>
 #include <csignal>
@@ -15,18 +15,23 @@ void StopOnSignal(int signal) {
     if (Server* server = RunningServer.load()) server->Stop();
 }
 
+void InterruptOnSignal(int) {
+    if (Server* server = RunningServer.load()) server->Interrupt();
+}
+
 }  // namespace
 
-StopSignals::StopSignals(Server* server) {
+ProgramSignals::ProgramSignals(Server* server) {
     RunningServer = server;
     // Output that nobody reads is no reason to end.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGHUP, InterruptOnSignal);
     std::signal(SIGINT, StopOnSignal);
     std::signal(SIGTERM, StopOnSignal);
 }
 
-StopSignals::~StopSignals() {
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
+ProgramSignals::~ProgramSignals() {
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM})
+        std::signal(signal, SIG_DFL);
     RunningServer = nullptr;
 }
