@@ -56,6 +56,9 @@ class RuleReader {
                 rules.rules_.push_back(ReadRule(Table(entry, "rule"), rules.rules_.size() + 1));
             }
         }
+        // Cut off, or not written yet: nobody writes a file in order to say nothing.
+        if (rules.rules_.empty() && root.get("default") == nullptr)
+            throw RuleError(file_ + ": there is neither a rule nor [default]");
         return rules;
     }
 

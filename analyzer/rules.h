@@ -9,7 +9,8 @@
 
 #include "analyzer/request.h"
 
-/// What is wrong with a rule file: "file:line:column: reason", or why it can't be read.
+/// What is wrong with a rule file: "file:line:column: reason", or without a place what is wrong with all of
+/// it.
 class RuleError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

@@ -104,6 +104,8 @@ void Stage::StartServers() {
 
 void Stage::WriteRules(const std::vector<Case>& cases) const {
     std::ofstream file(directory_ / "rules.toml");
+    // The analyzer takes no file without a rule; some scenes have none of their own.
+    file << "[default]\naction = 'allow'\n\n";
     for (const Case& scene : cases) {
         if (scene.rule.empty()) continue;
         const std::string address = scene.destination.substr(0, scene.destination.find(':'));

@@ -102,6 +102,8 @@ TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
         const char* text;
         const char* start;
     } cases[] = {
+        {"", "f: there is neither a rule nor [default]"},
+        {"# [[rule]]\nrule = []", "f: there is neither a rule nor [default]"},
         {"[[rule]\n", "f:1:8: "},
         {"\n[[rule]]\naction = \"alow\"", "f:3:10: there is no action \"alow\""},
         {"[[rule]]\n  actoin = \"allow\"", "f:2:3: there is no key \"actoin\""},
