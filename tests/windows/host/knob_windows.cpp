@@ -7,4 +7,4 @@
 #define SendMessageTimeoutA StandInSendMessageTimeoutA
 #define IsWindow StandInIsWindow
 
-#include "platform/system/windows.cpp"
+#include "platform/user/windows.cpp"
