@@ -22,8 +22,6 @@ if(QX_WINDOWS)
   target_compile_definitions(qx_flags INTERFACE _WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX
     SECURITY_WIN32)
   target_compile_options(qx_flags INTERFACE -Wno-pedantic)
-  # What sources shared with the stand-in include of its kernel is different here, so this folder comes first.
-  target_include_directories(qx_flags BEFORE INTERFACE "${CMAKE_SOURCE_DIR}/tests/windows/host/seam")
   file(MAKE_DIRECTORY "${CMAKE_BINARY_DIR}/system-include")
   if(NOT EXISTS "${CMAKE_BINARY_DIR}/system-include/boost")
     file(CREATE_LINK /usr/include/boost "${CMAKE_BINARY_DIR}/system-include/boost" SYMBOLIC)

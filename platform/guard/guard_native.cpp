@@ -1,4 +1,4 @@
-// The guard natively: a jump buffer per guarded call, linked through the thread's state block. Faults come as
+// The guard natively: a jump buffer per guarded call, linked through thread-local memory. Faults come as
 // signals, RaiseException jumps directly.
 //
 // The signal handlers are installed at the first guarded call and stay. Without a guard on the faulting
@@ -17,10 +17,14 @@
 #include <mutex>
 
 #include "guarded_call.h"
-#include "platform/guard/signal_stack.h"
-#include "platform/kernel/thread_state.h"
+#include "platform/guard/call_depth.h"
+#include "platform/guard/thread_guard.h"
 
 namespace platform {
+
+__thread CallDepth ThisCallDepth;
+
+namespace {
 
 struct GuardFrame {
     sigjmp_buf buffer;
@@ -28,23 +32,22 @@ struct GuardFrame {
     volatile DWORD code;
 };
 
-namespace {
-
 constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr std::size_t kSignalStackSize = 64 * 1024;
 constexpr std::uintptr_t kOverflowReach = 256 * 1024;
 
 struct sigaction PreviousActions[NSIG];
 
-/// The calling thread's alternate stack when the guard made it, and the lowest address of its ordinary stack.
-struct ThreadStacks {
-    void* signalStack;
-    std::uintptr_t lowest;
+struct ThreadGuard {
+    GuardFrame* innermost;
+    bool prepared;
+    void* signalStack;      // the alternate one, when the guard made it
+    std::uintptr_t lowest;  // address of the ordinary stack
 };
-__thread ThreadStacks ThisThreadStacks __attribute__((tls_model("initial-exec")));
+__thread ThreadGuard ThisThreadGuard __attribute__((tls_model("initial-exec")));
 
 [[noreturn]] void JumpToGuard(DWORD code) {
-    GuardFrame* frame = CurrentThreadState().guard;
+    GuardFrame* frame = ThisThreadGuard.innermost;
     frame->code = code;
     siglongjmp(frame->buffer, 1);
 }
@@ -64,7 +67,7 @@ DWORD ToExceptionCode(int signal, const siginfo_t* info) {
             break;
     }
     const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
-    const std::uintptr_t lowest = ThisThreadStacks.lowest;
+    const std::uintptr_t lowest = ThisThreadGuard.lowest;
     const bool besideStackEnd =
         lowest != 0 && address < lowest + kOverflowReach && address + kOverflowReach > lowest;
     return besideStackEnd ? EXCEPTION_STACK_OVERFLOW : EXCEPTION_ACCESS_VIOLATION;
@@ -84,7 +87,7 @@ void PassOn(int signal, siginfo_t* info, void* context) {
 }
 
 void OnFault(int signal, siginfo_t* info, void* context) {
-    if (CurrentThreadState().guard == nullptr) {
+    if (ThisThreadGuard.innermost == nullptr) {
         PassOn(signal, info, context);
         return;
     }
@@ -104,16 +107,16 @@ void InstallHandlers() {
 }
 
 /// Everything a thread needs before its first guarded call.
-void PrepareThread(ThreadState& state) {
+void PrepareThread() {
     static std::once_flag installed;
     std::call_once(installed, InstallHandlers);
-    state.signalStackReady = true;
+    ThisThreadGuard.prepared = true;
     pthread_attr_t attributes;
     if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
         void* lowest = nullptr;
         std::size_t size = 0;
         pthread_attr_getstack(&attributes, &lowest, &size);
-        ThisThreadStacks.lowest = reinterpret_cast<std::uintptr_t>(lowest);
+        ThisThreadGuard.lowest = reinterpret_cast<std::uintptr_t>(lowest);
         pthread_attr_destroy(&attributes);
     }
     stack_t present = {};
@@ -126,41 +129,42 @@ void PrepareThread(ThreadState& state) {
         std::free(mine.ss_sp);
         return;
     }
-    ThisThreadStacks.signalStack = mine.ss_sp;
+    ThisThreadGuard.signalStack = mine.ss_sp;
 }
 
 }  // namespace
 
+void DropGuards() noexcept {
+    ThisThreadGuard.innermost = nullptr;
+}
+
 void ReleaseSignalStack() noexcept {
-    CurrentThreadState().signalStackReady = false;
-    if (ThisThreadStacks.signalStack == nullptr) return;
+    ThisThreadGuard.prepared = false;
+    if (ThisThreadGuard.signalStack == nullptr) return;
     stack_t none = {};
     none.ss_flags = SS_DISABLE;
     sigaltstack(&none, nullptr);
-    std::free(ThisThreadStacks.signalStack);
-    ThisThreadStacks.signalStack = nullptr;
+    std::free(ThisThreadGuard.signalStack);
+    ThisThreadGuard.signalStack = nullptr;
 }
 
 }  // namespace platform
 
 int GuardThunk(void (*function)(void*), void* argument, DWORD* code) {
-    platform::ThreadState& state = platform::CurrentThreadState();
-    if (!state.signalStackReady) platform::PrepareThread(state);
+    platform::ThreadGuard& guard = platform::ThisThreadGuard;
+    if (!guard.prepared) platform::PrepareThread();
     platform::GuardFrame frame;
-    frame.previous = state.guard;
+    frame.previous = guard.innermost;
     frame.code = 0;
-    const unsigned callDepth = state.callDepth;
-    const unsigned boundaryDepth = state.boundaryDepth;
+    const platform::CallDepth depth = platform::CurrentCallDepth();
     if (sigsetjmp(frame.buffer, 0) == 0) {
-        state.guard = &frame;
+        guard.innermost = &frame;
         function(argument);
-        state.guard = frame.previous;
+        guard.innermost = frame.previous;
         return 0;
     }
-    platform::ThreadState& recovered = platform::CurrentThreadState();
-    recovered.guard = frame.previous;
-    recovered.callDepth = callDepth;
-    recovered.boundaryDepth = boundaryDepth;
+    platform::ThisThreadGuard.innermost = frame.previous;
+    platform::CurrentCallDepth() = depth;
     *code = frame.code;
     return 1;
 }
@@ -168,7 +172,7 @@ int GuardThunk(void (*function)(void*), void* argument, DWORD* code) {
 void RestoreStackGuard() {}
 
 void RaiseException(DWORD code, DWORD, DWORD, const ULONG_PTR*) {
-    if (platform::CurrentThreadState().guard != nullptr) platform::JumpToGuard(code);
+    if (platform::ThisThreadGuard.innermost != nullptr) platform::JumpToGuard(code);
     std::fprintf(stderr, "Unhandled exception 0x%08X\n", static_cast<unsigned>(code));
     std::abort();
 }

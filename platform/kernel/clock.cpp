@@ -1,3 +1,4 @@
+// The clock: one rule from real to clock time, and those who are told when it changes.
 #include "platform/kernel/clock.h"
 
 #include <time.h>
@@ -10,9 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/kernel/fault_points.h"
-#include "platform/kernel/last_error.h"
-#include "platform/testing/clock.h"
+#include "platform/kernel/clock_control.h"
 
 namespace platform {
 
@@ -185,27 +184,3 @@ bool WaitForTimedWaits(int count) {
 }
 
 }  // namespace platform
-
-void GetSystemTimeAsFileTime(LPFILETIME time) {
-    const auto now = static_cast<std::uint64_t>(platform::CalendarNow());
-    time->dwLowDateTime = static_cast<DWORD>(now);
-    time->dwHighDateTime = static_cast<DWORD>(now >> 32);
-}
-
-DWORD GetTickCount() {
-    return static_cast<DWORD>(GetTickCount64());
-}
-
-ULONGLONG GetTickCount64() {
-    return static_cast<ULONGLONG>(platform::ClockNow() / platform::kNanosecondsPerMillisecond);
-}
-
-BOOL QueryPerformanceCounter(LARGE_INTEGER* count) {
-    count->QuadPart = platform::ClockNow();
-    return TRUE;
-}
-
-BOOL QueryPerformanceFrequency(LARGE_INTEGER* frequency) {
-    frequency->QuadPart = 1'000'000'000;
-    return TRUE;
-}

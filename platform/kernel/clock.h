@@ -1,5 +1,5 @@
-// The one clock behind every wait, time-out and time stamp of the stand-in. Normally the system's; a test can
-// make it run faster, stop it and step it (platform/testing/clock.h).
+// The one clock behind every wait, time-out and time stamp of the stand-in. Normally the system's; it can
+// be made to run faster, stopped and stepped (platform/kernel/clock_control.h).
 //
 // Any thread may call. Reading the clock takes no lock.
 #pragma once
@@ -33,6 +33,9 @@ std::int64_t RealNanosecondsUntil(Deadline deadline) noexcept;
 
 /// The same as a time-out for poll or epoll_wait: milliseconds rounded up, -1 for no time-out.
 int PollTimeoutUntil(Deadline deadline) noexcept;
+
+/// The calling thread does nothing for that long.
+void SleepOnClock(DWORD milliseconds) noexcept;
 
 /// Told when a test changes the clock, so that whoever sleeps in real time until a deadline can compute it
 /// anew. A wait with a deadline is

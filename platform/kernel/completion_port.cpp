@@ -1,3 +1,4 @@
+// The queue of packets, the threads that wait for one, and the ports' functions.
 #include "platform/kernel/completion_port.h"
 
 #include <new>

@@ -1,14 +1,11 @@
+// Arming, counting and striking.
 #include "platform/kernel/fault_points.h"
 
 #include <mutex>
 
-#include "platform/kernel/process_exit.h"
-#include "platform/kernel/thread.h"
-
 namespace platform {
 
 std::atomic<unsigned> PlatformScope::Attention{0};
-__thread ThreadState ThisThreadState;
 
 namespace {
 
@@ -65,12 +62,6 @@ bool Strike(FaultState& faults, const char* name, Blow* blow) {
     return strikes;
 }
 
-/// Whether a termination of the calling thread takes effect now: no code but its own is below on its stack.
-bool MayEndHere() {
-    const ThreadState& state = CurrentThreadState();
-    return state.boundaryDepth == 0 && state.object != nullptr && state.object->IsTerminated();
-}
-
 }  // namespace
 
 void ArmFault(const Fault& fault) {
@@ -107,7 +98,7 @@ std::vector<std::string> CountedCalls() {
 }
 
 void PlatformCall::Count(const char* name, DWORD defaultError) {
-    if (CurrentThreadState().callDepth != 1) return;
+    if (CurrentCallDepth().calls != 1) return;
     Blow fault = {};
     if (!Strike(TheFaults(), name, &fault)) return;
     switch (fault.kind) {
@@ -123,19 +114,10 @@ void PlatformCall::Count(const char* name, DWORD defaultError) {
             break;
         case FaultKind::kException:
             // The exception leaves without the scope's destructor.
-            --CurrentThreadState().callDepth;
+            --CurrentCallDepth().calls;
             RaiseException(fault.value, 0, 0, nullptr);
             break;
     }
-}
-
-void PlatformScope::EnterOutermost() noexcept {
-    FreezeIfProcessEnds();
-    if (MayEndHere()) EndCurrentThread(CurrentThreadState().object->requestedExitCode());
-}
-
-void PlatformScope::LeaveOutermost() noexcept {
-    if (MayEndHere()) EndCurrentThread(CurrentThreadState().object->requestedExitCode());
 }
 
 }  // namespace platform

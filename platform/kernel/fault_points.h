@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/kernel/thread_state.h"
+#include "platform/guard/call_depth.h"
 
 namespace platform {
 
@@ -71,11 +71,11 @@ class ScopedFault {
 class PlatformScope {
   public:
     PlatformScope() {
-        if (CurrentThreadState().callDepth++ == 0 && Attention.load(std::memory_order_relaxed) != 0)
+        if (CurrentCallDepth().calls++ == 0 && Attention.load(std::memory_order_relaxed) != 0)
             EnterOutermost();
     }
     ~PlatformScope() noexcept {
-        if (--CurrentThreadState().callDepth == 0 && Attention.load(std::memory_order_relaxed) != 0)
+        if (--CurrentCallDepth().calls == 0 && Attention.load(std::memory_order_relaxed) != 0)
             LeaveOutermost();
     }
     PlatformScope(const PlatformScope&) = delete;
@@ -106,7 +106,7 @@ class PlatformCall {
     /// True when the call is to fail; the last error is then set to error().
     bool Fails() const {
         if (!fails_) return false;
-        CurrentThreadState().lastError = error_;
+        SetLastError(error_);
         return true;
     }
 
@@ -134,15 +134,15 @@ class PlatformCall {
 /// callback.
 class ProviderBoundary {
   public:
-    ProviderBoundary() : saved_(CurrentThreadState().callDepth) {
-        ThreadState& state = CurrentThreadState();
-        ++state.boundaryDepth;
-        state.callDepth = 0;
+    ProviderBoundary() : saved_(CurrentCallDepth().calls) {
+        CallDepth& depth = CurrentCallDepth();
+        ++depth.boundaries;
+        depth.calls = 0;
     }
     ~ProviderBoundary() {
-        ThreadState& state = CurrentThreadState();
-        --state.boundaryDepth;
-        state.callDepth = saved_;
+        CallDepth& depth = CurrentCallDepth();
+        --depth.boundaries;
+        depth.calls = saved_;
     }
     ProviderBoundary(const ProviderBoundary&) = delete;
     ProviderBoundary& operator=(const ProviderBoundary&) = delete;

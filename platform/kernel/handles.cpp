@@ -1,3 +1,4 @@
+// The handle table: chunks of slots that are never moved or freed.
 #include "platform/kernel/handles.h"
 
 #include <sched.h>

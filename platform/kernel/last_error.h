@@ -1,13 +1,13 @@
 // Failing a platform function in one expression: the thread's last error, and the function's failure value.
 #pragma once
 
-#include "platform/kernel/thread_state.h"
+#include <windows.h>
 
 namespace platform {
 
 template <class Value>
 Value Fail(DWORD error, Value failureValue) {
-    CurrentThreadState().lastError = error;
+    SetLastError(error);
     return failureValue;
 }
 

@@ -1,3 +1,4 @@
+// The table of loaded modules, and the loader lock.
 #include "platform/kernel/modules.h"
 
 #include <dlfcn.h>
@@ -20,8 +21,8 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/process_exit.h"
+#include "platform/kernel/process_names.h"
 #include "platform/kernel/text.h"
-#include "platform/system/machine.h"
 
 namespace platform {
 
@@ -32,7 +33,7 @@ using EntryPoint = BOOL(WINAPI*)(HINSTANCE module, DWORD reason, LPVOID reserved
 /// One loaded module; its address is its HMODULE.
 struct Module {
     std::string path;
-    void* library = nullptr;  // null for a name that only the machine file knows
+    void* library = nullptr;  // null for a module that is only named
     EntryPoint entryPoint = nullptr;
     int references = 0;
     bool pinned = false;
@@ -79,11 +80,18 @@ class LoaderLock {
 struct Loader {
     LoaderLock mutex;  // guards everything here
     std::vector<std::unique_ptr<Module>> modules;
-    std::vector<std::unique_ptr<Module>> named;  // extra modules of the machine file that were asked for
+    std::vector<std::unique_ptr<Module>> named;  // modules that are not there, asked for
     Module executable;
 };
 
 using LoaderHolder = std::lock_guard<LoaderLock>;
+
+// Set while libraries are being initialised, before any thread asks.
+ProcessNames (*NamesSource)() = nullptr;
+
+ProcessNames NamesOfProcess() {
+    return NamesSource != nullptr ? NamesSource() : ProcessNames{};
+}
 
 Loader& TheLoader() {
     static Loader* const loader = [] {
@@ -144,6 +152,10 @@ void* OpenLibrary(const std::string& path) {
 
 }  // namespace
 
+void SetProcessNamesSource(ProcessNames (*source)()) {
+    NamesSource = source;
+}
+
 HMODULE LoadModule(const std::string& path) {
     Loader& loader = TheLoader();
     const LoaderHolder holder(loader.mutex);
@@ -185,9 +197,8 @@ Module* FindByName(Loader& loader, std::string name) {
     for (const auto& loaded : loader.modules) {
         if (EqualsIgnoringCase(wholePath ? loaded->path : BaseName(loaded->path), name)) return loaded.get();
     }
-    // Named modules keep their handles for good, but are found only while the machine names them.
-    const std::shared_ptr<const Machine> machine = TheMachine();
-    for (const std::string& extra : machine->extraModules) {
+    // Named modules keep their handles for good, but are found only while the source names them.
+    for (const std::string& extra : NamesOfProcess().modules) {
         if (!EqualsIgnoringCase(extra, name)) continue;
         for (const auto& named : loader.named) {
             if (EqualsIgnoringCase(named->path, name)) return named.get();
@@ -292,8 +303,8 @@ std::string PathOfModule(HMODULE handle) {
     const Module* module = FromHandle(loader, handle);
     if (module == nullptr) return Fail<std::string>(ERROR_MOD_NOT_FOUND, "");
     if (module != &loader.executable) return module->path;
-    const std::shared_ptr<const Machine> machine = TheMachine();
-    return machine->processImage.empty() ? module->path : machine->processImage;
+    const std::string image = NamesOfProcess().image;
+    return image.empty() ? module->path : image;
 }
 
 void* FindExport(HMODULE handle, const char* name) {

@@ -1,3 +1,4 @@
+// The order of a process's end.
 #include "platform/kernel/process_exit.h"
 
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/thread.h"
+#include "platform/kernel/thread_state.h"
 
 namespace platform {
 

@@ -7,6 +7,12 @@
 
 #include "platform/kernel/thread_state.h"
 
+namespace platform {
+
+__thread ThreadState ThisThreadState;
+
+}  // namespace platform
+
 DWORD GetLastError() {
     return platform::CurrentThreadState().lastError;
 }

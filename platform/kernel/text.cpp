@@ -1,3 +1,4 @@
+// Conversions between UTF-8 and UTF-16, and the two functions of code pages.
 #include "platform/kernel/text.h"
 
 #include <windows.h>

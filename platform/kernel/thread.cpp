@@ -1,3 +1,4 @@
+// The table of threads, the adopting of those that CreateThread did not make, APCs, and ends.
 #include "platform/kernel/thread.h"
 
 #include <unistd.h>
@@ -8,8 +9,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/guard/signal_stack.h"
+#include "platform/guard/thread_guard.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/kernel/thread_state.h"
 
 namespace platform {
 

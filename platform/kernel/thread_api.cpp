@@ -6,11 +6,13 @@
 #include <memory>
 #include <new>
 
+#include "platform/guard/thread_guard.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/process_exit.h"
 #include "platform/kernel/thread.h"
+#include "platform/kernel/thread_state.h"
 
 namespace platform {
 
@@ -39,9 +41,8 @@ void* ThreadMain(void* argument) {
     ThreadState& state = CurrentThreadState();
     state.object = package->object.get();
     const DWORD exitCode = RunThread(*package);
-    state.callDepth = 0;
-    state.boundaryDepth = 0;
-    state.guard = nullptr;
+    CurrentCallDepth() = {};
+    DropGuards();
     FreezeIfProcessEnds();
     // A killed thread tells nobody.
     if (!package->object->IsTerminated()) NotifyModulesOfThread(DLL_THREAD_DETACH);

@@ -1,5 +1,5 @@
-// What the stand-in keeps per thread, in one block of static thread-local memory, so that the hot paths (last
-// error, call depth, TLS slots, guards) are plain loads. Only the owning thread touches its block.
+// What the kernel keeps per thread, in one block of static thread-local memory, so that the hot paths (last
+// error, identity, TLS slots) are plain loads. Only the owning thread touches its block.
 #pragma once
 
 #include <windows.h>
@@ -9,7 +9,6 @@
 namespace platform {
 
 class ThreadObject;
-struct GuardFrame;
 
 struct TlsEntry {
     void* value;
@@ -18,12 +17,8 @@ struct TlsEntry {
 
 struct ThreadState {
     DWORD lastError;
-    unsigned callDepth;      // platform functions under way since the last boundary
-    unsigned boundaryDepth;  // calls out of the platform under way
-    ThreadObject* object;    // made at first need, see thread.h
-    GuardFrame* guard;       // innermost guarded call
-    TlsEntry* tls;           // the thread's TLS values, made at the first TlsSetValue
-    bool signalStackReady;
+    ThreadObject* object;  // made at first need, see thread.h
+    TlsEntry* tls;         // the thread's TLS values, made at the first TlsSetValue
 };
 
 extern __thread ThreadState ThisThreadState __attribute__((tls_model("initial-exec")));

@@ -1,6 +1,7 @@
 // Thread-local storage slots. Each thread has one block of values, made at its first TlsSetValue; a value
 // carries the generation of its slot, so a slot that is given out anew reads as null on every thread.
 #include "platform/kernel/tls.h"
+#include "platform/kernel/thread_state.h"
 
 #include <windows.h>
 

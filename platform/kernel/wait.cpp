@@ -1,3 +1,4 @@
+// One wait of a thread: linked to its objects, asleep, unlinked.
 #include "platform/kernel/wait.h"
 
 #include <algorithm>
@@ -171,6 +172,10 @@ WaitOutcome ObjectWait::Run(DWORD milliseconds, bool alertable) noexcept {
 WaitOutcome WaitForObjects(WaitableObject* const* objects, DWORD count, bool waitAll, DWORD milliseconds,
                            bool alertable) noexcept {
     return ObjectWait(objects, count, waitAll, CurrentThread()).Run(milliseconds, alertable);
+}
+
+void SleepOnClock(DWORD milliseconds) noexcept {
+    WaitForObjects(nullptr, 0, false, milliseconds, false);
 }
 
 }  // namespace platform

@@ -14,7 +14,6 @@
 
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
-#include "platform/kernel/text.h"
 #include "platform/system/machine.h"
 
 namespace platform {
@@ -99,9 +98,9 @@ int CountCryptObjects() noexcept {
 using platform::Fail;
 using platform::PlatformCall;
 
-BOOL CryptQueryObject(DWORD objectType, const void* object, DWORD contentFlags, DWORD formatFlags, DWORD,
-                      DWORD* encoding, DWORD* contentType, DWORD* formatType, HCERTSTORE* store,
-                      HCRYPTMSG* message, const void** context) {
+BOOL StandInCryptQueryObject(DWORD objectType, const void* object, DWORD contentFlags, DWORD formatFlags,
+                             DWORD, DWORD* encoding, DWORD* contentType, DWORD* formatType, HCERTSTORE* store,
+                             HCRYPTMSG* message, const void** context) {
     PlatformCall call("CryptQueryObject", static_cast<DWORD>(CRYPT_E_NO_MATCH));
     if (call.Fails()) return FALSE;
     if (objectType != CERT_QUERY_OBJECT_FILE || object == nullptr)
@@ -117,7 +116,7 @@ BOOL CryptQueryObject(DWORD objectType, const void* object, DWORD contentFlags, 
     }
 }
 
-BOOL CryptMsgGetParam(HCRYPTMSG message, DWORD parameter, DWORD index, void* data, DWORD* size) {
+BOOL StandInCryptMsgGetParam(HCRYPTMSG message, DWORD parameter, DWORD index, void* data, DWORD* size) {
     PlatformCall call("CryptMsgGetParam", static_cast<DWORD>(CRYPT_E_INVALID_MSG_TYPE));
     if (call.Fails()) return FALSE;
     if (message == nullptr || size == nullptr) return Fail(static_cast<DWORD>(E_INVALIDARG));
@@ -126,15 +125,15 @@ BOOL CryptMsgGetParam(HCRYPTMSG message, DWORD parameter, DWORD index, void* dat
     return platform::DeliverSigner(data, size);
 }
 
-BOOL CryptMsgClose(HCRYPTMSG message) {
+BOOL StandInCryptMsgClose(HCRYPTMSG message) {
     PlatformCall call("CryptMsgClose", ERROR_INVALID_HANDLE);
     if (call.Fails()) return FALSE;
     delete platform::FromHandle(message);
     return TRUE;
 }
 
-PCCERT_CONTEXT CertFindCertificateInStore(HCERTSTORE store, DWORD, DWORD, DWORD findType,
-                                          const void* findParameter, PCCERT_CONTEXT previous) {
+PCCERT_CONTEXT StandInCertFindCertificateInStore(HCERTSTORE store, DWORD, DWORD, DWORD findType,
+                                                 const void* findParameter, PCCERT_CONTEXT previous) {
     PlatformCall call("CertFindCertificateInStore", static_cast<DWORD>(CRYPT_E_NOT_FOUND));
     if (call.Fails()) return nullptr;
     if (store == nullptr || findType != CERT_FIND_SUBJECT_CERT || findParameter == nullptr)
@@ -151,7 +150,8 @@ PCCERT_CONTEXT CertFindCertificateInStore(HCERTSTORE store, DWORD, DWORD, DWORD 
     }
 }
 
-DWORD CertGetNameStringA(PCCERT_CONTEXT certificate, DWORD type, DWORD flags, void*, LPSTR name, DWORD size) {
+DWORD StandInCertGetNameStringA(PCCERT_CONTEXT certificate, DWORD type, DWORD flags, void*, LPSTR name,
+                                DWORD size) {
     // On failure the name is empty: a terminator alone, so the size is 1.
     PlatformCall call("CertGetNameStringA", static_cast<DWORD>(CRYPT_E_NOT_FOUND));
     std::string text;
@@ -164,14 +164,14 @@ DWORD CertGetNameStringA(PCCERT_CONTEXT certificate, DWORD type, DWORD flags, vo
     return static_cast<DWORD>(copied + 1);
 }
 
-BOOL CertFreeCertificateContext(PCCERT_CONTEXT certificate) {
+BOOL StandInCertFreeCertificateContext(PCCERT_CONTEXT certificate) {
     // Always succeeds, with null as well.
     const platform::PlatformScope scope;
     delete reinterpret_cast<const platform::Certificate*>(certificate);
     return TRUE;
 }
 
-BOOL CertCloseStore(HCERTSTORE store, DWORD) {
+BOOL StandInCertCloseStore(HCERTSTORE store, DWORD) {
     PlatformCall call("CertCloseStore", ERROR_INVALID_HANDLE);
     if (call.Fails()) return FALSE;
     delete platform::FromHandle(store);

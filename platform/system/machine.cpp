@@ -1,3 +1,4 @@
+// The one machine of the process.
 #include "platform/system/machine.h"
 
 #include <algorithm>
@@ -8,7 +9,6 @@
 
 #include "platform/system/machine_defaults.h"
 #include "platform/system/machine_file.h"
-#include "platform/testing/machine.h"
 
 namespace platform {
 

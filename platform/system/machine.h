@@ -2,7 +2,7 @@
 // routes. Read at first use from the TOML file named by the environment variable QX_MACHINE; without one,
 // sound defaults. A broken file ends the process with status 2 and a message with file, line and column.
 //
-// Immutable once made; any thread may read. Tests put another one in place (platform/testing/machine.h).
+// Immutable once made; any thread may read. Tests put another one in place.
 #pragma once
 
 #include <cstdint>
@@ -63,5 +63,9 @@ struct Machine {
 
 /// The machine; keeps it alive for whoever reads while a test replaces it.
 std::shared_ptr<const Machine> TheMachine();
+
+/// `machine` is the machine from now on. Call it before the first socket is made: what was already read (the
+/// catalog) is not read again. The registry, folders, user, windows, routes and certificate count at once.
+void SetMachineForTest(Machine machine);
 
 }  // namespace platform

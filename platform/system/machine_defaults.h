@@ -13,6 +13,9 @@ Machine DefaultMachine();
 /// Path of a file in the folder of the stand-in's library.
 std::string BesideThisLibrary(const std::string& fileName);
 
+/// Whether `text` is a numeric address of IPv6, else of IPv4.
+bool IsNumericAddress(const std::string& text, bool v6);
+
 /// Ends the process as it is, since its machine cannot be had: nothing is unloaded or cleaned up any more.
 [[noreturn]] void EndProcessAtOnce(int code);
 

@@ -1,5 +1,7 @@
+// The machine's defaults natively: this host, this user.
 #include "platform/system/machine_defaults.h"
 
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <pwd.h>
 #include <unistd.h>
@@ -49,6 +51,11 @@ Machine DefaultMachine() {
     machine.commonAppData = CommonAppDataDefault();
     machine.userName = UserDefault();
     return machine;
+}
+
+bool IsNumericAddress(const std::string& text, bool v6) {
+    std::array<unsigned char, 16> parsed;
+    return inet_pton(v6 ? AF_INET6 : AF_INET, text.c_str(), parsed.data()) == 1;
 }
 
 void EndProcessAtOnce(int code) {

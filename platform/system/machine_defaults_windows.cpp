@@ -1,7 +1,12 @@
 // The machine's defaults on Windows. Machine files name libraries as the native build does;
 // here "libNAME.so" beside the host library is NAME.dll.
+#include <winsock2.h>
+
 #include <windows.h>
 
+#include <ws2tcpip.h>
+
+#include <array>
 #include <cstdlib>
 
 #include "platform/system/machine_defaults.h"
@@ -37,6 +42,11 @@ Machine DefaultMachine() {
     const char* user = std::getenv("USERNAME");
     machine.userName = user == nullptr ? "" : std::string("WINE\\") + user;
     return machine;
+}
+
+bool IsNumericAddress(const std::string& text, bool v6) {
+    std::array<unsigned char, 16> parsed;
+    return inet_pton(v6 ? AF_INET6 : AF_INET, text.c_str(), parsed.data()) == 1;
 }
 
 void EndProcessAtOnce(int code) {

@@ -2,8 +2,6 @@
 // one.
 #include "platform/system/machine_file.h"
 
-#include <arpa/inet.h>
-
 #include <toml++/toml.h>
 #include <fstream>
 #include <initializer_list>
@@ -11,7 +9,6 @@
 #include <stdexcept>
 
 #include "platform/system/machine_defaults.h"
-#include "platform/testing/machine.h"
 
 namespace platform {
 
@@ -141,9 +138,8 @@ void ReadEndpoint(const toml::node& node, std::string* address, std::uint16_t* p
     const bool isNumber = !digits.empty() && digits.size() <= 5 &&
                           digits.find_first_not_of("0123456789") == std::string::npos &&
                           std::stoi(digits) <= 65535;
-    unsigned char parsed[16];
     if (isNumber) *address = bracketed ? text.substr(1, colon - 2) : text.substr(0, colon);
-    if (!isNumber || inet_pton(bracketed ? AF_INET6 : AF_INET, address->c_str(), parsed) != 1)
+    if (!isNumber || !IsNumericAddress(*address, bracketed))
         throw MachineError(node.source(),
                            "expected a numeric address and a port, '192.0.2.1:80' or '[2001:db8::1]:80'");
     *port = static_cast<std::uint16_t>(std::stoi(digits));

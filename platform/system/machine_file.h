@@ -1,4 +1,4 @@
-// Reading the machine from its file.
+// Reading the machine from its file, or from text in the file's format.
 #pragma once
 
 #include <memory>
@@ -7,6 +7,10 @@
 #include "platform/system/machine.h"
 
 namespace platform {
+
+/// The machine described by text; on failure the result is empty and `*message` says where and why.
+std::unique_ptr<Machine> ParseMachine(const std::string& text, const std::string& sourceName,
+                                      std::string* message);
 
 /// The machine described by a file; empty on failure, `*message` then says where ("file:line:column: ...")
 /// and why.

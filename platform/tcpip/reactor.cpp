@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/kernel/thread_state.h"
+#include "platform/guard/call_depth.h"
 #include "platform/tcpip/kernel_socket.h"
 #include "platform/tcpip/socket.h"
 
@@ -136,7 +136,7 @@ platform::Deadline Reactor::NextDeadline() {
 
 void Reactor::Run() {
     // What this thread calls of the platform is never a call of the layer or the application.
-    platform::CurrentThreadState().callDepth = 1;
+    platform::CurrentCallDepth().calls = 1;
     constexpr std::size_t kBatch = 64;
     kernel::ReadyEvent events[kBatch];
     bool listening = false;  // to the clock; only while some socket has a deadline

@@ -1,56 +1,54 @@
+// The capture of a test: it listens to the debug output.
 #include "platform/testing/debug_output.h"
 
-#include <windows.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <new>
+
+#include "platform/kernel/debug_output.h"
 
 namespace platform {
 
 namespace {
 
-struct Sink {
-    std::mutex mutex;  // leaf; guards everything here
-    bool capturing = false;
+struct Captured {
+    std::mutex mutex;  // leaf
     std::vector<std::string> texts;
 };
 
-Sink& TheSink() {
-    static Sink* const sink = new Sink;
-    return *sink;
+Captured& TheCaptured() {
+    static Captured* const captured = new Captured;
+    return *captured;
 }
 
-bool WritesToStderr() {
-    static const bool writes = [] {
-        const char* choice = std::getenv("QX_DEBUG_OUTPUT");
-        return choice != nullptr && std::strcmp(choice, "stderr") == 0;
-    }();
-    return writes;
+void Capture(const char* text) {
+    const std::lock_guard<std::mutex> holder(TheCaptured().mutex);
+    try {
+        TheCaptured().texts.emplace_back(text);
+    } catch (const std::bad_alloc&) {
+        // A lost line of debug output is nobody's failure.
+    }
+}
+
+void Clear() {
+    const std::lock_guard<std::mutex> holder(TheCaptured().mutex);
+    TheCaptured().texts.clear();
 }
 
 }  // namespace
 
 DebugOutputCapture::DebugOutputCapture() {
-    Sink& sink = TheSink();
-    const std::lock_guard<std::mutex> holder(sink.mutex);
-    sink.texts.clear();
-    sink.capturing = true;
+    Clear();
+    SetDebugOutputListener(Capture);
 }
 
 DebugOutputCapture::~DebugOutputCapture() {
-    Sink& sink = TheSink();
-    const std::lock_guard<std::mutex> holder(sink.mutex);
-    sink.capturing = false;
-    sink.texts.clear();
+    SetDebugOutputListener(nullptr);
+    Clear();
 }
 
 std::vector<std::string> DebugOutputCapture::Texts() const {
-    Sink& sink = TheSink();
-    const std::lock_guard<std::mutex> holder(sink.mutex);
-    return sink.texts;
+    const std::lock_guard<std::mutex> holder(TheCaptured().mutex);
+    return TheCaptured().texts;
 }
 
 bool DebugOutputCapture::Contains(const std::string& part) const {
@@ -60,17 +58,3 @@ bool DebugOutputCapture::Contains(const std::string& part) const {
 }
 
 }  // namespace platform
-
-void OutputDebugStringA(LPCSTR text) {
-    if (text == nullptr) return;
-    if (platform::WritesToStderr())
-        std::fprintf(stderr, "%s%s", text, std::strchr(text, '\n') != nullptr ? "" : "\n");
-    platform::Sink& sink = platform::TheSink();
-    const std::lock_guard<std::mutex> holder(sink.mutex);
-    if (!sink.capturing) return;
-    try {
-        sink.texts.emplace_back(text);
-    } catch (const std::bad_alloc&) {
-        // A lost line of debug output is nobody's failure.
-    }
-}

@@ -1,3 +1,4 @@
+// The counts, collected from the rooms that keep them.
 #include "platform/testing/resource_counts.h"
 
 #include "platform/kernel/critical_section.h"

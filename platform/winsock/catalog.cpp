@@ -1,3 +1,4 @@
+// The present catalog, and the making and searching of catalogs.
 #include "platform/winsock/catalog.h"
 
 #include <windows.h>
@@ -6,8 +7,6 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
-
-#include "platform/testing/catalog.h"
 
 namespace winsock_host {
 namespace {

@@ -64,6 +64,12 @@ std::shared_ptr<const Catalog> CurrentCatalog();
 /// The next CurrentCatalog makes it anew; for the start of Winsock.
 void DropCatalog();
 
+/// `catalog` is what Winsock finds from its next start on.
+void SetCatalogForTest(Catalog catalog);
+
+/// Back to the configured catalog, in the same way.
+void ResetCatalogForTest();
+
 /// The catalog that the target's settings describe. Defined per target.
 Catalog LoadConfiguredCatalog();
 

@@ -1,6 +1,5 @@
 // What the Winsock host needs of the stand-in beyond the Windows interface: fault points on its functions,
-// and the boundary around its calls into providers. A Windows program that carries the
-// host brings fault points of its own (platform/windows).
+// and the boundary around its calls into providers.
 #pragma once
 
 #include <winsock2.h>

@@ -1,3 +1,4 @@
+// A handle that Winsock makes: a file object of the kernel.
 #include <memory>
 #include <new>
 

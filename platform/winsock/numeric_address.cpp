@@ -1,3 +1,4 @@
+// Numeric addresses as text, strict and loose.
 #include "platform/winsock/numeric_address.h"
 
 #include <cstdio>

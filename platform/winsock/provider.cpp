@@ -1,3 +1,4 @@
+// Starting providers, and the last clean-up.
 #include "platform/winsock/provider.h"
 
 #include <windows.h>

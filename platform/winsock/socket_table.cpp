@@ -1,3 +1,4 @@
+// The chunks of the table.
 #include "platform/winsock/socket_table.h"
 
 #include <new>

@@ -1,3 +1,4 @@
+// The records of all threads, and the wait for calls to leave the providers.
 #include "platform/winsock/thread_record.h"
 
 #include <windows.h>

@@ -1,3 +1,4 @@
+// What providers ask of Winsock.
 #include "platform/winsock/upcalls.h"
 
 #include <windows.h>

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <type_traits>
 
-#include "platform/kernel/thread_state.h"
+#include "platform/guard/call_depth.h"
 #include "tests/provider/overlapped_fixture.h"
 #include "tests/support/replaced_new.h"
 
@@ -17,7 +17,7 @@ std::atomic<int> Allocations{0};
 }  // namespace
 
 void* AllocateForNew(std::size_t size) noexcept {
-    if (Counting.load(std::memory_order_relaxed) && platform::CurrentThreadState().callDepth == 0)
+    if (Counting.load(std::memory_order_relaxed) && platform::CurrentCallDepth().calls == 0)
         Allocations.fetch_add(1, std::memory_order_relaxed);
     return std::malloc(size != 0 ? size : 1);
 }

@@ -1,3 +1,4 @@
+// Analyzers that answer by list, and the fixture's parts.
 #include "tests/support/connect_fixture.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// A machine with the layer on it, set up and taken down.
 #include "tests/support/layer_fixture.h"
 
 #include <atomic>

@@ -1,3 +1,4 @@
+// Streams of the other side, each the owner of one socket.
 #include "tests/support/loopback_stream.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// Every form of new and delete, on the test's allocation.
 #include "tests/support/replaced_new.h"
 
 #include <new>

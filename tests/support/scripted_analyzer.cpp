@@ -1,3 +1,4 @@
+// The analyzer's threads, and the reading of what they are asked.
 #include "tests/support/scripted_analyzer.h"
 
 #include <chrono>

@@ -1,3 +1,4 @@
+// The module as a test loads it.
 #include "tests/support/scripted_provider.h"
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// Loading the base provider, and the upcalls that it is given.
 #include "tests/platform/tcpip/base_provider.h"
 
 #include <cstring>

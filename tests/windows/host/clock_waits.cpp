@@ -1,6 +1,5 @@
+// Waits in slices of real time, and the end of a thread in one of them.
 #include "tests/windows/host/clock_waits.h"
-
-#include "platform/kernel/clock.h"
 
 #include <atomic>
 #include <mutex>

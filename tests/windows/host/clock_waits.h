@@ -7,9 +7,9 @@
 
 #include <windows.h>
 
-namespace platform {
+#include "platform/kernel/clock.h"
 
-void SleepOnClock(DWORD milliseconds) noexcept;
+namespace platform {
 
 DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept;
 

@@ -4,12 +4,15 @@
 
 #include <windows.h>
 
+#include "platform/kernel/debug_output.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/system/certificates.h"
+#include "platform/user/top_level_windows.h"
 #include "platform/winsock/layered_handle_windows.h"
 #include "tests/windows/host/clock_waits.h"
 #include "tests/windows/host/resource_tracking.h"
 #include "tests/windows/host/routing.h"
-#include "tests/windows/host/stand_in_knobs.h"
+#include "tests/windows/host/scripted_system.h"
 
 namespace platform {
 

@@ -1,3 +1,4 @@
+// The operations over the system's Winsock, and the entry point.
 #include "tests/windows/host/lower_provider.h"
 
 #include <ws2tcpip.h>

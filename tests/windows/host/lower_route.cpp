@@ -1,3 +1,4 @@
+// The machine's routes over the system's sockets.
 #include "tests/windows/host/lower_route.h"
 
 #include <ws2tcpip.h>

@@ -11,7 +11,7 @@
 #include "platform/winsock/socket_table.h"
 #include "tests/windows/host/resource_tracking.h"
 #include "tests/windows/host/routing.h"
-#include "tests/windows/host/stand_in_knobs.h"
+#include "tests/windows/host/scripted_system.h"
 
 namespace platform {
 

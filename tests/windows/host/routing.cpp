@@ -1,3 +1,4 @@
+// Finding and changing the import slots of modules.
 #include "tests/windows/host/routing.h"
 
 #include <tlhelp32.h>

@@ -1,5 +1,5 @@
-// The registry, the user, the folders and the process image as the machine scripts them. Keys are records of
-// this file, marked so that a handle of the system is told from one of them.
+// The registry, the user, the folders and the process image as the machine scripts them, and the clock's
+// time. Keys are records of this file, marked so that a handle of the system is told from one of them.
 #include <winsock2.h>
 
 #include <windows.h>
@@ -13,10 +13,11 @@
 #include <set>
 #include <string>
 
+#include "platform/kernel/clock.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/system/machine.h"
 #include "platform/winsock/catalog.h"
-#include "tests/windows/host/stand_in_knobs.h"
+#include "tests/windows/host/scripted_system.h"
 
 namespace platform {
 
@@ -106,6 +107,17 @@ int CountOpenRegistryKeys() noexcept {
 using platform::FailWithError;
 using platform::PlatformCall;
 using platform::TheMachine;
+
+void StandInGetSystemTimeAsFileTime(LPFILETIME time) {
+    ULARGE_INTEGER now;
+    now.QuadPart = static_cast<ULONGLONG>(platform::CalendarNow());
+    *time = {now.LowPart, now.HighPart};
+}
+
+DWORD StandInGetTickCount() {
+    constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
+    return static_cast<DWORD>(platform::ClockNow() / kNanosecondsPerMillisecond);
+}
 
 LSTATUS StandInRegOpenKeyExA(HKEY key, LPCSTR subKey, DWORD, REGSAM access, PHKEY result) {
     PlatformCall call("RegOpenKeyExA", ERROR_ACCESS_DENIED);

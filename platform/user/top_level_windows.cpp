@@ -1,13 +1,13 @@
 // Top-level windows, scripted by the machine. A window's handle is made of its place in the machine's list.
-#include <windows.h>
+#include "platform/user/top_level_windows.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 
+#include "platform/kernel/clock.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
-#include "platform/kernel/wait.h"
 #include "platform/system/machine.h"
 
 namespace platform {
@@ -48,7 +48,7 @@ using platform::Fail;
 using platform::FromWindow;
 using platform::PlatformCall;
 
-BOOL EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
+BOOL StandInEnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
     PlatformCall call("EnumWindows", ERROR_NOT_ENOUGH_MEMORY);
     if (call.Fails()) return FALSE;
     const std::size_t count = platform::TheMachine()->windows.size();
@@ -59,7 +59,7 @@ BOOL EnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
     return TRUE;
 }
 
-DWORD GetWindowThreadProcessId(HWND window, LPDWORD processId) {
+DWORD StandInGetWindowThreadProcessId(HWND window, LPDWORD processId) {
     PlatformCall call("GetWindowThreadProcessId", ERROR_INVALID_WINDOW_HANDLE);
     if (call.Fails()) return 0;
     const auto machine = platform::TheMachine();
@@ -69,7 +69,7 @@ DWORD GetWindowThreadProcessId(HWND window, LPDWORD processId) {
     return platform::kForeignThread;
 }
 
-HWND GetAncestor(HWND window, UINT flags) {
+HWND StandInGetAncestor(HWND window, UINT flags) {
     PlatformCall call("GetAncestor", ERROR_INVALID_WINDOW_HANDLE);
     if (call.Fails()) return nullptr;
     const auto machine = platform::TheMachine();
@@ -87,15 +87,15 @@ HWND GetAncestor(HWND window, UINT flags) {
     return window;
 }
 
-LRESULT SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT, UINT timeout,
-                            PDWORD_PTR result) {
+LRESULT StandInSendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lParam, UINT,
+                                   UINT timeout, PDWORD_PTR result) {
     PlatformCall call("SendMessageTimeoutA", ERROR_TIMEOUT);
     if (call.Fails()) return 0;
     const auto machine = platform::TheMachine();
     const platform::MachineWindow* found = FromWindow(*machine, window);
     if (found == nullptr) return Fail<LRESULT>(ERROR_INVALID_WINDOW_HANDLE, 0);
     if (found->hung) {
-        platform::WaitForObjects(nullptr, 0, false, timeout, false);
+        platform::SleepOnClock(timeout);
         return Fail<LRESULT>(ERROR_TIMEOUT, 0);
     }
     const LRESULT answer = platform::Answer(*found, message, wParam, lParam);
@@ -103,7 +103,7 @@ LRESULT SendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPARAM lPa
     return 1;
 }
 
-BOOL IsWindow(HWND window) {
+BOOL StandInIsWindow(HWND window) {
     const auto machine = platform::TheMachine();
     return FromWindow(*machine, window) != nullptr ? TRUE : FALSE;
 }
