@@ -9,5 +9,4 @@ struct tcp_keepalive {
     ULONG keepaliveinterval;
 };
 
-#define SIO_RCVALL _WSAIOW(IOC_VENDOR, 1)
 #define SIO_KEEPALIVE_VALS _WSAIOW(IOC_VENDOR, 4)

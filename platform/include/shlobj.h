@@ -4,10 +4,8 @@
 #include <windows.h>
 
 #define CSIDL_COMMON_APPDATA 0x0023
-#define CSIDL_FLAG_CREATE 0x8000
 #define CSIDL_FLAG_MASK 0xFF00
 #define SHGFP_TYPE_CURRENT 0
-#define SHGFP_TYPE_DEFAULT 1
 
 extern "C" {
 /// `path` has room for MAX_PATH characters.

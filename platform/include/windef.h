@@ -8,15 +8,7 @@
 // One calling convention natively.
 #define WINAPI
 #define CALLBACK
-#define APIENTRY
-#define PASCAL
 #define NTAPI
-#define FAR
-#define NEAR
-#define CONST const
-#define IN
-#define OUT
-#define OPTIONAL
 #define VOID void
 
 #define TRUE 1
@@ -141,8 +133,6 @@ typedef struct _FILETIME {
 #define LOBYTE(value) (static_cast<BYTE>(static_cast<DWORD_PTR>(value) & 0xff))
 #define HIBYTE(value) (static_cast<BYTE>((static_cast<DWORD_PTR>(value) >> 8) & 0xff))
 #define MAKELPARAM(low, high) (static_cast<LPARAM>(static_cast<DWORD>(MAKELONG(low, high))))
-
-#define UNREFERENCED_PARAMETER(parameter) (static_cast<void>(parameter))
 
 static_assert(sizeof(WCHAR) == 2 && sizeof(DWORD) == 4 && sizeof(LONG) == 4 &&
                   sizeof(ULONG_PTR) == sizeof(void*),

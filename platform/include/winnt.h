@@ -11,37 +11,25 @@
 #define SYNCHRONIZE 0x00100000L
 #define STANDARD_RIGHTS_REQUIRED 0x000F0000L
 #define STANDARD_RIGHTS_READ READ_CONTROL
-#define STANDARD_RIGHTS_WRITE READ_CONTROL
 #define STANDARD_RIGHTS_ALL 0x001F0000L
 #define GENERIC_READ 0x80000000
 #define GENERIC_WRITE 0x40000000
 
-#define THREAD_TERMINATE 0x0001
 #define THREAD_SUSPEND_RESUME 0x0002
 #define THREAD_SET_CONTEXT 0x0010
-#define THREAD_QUERY_INFORMATION 0x0040
 #define THREAD_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0xFFFF)
-#define EVENT_MODIFY_STATE 0x0002
-#define EVENT_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3)
-#define SEMAPHORE_MODIFY_STATE 0x0002
-#define SEMAPHORE_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3)
 #define DUPLICATE_CLOSE_SOURCE 0x00000001
 #define DUPLICATE_SAME_ACCESS 0x00000002
 
 #define MAXIMUM_WAIT_OBJECTS 64
-#define MAXLONG 0x7fffffff
 #define MAXDWORD 0xffffffff
 
 typedef LONG NTSTATUS;
-#define STATUS_SUCCESS static_cast<NTSTATUS>(0x00000000L)
 #define STATUS_WAIT_0 static_cast<DWORD>(0x00000000L)
 #define STATUS_ABANDONED_WAIT_0 static_cast<DWORD>(0x00000080L)
 #define STATUS_USER_APC static_cast<DWORD>(0x000000C0L)
-#define STATUS_TIMEOUT static_cast<DWORD>(0x00000102L)
 #define STATUS_PENDING static_cast<DWORD>(0x00000103L)
-#define STATUS_CANCELLED static_cast<NTSTATUS>(0xC0000120L)
 
-#define STATUS_BREAKPOINT static_cast<DWORD>(0x80000003L)
 #define STATUS_ACCESS_VIOLATION static_cast<DWORD>(0xC0000005L)
 #define STATUS_IN_PAGE_ERROR static_cast<DWORD>(0xC0000006L)
 #define STATUS_ILLEGAL_INSTRUCTION static_cast<DWORD>(0xC000001DL)
@@ -52,7 +40,6 @@ typedef LONG NTSTATUS;
 #define STATUS_STACK_OVERFLOW static_cast<DWORD>(0xC00000FDL)
 
 #define EXCEPTION_NONCONTINUABLE 0x1
-#define EXCEPTION_MAXIMUM_PARAMETERS 15
 
 #define DLL_PROCESS_DETACH 0
 #define DLL_PROCESS_ATTACH 1
@@ -60,16 +47,11 @@ typedef LONG NTSTATUS;
 #define DLL_THREAD_DETACH 3
 
 #define HEAP_NO_SERIALIZE 0x00000001
-#define HEAP_GROWABLE 0x00000002
 #define HEAP_GENERATE_EXCEPTIONS 0x00000004
 #define HEAP_ZERO_MEMORY 0x00000008
 
-#define REG_NONE 0
 #define REG_SZ 1
-#define REG_EXPAND_SZ 2
-#define REG_BINARY 3
 #define REG_DWORD 4
-#define REG_MULTI_SZ 7
 #define KEY_QUERY_VALUE 0x0001
 #define KEY_SET_VALUE 0x0002
 #define KEY_CREATE_SUB_KEY 0x0004
@@ -77,26 +59,14 @@ typedef LONG NTSTATUS;
 #define KEY_NOTIFY 0x0010
 #define KEY_CREATE_LINK 0x0020
 #define KEY_WOW64_64KEY 0x0100
-#define KEY_WOW64_32KEY 0x0200
 #define KEY_READ \
     ((STANDARD_RIGHTS_READ | KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS | KEY_NOTIFY) & ~SYNCHRONIZE)
-#define KEY_WRITE ((STANDARD_RIGHTS_WRITE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY) & ~SYNCHRONIZE)
 #define KEY_ALL_ACCESS                                                                                      \
     ((STANDARD_RIGHTS_ALL | KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY | KEY_ENUMERATE_SUB_KEYS | \
       KEY_NOTIFY | KEY_CREATE_LINK) &                                                                       \
      ~SYNCHRONIZE)
 
-#define PROCESSOR_ARCHITECTURE_INTEL 0
 #define PROCESSOR_ARCHITECTURE_AMD64 9
-
-#define RtlZeroMemory(destination, length) __builtin_memset((destination), 0, (length))
-#define RtlCopyMemory(destination, source, length) __builtin_memcpy((destination), (source), (length))
-#define RtlMoveMemory(destination, source, length) __builtin_memmove((destination), (source), (length))
-#define RtlFillMemory(destination, length, fill) __builtin_memset((destination), (fill), (length))
-#define ZeroMemory RtlZeroMemory
-#define CopyMemory RtlCopyMemory
-#define MoveMemory RtlMoveMemory
-#define FillMemory RtlFillMemory
 
 // Interlocked operations: full barriers, results as on Windows (Increment and Decrement give the new value,
 // the others the old one).

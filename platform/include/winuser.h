@@ -8,8 +8,6 @@
 #define WM_GETTEXT 0x000D
 #define WM_GETTEXTLENGTH 0x000E
 #define WM_USER 0x0400
-#define SMTO_NORMAL 0x0000
-#define SMTO_BLOCK 0x0001
 #define SMTO_ABORTIFHUNG 0x0002
 #define GA_PARENT 1
 #define GA_ROOT 2

@@ -1,8 +1,6 @@
-// Binding, listening, accepting, connecting, ending a connection, and the names of both ends.
+// Binding, listening, connecting, ending a connection, and the names of both ends.
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <utility>
 
 #include "platform/tcpip/address.h"
 #include "platform/tcpip/error_table.h"
@@ -50,121 +48,6 @@ int ListenOn(Socket& socket, int backlog) {
     socket.state.store(State::Listening, std::memory_order_release);
     socket.RecordEventsLocked();
     return 0;
-}
-
-/// Takes a connection, waiting as the listener says.
-int TakeConnection(Socket& listener, int* fd, Endpoint* peer) {
-    {
-        std::lock_guard<std::mutex> guard(listener.lock);
-        if (listener.deferredFd >= 0) {
-            *fd = std::exchange(listener.deferredFd, -1);
-            *peer = listener.deferredPeer;
-            return 0;
-        }
-    }
-    const bool nonBlocking = listener.nonBlocking.load();
-    if (nonBlocking) {
-        const int modeError = listener.SetKernelMode(true);
-        if (modeError != 0) return modeError;
-    }
-    for (;;) {
-        int error = 0;
-        *fd = kernel::Accept(listener.fd(), false, peer, &error);
-        if (listener.IsClosed()) {
-            if (*fd >= 0) kernel::Close(*fd);
-            return WSAEINTR;
-        }
-        if (*fd >= 0) return 0;
-        if (error == ECONNABORTED) continue;
-        if (error != EAGAIN || nonBlocking) return WinsockErrorFromErrno(error);
-        // The kernel's mode stays non-blocking once a request was parked here, so this caller waits by
-        // itself.
-        error = WaitReady(listener.fd(), kernel::kReadable, platform::kNoDeadline);
-        if (error != 0) return error;
-    }
-}
-
-/// Asks the application whether it wants the connection. 0, WSATRY_AGAIN or WSAECONNREFUSED.
-int AskCondition(Socket& listener, const Endpoint& peer, int fd, LPCONDITIONPROC condition,
-                 DWORD_PTR callbackData) {
-    sockaddr_storage callerName = {}, calleeName = {};
-    int callerLength = sizeof(callerName), calleeLength = sizeof(calleeName);
-    Endpoint local = AnyEndpoint(listener.v6);
-    kernel::LocalName(fd, &local);
-    WriteAddress(peer, reinterpret_cast<sockaddr*>(&callerName), &callerLength);
-    WriteAddress(local, reinterpret_cast<sockaddr*>(&calleeName), &calleeLength);
-    WSABUF caller = {static_cast<ULONG>(callerLength), reinterpret_cast<CHAR*>(&callerName)};
-    WSABUF callee = {static_cast<ULONG>(calleeLength), reinterpret_cast<CHAR*>(&calleeName)};
-    WSABUF noData = {0, nullptr};
-    GROUP group = 0;
-    platform::ProviderBoundary boundary;
-    switch (condition(&caller, &noData, nullptr, nullptr, &callee, &noData, &group, callbackData)) {
-        case CF_ACCEPT:
-            return 0;
-        case CF_DEFER:
-            return WSATRY_AGAIN;
-        default:
-            return WSAECONNREFUSED;
-    }
-}
-
-/// The new socket has the listener's options, mode and events, as the kernel's copy has.
-std::shared_ptr<Socket> MakeAccepted(Socket& listener, int fd, const Endpoint& peer) {
-    std::shared_ptr<Socket> accepted = MakeSocket(listener.info, listener.v6, listener.kind,
-                                                  listener.protocolNumber, listener.overlapped, fd);
-    if (accepted == nullptr) return nullptr;
-    accepted->nonBlocking.store(listener.nonBlocking.load());
-    accepted->sendTimeout.store(listener.sendTimeout.load());
-    accepted->receiveTimeout.store(listener.receiveTimeout.load());
-    {
-        std::lock_guard<std::mutex> guard(listener.lock);
-        accepted->options = listener.options;
-    }
-    std::lock_guard<std::mutex> guard(accepted->lock);
-    accepted->peer = peer;
-    accepted->bound.store(true);
-    accepted->FinishConnectLocked(0);
-    return accepted;
-}
-
-int AcceptConnection(Socket& listener, sockaddr* name, int* namelen, LPCONDITIONPROC condition,
-                     DWORD_PTR callbackData, SOCKET* result) {
-    if (!listener.IsStream()) return WSAEOPNOTSUPP;
-    if (listener.state.load() != State::Listening) return WSAEINVAL;
-    if (name != nullptr && (namelen == nullptr || *namelen < AddressLength(listener.v6))) return WSAEFAULT;
-    int fd = -1;
-    Endpoint peer;
-    int error = TakeConnection(listener, &fd, &peer);
-    listener.RearmEvents(FD_ACCEPT);
-    if (error != 0) return error;
-    if (condition != nullptr) error = AskCondition(listener, peer, fd, condition, callbackData);
-    if (error == WSATRY_AGAIN) {
-        std::lock_guard<std::mutex> guard(listener.lock);
-        if (listener.deferredFd < 0 && !listener.IsClosed()) {
-            listener.deferredFd = fd;
-            listener.deferredPeer = peer;
-            return error;
-        }
-    }
-    if (error != 0) {
-        // A refused caller is told by a reset, not by an orderly end.
-        kernel::SetLinger(fd, true, 0);
-        kernel::Close(fd);
-        return error;
-    }
-    const std::shared_ptr<Socket> accepted = MakeAccepted(listener, fd, peer);
-    if (accepted == nullptr) return WSAENOBUFS;
-    if (name != nullptr) WriteAddress(peer, name, namelen);
-    const LONG mask = listener.eventMask.load();
-    if (mask != 0) {
-        HANDLE event;
-        {
-            std::lock_guard<std::mutex> guard(listener.lock);
-            event = listener.eventHandle;
-        }
-        SelectEvents(*accepted, event, mask & ~(FD_ACCEPT | FD_CONNECT));
-    }
-    return PublishSocket(accepted, result);
 }
 
 /// A connect into the black hole ends by the platform's clock, which the kernel does not know.
@@ -305,16 +188,6 @@ int WSPAPI TcpipListen(SOCKET s, int backlog, LPINT lpErrno) {
                        [&](PlatformCall&, const SocketUse& socket) { return ListenOn(*socket, backlog); });
 }
 
-SOCKET WSPAPI TcpipAccept(SOCKET s, sockaddr* name, LPINT namelen, LPCONDITIONPROC condition,
-                          DWORD_PTR callbackData, LPINT lpErrno) {
-    return RunOperation("lower WSPAccept", WSAENOBUFS, INVALID_SOCKET, lpErrno,
-                        [&](PlatformCall&, SOCKET* result) {
-                            const SocketUse socket(s);
-                            if (!socket) return WSAENOTSOCK;
-                            return AcceptConnection(*socket, name, namelen, condition, callbackData, result);
-                        });
-}
-
 int WSPAPI TcpipConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF calleeData, LPQOS,
                         LPQOS, LPINT lpErrno) {
     return RunOnSocket(
@@ -371,24 +244,13 @@ int WSPAPI TcpipGetPeerName(SOCKET s, sockaddr* name, LPINT namelen, LPINT lpErr
                        });
 }
 
-SOCKET WSPAPI TcpipJoinLeaf(SOCKET s, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
-                            DWORD flags, LPINT lpErrno) {
-    return RunOperation(
-        "lower WSPJoinLeaf", WSAENOBUFS, INVALID_SOCKET, lpErrno, [&](PlatformCall&, SOCKET* result) {
-            const SocketUse socket(s);
-            if (!socket) return WSAENOTSOCK;
-            if (socket->IsStream()) return WSAEOPNOTSUPP;
-            Endpoint group;
-            int error = ReadAddress(name, namelen, socket->v6, &group);
-            if (error != 0) return error;
-            if (!IsMulticast(group)) return WSAEADDRNOTAVAIL;
-            if ((flags & (JL_RECEIVER_ONLY | JL_BOTH)) != 0) {
-                error = WinsockErrorFromErrno(kernel::ChangeMembership(socket.fd(), group, true));
-            }
-            // The peers of a group have no sockets of their own: the leaf is the socket itself.
-            *result = s;
-            return error;
-        });
+SOCKET WSPAPI TcpipJoinLeaf(SOCKET s, const sockaddr*, int, LPWSABUF, LPWSABUF, LPQOS, LPQOS, DWORD,
+                            LPINT lpErrno) {
+    return RunOperation("lower WSPJoinLeaf", WSAENOBUFS, INVALID_SOCKET, lpErrno,
+                        [&](PlatformCall&, SOCKET*) {
+                            const SocketUse socket(s);
+                            return socket ? WSAEOPNOTSUPP : WSAENOTSOCK;
+                        });
 }
 
 }  // namespace tcpip

@@ -84,7 +84,7 @@ int Recycle(Socket& socket) {
     kernel::LocalName(socket.fd(), &local);
     local.port = 0;
     int kernelError = 0;
-    const int fd = kernel::Create(socket.v6, socket.kind, 0, &kernelError);
+    const int fd = kernel::Create(socket.v6, socket.kind, &kernelError);
     // Not after the bind.
     int v6Only = 0;
     if (kernelError == 0 && socket.v6 && kernel::GetOption(socket.fd(), kernel::Option::V6Only, &v6Only) == 0)

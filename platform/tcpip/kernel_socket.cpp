@@ -7,8 +7,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -26,8 +24,6 @@ static_assert(sizeof(IoBuffer) == sizeof(iovec) && offsetof(IoBuffer, size) == o
 static_assert(sizeof(PollEntry) == sizeof(pollfd) && offsetof(PollEntry, got) == offsetof(pollfd, revents));
 static_assert(kReadable == POLLIN && kPriority == POLLPRI && kWritable == POLLOUT && kError == POLLERR &&
               kHangUp == POLLHUP && kPeerClosed == POLLRDHUP);
-static_assert(kReadable == EPOLLIN && kPriority == EPOLLPRI && kWritable == EPOLLOUT && kError == EPOLLERR &&
-              kHangUp == EPOLLHUP && kPeerClosed == EPOLLRDHUP);
 
 constexpr std::int64_t kNanosPerSecond = 1000000000;
 
@@ -133,24 +129,12 @@ OptionName NameOf(Option option) {
             return {IPPROTO_TCP, TCP_KEEPINTVL};
         case Option::MaxSegment:
             return {IPPROTO_TCP, TCP_MAXSEG};
-        case Option::Ttl:
-            return {IPPROTO_IP, IP_TTL};
         case Option::TypeOfService:
             return {IPPROTO_IP, IP_TOS};
-        case Option::MulticastTtl:
-            return {IPPROTO_IP, IP_MULTICAST_TTL};
-        case Option::MulticastLoop:
-            return {IPPROTO_IP, IP_MULTICAST_LOOP};
         case Option::DontFragment:
             return {IPPROTO_IP, IP_MTU_DISCOVER};
         case Option::V6Only:
             return {IPPROTO_IPV6, IPV6_V6ONLY};
-        case Option::V6UnicastHops:
-            return {IPPROTO_IPV6, IPV6_UNICAST_HOPS};
-        case Option::V6MulticastHops:
-            return {IPPROTO_IPV6, IPV6_MULTICAST_HOPS};
-        case Option::V6MulticastLoop:
-            return {IPPROTO_IPV6, IPV6_MULTICAST_LOOP};
     }
     return {-1, -1};
 }
@@ -179,9 +163,9 @@ Transfer ToTransfer(ssize_t result) {
 
 }  // namespace
 
-int Create(bool v6, Kind kind, int protocol, int* error) {
-    const int type = kind == Kind::Stream ? SOCK_STREAM : kind == Kind::Datagram ? SOCK_DGRAM : SOCK_RAW;
-    const int fd = socket(v6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, protocol);
+int Create(bool v6, Kind kind, int* error) {
+    const int type = kind == Kind::Stream ? SOCK_STREAM : SOCK_DGRAM;
+    const int fd = socket(v6 ? AF_INET6 : AF_INET, type | SOCK_CLOEXEC, 0);
     *error = ErrorOf(fd);
     if (fd >= 0 && v6) SetOption(fd, Option::V6Only, 1);
     return fd;
@@ -328,32 +312,6 @@ int SetLinger(int fd, bool on, int seconds) {
     return ErrorOf(setsockopt(fd, SOL_SOCKET, SO_LINGER, &value, sizeof(value)));
 }
 
-int ChangeMembership(int fd, const Endpoint& group, bool join) {
-    if (group.v6) {
-        ipv6_mreq request = {};
-        std::memcpy(&request.ipv6mr_multiaddr, group.address.data(), 16);
-        request.ipv6mr_interface = 1;  // the loopback interface is always the first
-        return ErrorOf(setsockopt(fd, IPPROTO_IPV6, join ? IPV6_ADD_MEMBERSHIP : IPV6_DROP_MEMBERSHIP,
-                                  &request, sizeof(request)));
-    }
-    ip_mreq request = {};
-    std::memcpy(&request.imr_multiaddr, group.address.data(), 4);
-    request.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
-    return ErrorOf(
-        setsockopt(fd, IPPROTO_IP, join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request, sizeof(request)));
-}
-
-int SetMulticastLoopbackInterface(int fd, bool v6) {
-    if (v6) {
-        const int interfaceIndex = 1;
-        return ErrorOf(
-            setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &interfaceIndex, sizeof(interfaceIndex)));
-    }
-    in_addr loopback = {};
-    loopback.s_addr = htonl(INADDR_LOOPBACK);
-    return ErrorOf(setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof(loopback)));
-}
-
 int BytesReadable(int fd, int* bytes) {
     return ErrorOf(ioctl(fd, FIONREAD, bytes));
 }
@@ -362,64 +320,6 @@ int AtMark(int fd, bool* atMark) {
     const int result = sockatmark(fd);
     *atMark = result > 0;
     return ErrorOf(result);
-}
-
-int Signal::Open() {
-    fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return ErrorOf(fd_);
-}
-
-void Signal::Close() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-}
-
-void Signal::Raise() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(fd_, &one, sizeof(one));
-}
-
-void Signal::Drain() {
-    std::uint64_t ignored;
-    [[maybe_unused]] const ssize_t taken = read(fd_, &ignored, sizeof(ignored));
-}
-
-int ReadyList::Open() {
-    epoll_ = epoll_create1(EPOLL_CLOEXEC);
-    if (epoll_ < 0) return errno;
-    int error = wake_.Open();
-    if (error == 0) error = Add(wake_.fd(), kWakeTag);
-    if (error != 0) Close();
-    return error;
-}
-
-void ReadyList::Close() {
-    wake_.Close();
-    if (epoll_ >= 0) close(epoll_);
-    epoll_ = -1;
-}
-
-int ReadyList::Add(int fd, std::uint64_t tag) {
-    epoll_event event = {};
-    // The wake-up stays ready until it is drained; sockets report each edge once.
-    event.events = tag == kWakeTag ? EPOLLIN : EPOLLIN | EPOLLOUT | EPOLLPRI | EPOLLRDHUP | EPOLLET;
-    event.data.u64 = tag;
-    return ErrorOf(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event));
-}
-
-std::size_t ReadyList::Wait(ReadyEvent* events, std::size_t capacity, std::int64_t nanoseconds) {
-    constexpr std::size_t kMaximum = 64;
-    epoll_event found[kMaximum];
-    // Round up: a wait that ends before its time would only be repeated.
-    const std::int64_t milliseconds =
-        nanoseconds < 0 ? -1 : std::min<std::int64_t>((nanoseconds + 999999) / 1000000, 60000);
-    const int count = epoll_wait(epoll_, found, static_cast<int>(std::min(capacity, kMaximum)),
-                                 static_cast<int>(milliseconds));
-    for (int i = 0; i < count; ++i) {
-        events[i] = {found[i].data.u64, found[i].events};
-        if (events[i].tag == kWakeTag) wake_.Drain();
-    }
-    return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 }  // namespace tcpip::kernel

@@ -11,7 +11,7 @@
 
 namespace tcpip::kernel {
 
-enum class Kind { Stream, Datagram, Raw };
+enum class Kind { Stream, Datagram };
 
 /// A piece of the caller's memory; the same layout as the kernel's own list element.
 struct IoBuffer {
@@ -60,19 +60,13 @@ enum class Option {
     KeepIdleSeconds,
     KeepIntervalSeconds,
     MaxSegment,
-    Ttl,
     TypeOfService,
-    MulticastTtl,
-    MulticastLoop,
     DontFragment,
     V6Only,
-    V6UnicastHops,
-    V6MulticastHops,
-    V6MulticastLoop,
 };
 
 /// The new descriptor (closed on exec), or -1 with `*error`. IPv6 sockets are IPv6 only: one more call.
-int Create(bool v6, Kind kind, int protocol, int* error);
+int Create(bool v6, Kind kind, int* error);
 void Close(int fd);
 
 /// Puts the kernel socket `from` in the place of `to`; `from` is closed. Two calls.
@@ -112,71 +106,10 @@ int TakeError(int fd);
 
 int SetLinger(int fd, bool on, int seconds);
 
-/// Joins or leaves a group on the loopback interface.
-int ChangeMembership(int fd, const Endpoint& group, bool join);
-
-/// Multicasts of this socket leave through the loopback interface only.
-int SetMulticastLoopbackInterface(int fd, bool v6);
-
 /// Bytes that a receive would find: all of a stream, the next datagram.
 int BytesReadable(int fd, int* bytes);
 
 /// Whether the next byte to be read follows the urgent mark.
 int AtMark(int fd, bool* atMark);
-
-// ---- Waking a waiter
-
-/// A descriptor that is readable from a Raise, by any thread, to the next Drain.
-class Signal {
-  public:
-    Signal() = default;
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
-    ~Signal() { Close(); }
-
-    int Open();
-    void Close();
-    int fd() const { return fd_; }
-    void Raise();
-    void Drain();
-
-  private:
-    int fd_ = -1;
-};
-
-// ---- The reactor's wait
-
-constexpr std::uint64_t kWakeTag = ~std::uint64_t{0};
-
-struct ReadyEvent {
-    std::uint64_t tag;
-    unsigned events;
-};
-
-/// An edge-triggered interest list with a way to wake its waiter. Not copyable; any thread may call Add and
-/// Wake.
-class ReadyList {
-  public:
-    ReadyList() = default;
-    ReadyList(const ReadyList&) = delete;
-    ReadyList& operator=(const ReadyList&) = delete;
-    ~ReadyList() { Close(); }
-
-    /// On failure nothing is left open.
-    int Open();
-    void Close();
-
-    /// Every readiness of `fd` is reported with `tag`, beginning with the present one. Ends when the fd is
-    /// closed.
-    int Add(int fd, std::uint64_t tag);
-    void Wake() { wake_.Raise(); }
-
-    /// Waits; the number of events stored. The wake-up is reported as `kWakeTag`.
-    std::size_t Wait(ReadyEvent* events, std::size_t capacity, std::int64_t nanoseconds);
-
-  private:
-    int epoll_ = -1;
-    Signal wake_;
-};
 
 }  // namespace tcpip::kernel

@@ -23,8 +23,6 @@ int WSPAPI TcpipDuplicateSocket(SOCKET s, DWORD processId, LPWSAPROTOCOL_INFOW i
 // connection_operations.cpp
 int WSPAPI TcpipBind(SOCKET s, const sockaddr* name, int namelen, LPINT lpErrno);
 int WSPAPI TcpipListen(SOCKET s, int backlog, LPINT lpErrno);
-SOCKET WSPAPI TcpipAccept(SOCKET s, sockaddr* name, LPINT namelen, LPCONDITIONPROC condition,
-                          DWORD_PTR callbackData, LPINT lpErrno);
 int WSPAPI TcpipConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF callerData, LPWSABUF calleeData,
                         LPQOS sqos, LPQOS gqos, LPINT lpErrno);
 int WSPAPI TcpipShutdown(SOCKET s, int how, LPINT lpErrno);
@@ -34,6 +32,10 @@ int WSPAPI TcpipGetSockName(SOCKET s, sockaddr* name, LPINT namelen, LPINT lpErr
 int WSPAPI TcpipGetPeerName(SOCKET s, sockaddr* name, LPINT namelen, LPINT lpErrno);
 SOCKET WSPAPI TcpipJoinLeaf(SOCKET s, const sockaddr* name, int namelen, LPWSABUF callerData,
                             LPWSABUF calleeData, LPQOS sqos, LPQOS gqos, DWORD flags, LPINT lpErrno);
+
+// accept_operation.cpp
+SOCKET WSPAPI TcpipAccept(SOCKET s, sockaddr* name, LPINT namelen, LPCONDITIONPROC condition,
+                          DWORD_PTR callbackData, LPINT lpErrno);
 
 // transfer_operations.cpp
 int WSPAPI TcpipSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,

@@ -38,15 +38,9 @@ constexpr PlainOption kPlainOptions[] = {
     {IPPROTO_TCP, TCP_NODELAY, Option::NoDelay, kAny, kStream, true},
     {IPPROTO_TCP, TCP_KEEPALIVE, Option::KeepIdleSeconds, kAny, kStream, false},
     {IPPROTO_TCP, TCP_MAXSEG, Option::MaxSegment, kAny, kStream, false},
-    {IPPROTO_IP, IP_TTL, Option::Ttl, kV4, kAnyKind, false},
     {IPPROTO_IP, IP_TOS, Option::TypeOfService, kV4, kAnyKind, false},
-    {IPPROTO_IP, IP_MULTICAST_TTL, Option::MulticastTtl, kV4, kDatagram, false},
-    {IPPROTO_IP, IP_MULTICAST_LOOP, Option::MulticastLoop, kV4, kDatagram, true},
     {IPPROTO_IP, IP_DONTFRAGMENT, Option::DontFragment, kV4, kAnyKind, true},
     {IPPROTO_IPV6, IPV6_V6ONLY, Option::V6Only, kV6, kAnyKind, true},
-    {IPPROTO_IPV6, IPV6_UNICAST_HOPS, Option::V6UnicastHops, kV6, kAnyKind, false},
-    {IPPROTO_IPV6, IPV6_MULTICAST_HOPS, Option::V6MulticastHops, kV6, kDatagram, false},
-    {IPPROTO_IPV6, IPV6_MULTICAST_LOOP, Option::V6MulticastLoop, kV6, kDatagram, true},
 };
 
 const PlainOption* FindPlain(const Socket& socket, int level, int name) {
@@ -178,23 +172,6 @@ int UpdateConnectContext(Socket& socket) {
     return 0;
 }
 
-int ChangeMembership(Socket& socket, int name, const char* value, int length) {
-    Endpoint group = AnyEndpoint(socket.v6);
-    if (socket.v6) {
-        ipv6_mreq request;
-        const int error = ReadValue(value, length, &request);
-        if (error != 0) return error;
-        std::memcpy(group.address.data(), &request.ipv6mr_multiaddr, 16);
-    } else {
-        ip_mreq request;
-        const int error = ReadValue(value, length, &request);
-        if (error != 0) return error;
-        std::memcpy(group.address.data(), &request.imr_multiaddr, 4);
-    }
-    if (!IsMulticast(group)) return WSAEADDRNOTAVAIL;
-    return WinsockErrorFromErrno(kernel::ChangeMembership(socket.fd(), group, name == IP_ADD_MEMBERSHIP));
-}
-
 int SetSocketLevel(Socket& socket, int name, const char* value, int length) {
     if (name == SO_UPDATE_ACCEPT_CONTEXT) return UpdateAcceptContext(socket, value, length);
     if (name == SO_UPDATE_CONNECT_CONTEXT) return UpdateConnectContext(socket);
@@ -324,15 +301,6 @@ int WSPAPI TcpipSetSockOpt(SOCKET s, int level, int name, const char* value, int
                            : SetPlain(*socket, plain->option, plain->isFlag ? (number != 0 ? 1 : 0) : number);
             }
             if (level == SOL_SOCKET) return SetSocketLevel(*socket, name, value, length);
-            const bool ipLevel = level == (socket->v6 ? IPPROTO_IPV6 : IPPROTO_IP);
-            if (ipLevel && !socket->IsStream()) {
-                // Groups are joined, and multicasts sent, on the loopback interface, whichever the caller
-                // names.
-                if (name == IP_ADD_MEMBERSHIP || name == IP_DROP_MEMBERSHIP) {
-                    return ChangeMembership(*socket, name, value, length);
-                }
-                if (name == IP_MULTICAST_IF) return 0;
-            }
             return KnowsLevel(level) ? WSAENOPROTOOPT : WSAEINVAL;
         });
 }

@@ -23,8 +23,8 @@ bool IsStarted();
 int PublishSocket(const std::shared_ptr<Socket>& socket, SOCKET* handle);
 
 /// A new socket around a descriptor, or null without memory (the descriptor is then closed).
-std::shared_ptr<Socket> MakeSocket(const WSAPROTOCOL_INFOW& info, bool v6, kernel::Kind kind, int protocol,
-                                   bool overlapped, int fd);
+std::shared_ptr<Socket> MakeSocket(const WSAPROTOCOL_INFOW& info, bool v6, kernel::Kind kind, bool overlapped,
+                                   int fd);
 
 /// Runs an operation: its fault point, its error out-parameter, and no exception beyond. `body(call,
 /// &result)` returns 0 or the Winsock error; the result is then `failure`.

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/guard/call_depth.h"
-#include "platform/tcpip/kernel_socket.h"
+#include "platform/tcpip/ready_list.h"
 #include "platform/tcpip/socket.h"
 
 namespace tcpip {

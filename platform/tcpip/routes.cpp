@@ -64,11 +64,11 @@ int OpenHole(bool v6, bool datagram, BlackHole* hole) {
     const kernel::Kind kind = datagram ? kernel::Kind::Datagram : kernel::Kind::Stream;
     int error = 0;
     Endpoint local;
-    hole->fd = kernel::Create(v6, kind, 0, &error);
+    hole->fd = kernel::Create(v6, kind, &error);
     if (error == 0) error = kernel::Bind(hole->fd, LoopbackEndpoint(v6, 0));
     if (error == 0) error = kernel::LocalName(hole->fd, &local);
     if (error == 0 && !datagram) error = kernel::Listen(hole->fd, 0);
-    if (error == 0 && !datagram) hole->filler = kernel::Create(v6, kind, 0, &error);
+    if (error == 0 && !datagram) hole->filler = kernel::Create(v6, kind, &error);
     if (error == 0 && !datagram) error = kernel::Connect(hole->filler, local);
     if (error == 0 && !datagram) {
         // Full only when the filler's connection has arrived in the queue.

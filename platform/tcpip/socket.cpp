@@ -12,13 +12,12 @@
 
 namespace tcpip {
 
-Socket::Socket(const WSAPROTOCOL_INFOW& protocolInfo, bool isV6, kernel::Kind socketKind, int protocol,
-               bool isOverlapped, int descriptor)
+Socket::Socket(const WSAPROTOCOL_INFOW& protocolInfo, bool isV6, kernel::Kind socketKind, bool isOverlapped,
+               int descriptor)
     : FileObject(platform::ObjectKind::kLowerSocket),
       info(protocolInfo),
       v6(isV6),
       kind(socketKind),
-      protocolNumber(protocol),
       overlapped(isOverlapped),
       fd_(descriptor) {}
 

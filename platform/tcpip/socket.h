@@ -35,17 +35,14 @@ enum class State : unsigned char {
 /// What a socket must be told by SO_UPDATE_..._CONTEXT before its names and shutdown work.
 enum class MissingContext : unsigned char { None, Accept, Connect };
 
-enum Direction { kRead, kWrite, kUrgent, kDirections };
+enum Direction { kRead, kWrite, kDirections };
 
 /// The options that the provider keeps itself; an accepted socket gets a copy of the listener's.
 struct SocketOptions {
-    DWORD sendTimeout = 0;  // milliseconds, 0: none
-    DWORD receiveTimeout = 0;
     int sendBuffer = -1;  // as set; -1: the kernel's choice
     int receiveBuffer = -1;
     bool reuseAddress = false;
     bool exclusiveAddress = false;
-    bool outOfBandInline = false;
     bool conditionalAccept = false;
     bool lingerOn = false;
     USHORT lingerSeconds = 0;
@@ -58,8 +55,8 @@ struct AppliedOption {
 
 class Socket final : public platform::FileObject {
   public:
-    Socket(const WSAPROTOCOL_INFOW& protocolInfo, bool isV6, kernel::Kind socketKind, int protocol,
-           bool isOverlapped, int descriptor);
+    Socket(const WSAPROTOCOL_INFOW& protocolInfo, bool isV6, kernel::Kind socketKind, bool isOverlapped,
+           int descriptor);
     ~Socket() override;
 
     // ---- Never changes
@@ -67,7 +64,6 @@ class Socket final : public platform::FileObject {
     const WSAPROTOCOL_INFOW info;
     const bool v6;
     const kernel::Kind kind;
-    const int protocolNumber;
     const bool overlapped;
 
     bool IsStream() const { return kind == kernel::Kind::Stream; }
@@ -85,7 +81,7 @@ class Socket final : public platform::FileObject {
     std::atomic<bool> resetPending{false};     // datagrams: the next receive reports an unreachable peer
     std::atomic<bool> connectionReset{false};  // streams: by the peer
     std::atomic<bool> hasRoutes{false};        // `routes` is not empty
-    std::atomic<DWORD> sendTimeout{0};         // copies of the options
+    std::atomic<DWORD> sendTimeout{0};         // milliseconds, 0: none
     std::atomic<DWORD> receiveTimeout{0};
     std::atomic<LONG> eventMask{0};  // of WSPEventSelect
 
@@ -131,7 +127,6 @@ class Socket final : public platform::FileObject {
         Endpoint destination;
     };
     std::vector<UsedRoute> routes;
-    bool multicastToLoopback = false;
 
     /// A connection that the application's condition function put off.
     int deferredFd = -1;

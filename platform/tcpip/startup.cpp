@@ -87,10 +87,6 @@ int ResolveKind(const WSAPROTOCOL_INFOW& info, int* family, int* type, int* prot
     if (*type == FROM_PROTOCOL_INFO || *type == 0) *type = info.iSocketType;
     if (*protocol == FROM_PROTOCOL_INFO || *protocol == 0) *protocol = info.iProtocol;
     if (*family != AF_INET && *family != AF_INET6) return WSAEAFNOSUPPORT;
-    if (*type == SOCK_RAW) {
-        *kind = kernel::Kind::Raw;
-        return *protocol < 0 || *protocol >= IPPROTO_MAX ? WSAEPROTONOSUPPORT : 0;
-    }
     for (const SocketKind& row : kSocketKinds) {
         if (row.type != *type) continue;
         *kind = row.kind;
@@ -109,9 +105,9 @@ int CreateSocket(int family, int type, int protocol, const WSAPROTOCOL_INFOW& in
     if (error != 0) return error;
     const bool v6 = family == AF_INET6;
     int kernelError = 0;
-    const int fd = kernel::Create(v6, kind, kind == kernel::Kind::Raw ? protocol : 0, &kernelError);
+    const int fd = kernel::Create(v6, kind, &kernelError);
     if (fd < 0) return WinsockErrorFromErrno(kernelError);
-    const std::shared_ptr<Socket> socket = MakeSocket(info, v6, kind, protocol, overlapped, fd);
+    const std::shared_ptr<Socket> socket = MakeSocket(info, v6, kind, overlapped, fd);
     if (socket == nullptr) return WSAENOBUFS;
     return PublishSocket(socket, result);
 }
@@ -179,10 +175,10 @@ bool IsStarted() {
     return TheProvider.startCount > 0;
 }
 
-std::shared_ptr<Socket> MakeSocket(const WSAPROTOCOL_INFOW& info, bool v6, kernel::Kind kind, int protocol,
-                                   bool overlapped, int fd) {
+std::shared_ptr<Socket> MakeSocket(const WSAPROTOCOL_INFOW& info, bool v6, kernel::Kind kind, bool overlapped,
+                                   int fd) {
     try {
-        return std::make_shared<Socket>(info, v6, kind, protocol, overlapped, fd);
+        return std::make_shared<Socket>(info, v6, kind, overlapped, fd);
     } catch (const std::bad_alloc&) {
         kernel::Close(fd);
         return nullptr;

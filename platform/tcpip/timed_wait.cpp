@@ -10,6 +10,7 @@
 #include <new>
 
 #include "platform/tcpip/error_table.h"
+#include "platform/tcpip/ready_list.h"
 
 namespace tcpip {
 namespace {

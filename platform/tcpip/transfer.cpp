@@ -2,195 +2,19 @@
 // one with a time-out waits by poll only when the data can be expected to be missing.
 #include "platform/tcpip/transfer.h"
 
-#include <mswsock.h>
-
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/tcpip/address.h"
 #include "platform/tcpip/error_table.h"
-#include "platform/tcpip/overlapped.h"
 #include "platform/tcpip/routes.h"
 #include "platform/tcpip/timed_wait.h"
+#include "platform/tcpip/transfer_steps.h"
 
 namespace tcpip {
 namespace {
 
 constexpr DWORD kPushImmediate =
     0x20;  // MSG_PUSH_IMMEDIATE: a receive need not wait for more; it never does here
-
-int SendError(Socket& socket, int error) {
-    if (error == EPIPE && socket.sendShut.load()) return WSAESHUTDOWN;
-    if (error == EDESTADDRREQ) return WSAENOTCONN;
-    socket.NoteReset(error);
-    return WinsockErrorFromErrno(error);
-}
-
-/// For a send that was queued before a shutdown: it waits until the send has ended, so the peer it is that
-/// broke the pipe.
-int QueuedSendError(Socket& socket, int error) {
-    if (!socket.shutWhenSent) return SendError(socket, error);
-    socket.NoteReset(error);
-    return WinsockErrorFromErrno(error);
-}
-
-int ReceiveError(Socket& socket, const kernel::Transfer& transfer, unsigned flags) {
-    // Without urgent data the kernel fails at once, where Windows waits for some.
-    if (transfer.error == EINVAL && (flags & kernel::kOutOfBand) != 0) return WSAEWOULDBLOCK;
-    if (transfer.error == ECONNREFUSED && !socket.IsStream()) return WSAECONNRESET;
-    socket.NoteReset(transfer.error);
-    if (transfer.error == 0 && transfer.bytes == 0 && socket.connectionReset.load()) return WSAECONNRESET;
-    return WinsockErrorFromErrno(transfer.error);
-}
-
-/// A send that reports an unreachable peer on behalf of an earlier datagram: the next receive tells it, as on
-/// Windows, and this datagram goes out.
-kernel::Transfer SendOnce(Socket& socket, const kernel::IoBuffer* buffers, std::size_t count, unsigned flags,
-                          const Endpoint* to) {
-    kernel::Transfer transfer = kernel::Send(socket.fd(), buffers, count, flags, to);
-    if (transfer.error == ECONNREFUSED && !socket.IsStream()) {
-        socket.resetPending.store(true);
-        transfer = kernel::Send(socket.fd(), buffers, count, flags, to);
-    }
-    return transfer;
-}
-
-/// An empty receive on a stream is a question whether there is data, which the kernel would not wait for.
-bool NothingReadable(const Socket& socket) {
-    kernel::PollEntry entry = {socket.fd(), static_cast<short>(kernel::kReadable), 0};
-    int error = 0;
-    return kernel::Poll(&entry, 1, 0, &error) == 0;
-}
-
-/// Moves past `bytes` of the list; done pieces are skipped, the first piece left is shortened.
-void Advance(std::vector<kernel::IoBuffer>* buffers, std::size_t* first, std::size_t bytes) {
-    while (*first < buffers->size() && bytes >= (*buffers)[*first].size) {
-        bytes -= (*buffers)[*first].size;
-        ++*first;
-    }
-    if (bytes == 0) return;
-    kernel::IoBuffer& piece = (*buffers)[*first];
-    piece.data = static_cast<char*>(piece.data) + bytes;
-    piece.size -= bytes;
-}
-
-void ObeyDisconnectFlags(Socket& socket, DWORD flags) {
-    if ((flags & (TF_DISCONNECT | TF_REUSE_SOCKET)) == 0) return;
-    kernel::Shutdown(socket.fd(), kernel::Direction::Send);
-    socket.sendShut.store(true);
-}
-
-Progress AttemptSend(Socket& socket, Request* request, int* error) {
-    do {
-        const std::size_t left = request->buffers.size() - request->firstBuffer;
-        const kernel::Transfer transfer =
-            SendOnce(socket, request->buffers.data() + request->firstBuffer, left,
-                     request->flags | kernel::kDontWait, request->hasTo ? &request->to : nullptr);
-        if (transfer.error == EAGAIN) return Progress::Pending;
-        *error = QueuedSendError(socket, transfer.error);
-        if (*error != 0) return Progress::Done;
-        request->transferred += static_cast<DWORD>(transfer.bytes);
-        if (!socket.IsStream()) return Progress::Done;
-        Advance(&request->buffers, &request->firstBuffer, transfer.bytes);
-    } while (request->firstBuffer < request->buffers.size());
-    ObeyDisconnectFlags(socket, request->disconnectFlags);
-    return Progress::Done;
-}
-
-/// Gives the sender's address to whoever asked for it.
-void StoreSender(Socket& socket, Request* request, const Endpoint& from) {
-    const Endpoint sender = socket.PublicAddressLocked(from);
-    if (request->message != nullptr) {
-        if (request->message->name != nullptr)
-            WriteAddress(sender, request->message->name, &request->message->namelen);
-    } else if (request->from != nullptr) {
-        WriteAddress(sender, request->from, request->fromLength);
-    }
-}
-
-Progress AttemptReceive(Socket& socket, Request* request, int* error) {
-    if (socket.resetPending.exchange(false)) {
-        *error = WSAECONNRESET;
-        return Progress::Done;
-    }
-    const bool wantsSender = !socket.IsStream() && (request->from != nullptr || request->message != nullptr);
-    do {
-        const std::size_t left = request->buffers.size() - request->firstBuffer;
-        const kernel::IoBuffer* buffers = request->buffers.data() + request->firstBuffer;
-        const bool empty = left == 0 || (left == 1 && buffers->size == 0);
-        if (socket.IsStream() && empty && NothingReadable(socket)) return Progress::Pending;
-        Endpoint from = AnyEndpoint(socket.v6);
-        const kernel::Transfer transfer = kernel::Receive(
-            socket.fd(), buffers, left, request->flags | kernel::kDontWait | socket.KindFlags(),
-            wantsSender ? &from : nullptr);
-        *error = ReceiveError(socket, transfer, request->flags);
-        if (*error == WSAEWOULDBLOCK) return Progress::Pending;
-        if (*error != 0) return Progress::Done;
-        request->transferred += static_cast<DWORD>(transfer.bytes);
-        request->truncated = transfer.truncated;
-        if (wantsSender) StoreSender(socket, request, from);
-        if (request->message != nullptr) {
-            request->message->dwFlags = transfer.truncated ? MSG_TRUNC : 0;
-            request->message->Control.len = 0;
-        }
-        if ((request->flags & kernel::kWaitAll) == 0 || transfer.bytes == 0) return Progress::Done;
-        Advance(&request->buffers, &request->firstBuffer, transfer.bytes);
-    } while (request->firstBuffer < request->buffers.size());
-    return Progress::Done;
-}
-
-/// The accepted connection takes the place of the accepting socket's own; the addresses go behind the data.
-int AdoptConnection(Socket& listener, Request* request, int fd, const Endpoint& peer) {
-    Socket& accepting = *request->accepting;
-    std::lock_guard<std::mutex> guard(accepting.lock);
-    if (accepting.IsClosed()) {
-        kernel::Close(fd);
-        return WSA_OPERATION_ABORTED;
-    }
-    const int error = accepting.ReplaceFdLocked(fd);
-    if (error != 0) return error;
-    accepting.AssumeKernelMode(false);
-    accepting.peer = peer;
-    accepting.bound.store(true);
-    accepting.missingContext.store(MissingContext::Accept);
-    accepting.FinishConnectLocked(0);
-    if (request->receiveLength == 0) accepting.acceptListener.reset();
-    // A listener on one address and port gives them to all its connections.
-    Endpoint local = listener.boundTo;
-    if (IsUnspecified(local) || local.port == 0) kernel::LocalName(accepting.fd(), &local);
-    int length = static_cast<int>(request->localLength);
-    char* output = request->output + request->receiveLength;
-    WriteAddress(local, reinterpret_cast<sockaddr*>(output), &length);
-    length = static_cast<int>(request->remoteLength);
-    WriteAddress(peer, reinterpret_cast<sockaddr*>(output + request->localLength), &length);
-    return 0;
-}
-
-Progress AttemptAccept(Socket& listener, Request* request, int* error) {
-    for (;;) {
-        Endpoint peer;
-        int kernelError = 0;
-        const int fd = kernel::Accept(listener.fd(), false, &peer, &kernelError);
-        if (kernelError == EAGAIN) return Progress::Pending;
-        // The peer went away while its connection waited to be accepted: that is none of this request's
-        // business.
-        if (kernelError == ECONNABORTED) continue;
-        *error = fd >= 0 ? AdoptConnection(listener, request, fd, peer) : WinsockErrorFromErrno(kernelError);
-        return *error == 0 && request->receiveLength > 0 ? Progress::Moved : Progress::Done;
-    }
-}
-
-Progress AttemptConnect(Socket& socket, Request* request, int* error) {
-    if (socket.RefreshConnectLocked() == State::Connecting) return Progress::Pending;
-    if (socket.state.load() != State::Connected) {
-        *error = socket.connectError != 0 ? socket.connectError : WSAECONNABORTED;
-        return Progress::Done;
-    }
-    socket.missingContext.store(MissingContext::Connect);
-    if (request->buffers.empty()) return Progress::Done;
-    request->kind = RequestKind::Send;
-    return AttemptSend(socket, request, error);
-}
 
 platform::Deadline DeadlineOf(const std::atomic<DWORD>& timeout) {
     const DWORD milliseconds = timeout.load(std::memory_order_relaxed);
@@ -280,18 +104,7 @@ int CheckReceiveState(Socket& socket) {
 }
 
 int RouteDatagram(Socket& socket, const Endpoint& to, Endpoint* target) {
-    if (to.port == 0 && socket.kind == kernel::Kind::Datagram) return WSAEADDRNOTAVAIL;
-    if (IsMulticast(to)) {
-        std::lock_guard<std::mutex> guard(socket.lock);
-        // Multicasts go out through the loopback interface only.
-        if (!socket.multicastToLoopback) {
-            const int error = kernel::SetMulticastLoopbackInterface(socket.fd(), socket.v6);
-            if (error != 0) return WinsockErrorFromErrno(error);
-            socket.multicastToLoopback = true;
-        }
-        *target = to;
-        return 0;
-    }
+    if (to.port == 0) return WSAEADDRNOTAVAIL;
     Route route;
     const int error = FindRoute(to, socket.kind, &route);
     if (error != 0) return error;
@@ -369,22 +182,6 @@ int ReceiveNow(Socket& socket, const BufferList& buffers, unsigned flags, Endpoi
     *bytes = static_cast<DWORD>(transfer.bytes);
     if (error == 0 && from != nullptr) *from = socket.PublicAddress(*from);
     return error == 0 && transfer.truncated ? WSAEMSGSIZE : error;
-}
-
-Progress AttemptRequest(Socket& socket, Request* request, int* error) {
-    *error = 0;
-    switch (request->kind) {
-        case RequestKind::Send:
-            return AttemptSend(socket, request, error);
-        case RequestKind::Receive:
-        case RequestKind::ReceiveMessage:
-            return AttemptReceive(socket, request, error);
-        case RequestKind::Accept:
-            return AttemptAccept(socket, request, error);
-        case RequestKind::Connect:
-            return AttemptConnect(socket, request, error);
-    }
-    return Progress::Done;
 }
 
 }  // namespace tcpip

@@ -61,14 +61,15 @@ int Receive(PlatformCall& call, const SocketUse& socket, LPWSABUF buffers, DWORD
         }
         return error;
     }
+    // Urgent data is read by calls that wait for it.
+    if ((kernelFlags & kernel::kOutOfBand) != 0) return WSAEOPNOTSUPP;
     RequestPointer request = MakeRequest(socket.pointer(), overlapped, RequestKind::Receive);
     if (request == nullptr) return WSAENOBUFS;
     request->buffers.assign(list.data(), list.data() + list.count());
     request->flags = kernelFlags;
     request->from = from;
     request->fromLength = fromLength;
-    const bool urgent = (kernelFlags & kernel::kOutOfBand) != 0;
-    return StartRequest(*socket, urgent ? kUrgent : kRead, std::move(request), received, flags);
+    return StartRequest(*socket, kRead, std::move(request), received, flags);
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ constexpr DWORD kLayerEntry = 1010;
 constexpr DWORD kFirstChainEntry = 1011;
 
 /// The five base entries (TCP, UDP and raw sockets of IPv4, TCP and UDP of IPv6), all served by the library
-/// at `path`.
+/// at `path`. The base provider of the stand-in refuses raw sockets.
 Catalog MakeBaseCatalog(const WideString& path);
 
 /// Puts a layer in front: its hidden entry, and a chain over every base entry, ahead of the base entries so

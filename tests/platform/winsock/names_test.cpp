@@ -99,47 +99,4 @@ TEST(NamesTest, InetNtoaKeepsAThreadsTextToItself) {
     EXPECT_STREQ(mine, "1.2.3.4");
 }
 
-class ResolverTest : public HostFixture {
-  protected:
-    // The addresses as text with their ports, or the error.
-    static std::string Resolve(const char* node, const char* service, int family, int flags = 0) {
-        addrinfo hints{};
-        hints.ai_family = family;
-        hints.ai_flags = flags;
-        addrinfo* found = nullptr;
-        const int error = getaddrinfo(node, service, &hints, &found);
-        if (error != 0) return std::to_string(error);
-        std::string all;
-        for (const addrinfo* info = found; info != nullptr; info = info->ai_next) {
-            char text[INET6_ADDRSTRLEN];
-            const bool v4 = info->ai_family == AF_INET;
-            const auto* a4 = reinterpret_cast<const sockaddr_in*>(info->ai_addr);
-            const auto* a6 = reinterpret_cast<const sockaddr_in6*>(info->ai_addr);
-            EXPECT_EQ(info->ai_addrlen, v4 ? sizeof *a4 : sizeof *a6);
-            inet_ntop(info->ai_family, v4 ? static_cast<const void*>(&a4->sin_addr) : &a6->sin6_addr, text,
-                      sizeof text);
-            all += std::string(all.empty() ? "" : " ") + text + "/" +
-                   std::to_string(ntohs(v4 ? a4->sin_port : a6->sin6_port));
-        }
-        freeaddrinfo(found);
-        return all;
-    }
-};
-
-TEST_F(ResolverTest, NumbersNeedNoNameServer) {
-    EXPECT_EQ(Resolve("192.0.2.1", "80", AF_UNSPEC), "192.0.2.1/80");
-    EXPECT_EQ(Resolve("::1", nullptr, AF_INET6), "::1/0");
-    EXPECT_EQ(Resolve(nullptr, "1", AF_INET, AI_PASSIVE), "0.0.0.0/1");
-    EXPECT_EQ(Resolve("localhost", "80", AF_UNSPEC, AI_NUMERICHOST), std::to_string(WSAHOST_NOT_FOUND));
-    EXPECT_EQ(Resolve("localhost", "no-such-service", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
-}
-
-TEST_F(ResolverTest, NamesOfTheMachine) {
-    EXPECT_EQ(Resolve("localhost", "8080", AF_UNSPEC), "::1/8080 127.0.0.1/8080");
-    EXPECT_EQ(Resolve("localhost", "8080", AF_INET), "127.0.0.1/8080");
-    EXPECT_EQ(Resolve("192.0.2.1", "80", AF_INET6), std::to_string(WSAHOST_NOT_FOUND));
-    EXPECT_EQ(Resolve("example.org", "80", AF_UNSPEC), std::to_string(WSAHOST_NOT_FOUND));
-    EXPECT_EQ(Resolve("localhost", "65536", AF_UNSPEC), std::to_string(WSATYPE_NOT_FOUND));
-}
-
 }  // namespace
