@@ -3,9 +3,10 @@
 #include "platform/system/machine_file.h"
 
 #include <toml++/toml.h>
+#include <filesystem>
 #include <fstream>
 #include <initializer_list>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "platform/system/machine_defaults.h"
@@ -225,13 +226,20 @@ std::unique_ptr<Machine> ParseMachine(const std::string& text, const std::string
 }
 
 std::unique_ptr<Machine> ReadMachineFile(const std::string& path, std::string* message) {
+    // Opening a pipe would wait for its writer.
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(path, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        *message = path + ": is not an ordinary file";
+        return nullptr;
+    }
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    if (!file || !(text << file.rdbuf())) {
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    if (!file.is_open() || file.bad()) {
         *message = path + ": cannot be read";
         return nullptr;
     }
-    return ParseMachine(text.str(), path, message);
+    return ParseMachine(text, path, message);
 }
 
 }  // namespace platform

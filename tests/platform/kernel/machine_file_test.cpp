@@ -1,10 +1,61 @@
 // The machine's file: what it says, and what is said of one that is wrong.
+#include <windows.h>
+
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "platform/testing/machine.h"
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
+namespace {
+
+/// A folder of this process, gone with the test.
+class MachineFileOnDisk : public testing::Test {
+  protected:
+    MachineFileOnDisk() { std::filesystem::create_directories(folder_); }
+    ~MachineFileOnDisk() override { std::filesystem::remove_all(folder_); }
+
+    std::string PathOf(const std::string& name) const { return (folder_ / name).string(); }
+
+    /// What is said of a file that is no machine.
+    static std::string RefusalOf(const std::string& path) {
+        std::string message;
+        EXPECT_EQ(platform::ReadMachineFile(path, &message), nullptr);
+        return message;
+    }
+
+    const std::filesystem::path folder_ =
+        std::filesystem::temp_directory_path() / ("qx-machine-" + std::to_string(GetCurrentProcessId()));
+};
+
+}  // namespace
+
+TEST_F(MachineFileOnDisk, EmptyIsTheMachineWithoutAFile) {
+    std::ofstream(PathOf("empty.toml")).close();
+    std::string message;
+    const auto machine = platform::ReadMachineFile(PathOf("empty.toml"), &message);
+    ASSERT_NE(machine, nullptr) << message;
+    EXPECT_EQ(machine->baseProvider, platform::ParseMachine("", "nothing", &message)->baseProvider);
+    EXPECT_EQ(machine->layer, "");
+}
+
+TEST_F(MachineFileOnDisk, OnlyAnOrdinaryFileIsRead) {
+    EXPECT_EQ(RefusalOf(PathOf("missing")), PathOf("missing") + ": cannot be read");
+    EXPECT_EQ(RefusalOf(folder_.string()), folder_.string() + ": is not an ordinary file");
+#ifndef _WIN32
+    // Nobody ever writes to it.
+    ASSERT_EQ(mkfifo(PathOf("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(RefusalOf(PathOf("pipe")), PathOf("pipe") + ": is not an ordinary file");
+    EXPECT_EQ(RefusalOf("/dev/null"), "/dev/null: is not an ordinary file");
+#endif
+}
 
 TEST(MachineFile, ErrorsNameTheirPlaceAndReason) {
     const struct {
