@@ -10,6 +10,7 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/modules.h"
 #include "platform/kernel/thread.h"
+#include "platform/kernel/thread_hold.h"
 #include "platform/kernel/thread_state.h"
 
 namespace platform {
@@ -25,6 +26,7 @@ void OnExit(int status, void*) {
     ExitStatus = status;
     PlatformScope::Attention.fetch_or(kProcessEndAttention);
     MarkAllOtherThreadsEnded();
+    HoldOtherThreads();
     DetachModulesAtExit();
 }
 
@@ -41,10 +43,7 @@ bool IsExitingThread() noexcept {
 
 void FreezeIfProcessEnds() noexcept {
     if ((PlatformScope::Attention.load(std::memory_order_relaxed) & kProcessEndAttention) == 0) return;
-    const ThreadObject* thread = CurrentThreadState().object;
-    if (thread == nullptr || !thread->IsMade() || IsExitingThread()) return;
-    for (;;)
-        pause();
+    if (!IsExitingThread()) HoldCurrentThread();
 }
 
 void AbandonProcessExit() noexcept {

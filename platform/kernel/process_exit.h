@@ -1,6 +1,5 @@
-// The end of the process. Windows kills every other thread before it detaches the modules; here the threads
-// made by CreateThread count as ended and are frozen at their next platform call or when a wait of theirs
-// ends. Other native threads run on until the process is gone.
+// The end of the process. Windows kills every other thread before it detaches the modules; here they count as
+// ended and are held where they are, at the latest at their next platform call or when a wait of theirs ends.
 #pragma once
 
 namespace platform {
@@ -9,14 +8,14 @@ namespace platform {
 /// before the static objects of everything loaded until then are destroyed.
 void RegisterProcessExit() noexcept;
 
-/// Never returns on a thread made by CreateThread, unless it is the exiting one, once the process ends.
+/// Never returns on any thread but the exiting one, once the process ends.
 void FreezeIfProcessEnds() noexcept;
 
 /// True on the exiting thread while modules are being detached.
 bool IsExitingThread() noexcept;
 
-/// Ends the process with the status it was about to end with: the exiting thread needs a lock that a frozen
-/// one holds.
+/// Ends the process with the status it was about to end with: the exiting thread needs what a held one
+/// will never give.
 [[noreturn]] void AbandonProcessExit() noexcept;
 
 }  // namespace platform

@@ -60,7 +60,7 @@ class AdoptedThread {
     }
 
     ThreadObject& Adopt() {
-        if (object_ == nullptr) object_ = std::make_shared<ThreadObject>(false);
+        if (object_ == nullptr) object_ = MakeThreadObject(false);
         return *object_;
     }
 
@@ -73,7 +73,7 @@ thread_local AdoptedThread TheAdoptedThread;
 /// For the main thread, whose identity is still needed while modules are detached at process end, and for
 /// threads that call after their clean-up.
 ThreadObject& AdoptForGood() {
-    auto object = std::make_shared<ThreadObject>(false);
+    auto object = MakeThreadObject(false);
     ThreadTable& table = TheThreads();
     const std::lock_guard<std::mutex> holder(table.mutex);
     table.lasting.push_back(object);
@@ -99,12 +99,16 @@ ThreadObject::ThreadObject(bool made)
       id_(TheThreads().nextId.fetch_add(4)),
       made_(made),
       parker_(Parker::Acquire()) {
+    if (made_) ++TheThreads().running;
+}
+
+std::shared_ptr<ThreadObject> MakeThreadObject(bool made) {
+    auto object = std::make_shared<ThreadObject>(made);
     ThreadTable& table = TheThreads();
-    {
-        const std::lock_guard<std::mutex> holder(table.mutex);
-        table.threads.emplace(id_, this);
-    }
-    if (made_) ++table.running;
+    // Whoever finds it there shares it.
+    const std::lock_guard<std::mutex> holder(table.mutex);
+    table.threads.emplace(object->id(), object.get());
+    return object;
 }
 
 ThreadObject::~ThreadObject() {
@@ -213,7 +217,7 @@ void MarkAllOtherThreadsEnded() noexcept {
         ThreadTable& table = TheThreads();
         const std::lock_guard<std::mutex> holder(table.mutex);
         for (const auto& [id, thread] : table.threads) {
-            if (!thread->IsMade() || thread == CurrentThreadState().object) continue;
+            if (thread == CurrentThreadState().object) continue;
             std::shared_ptr<Object> object = thread->weak_from_this().lock();
             if (object != nullptr) others.push_back(std::move(object));
         }

@@ -17,6 +17,7 @@ namespace platform {
 
 class ThreadObject final : public WaitableObject {
   public:
+    /// Only for MakeThreadObject.
     explicit ThreadObject(bool made);
     ~ThreadObject() override;
 
@@ -74,6 +75,9 @@ class ThreadObject final : public WaitableObject {
     jmp_buf endBuffer_;
 };
 
+/// A new thread object, found by its id from now on. Throws std::bad_alloc.
+std::shared_ptr<ThreadObject> MakeThreadObject(bool made);
+
 /// The calling thread; made at first need for threads that CreateThread did not make.
 ThreadObject& CurrentThread() noexcept;
 
@@ -89,7 +93,7 @@ std::shared_ptr<ThreadObject> FindThread(DWORD id) noexcept;
 /// Threads made by CreateThread and not ended.
 int CountRunningThreads() noexcept;
 
-/// The process ends: every other made thread counts as ended from now on, as its object shows.
+/// The process ends: every other thread counts as ended from now on, as its object shows.
 void MarkAllOtherThreadsEnded() noexcept;
 
 }  // namespace platform

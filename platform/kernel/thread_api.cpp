@@ -12,6 +12,7 @@
 #include "platform/kernel/modules.h"
 #include "platform/kernel/process_exit.h"
 #include "platform/kernel/thread.h"
+#include "platform/kernel/thread_hold.h"
 #include "platform/kernel/thread_state.h"
 
 namespace platform {
@@ -40,6 +41,7 @@ void* ThreadMain(void* argument) {
     const std::unique_ptr<ThreadStart> package(static_cast<ThreadStart*>(argument));
     ThreadState& state = CurrentThreadState();
     state.object = package->object.get();
+    LetThreadBeHeld();
     const DWORD exitCode = RunThread(*package);
     CurrentCallDepth() = {};
     DropGuards();
@@ -85,7 +87,7 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T, LPTHREAD_START_ROUTINE start,
     if (call.Fails()) return nullptr;
     if ((flags & CREATE_SUSPENDED) != 0) return Fail<HANDLE>(ERROR_CALL_NOT_IMPLEMENTED, nullptr);
     try {
-        auto object = std::make_shared<ThreadObject>(true);
+        auto object = platform::MakeThreadObject(true);
         auto package =
             std::make_unique<platform::ThreadStart>(platform::ThreadStart{object, start, parameter});
         const HANDLE handle = platform::OpenHandle(object);

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "platform/guard/call_depth.h"
+#include "platform/kernel/process_exit.h"
+#include "platform/kernel/thread_hold.h"
 #include "platform/tcpip/ready_list.h"
 #include "platform/tcpip/socket.h"
 
@@ -137,6 +139,7 @@ platform::Deadline Reactor::NextDeadline() {
 void Reactor::Run() {
     // What this thread calls of the platform is never a call of the layer or the application.
     platform::CurrentCallDepth().calls = 1;
+    platform::LetThreadBeHeld();
     constexpr std::size_t kBatch = 64;
     kernel::ReadyEvent events[kBatch];
     bool listening = false;  // to the clock; only while some socket has a deadline
@@ -166,6 +169,11 @@ void Reactor::Stop() {
         if (!thread_.joinable()) return;
         stopping_ = true;
         thread = std::move(thread_);
+    }
+    // At the end of the process the thread is held, and stays so.
+    if (platform::IsExitingThread()) {
+        thread.detach();
+        return;
     }
     ready_.Wake();
     thread.join();

@@ -39,6 +39,15 @@ TEST(ProcessExit, ModulesAreDetachedThoughThreadsStillRun) {
     EXPECT_EQ(status, 17);
 }
 
+TEST(ProcessExit, NoThreadRunsOnWhileModulesAreDetached) {
+    for (const char* how : {"busy", "waiting", "blocked"}) {
+        int status = 0;
+        const std::string output = RunProbe(how, &status);
+        EXPECT_NE(output.find("detach! still "), std::string::npos) << how << ": " << output;
+        EXPECT_EQ(status, 17) << how;
+    }
+}
+
 TEST(ProcessExit, AModuleThatNeedsWhatAKilledThreadHeldEndsItAtOnce) {
     int status = 0;
     const std::string output = RunProbe("lock", &status);
