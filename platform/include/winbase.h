@@ -127,6 +127,21 @@ DWORD WINAPI GetCurrentProcessId();
 DWORD WINAPI GetCurrentThreadId();
 
 // Completion ports
+#define OPEN_EXISTING 3
+#define FILE_SHARE_READ 0x1
+#define FILE_ATTRIBUTE_NORMAL 0x80
+#define FILE_FLAG_OVERLAPPED 0x40000000
+#define FILE_BEGIN 0
+#define FILE_CURRENT 1
+#define FILE_END 2
+#define INVALID_SET_FILE_POINTER 0xFFFFFFFFu
+HANDLE WINAPI CreateFileA(LPCSTR name, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+                          DWORD disposition, DWORD flags, HANDLE templateFile);
+HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+                          DWORD disposition, DWORD flags, HANDLE templateFile);
+BOOL WINAPI ReadFile(HANDLE file, LPVOID data, DWORD size, LPDWORD read, LPOVERLAPPED overlapped);
+DWORD WINAPI SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DWORD method);
+
 BOOL WINAPI CancelIoEx(HANDLE file, LPOVERLAPPED overlapped);
 HANDLE WINAPI CreateIoCompletionPort(HANDLE file, HANDLE existingPort, ULONG_PTR key,
                                      DWORD concurrentThreads);

@@ -22,6 +22,7 @@ enum class ObjectKind {
     kThread,
     kCompletionPort,
     kRegistryKey,
+    kFile,
     kLowerSocket,    // a socket of the base provider
     kLayeredSocket,  // a handle that the Winsock host gave to an application or provider
     kOther,

@@ -15,16 +15,6 @@ namespace {
 
 using platform::PlatformCall;
 
-/// Runs an extension function on the socket `s`: `body(socket)` returns 0 or the Winsock error.
-template <class Body>
-bool RunExtension(const char* name, int defaultError, SOCKET s, Body body) {
-    int error = 0;
-    const int result = RunOnSocket(name, defaultError, s, &error,
-                                   [&](PlatformCall&, const SocketUse& socket) { return body(socket); });
-    if (result != 0) SetLastError(static_cast<DWORD>(error));
-    return result == 0;
-}
-
 /// Behind each address Windows wants room that it uses itself.
 constexpr DWORD kAddressOverhead = 16;
 
@@ -76,95 +66,11 @@ int ConnectExtended(const SocketUse& socket, const sockaddr* name, int namelen, 
     return StartRequest(*socket, kWrite, std::move(request), sent, nullptr);
 }
 
-/// The connection ends in good order while the socket goes on with a new kernel socket, bound to the same
-/// address but to a port of its own, since the old one may be busy fading away.
-int Recycle(Socket& socket) {
-    std::lock_guard<std::mutex> guard(socket.lock);
-    Endpoint local = AnyEndpoint(socket.v6);
-    kernel::LocalName(socket.fd(), &local);
-    local.port = 0;
-    int kernelError = 0;
-    const int fd = kernel::Create(socket.v6, socket.kind, &kernelError);
-    // Not after the bind.
-    int v6Only = 0;
-    if (kernelError == 0 && socket.v6 && kernel::GetOption(socket.fd(), kernel::Option::V6Only, &v6Only) == 0)
-        kernelError = kernel::SetOption(fd, kernel::Option::V6Only, v6Only);
-    if (kernelError == 0) kernelError = kernel::Bind(fd, local);
-    if (kernelError != 0) {
-        if (fd >= 0) kernel::Close(fd);
-        return WinsockErrorFromErrno(kernelError);
-    }
-    const int error = socket.ReplaceFdLocked(fd);
-    if (error != 0) return error;
-    socket.AssumeKernelMode(false);
-    socket.state.store(State::Idle);
-    socket.missingContext.store(MissingContext::None);
-    socket.shutWhenSent = false;
-    socket.sendShut.store(false);
-    socket.receiveShut.store(false);
-    socket.likelyReadable.store(false);
-    socket.connectionReset.store(false);
-    return 0;
-}
-
 int Disconnect(Socket& socket, DWORD flags) {
     if ((flags & ~static_cast<DWORD>(TF_REUSE_SOCKET)) != 0) return WSAEINVAL;
     if (!socket.IsStream() || socket.RefreshConnect() != State::Connected) return WSAENOTCONN;
-    if ((flags & TF_REUSE_SOCKET) != 0) {
-        kernel::Shutdown(socket.fd(), kernel::Direction::Send);
-        return Recycle(socket);
-    }
     const std::lock_guard<std::mutex> guard(socket.lock);
-    socket.ShutSendLocked();
-    return 0;
-}
-
-/// Sends pieces of memory in order as one request, or blocks until they are sent.
-int SendPieces(const SocketUse& socket, std::vector<kernel::IoBuffer> pieces, OVERLAPPED* overlapped,
-               DWORD flags) {
-    int error = CheckSendState(*socket, false);
-    if (error != 0) return error;
-    if ((flags & TF_REUSE_SOCKET) != 0) return WSAEOPNOTSUPP;
-    if (overlapped == nullptr) {
-        std::vector<WSABUF> buffers;
-        buffers.reserve(pieces.size());
-        for (const kernel::IoBuffer& piece : pieces) {
-            buffers.push_back({static_cast<ULONG>(piece.size), static_cast<CHAR*>(piece.data)});
-        }
-        BufferList list;
-        DWORD sent = 0;
-        error = list.Assign(buffers.data(), static_cast<DWORD>(buffers.size()), 0xFFFFFFFF);
-        if (error == 0) error = SendNow(*socket, list, 0, nullptr, &sent);
-        if (error == 0 && (flags & TF_DISCONNECT) != 0) error = Disconnect(*socket, 0);
-        return error;
-    }
-    RequestPointer request = MakeRequest(socket.pointer(), {overlapped, nullptr, nullptr}, RequestKind::Send);
-    if (request == nullptr) return WSAENOBUFS;
-    request->buffers.swap(pieces);
-    request->disconnectFlags = flags;
-    return StartRequest(*socket, kWrite, std::move(request), nullptr, nullptr);
-}
-
-int TransmitBuffers(const SocketUse& socket, HANDLE file, const TRANSMIT_FILE_BUFFERS* buffers,
-                    OVERLAPPED* overlapped, DWORD flags) {
-    // There are no file handles on this platform, so nothing given here is one.
-    if (file != nullptr) return WSA_INVALID_HANDLE;
-    std::vector<kernel::IoBuffer> pieces;
-    if (buffers != nullptr && buffers->HeadLength > 0) pieces.push_back({buffers->Head, buffers->HeadLength});
-    if (buffers != nullptr && buffers->TailLength > 0) pieces.push_back({buffers->Tail, buffers->TailLength});
-    return SendPieces(socket, std::move(pieces), overlapped, flags);
-}
-
-int TransmitElements(const SocketUse& socket, const TRANSMIT_PACKETS_ELEMENT* elements, DWORD count,
-                     OVERLAPPED* overlapped, DWORD flags) {
-    if (elements == nullptr && count > 0) return WSAEFAULT;
-    std::vector<kernel::IoBuffer> pieces;
-    for (DWORD i = 0; i < count; ++i) {
-        if ((elements[i].dwElFlags & TP_ELEMENT_FILE) != 0) return WSA_INVALID_HANDLE;
-        if ((elements[i].dwElFlags & TP_ELEMENT_MEMORY) == 0) return WSAEINVAL;
-        pieces.push_back({elements[i].pBuffer, elements[i].cLength});
-    }
-    return SendPieces(socket, std::move(pieces), overlapped, flags);
+    return socket.DisconnectLocked(flags | TF_DISCONNECT);
 }
 
 int ReceiveMessage(const SocketUse& socket, WSAMSG* message, DWORD* received,
@@ -243,20 +149,6 @@ BOOL WINAPI TcpipDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DW
         const int error = Disconnect(*socket, flags);
         if (error != 0 || overlapped == nullptr) return error;
         return CompleteAtOnce(socket.pointer(), {overlapped, nullptr, nullptr}, 0);
-    });
-}
-
-BOOL WINAPI TcpipTransmitFile(SOCKET s, HANDLE file, DWORD, DWORD, LPOVERLAPPED overlapped,
-                              LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags) {
-    return RunExtension("lower TransmitFile", WSAENOBUFS, s, [&](const SocketUse& socket) {
-        return TransmitBuffers(socket, file, buffers, overlapped, flags);
-    });
-}
-
-BOOL WINAPI TcpipTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT elements, DWORD count, DWORD,
-                                 LPOVERLAPPED overlapped, DWORD flags) {
-    return RunExtension("lower TransmitPackets", WSAENOBUFS, s, [&](const SocketUse& socket) {
-        return TransmitElements(socket, elements, count, overlapped, flags);
     });
 }
 

@@ -91,14 +91,16 @@ VOID WINAPI TcpipGetAcceptExSockaddrs(PVOID output, DWORD receiveLength, DWORD l
 BOOL WINAPI TcpipConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID data, DWORD dataLength,
                            LPDWORD sent, LPOVERLAPPED overlapped);
 BOOL WINAPI TcpipDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DWORD reserved);
-BOOL WINAPI TcpipTransmitFile(SOCKET s, HANDLE file, DWORD bytes, DWORD bytesPerSend, LPOVERLAPPED overlapped,
-                              LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags);
-BOOL WINAPI TcpipTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT elements, DWORD count, DWORD sendSize,
-                                 LPOVERLAPPED overlapped, DWORD flags);
 INT WINAPI TcpipRecvMsg(SOCKET s, LPWSAMSG message, LPDWORD received, LPOVERLAPPED overlapped,
                         LPWSAOVERLAPPED_COMPLETION_ROUTINE routine);
 INT WINAPI TcpipSendMsg(SOCKET s, LPWSAMSG message, DWORD flags, LPDWORD sent, LPOVERLAPPED overlapped,
                         LPWSAOVERLAPPED_COMPLETION_ROUTINE routine);
+
+// transmit_functions.cpp: as these.
+BOOL WINAPI TcpipTransmitFile(SOCKET s, HANDLE file, DWORD size, DWORD sizePerSend, LPOVERLAPPED overlapped,
+                              LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags);
+BOOL WINAPI TcpipTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT elements, DWORD count, DWORD sendSize,
+                                 LPOVERLAPPED overlapped, DWORD flags);
 
 /// The extension function with that id, or null.
 void* FindExtensionFunction(const GUID& id);

@@ -58,4 +58,16 @@ int RunOnSocket(const char* name, int defaultError, SOCKET s, LPINT lpErrno, Bod
                         });
 }
 
+/// The form of the extension functions, which applications call directly: `body(socket)` returns 0 or the
+/// Winsock error, which becomes the thread's last error.
+template <class Body>
+bool RunExtension(const char* name, int defaultError, SOCKET s, Body body) {
+    int error = 0;
+    const int result =
+        RunOnSocket(name, defaultError, s, &error,
+                    [&](platform::PlatformCall&, const SocketUse& socket) { return body(socket); });
+    if (result != 0) SetLastError(static_cast<DWORD>(error));
+    return result == 0;
+}
+
 }  // namespace tcpip

@@ -14,6 +14,7 @@
 
 #include "platform/tcpip/endpoint.h"
 #include "platform/tcpip/kernel_socket.h"
+#include "platform/tcpip/piece_source.h"
 
 namespace tcpip {
 
@@ -34,8 +35,9 @@ struct Request {
 
     // What is transferred.
     std::vector<kernel::IoBuffer> buffers;
-    std::size_t firstBuffer = 0;  // those before it are done
-    unsigned flags = 0;           // the kernel seam's
+    std::size_t firstBuffer = 0;          // those before it are done
+    std::unique_ptr<PieceSource> source;  // what follows the buffers; null: nothing
+    unsigned flags = 0;                   // the kernel seam's
     DWORD transferred = 0;
     bool truncated = false;  // a datagram did not fit
     bool hasTo = false;

@@ -19,14 +19,21 @@ int QueuedSendError(Socket& socket, int error) {
     return WinsockErrorFromErrno(error);
 }
 
-void ObeyDisconnectFlags(Socket& socket, DWORD flags) {
-    if ((flags & (TF_DISCONNECT | TF_REUSE_SOCKET)) == 0) return;
-    kernel::Shutdown(socket.fd(), kernel::Direction::Send);
-    socket.sendShut.store(true);
+/// Makes the next piece of the request's source its buffers; false when there is none, or with `*error`.
+bool TakeNextPiece(Request* request, int* error) {
+    if (request->source == nullptr) return false;
+    kernel::IoBuffer piece;
+    *error = request->source->Next(&piece);
+    if (*error != 0 || piece.size == 0) return false;
+    request->buffers.assign(1, piece);
+    request->firstBuffer = 0;
+    return true;
 }
 
 Progress AttemptSend(Socket& socket, Request* request, int* error) {
-    do {
+    const auto hasBuffers = [request] { return request->firstBuffer < request->buffers.size(); };
+    bool more = request->source == nullptr || hasBuffers() || TakeNextPiece(request, error);
+    while (more) {
         const std::size_t left = request->buffers.size() - request->firstBuffer;
         const kernel::Transfer transfer =
             SendOnce(socket, request->buffers.data() + request->firstBuffer, left,
@@ -37,8 +44,9 @@ Progress AttemptSend(Socket& socket, Request* request, int* error) {
         request->transferred += static_cast<DWORD>(transfer.bytes);
         if (!socket.IsStream()) return Progress::Done;
         Advance(&request->buffers, &request->firstBuffer, transfer.bytes);
-    } while (request->firstBuffer < request->buffers.size());
-    ObeyDisconnectFlags(socket, request->disconnectFlags);
+        more = hasBuffers() || TakeNextPiece(request, error);
+    }
+    if (*error == 0) *error = socket.DisconnectLocked(request->disconnectFlags);
     return Progress::Done;
 }
 

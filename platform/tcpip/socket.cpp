@@ -2,6 +2,8 @@
 // events.cpp.
 #include "platform/tcpip/socket.h"
 
+#include <mswsock.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -166,6 +168,46 @@ int Socket::ShutSendLocked() {
     const int error = shutWhenSent ? 0 : kernel::Shutdown(fd_, kernel::Direction::Send);
     if (error != 0) sendShut.store(wasShut);
     return error;
+}
+
+/// The connection has ended in good order while the socket goes on with a new kernel socket, bound to the
+/// same address but to a port of its own, since the old one may be busy fading away.
+int Socket::RecycleLocked() {
+    Endpoint local = AnyEndpoint(v6);
+    kernel::LocalName(fd_, &local);
+    local.port = 0;
+    int kernelError = 0;
+    const int newFd = kernel::Create(v6, kind, &kernelError);
+    // Not after the bind.
+    int v6Only = 0;
+    if (kernelError == 0 && v6 && kernel::GetOption(fd_, kernel::Option::V6Only, &v6Only) == 0)
+        kernelError = kernel::SetOption(newFd, kernel::Option::V6Only, v6Only);
+    if (kernelError == 0) kernelError = kernel::Bind(newFd, local);
+    if (kernelError != 0) {
+        if (newFd >= 0) kernel::Close(newFd);
+        return WinsockErrorFromErrno(kernelError);
+    }
+    const int error = ReplaceFdLocked(newFd);
+    if (error != 0) return error;
+    AssumeKernelMode(false);
+    state.store(State::Idle);
+    missingContext.store(MissingContext::None);
+    shutWhenSent = false;
+    sendShut.store(false);
+    receiveShut.store(false);
+    likelyReadable.store(false);
+    connectionReset.store(false);
+    return 0;
+}
+
+int Socket::DisconnectLocked(DWORD flags) {
+    if ((flags & TF_DISCONNECT) == 0) return 0;
+    if ((flags & TF_REUSE_SOCKET) == 0) {
+        ShutSendLocked();
+        return 0;
+    }
+    kernel::Shutdown(fd_, kernel::Direction::Send);
+    return RecycleLocked();
 }
 
 int Socket::RegisterLocked() {

@@ -173,6 +173,10 @@ class Socket final : public platform::FileObject {
     /// held.
     int ShutSendLocked();
 
+    /// Ends a connection as the flags say: TF_DISCONNECT, and with it TF_REUSE_SOCKET, after which the socket
+    /// can connect again. 0 or a Winsock error. The lock is held.
+    int DisconnectLocked(DWORD flags);
+
     /// Replaces the kernel's socket by `newFd`, which is closed; gives it the options set so far. The lock is
     /// held.
     int ReplaceFdLocked(int newFd);
@@ -188,6 +192,7 @@ class Socket final : public platform::FileObject {
   private:
     static constexpr std::uint32_t kClosed = 0x80000000;
 
+    int RecycleLocked();
     void CancelAllLocked();
     void RecordEventLocked(LONG event, int bit, int error);
 

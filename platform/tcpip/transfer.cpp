@@ -21,10 +21,9 @@ platform::Deadline DeadlineOf(const std::atomic<DWORD>& timeout) {
     return milliseconds == 0 ? platform::kNoDeadline : platform::DeadlineAfter(milliseconds);
 }
 
-/// Sends all of a list without the kernel's own blocking, until the deadline.
-int SendUntil(Socket& socket, const BufferList& list, unsigned flags, const Endpoint* to,
+/// Sends all of the buffers without the kernel's own blocking, until the deadline.
+int SendUntil(Socket& socket, std::vector<kernel::IoBuffer> buffers, unsigned flags, const Endpoint* to,
               platform::Deadline deadline, DWORD* bytes) {
-    std::vector<kernel::IoBuffer> buffers(list.data(), list.data() + list.count());
     std::size_t first = 0;
     *bytes = 0;
     for (;;) {
@@ -41,6 +40,10 @@ int SendUntil(Socket& socket, const BufferList& list, unsigned flags, const Endp
         Advance(&buffers, &first, transfer.bytes);
         if (!socket.IsStream() || first == buffers.size()) return 0;
     }
+}
+
+std::vector<kernel::IoBuffer> BuffersOf(const BufferList& list) {
+    return {list.data(), list.data() + list.count()};
 }
 
 }  // namespace
@@ -117,7 +120,7 @@ int SendNow(Socket& socket, const BufferList& buffers, unsigned flags, const End
     const bool waits = !socket.nonBlocking.load(std::memory_order_relaxed);
     int error;
     if (waits && socket.sendTimeout.load(std::memory_order_relaxed) != 0) {
-        error = SendUntil(socket, buffers, flags, to, DeadlineOf(socket.sendTimeout), bytes);
+        error = SendUntil(socket, BuffersOf(buffers), flags, to, DeadlineOf(socket.sendTimeout), bytes);
     } else {
         error = waits ? socket.SetKernelMode(false) : 0;
         if (error != 0) return error;
@@ -130,13 +133,19 @@ int SendNow(Socket& socket, const BufferList& buffers, unsigned flags, const End
             DWORD more = 0;
             BufferList rest = buffers;
             rest.Skip(transfer.bytes);
-            error = SendUntil(socket, rest, flags, to, platform::kNoDeadline, &more);
+            error = SendUntil(socket, BuffersOf(rest), flags, to, platform::kNoDeadline, &more);
             *bytes += more;
         }
     }
     if (error == WSAEWOULDBLOCK) socket.RearmEvents(FD_WRITE);
     if (error == 0 && to != nullptr) socket.bound.store(true, std::memory_order_relaxed);
     return error != 0 && waits && socket.IsClosed() ? WSAEINTR : error;
+}
+
+int SendWhole(Socket& socket, const kernel::IoBuffer& buffer) {
+    DWORD bytes = 0;
+    const int error = SendUntil(socket, {buffer}, 0, nullptr, DeadlineOf(socket.sendTimeout), &bytes);
+    return error != 0 && socket.IsClosed() ? WSAEINTR : error;
 }
 
 int ReceiveNow(Socket& socket, const BufferList& buffers, unsigned flags, Endpoint* from, DWORD* bytes) {

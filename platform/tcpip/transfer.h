@@ -43,4 +43,7 @@ int RouteDatagram(Socket& socket, const Endpoint& to, Endpoint* target);
 int SendNow(Socket& socket, const BufferList& buffers, unsigned flags, const Endpoint* to, DWORD* bytes);
 int ReceiveNow(Socket& socket, const BufferList& buffers, unsigned flags, Endpoint* from, DWORD* bytes);
 
+/// Sends all of a buffer on a stream before it returns, whatever the socket's mode is. 0 or a Winsock error.
+int SendWhole(Socket& socket, const kernel::IoBuffer& buffer);
+
 }  // namespace tcpip

@@ -18,6 +18,7 @@ ResourceCounts CountResources() {
     counts.threadHandles = CountHandles(ObjectKind::kThread);
     counts.completionPorts = CountHandles(ObjectKind::kCompletionPort);
     counts.registryKeys = CountHandles(ObjectKind::kRegistryKey);
+    counts.files = CountHandles(ObjectKind::kFile);
     counts.lowerSockets = CountHandles(ObjectKind::kLowerSocket);
     counts.layeredSockets = CountHandles(ObjectKind::kLayeredSocket);
     counts.otherHandles = CountHandles(ObjectKind::kOther);

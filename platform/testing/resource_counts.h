@@ -11,6 +11,7 @@ struct ResourceCounts {
     int threadHandles = 0;
     int completionPorts = 0;
     int registryKeys = 0;
+    int files = 0;
     int lowerSockets = 0;
     int layeredSockets = 0;
     int otherHandles = 0;
@@ -24,7 +25,7 @@ struct ResourceCounts {
     int cryptObjects = 0;      // certificate stores, messages and contexts
 
     int Handles() const {
-        return events + semaphores + threadHandles + completionPorts + registryKeys + lowerSockets +
+        return events + semaphores + threadHandles + completionPorts + registryKeys + files + lowerSockets +
                layeredSockets + otherHandles;
     }
 };

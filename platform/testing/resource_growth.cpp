@@ -21,6 +21,7 @@ constexpr NamedCount kCounts[] = {
     {"thread handles", &ResourceCounts::threadHandles},
     {"completion ports", &ResourceCounts::completionPorts},
     {"registry keys", &ResourceCounts::registryKeys},
+    {"files", &ResourceCounts::files},
     {"lower sockets", &ResourceCounts::lowerSockets},
     {"layered sockets", &ResourceCounts::layeredSockets},
     {"other handles", &ResourceCounts::otherHandles},

@@ -50,6 +50,8 @@ enum class Documented {
     kSocketsAreReused,
     // With TF_DISCONNECT. Wine does not.
     kTransmitFileDisconnects,
+    // A TransmitFile that finds the way full goes on when the peer reads. Wine: sends no more.
+    kTransmissionsGoOn,
     // 87 for notification modes that do not exist. Wine takes them.
     kUnknownModesAreRefused,
     // FD_WRITE when the other end has received. Wine: also when its own buffer grows.
