@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "guarded_call.h"
+#include "platform/guard/guarded_call.h"
 #include "platform/guard/call_depth.h"
 #include "platform/guard/thread_guard.h"
 

@@ -5,7 +5,7 @@
 
 #include <malloc.h>
 
-#include "guarded_call.h"
+#include "platform/guard/guarded_call.h"
 
 void RestoreStackGuard() {
     _resetstkoflw();

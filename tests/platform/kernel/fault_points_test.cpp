@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "guarded_call.h"
+#include "platform/guard/guarded_call.h"
 #include "platform/kernel/fault_points.h"
 #include "tests/platform/kernel/test_handle.h"
 

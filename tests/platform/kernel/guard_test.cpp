@@ -6,7 +6,7 @@
 #include <atomic>
 #include <string>
 
-#include "guarded_call.h"
+#include "platform/guard/guarded_call.h"
 #include "tests/platform/kernel/test_handle.h"
 
 namespace {
