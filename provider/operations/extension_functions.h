@@ -11,27 +11,26 @@
 
 struct SocketContext;
 
-enum class ExtensionFunction {
-    kTransmitFile,
-    kAcceptEx,
-    kConnectEx,
-    kDisconnectEx,
-    kTransmitPackets,
-    kWsaRecvMsg
+/// One extension function that the layer provides itself.
+struct ExtensionFunction {
+    GUID Id;
+    /// The layer's own implementation, as the bits of the function's address.
+    ULONG_PTR (*LayerAddress)();
+    /// Fetches the lower provider's function of that id into the context's entry; see LoadLowerExtension.
+    bool (*LoadLower)(SocketContext* context, const GUID& id);
 };
 
-/// Looks an extension function's id up among those that the layer provides itself.
-bool FindExtensionFunction(const GUID& id, ExtensionFunction* function);
+/// Looks an extension function up by its id; null when the layer has none for it.
+const ExtensionFunction* FindExtensionFunction(const GUID& id);
 
 /// Whether this is the one known function that applications get from the lower provider.
 bool IsForwardedExtension(const GUID& id);
 
-/// The layer's own implementation, as the bits of the function's address.
-ULONG_PTR LayerExtensionAddress(ExtensionFunction function);
-
 /// Fetches the lower provider's function into the context's entry unless it is there. False when it has none.
 /// The context is referenced by the caller.
-bool LoadLowerExtension(SocketContext* context, ExtensionFunction function);
+inline bool LoadLowerExtension(SocketContext* context, const ExtensionFunction& function) {
+    return function.LoadLower(context, function.Id);
+}
 
 BOOL WINAPI LayerTransmitFile(SOCKET s, HANDLE file, DWORD bytesToWrite, DWORD bytesPerSend,
                               LPOVERLAPPED overlapped, LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags);

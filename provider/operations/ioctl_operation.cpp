@@ -7,6 +7,7 @@
 #include "provider/operation_failure.h"
 #include "provider/operations/extension_functions.h"
 #include "provider/operations/operations.h"
+#include "provider/overlapped/overlapped_completion.h"
 #include "provider/overlapped/overlapped_manager.h"
 
 namespace {
@@ -40,28 +41,25 @@ int AnswerExtensionQuery(SocketContext* context, const IoctlBuffers& buffers, bo
         !GuardedCall([&]() noexcept { std::memcpy(&id, buffers.Input, sizeof(id)); })) {
         return Fail(WSAEFAULT, error);
     }
-    ExtensionFunction function;
-    if (FindExtensionFunction(id, &function)) {
+    if (const ExtensionFunction* const function = FindExtensionFunction(id)) {
         // A function that the lower provider lacks is only missed when it is called.
-        LoadLowerExtension(context, function);
-        return AnswerWithWord(LayerExtensionAddress(function), buffers, error);
+        LoadLowerExtension(context, *function);
+        return AnswerWithWord(function->LayerAddress(), buffers, error);
     }
     *forward = IsForwardedExtension(id);
     return *forward ? 0 : Fail(WSAEINVAL, error);
 }
 
 OverlappedOperation* PrepareIoctl(SocketContext* context, DWORD code, const IoctlBuffers& buffers,
-                                  LPWSAOVERLAPPED overlapped,
-                                  LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine,
-                                  LPWSATHREADID threadId, LPINT error) {
+                                  const CallerNotice& notice, LPINT error) {
     DWORD bytes = 0;
     if (buffers.BytesReturned != nullptr &&
         !GuardedCall([&]() noexcept { bytes = *buffers.BytesReturned; })) {
         *error = WSAEFAULT;
         return nullptr;
     }
-    OverlappedOperation* const operation = PrepareOverlappedOperation(
-        context, OverlappedType::kIoctl, nullptr, 0, overlapped, completionRoutine, threadId, error);
+    OverlappedOperation* const operation =
+        PrepareOverlappedOperation(context, OverlappedType::kIoctl, notice, {}, error);
     if (operation == nullptr) return nullptr;
     operation->Ioctl = {code,           buffers.Input,        buffers.InputLength,
                         buffers.Output, buffers.OutputLength, bytes};
@@ -94,7 +92,7 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD code, LPVOID input, DWORD inputLength, LPVOI
     }
     if (overlapped != nullptr) {
         OverlappedOperation* const operation =
-            PrepareIoctl(context.Get(), code, buffers, overlapped, completionRoutine, threadId, error);
+            PrepareIoctl(context.Get(), code, buffers, {overlapped, completionRoutine, threadId}, error);
         if (operation == nullptr) return SOCKET_ERROR;
         if (answersItself) {
             CompleteOverlappedOperation(0, sizeof(SOCKET), &operation->ProviderOverlapped, 0);

@@ -2,7 +2,7 @@
 #include <guarded_call.h>
 
 #include "provider/operations/operations.h"
-#include "provider/overlapped/overlapped_manager.h"
+#include "provider/overlapped/caller_record.h"
 
 namespace {
 
@@ -18,9 +18,7 @@ struct OverlappedState {
 bool Look(const WSAOVERLAPPED* overlapped, OverlappedState* state) {
     return overlapped != nullptr && GuardedCall([&]() noexcept {
                state->InProgress = IsOverlappedInProgress(overlapped);
-               // The lowest bit only says that a completion port is not to be told.
-               state->Event =
-                   reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1});
+               state->Event = EventOf(overlapped);
            });
 }
 

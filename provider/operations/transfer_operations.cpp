@@ -37,31 +37,36 @@ int QueueTransfer(OverlappedOperation* operation, SocketContext* context, LPINT 
     return result == 0 ? 0 : Fail(result, error);
 }
 
-int QueueReceive(SOCKET s, SocketContext* context, OverlappedType type, LPWSABUF buffers, DWORD count,
-                 LPDWORD bytesReceived, LPDWORD flags, sockaddr* from, LPINT fromLength,
-                 LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine,
-                 LPWSATHREADID threadId, LPINT error) {
+/// What a receive has beside its buffers, all of it the application's own.
+struct ReceiveArguments {
+    LPDWORD BytesReceived;
+    LPDWORD Flags;
+    sockaddr* From = nullptr;
+    LPINT FromLength = nullptr;
+};
+
+int QueueReceive(SocketContext* context, OverlappedType type, const CallerBuffers& buffers,
+                 const ReceiveArguments& arguments, const CallerNotice& notice, LPINT error) {
+    const int s = static_cast<int>(SOCKET{context->LayeredSocket});
+    const int record = static_cast<int>(reinterpret_cast<ULONG_PTR>(notice.Overlapped));
     DWORD givenBytes = 0;
     DWORD givenFlags = 0;
     if (!GuardedCall([&]() noexcept {
-            givenBytes = ReadOptional(bytesReceived);
-            givenFlags = ReadOptional(flags);
+            givenBytes = ReadOptional(arguments.BytesReceived);
+            givenFlags = ReadOptional(arguments.Flags);
         })) {
-        Trace("ERROR:WSPRecv: Overlapped exception! %d, ovl:%d..", static_cast<int>(s),
-              static_cast<int>(reinterpret_cast<ULONG_PTR>(overlapped)));
+        Trace("ERROR:WSPRecv: Overlapped exception! %d, ovl:%d..", s, record);
         return Fail(WSAEFAULT, error);
     }
-    OverlappedOperation* const operation = PrepareOverlappedOperation(
-        context, type, buffers, count, overlapped, completionRoutine, threadId, error);
+    OverlappedOperation* const operation = PrepareOverlappedOperation(context, type, notice, buffers, error);
     if (operation == nullptr) {
-        Trace("ERROR:WSPRecv: Overlapped is null! %d, ovl:%d. error = %d.", static_cast<int>(s),
-              static_cast<int>(reinterpret_cast<ULONG_PTR>(overlapped)), *error);
+        Trace("ERROR:WSPRecv: Overlapped is null! %d, ovl:%d. error = %d.", s, record, *error);
         return SOCKET_ERROR;
     }
     operation->Transfer.Bytes = givenBytes;
     operation->Transfer.Flags = givenFlags;
-    operation->Transfer.From = from;
-    operation->Transfer.FromLength = fromLength;
+    operation->Transfer.From = arguments.From;
+    operation->Transfer.FromLength = arguments.FromLength;
     return QueueTransfer(operation, context, error);
 }
 
@@ -96,8 +101,8 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
     if (!context) return SOCKET_ERROR;
     const bool mayReceive = ClearVerdictBlock(context.Get());
     if (overlapped != nullptr) {
-        return QueueReceive(s, context.Get(), OverlappedType::kRecv, buffers, count, bytesReceived, flags,
-                            nullptr, nullptr, overlapped, completionRoutine, threadId, error);
+        return QueueReceive(context.Get(), OverlappedType::kRecv, {buffers, count}, {bytesReceived, flags},
+                            {overlapped, completionRoutine, threadId}, error);
     }
     if (!mayReceive) return FailBlocked(context.Get(), error);
 
@@ -120,8 +125,9 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     if (!context) return SOCKET_ERROR;
     const bool mayReceive = ClearVerdictBlock(context.Get());
     if (overlapped != nullptr) {
-        return QueueReceive(s, context.Get(), OverlappedType::kRecvFrom, buffers, count, bytesReceived, flags,
-                            from, fromLength, overlapped, completionRoutine, threadId, error);
+        return QueueReceive(context.Get(), OverlappedType::kRecvFrom, {buffers, count},
+                            {bytesReceived, flags, from, fromLength},
+                            {overlapped, completionRoutine, threadId}, error);
     }
     if (!mayReceive) return FailBlocked(context.Get(), error);
 
@@ -147,8 +153,8 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
     if (!context) return SOCKET_ERROR;
     if (overlapped != nullptr) {
         OverlappedOperation* const operation =
-            PrepareOverlappedOperation(context.Get(), OverlappedType::kSend, buffers, count, overlapped,
-                                       completionRoutine, threadId, error);
+            PrepareOverlappedOperation(context.Get(), OverlappedType::kSend,
+                                       {overlapped, completionRoutine, threadId}, {buffers, count}, error);
         if (operation == nullptr) return SOCKET_ERROR;
         operation->Transfer.Flags = flags;
         return QueueTransfer(operation, context.Get(), error);
@@ -178,8 +184,8 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
     const auto* const target = to != nullptr ? reinterpret_cast<const sockaddr*>(&destination) : nullptr;
     if (overlapped != nullptr) {
         OverlappedOperation* const operation =
-            PrepareOverlappedOperation(context.Get(), OverlappedType::kSendTo, buffers, count, overlapped,
-                                       completionRoutine, threadId, error);
+            PrepareOverlappedOperation(context.Get(), OverlappedType::kSendTo,
+                                       {overlapped, completionRoutine, threadId}, {buffers, count}, error);
         if (operation == nullptr) return SOCKET_ERROR;
         operation->Transfer.Flags = flags;
         operation->Transfer.ToLength = target != nullptr ? toLength : 0;

@@ -3,22 +3,17 @@
 //
 // A request is reported once: either here, or by FailOverlappedOperation when nothing of it reached the lower
 // provider. After the application has been told, its record is its own again and is not touched any more.
-#include <winsock2.h>
+#include "provider/overlapped/overlapped_completion.h"
 
 #include <guarded_call.h>
 
 #include "provider/catalog/catalog.h"
 #include "provider/catalog/lower_call.h"
-#include "provider/overlapped/overlapped_manager.h"
+#include "provider/overlapped/caller_record.h"
+#include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"
 
 namespace {
-
-struct Outcome {
-    DWORD Bytes;
-    DWORD Flags;
-    INT Error;
-};
 
 /// The context that the record counts in, found without its handle. Null once the catalog that it belonged to
 /// was given up.
@@ -75,53 +70,24 @@ Outcome FetchOutcome(OverlappedOperation* operation, SocketContext* context) {
 bool ReleaseAcceptingSocket(const OverlappedOperation* operation, const Outcome& outcome) {
     INT ignored = 0;
     const ContextReference accepting(operation->AcceptEx.AcceptingSocket, &ignored);
-    if (!accepting || !AcquireSocketLock(accepting.Get())) return false;
-    if (accepting->OutstandingAsync > 0) --accepting->OutstandingAsync;
+    if (!accepting) return false;
     if (outcome.Error == 0) accepting->BytesRecv.FetchAdd(outcome.Bytes);
-    ReleaseSocketLock(accepting.Get());
+    UncountRequest(accepting.Get());
     return true;
 }
 
 void Count(const OverlappedOperation* operation, SocketContext* context, Outcome* outcome) {
-    switch (operation->Operation) {
-        case OverlappedType::kAcceptEx:
-            if (!ReleaseAcceptingSocket(operation, *outcome) && outcome->Error == 0)
-                outcome->Error = WSAENOTSOCK;
-            return;
-        case OverlappedType::kRecv:
-        case OverlappedType::kRecvFrom:
-        case OverlappedType::kWsaRecvMsg:
-            if (outcome->Error == 0) context->BytesRecv.FetchAdd(outcome->Bytes);
-            return;
-        case OverlappedType::kSend:
-        case OverlappedType::kSendTo:
-        case OverlappedType::kTransmitFile:
-        case OverlappedType::kTransmitPackets:
-        case OverlappedType::kConnectEx:
-            if (outcome->Error == 0) context->BytesSent.FetchAdd(outcome->Bytes);
-            return;
-        case OverlappedType::kIoctl:
-        case OverlappedType::kDisconnectEx:
-            return;
+    const auto counter = RowOf(operation->Operation).Counter;
+    if (operation->Operation == OverlappedType::kAcceptEx) {
+        if (!ReleaseAcceptingSocket(operation, *outcome) && outcome->Error == 0) outcome->Error = WSAENOTSOCK;
+    } else if (counter != nullptr && outcome->Error == 0) {
+        (context->*counter).FetchAdd(outcome->Bytes);
     }
-}
-
-/// The state that the application reads; `internal` last, since it ends the request for whoever polls.
-bool WriteState(LPWSAOVERLAPPED overlapped, const Outcome& outcome, ULONG_PTR internal) {
-    return GuardedCall([&]() noexcept {
-        overlapped->Offset = outcome.Flags;
-        overlapped->OffsetHigh = static_cast<DWORD>(outcome.Error);
-        overlapped->InternalHigh = outcome.Bytes;
-        PublishWord(&overlapped->Internal, internal);
-    });
 }
 
 /// Uncounts the request; the last one of a closing socket ends its context. `reference` is dropped.
 void LetGo(OverlappedOperation* operation, SocketContext* reference) {
-    if (AcquireSocketLock(reference)) {
-        if (reference->OutstandingAsync > 0) --reference->OutstandingAsync;
-        ReleaseSocketLock(reference);
-    }
+    UncountRequest(reference);
     DerefSocketContext(reference, &operation->CleanupError);
     ReleaseOverlappedRecord(operation);
 }
@@ -146,7 +112,7 @@ void CALLBACK RunCompletionRoutine(DWORD_PTR record) {
 /// Queues the application's routine to its thread. False when that can't be done: the thread has ended.
 bool QueueCompletionRoutine(OverlappedOperation* operation, const Outcome& outcome) {
     const auto routine = reinterpret_cast<ULONG_PTR>(operation->CallerCompletionRoutine);
-    if (!WriteState(operation->CallerOverlapped, outcome, routine)) return false;
+    if (!WriteOutcome(operation->CallerOverlapped, outcome, routine)) return false;
     INT ignored = 0;
     return UpcallTable.lpWPUQueueApc(&operation->CallerThreadId, RunCompletionRoutine,
                                      reinterpret_cast<DWORD_PTR>(operation), &ignored) != SOCKET_ERROR;
@@ -159,7 +125,7 @@ void NotifyApplication(const OverlappedOperation* operation, const Outcome& outc
             overlapped->Offset = outcome.Flags;
             overlapped->OffsetHigh = static_cast<DWORD>(outcome.Error);
             overlapped->InternalHigh = outcome.Bytes;
-            event = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(overlapped->hEvent) & ~ULONG_PTR{1});
+            event = EventOf(overlapped);
         })) {
         return;
     }
@@ -169,7 +135,7 @@ void NotifyApplication(const OverlappedOperation* operation, const Outcome& outc
         return;
     }
     // Winsock has not told it: whoever polls or waits for the event must not wait for ever.
-    if (WriteState(overlapped, outcome, 0) && event != nullptr) SetEvent(event);
+    if (WriteOutcome(overlapped, outcome, 0) && event != nullptr) SetEvent(event);
 }
 
 void CloseThreadId(WSATHREADID* thread) {
@@ -216,12 +182,9 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
 
 void FailOverlappedOperation(OverlappedOperation* operation, SocketContext* context, INT error) {
     const Outcome outcome = {0, 0, error};
-    WriteState(operation->CallerOverlapped, outcome, 0);
+    WriteOutcome(operation->CallerOverlapped, outcome, 0);
     if (operation->Operation == OverlappedType::kAcceptEx) ReleaseAcceptingSocket(operation, outcome);
     if (operation->CloseThread) CloseThreadId(&operation->CallerThreadId);
-    if (AcquireSocketLock(context)) {
-        if (context->OutstandingAsync > 0) --context->OutstandingAsync;
-        ReleaseSocketLock(context);
-    }
+    UncountRequest(context);
     ReleaseOverlappedRecord(operation);
 }

@@ -3,13 +3,12 @@
 #include "provider/overlapped/overlapped_execution.h"
 
 #include <cstring>
+#include <iterator>
 
 #include "provider/catalog/lower_call.h"
 #include "provider/contexts/connect_route.h"
 #include "provider/contexts/lower_socket_use.h"
 #include "provider/interception.h"
-#include "provider/operations/extension_functions.h"
-#include "provider/overlapped/overlapped_records.h"
 
 namespace {
 
@@ -136,7 +135,7 @@ int SendTo(OverlappedOperation* operation, SocketContext* context, const Complet
     });
 }
 
-int Ioctl(OverlappedOperation* operation, const CompletionNotice& notice) {
+int Ioctl(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     IoctlArguments& ioctl = operation->Ioctl;
     return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPIoctl(operation->ProviderSocket, ioctl.Code, ioctl.Input, ioctl.InputLength,
@@ -145,7 +144,7 @@ int Ioctl(OverlappedOperation* operation, const CompletionNotice& notice) {
     });
 }
 
-int Connect(OverlappedOperation* operation, SocketContext* context) {
+int Connect(OverlappedOperation* operation, SocketContext* context, const CompletionNotice&) {
     ConnectExArguments& connect = operation->ConnectEx;
     ConnectTarget target;
     target.name = connect.Name;
@@ -161,7 +160,7 @@ int Connect(OverlappedOperation* operation, SocketContext* context) {
     });
 }
 
-int Accept(OverlappedOperation* operation) {
+int Accept(OverlappedOperation* operation, SocketContext*, const CompletionNotice&) {
     AcceptExArguments& accept = operation->AcceptEx;
     // May have been closed while the request waited for a worker.
     INT error = 0;
@@ -176,7 +175,7 @@ int Accept(OverlappedOperation* operation) {
     });
 }
 
-int TransmitFileBelow(OverlappedOperation* operation) {
+int TransmitFileBelow(OverlappedOperation* operation, SocketContext*, const CompletionNotice&) {
     const TransmitFileArguments& file = operation->TransmitFile;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.TransmitFile(operation->ProviderSocket, file.File, file.BytesToWrite, file.BytesPerSend,
@@ -184,14 +183,14 @@ int TransmitFileBelow(OverlappedOperation* operation) {
     });
 }
 
-int Disconnect(OverlappedOperation* operation) {
+int Disconnect(OverlappedOperation* operation, SocketContext*, const CompletionNotice&) {
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.DisconnectEx(operation->ProviderSocket, &operation->ProviderOverlapped,
                                   operation->DisconnectEx.Flags, operation->DisconnectEx.Reserved) != FALSE;
     });
 }
 
-int TransmitPacketsBelow(OverlappedOperation* operation) {
+int TransmitPacketsBelow(OverlappedOperation* operation, SocketContext*, const CompletionNotice&) {
     const TransmitPacketsArguments& packets = operation->TransmitPackets;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.TransmitPackets(operation->ProviderSocket, packets.Packets, packets.ElementCount,
@@ -200,7 +199,7 @@ int TransmitPacketsBelow(OverlappedOperation* operation) {
     });
 }
 
-int ReceiveMessageBelow(OverlappedOperation* operation, const CompletionNotice& notice) {
+int ReceiveMessageBelow(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     WsaRecvMsgArguments& receive = operation->WSARecvMsg;
     return CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.WSARecvMsg(operation->ProviderSocket, receive.Message, &receive.BytesReceived,
@@ -208,47 +207,43 @@ int ReceiveMessageBelow(OverlappedOperation* operation, const CompletionNotice& 
     });
 }
 
+constexpr auto kSent = &SocketContext::BytesSent;
+constexpr auto kReceived = &SocketContext::BytesRecv;
+
+/// In the order of the numbers.
+constexpr OverlappedTypeRow kTypes[] = {
+    {OverlappedType::kIoctl, true, Ioctl, nullptr},
+    {OverlappedType::kRecv, true, Receive, kReceived},
+    {OverlappedType::kRecvFrom, true, ReceiveFrom, kReceived},
+    {OverlappedType::kSend, true, Send, kSent},
+    {OverlappedType::kSendTo, true, SendTo, kSent},
+    {OverlappedType::kTransmitFile, false, TransmitFileBelow, kSent},
+    {OverlappedType::kAcceptEx, false, Accept, kReceived},
+    {OverlappedType::kConnectEx, false, Connect, kSent},
+    {OverlappedType::kDisconnectEx, false, Disconnect, nullptr},
+    {OverlappedType::kTransmitPackets, false, TransmitPacketsBelow, kSent},
+    {OverlappedType::kWsaRecvMsg, true, ReceiveMessageBelow, kReceived},
+};
+
+constexpr std::size_t PlaceOf(OverlappedType type) {
+    return static_cast<std::size_t>(type) - 1;
+}
+
+constexpr bool StandInOrder() {
+    for (std::size_t i = 0; i < std::size(kTypes); ++i) {
+        if (PlaceOf(kTypes[i].Type) != i) return false;
+    }
+    return true;
+}
+static_assert(StandInOrder(), "a type is found by its number");
+
 }  // namespace
+
+const OverlappedTypeRow& RowOf(OverlappedType type) {
+    return kTypes[PlaceOf(type)];
+}
 
 int CallLowerOverlapped(OverlappedOperation* operation, SocketContext* context,
                         const CompletionNotice& notice) {
-    switch (operation->Operation) {
-        case OverlappedType::kIoctl:
-            return Ioctl(operation, notice);
-        case OverlappedType::kRecv:
-            return Receive(operation, context, notice);
-        case OverlappedType::kRecvFrom:
-            return ReceiveFrom(operation, context, notice);
-        case OverlappedType::kSend:
-            return Send(operation, context, notice);
-        case OverlappedType::kSendTo:
-            return SendTo(operation, context, notice);
-        case OverlappedType::kTransmitFile:
-            return TransmitFileBelow(operation);
-        case OverlappedType::kAcceptEx:
-            return Accept(operation);
-        case OverlappedType::kConnectEx:
-            return Connect(operation, context);
-        case OverlappedType::kDisconnectEx:
-            return Disconnect(operation);
-        case OverlappedType::kTransmitPackets:
-            return TransmitPacketsBelow(operation);
-        case OverlappedType::kWsaRecvMsg:
-            return ReceiveMessageBelow(operation, notice);
-    }
-    return WSAEINVAL;
-}
-
-bool TakesCompletionRoutine(OverlappedType type) {
-    switch (type) {
-        case OverlappedType::kIoctl:
-        case OverlappedType::kRecv:
-        case OverlappedType::kRecvFrom:
-        case OverlappedType::kSend:
-        case OverlappedType::kSendTo:
-        case OverlappedType::kWsaRecvMsg:
-            return true;
-        default:
-            return false;
-    }
+    return RowOf(operation->Operation).Execute(operation, context, notice);
 }

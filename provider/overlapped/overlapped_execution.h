@@ -1,7 +1,10 @@
 // Hands one overlapped request to the lower provider.
 #pragma once
 
-#include "provider/overlapped/overlapped_manager.h"
+#include <cstdint>
+
+#include "provider/contexts/socket_context.h"
+#include "provider/overlapped/overlapped_operation.h"
 
 /// How the layer learns that a lower request has ended.
 struct CompletionNotice {
@@ -11,11 +14,20 @@ struct CompletionNotice {
     LPWSATHREADID Thread = nullptr;
 };
 
+/// What is particular to one type of request.
+struct OverlappedTypeRow {
+    OverlappedType Type;
+    bool TakesCompletionRoutine;  ///< the lower function can be given one
+    /// Makes the lower call, after the analysis has had its look.
+    int (*Execute)(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice);
+    /// The counter that gets the bytes of a request that succeeded; AcceptEx: of the accepting socket.
+    Atomic<std::uint64_t> SocketContext::*Counter;
+};
+
+const OverlappedTypeRow& RowOf(OverlappedType type);
+
 /// Shows a send to the analysis, or asks for a verdict for a connect, then makes the lower call. `context` is
 /// the socket's, referenced by the caller. 0 when the lower call succeeded (its completion is still to come),
 /// WSA_IO_PENDING, or the Winsock error with which it was refused: nothing will then come from below.
 int CallLowerOverlapped(OverlappedOperation* operation, SocketContext* context,
                         const CompletionNotice& notice);
-
-/// Whether the lower function of this type can be given a completion routine.
-bool TakesCompletionRoutine(OverlappedType type);

@@ -1,9 +1,11 @@
+// A lock-guarded free list, a list of what is in use, and a queue.
 #include "provider/overlapped/overlapped_records.h"
 
 #include <cstddef>
 #include <cstring>
 
 #include "provider/catalog/catalog.h"
+#include "provider/contexts/socket_context.h"
 #include "provider/process_state.h"
 
 namespace {
@@ -74,6 +76,18 @@ OverlappedOperation* TakeOverlappedRecord(SocketContext* context) {
     }
     ReleaseSocketLock(context);
     return operation;
+}
+
+void CountRequest(SocketContext* context) {
+    if (!AcquireSocketLock(context)) return;
+    ++context->OutstandingAsync;
+    ReleaseSocketLock(context);
+}
+
+void UncountRequest(SocketContext* context) {
+    if (!AcquireSocketLock(context)) return;
+    if (context->OutstandingAsync > 0) --context->OutstandingAsync;
+    ReleaseSocketLock(context);
 }
 
 void ReleaseOverlappedRecord(OverlappedOperation* operation) {

@@ -6,7 +6,7 @@
 
 #include "platform/testing/clock.h"
 #include "provider/operations/extension_functions.h"
-#include "provider/overlapped/overlapped_manager.h"
+#include "provider/overlapped/caller_record.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 

@@ -12,6 +12,8 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "provider/operations/extension_functions.h"
+#include "provider/overlapped/caller_record.h"
+#include "provider/overlapped/overlapped_completion.h"
 #include "tests/provider/fake_winsock.h"
 #include "tests/support/callback.h"
 
@@ -89,8 +91,7 @@ class OverlappedManager : public FakeWinsock {
     }
 
     OverlappedOperation* Prepare(SOCKET s, LPWSAOVERLAPPED overlapped) {
-        return PrepareOverlappedOperation(ContextOf(s), OverlappedType::kRecv, nullptr, 0, overlapped,
-                                          nullptr, nullptr, &error_);
+        return PrepareOverlappedOperation(ContextOf(s), OverlappedType::kRecv, {overlapped}, {}, &error_);
     }
 
     /// Has the worker make a lower call that stays inside until the gate is opened.
