@@ -9,8 +9,7 @@
 #include "base/trace.h"
 #include "provider/catalog/lower_call.h"
 #include "provider/contexts/socket_context.h"
-#include "provider/catalog/lower_call.h"
-#include "provider/contexts/socket_context.h"
+#include "provider/operation_failure.h"
 #include "provider/overlapped/overlapped_manager.h"
 #include "provider/overlapped/overlapped_records.h"
 
@@ -66,10 +65,10 @@ constexpr GUID kGetAcceptExSockaddrs = WSAID_GETACCEPTEXSOCKADDRS;
 
 /// Runs one extension function on `s`: with a record of the application's as an overlapped request of `type`,
 /// for which `fill(operation)` stores the arguments, else by `direct(lower functions, lower socket)`, which
-/// tells success.
+/// tells success. `bytes`, or null, is where the application wants the count of a request that is done.
 template <class Fill, class Direct>
 BOOL RunExtension(SOCKET s, const ExtensionFunction& function, OverlappedType type,
-                  const CallerNotice& notice, Fill fill, Direct direct) {
+                  const CallerNotice& notice, LPDWORD bytes, Fill fill, Direct direct) {
     INT error = 0;
     BOOL result = FALSE;
     {
@@ -81,14 +80,18 @@ BOOL RunExtension(SOCKET s, const ExtensionFunction& function, OverlappedType ty
                 PrepareOverlappedOperation(context.Get(), type, notice, {}, &error);
             if (operation != nullptr) {
                 fill(operation);
-                error = QueueOverlappedOperation(operation, context.Get());
+                const Outcome queued = QueueOverlappedOperation(operation, context.Get());
+                error = queued.Error;
                 result = error == 0;
+                if (result && bytes != nullptr) GuardedCall([&]() noexcept { *bytes = queued.Bytes; });
             }
         } else if (context) {
             LspEntry* const provider = context->Provider;
             result = CallLower(provider, BOOL{FALSE}, &error, [&]() noexcept {
+                // What an earlier call has left is not this one's error.
+                WSASetLastError(0);
                 const BOOL done = direct(provider->Extensions, context->ProviderSocket) ? TRUE : FALSE;
-                if (!done) error = WSAGetLastError();
+                if (!done) error = LowerError(WSAGetLastError());
                 return done;
             });
         }
@@ -118,7 +121,7 @@ bool IsForwardedExtension(const GUID& id) {
 BOOL WINAPI LayerTransmitFile(SOCKET s, HANDLE file, DWORD bytesToWrite, DWORD bytesPerSend,
                               LPOVERLAPPED overlapped, LPTRANSMIT_FILE_BUFFERS buffers, DWORD flags) {
     return RunExtension(
-        s, kTransmitFile, OverlappedType::kTransmitFile, {overlapped},
+        s, kTransmitFile, OverlappedType::kTransmitFile, {overlapped}, nullptr,
         [&](OverlappedOperation* operation) {
             operation->TransmitFile = {file, bytesToWrite, bytesPerSend, buffers, flags};
         },
@@ -135,7 +138,7 @@ BOOL WINAPI LayerAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD
     if (!acceptingContext) return FailExtension(error);
     const SOCKET lowerAccepting = acceptingContext->ProviderSocket;
     return RunExtension(
-        listener, kAcceptEx, OverlappedType::kAcceptEx, {overlapped},
+        listener, kAcceptEx, OverlappedType::kAcceptEx, {overlapped}, bytesReceived,
         [&](OverlappedOperation* operation) {
             operation->AcceptEx = {accepting,   lowerAccepting, output, receiveLength,
                                    localLength, remoteLength,   0};
@@ -153,7 +156,7 @@ BOOL WINAPI LayerConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID se
     SOCKADDR_STORAGE copy;
     if (overlapped != nullptr && !CopyCallerName(name, namelen, &copy)) return FailExtension(WSAEFAULT);
     return RunExtension(
-        s, kConnectEx, OverlappedType::kConnectEx, {overlapped},
+        s, kConnectEx, OverlappedType::kConnectEx, {overlapped}, bytesSent,
         [&](OverlappedOperation* operation) {
             operation->ConnectEx = {copy, namelen, sendBuffer, sendLength, 0};
         },
@@ -165,7 +168,7 @@ BOOL WINAPI LayerConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID se
 
 BOOL WINAPI LayerDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DWORD reserved) {
     return RunExtension(
-        s, kDisconnectEx, OverlappedType::kDisconnectEx, {overlapped},
+        s, kDisconnectEx, OverlappedType::kDisconnectEx, {overlapped}, nullptr,
         [&](OverlappedOperation* operation) {
             operation->DisconnectEx = {flags, reserved};
         },
@@ -177,7 +180,7 @@ BOOL WINAPI LayerDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DW
 BOOL WINAPI LayerTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, DWORD count, DWORD sendSize,
                                  LPOVERLAPPED overlapped, DWORD flags) {
     return RunExtension(
-        s, kTransmitPackets, OverlappedType::kTransmitPackets, {overlapped},
+        s, kTransmitPackets, OverlappedType::kTransmitPackets, {overlapped}, nullptr,
         [&](OverlappedOperation* operation) {
             operation->TransmitPackets = {packets, count, sendSize, flags};
         },
@@ -189,7 +192,7 @@ BOOL WINAPI LayerTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, D
 INT WINAPI LayerWSARecvMsg(SOCKET s, LPWSAMSG message, LPDWORD bytesReceived, LPWSAOVERLAPPED overlapped,
                            LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine) {
     const BOOL done = RunExtension(
-        s, kWsaRecvMsg, OverlappedType::kWsaRecvMsg, {overlapped, completionRoutine},
+        s, kWsaRecvMsg, OverlappedType::kWsaRecvMsg, {overlapped, completionRoutine}, bytesReceived,
         [&](OverlappedOperation* operation) {
             operation->WSARecvMsg = {message, 0};
         },

@@ -98,12 +98,15 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD code, LPVOID input, DWORD inputLength, LPVOI
             CompleteOverlappedOperation(0, sizeof(SOCKET), &operation->ProviderOverlapped, 0);
             return 0;
         }
-        const INT queued = QueueOverlappedOperation(operation, context.Get());
-        return queued == 0 ? 0 : Fail(queued, error);
+        const Outcome queued = QueueOverlappedOperation(operation, context.Get());
+        if (queued.Error != 0) return Fail(queued.Error, error);
+        if (bytesReturned != nullptr) GuardedCall([&]() noexcept { *bytesReturned = queued.Bytes; });
+        return 0;
     }
-    return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPIoctl(context->ProviderSocket, code, input, inputLength, output,
                                                     outputLength, bytesReturned, nullptr, completionRoutine,
                                                     threadId, error);
     });
+    return LowerResult(result, error);
 }

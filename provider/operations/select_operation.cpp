@@ -115,6 +115,7 @@ class TranslatedSet {
 
 int WSPAPI WSPSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, const PTIMEVAL timeout,
                      LPINT error) {
+    *error = 0;
     TranslatedSet reads(readSet);
     TranslatedSet writes(writeSet);
     TranslatedSet excepts(exceptSet);
@@ -130,7 +131,7 @@ int WSPAPI WSPSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* except
         return provider->LowerProcedures.lpWSPSelect(nfds, reads.Lower(), writes.Lower(), excepts.Lower(),
                                                      timeout, error);
     });
-    if (result == SOCKET_ERROR) return result;
+    if (result == SOCKET_ERROR) return LowerResult(result, error);
 
     std::array<SOCKET, 3 * kSetCapacity> reported;
     unsigned int reportedCount = 0;

@@ -26,15 +26,23 @@ bool ClearVerdictBlock(SocketContext* context) {
     return true;
 }
 
-/// The value behind an optional pointer of the application; 0 without one.
-DWORD ReadOptional(const DWORD* value) {
-    return value != nullptr ? *value : 0;
+/// Reads the value behind an optional pointer of the application; 0 without one. False when it can't be read.
+bool ReadOptional(const DWORD* value, DWORD* copy) {
+    *copy = 0;
+    return value == nullptr || GuardedCall([&]() noexcept { *copy = *value; });
 }
 
-/// What the manager made of a request, as the operation's result.
-int QueueTransfer(OverlappedOperation* operation, SocketContext* context, LPINT error) {
-    const int result = QueueOverlappedOperation(operation, context);
-    return result == 0 ? 0 : Fail(result, error);
+/// What the manager made of a request, as the operation's result. The application's variables, where there
+/// are any, are written for one that is done.
+int QueueTransfer(OverlappedOperation* operation, SocketContext* context, LPDWORD bytes, LPDWORD flags,
+                  LPINT error) {
+    const Outcome queued = QueueOverlappedOperation(operation, context);
+    if (queued.Error != 0) return Fail(queued.Error, error);
+    GuardedCall([&]() noexcept {
+        if (bytes != nullptr) *bytes = queued.Bytes;
+        if (flags != nullptr) *flags = queued.Flags;
+    });
+    return 0;
 }
 
 /// What a receive has beside its buffers, all of it the application's own.
@@ -51,10 +59,7 @@ int QueueReceive(SocketContext* context, OverlappedType type, const CallerBuffer
     const int record = static_cast<int>(reinterpret_cast<ULONG_PTR>(notice.Overlapped));
     DWORD givenBytes = 0;
     DWORD givenFlags = 0;
-    if (!GuardedCall([&]() noexcept {
-            givenBytes = ReadOptional(arguments.BytesReceived);
-            givenFlags = ReadOptional(arguments.Flags);
-        })) {
+    if (!ReadOptional(arguments.BytesReceived, &givenBytes) || !ReadOptional(arguments.Flags, &givenFlags)) {
         Trace("ERROR:WSPRecv: Overlapped exception! %d, ovl:%d..", s, record);
         return Fail(WSAEFAULT, error);
     }
@@ -67,13 +72,15 @@ int QueueReceive(SocketContext* context, OverlappedType type, const CallerBuffer
     operation->Transfer.Flags = givenFlags;
     operation->Transfer.From = arguments.From;
     operation->Transfer.FromLength = arguments.FromLength;
-    return QueueTransfer(operation, context, error);
+    return QueueTransfer(operation, context, arguments.BytesReceived, arguments.Flags, error);
 }
 
-/// The bytes of a receive: what came, and nothing when it failed, whatever the application's variable holds.
-DWORD CountReceived(SocketContext* context, int result, const DWORD* bytesReceived) {
-    const DWORD bytes = result != SOCKET_ERROR ? ReadOptional(bytesReceived) : 0;
-    if (bytes != 0) context->BytesRecv.FetchAdd(bytes);
+/// Counts what a call has moved: nothing when it failed, whatever the application's variable holds. That may
+/// be gone by now.
+DWORD CountMoved(Atomic<std::uint64_t>* counter, int result, const DWORD* transferred) {
+    DWORD bytes = 0;
+    if (result == SOCKET_ERROR || !ReadOptional(transferred, &bytes)) return 0;
+    counter->FetchAdd(bytes);
     return bytes;
 }
 
@@ -111,9 +118,9 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
         return provider->LowerProcedures.lpWSPRecv(context->ProviderSocket, buffers, count, bytesReceived,
                                                    flags, nullptr, nullptr, threadId, error);
     });
-    const DWORD received = CountReceived(context.Get(), result, bytesReceived);
+    const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
     AnalyzeReceived(context.Get(), buffers, count, &received);
-    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+    return context->Blocked ? FailBlocked(context.Get(), error) : LowerResult(result, error);
 }
 
 int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
@@ -137,12 +144,12 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
                                                        flags, from, fromLength, nullptr, nullptr, threadId,
                                                        error);
     });
-    const DWORD received = CountReceived(context.Get(), result, bytesReceived);
+    const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
     SOCKADDR_STORAGE source;
     const bool hasSource = result != SOCKET_ERROR && StoreSource(context.Get(), from, fromLength, &source);
     AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
                         hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+    return context->Blocked ? FailBlocked(context.Get(), error) : LowerResult(result, error);
 }
 
 int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -157,7 +164,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
                                        {overlapped, completionRoutine, threadId}, {buffers, count}, error);
         if (operation == nullptr) return SOCKET_ERROR;
         operation->Transfer.Flags = flags;
-        return QueueTransfer(operation, context.Get(), error);
+        return QueueTransfer(operation, context.Get(), bytesSent, nullptr, error);
     }
     AnalyzeSent(context.Get(), buffers, count);
     if (context->Blocked) return FailBlocked(context.Get(), error);
@@ -167,8 +174,8 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
         return provider->LowerProcedures.lpWSPSend(context->ProviderSocket, buffers, count, bytesSent, flags,
                                                    nullptr, nullptr, threadId, error);
     });
-    if (result != SOCKET_ERROR) context->BytesSent.FetchAdd(ReadOptional(bytesSent));
-    return result;
+    CountMoved(&context->BytesSent, result, bytesSent);
+    return LowerResult(result, error);
 }
 
 int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -190,7 +197,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
         operation->Transfer.Flags = flags;
         operation->Transfer.ToLength = target != nullptr ? toLength : 0;
         if (target != nullptr) operation->Transfer.To = destination;
-        return QueueTransfer(operation, context.Get(), error);
+        return QueueTransfer(operation, context.Get(), bytesSent, nullptr, error);
     }
     if (target != nullptr) {
         context->DestinationAddressLength = toLength;
@@ -205,6 +212,6 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
                                                      flags, target, toLength, nullptr, nullptr, threadId,
                                                      error);
     });
-    if (result != SOCKET_ERROR) context->BytesSent.FetchAdd(ReadOptional(bytesSent));
-    return result;
+    CountMoved(&context->BytesSent, result, bytesSent);
+    return LowerResult(result, error);
 }

@@ -1,6 +1,6 @@
 // The overlapped manager without a completion port: a single worker makes the lower calls, so that their
-// completion routines run on it while it waits alertably; the extension functions, which take no routine,
-// signal an event that it waits for too.
+// completion routines run on it while it waits alertably. The ends of those that take no routine, the
+// extension functions', are waited for elsewhere (event_waiter.h).
 #pragma once
 
 #include "provider/overlapped/overlapped_operation.h"

@@ -3,18 +3,21 @@
 
 #include <guarded_call.h>
 
-INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine) {
-    INT error = 0;
-    const bool readable = GuardedCall([&]() noexcept {
-        const HANDLE event = hasRoutine ? nullptr : EventOf(overlapped);
-        if (event != nullptr && !ResetEvent(event)) {
-            error = WSA_INVALID_HANDLE;
-            return;
-        }
+INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine, LPWSAOVERLAPPED lower) {
+    HANDLE event = nullptr;
+    if (!GuardedCall([&]() noexcept {
+            if (!hasRoutine) event = EventOf(overlapped);
+            lower->Offset = overlapped->Offset;
+            lower->OffsetHigh = overlapped->OffsetHigh;
+        })) {
+        return WSAEFAULT;
+    }
+    if (event != nullptr && !ResetEvent(event)) return WSA_INVALID_HANDLE;
+    const bool writable = GuardedCall([&]() noexcept {
         overlapped->InternalHigh = 0;
         PublishWord(&overlapped->Internal, kOperationInProgress);
     });
-    return readable ? error : WSAEFAULT;
+    return writable ? 0 : WSAEFAULT;
 }
 
 bool WriteOutcome(LPWSAOVERLAPPED overlapped, const Outcome& outcome, ULONG_PTR internal) {

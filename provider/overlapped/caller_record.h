@@ -33,9 +33,9 @@ inline bool IsOverlappedInProgress(const WSAOVERLAPPED* overlapped) {
 }
 
 /// Marks an application's record as under way. Resets its event, for which the application waits, unless it
-/// has a completion routine: the event is then the application's own to use. 0, WSA_INVALID_HANDLE for an
-/// event that is none, or WSAEFAULT.
-INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine);
+/// has a completion routine: the event is then the application's own to use. `*lower` is told the position in
+/// a file that the record may hold. 0, WSA_INVALID_HANDLE for an event that is none, or WSAEFAULT.
+INT MarkInProgress(LPWSAOVERLAPPED overlapped, bool hasRoutine, LPWSAOVERLAPPED lower);
 
 /// Writes how the request has ended, `internal` last: whoever polls the record goes on from there. False when
 /// the record can't be written.

@@ -9,7 +9,7 @@
 
 #include "provider/catalog/catalog.h"
 #include "provider/catalog/lower_call.h"
-#include "provider/overlapped/caller_record.h"
+#include "provider/operation_failure.h"
 #include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"
 
@@ -59,7 +59,7 @@ Outcome FetchOutcome(OverlappedOperation* operation, SocketContext* context) {
             operation->ProviderSocket, &operation->ProviderOverlapped, &outcome.Bytes, FALSE, &outcome.Flags,
             &outcome.Error);
     });
-    if (succeeded) outcome.Error = 0;
+    outcome.Error = succeeded ? 0 : LowerError(outcome.Error);
     // The socket may have been closed between the two.
     const bool closed =
         !succeeded && (outcome.Error == WSAENOTSOCK || context->ProviderSocket == INVALID_SOCKET);
@@ -97,10 +97,16 @@ void LetGo(OverlappedOperation* operation, SocketContext* reference) {
 void CALLBACK RunCompletionRoutine(DWORD_PTR record) {
     auto* const operation = reinterpret_cast<OverlappedOperation*>(record);
     const LPWSAOVERLAPPED overlapped = operation->CallerOverlapped;
-    const auto routine = reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(overlapped->Internal);
-    PublishWord(&overlapped->Internal, ULONG_PTR{0});
-    routine(overlapped->OffsetHigh, static_cast<DWORD>(overlapped->InternalHigh), overlapped,
-            overlapped->Offset);
+    LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr;
+    Outcome outcome = {};
+    const bool readable = GuardedCall([&]() noexcept {
+        outcome = {static_cast<DWORD>(overlapped->InternalHigh), overlapped->Offset,
+                   static_cast<INT>(overlapped->OffsetHigh)};
+        routine = reinterpret_cast<LPWSAOVERLAPPED_COMPLETION_ROUTINE>(overlapped->Internal);
+        PublishWord(&overlapped->Internal, ULONG_PTR{0});
+    });
+    // An application that has given its record away waits for nothing any more.
+    if (readable) routine(static_cast<DWORD>(outcome.Error), outcome.Bytes, overlapped, outcome.Flags);
     SocketContext* const context = ReferenceContext(operation);
     if (context != nullptr) {
         LetGo(operation, context);
@@ -143,26 +149,8 @@ void CloseThreadId(WSATHREADID* thread) {
     UpcallTable.lpWPUCloseThread(thread, &ignored);
 }
 
-}  // namespace
-
-void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags) {
-    if (overlapped == nullptr) return;
-    OverlappedOperation* const operation = OperationOf(overlapped);
-    SocketContext* const context = ReferenceContext(operation);
-    if (context == nullptr) {
-        ReleaseOverlappedRecord(operation);
-        return;
-    }
-    Outcome outcome = {bytes, flags, static_cast<INT>(error)};
-    if (error == WSA_IO_PENDING) outcome = FetchOutcome(operation, context);
-    // A lower provider that no longer knows the socket speaks of one that the application has closed: the
-    // request ends like any other that the close has cut short.
-    if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
-    const INT refusedWith = operation->RefusedWith.Acquire();
-    if (refusedWith != 0) outcome = {0, 0, refusedWith};
-    Count(operation, context, &outcome);
-    context->LastError = outcome.Error;
-
+/// Tells the application and lets the context go, whose reference is dropped.
+void Tell(OverlappedOperation* operation, SocketContext* context, const Outcome& outcome) {
     if (operation->CallerCompletionRoutine == nullptr) {
         NotifyApplication(operation, outcome);
         LetGo(operation, context);
@@ -178,6 +166,44 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
         LetGo(operation, context);
     }
     if (closeThread) CloseThreadId(&thread);
+}
+
+/// Leaves the end of a receive to the thread that shows its data to the analysis. False when there is none.
+bool LeaveToAnalysis(OverlappedOperation* operation, const Outcome& outcome) {
+    if (operation->Analysis.Acquire() != AnalysisState::kUnderWay) return false;
+    operation->EndedWith = outcome;
+    return operation->Analysis.StoreIfStill(AnalysisState::kUnderWay, AnalysisState::kEndedMeanwhile);
+}
+
+/// Reports a request that has ended as said, or as the lower provider says when that is WSA_IO_PENDING.
+Outcome Complete(OverlappedOperation* operation, Outcome outcome) {
+    if (LeaveToAnalysis(operation, outcome)) return {0, 0, WSA_IO_PENDING};
+    SocketContext* const context = ReferenceContext(operation);
+    if (context == nullptr) {
+        ReleaseOverlappedRecord(operation);
+        return {0, 0, WSAENOTSOCK};
+    }
+    const INT error = outcome.Error;
+    if (error == WSA_IO_PENDING) outcome = FetchOutcome(operation, context);
+    // A lower provider that no longer knows the socket speaks of one that the application has closed: the
+    // request ends like any other that the close has cut short.
+    if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
+    const INT refusedWith = operation->RefusedWith.Acquire();
+    if (refusedWith != 0) outcome = {0, 0, refusedWith};
+    Count(operation, context, &outcome);
+    context->LastError = outcome.Error;
+    Tell(operation, context, outcome);
+    return outcome;
+}
+
+}  // namespace
+
+void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags) {
+    if (overlapped != nullptr) Complete(OperationOf(overlapped), {bytes, flags, static_cast<INT>(error)});
+}
+
+Outcome CompleteInsideCall(OverlappedOperation* operation) {
+    return Complete(operation, {0, 0, WSA_IO_PENDING});
 }
 
 void FailOverlappedOperation(OverlappedOperation* operation, SocketContext* context, INT error) {

@@ -9,6 +9,9 @@
 /// lock may be held.
 void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags);
 
+/// Reports a request that succeeded inside its lower call in the same way. What the application was told.
+Outcome CompleteInsideCall(OverlappedOperation* operation);
+
 /// Ends a request of which nothing has reached the lower provider (or which it refused) inside the
 /// application's call: writes its state and frees the record; the application learns the error from the
 /// call's result.

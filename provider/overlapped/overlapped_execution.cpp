@@ -9,6 +9,8 @@
 #include "provider/contexts/connect_route.h"
 #include "provider/contexts/lower_socket_use.h"
 #include "provider/interception.h"
+#include "provider/operation_failure.h"
+#include "provider/overlapped/overlapped_completion.h"
 
 namespace {
 
@@ -19,7 +21,7 @@ int BlockErrorOf(const SocketContext* context) {
 
 /// 0 for success, else the error of a call in the style of the provider interface.
 int ResultOf(int result, INT error) {
-    return result != SOCKET_ERROR ? 0 : error;
+    return result != SOCKET_ERROR ? 0 : LowerError(error);
 }
 
 /// Runs `call(lower procedures, &error)`.
@@ -42,6 +44,8 @@ int CallExtension(OverlappedOperation* operation, Call call) {
     INT error = 0;
     LspEntry* const provider = operation->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, &error, [&]() noexcept {
+        // What an earlier call has left is not this one's error.
+        WSASetLastError(0);
         if (call(provider->Extensions)) return 0;
         error = WSAGetLastError();
         return SOCKET_ERROR;
@@ -61,9 +65,19 @@ int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, 
     return lowerResult;
 }
 
+/// The result of a receive after the look at its data. One that has ended meanwhile is ended now.
+int EndAnalysis(OverlappedOperation* operation, int result) {
+    if (operation->Analysis.StoreIfStill(AnalysisState::kUnderWay, AnalysisState::kNone)) return result;
+    const Outcome& outcome = operation->EndedWith;
+    CompleteOverlappedOperation(static_cast<DWORD>(outcome.Error), outcome.Bytes,
+                                &operation->ProviderOverlapped, outcome.Flags);
+    return WSA_IO_PENDING;
+}
+
 int Receive(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
     if (context->Blocked) return BlockErrorOf(context);
     const RecordHold hold(operation);
+    operation->Analysis.Publish(AnalysisState::kUnderWay);
     TransferArguments& transfer = operation->Transfer;
     const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPRecv(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
@@ -71,7 +85,7 @@ int Receive(OverlappedOperation* operation, SocketContext* context, const Comple
                                notice.Routine, notice.Thread, error);
     });
     AnalyzeReceived(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes);
-    return context->Blocked ? RefuseReceive(operation, context, result) : result;
+    return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
 
 /// The sender's address, when it is there already.
@@ -94,6 +108,7 @@ bool StoreSource(const TransferArguments& transfer, SocketContext* context, SOCK
 int ReceiveFrom(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
     if (context->Blocked) return BlockErrorOf(context);
     const RecordHold hold(operation);
+    operation->Analysis.Publish(AnalysisState::kUnderWay);
     TransferArguments& transfer = operation->Transfer;
     const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPRecvFrom(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
@@ -105,7 +120,7 @@ int ReceiveFrom(OverlappedOperation* operation, SocketContext* context, const Co
     const bool hasSource = result == 0 && StoreSource(transfer, context, &source);
     AnalyzeReceivedFrom(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes,
                         hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return context->Blocked ? RefuseReceive(operation, context, result) : result;
+    return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
 
 int Send(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {

@@ -9,7 +9,7 @@
 #include "provider/catalog/catalog.h"
 #include "provider/guarded_sockets.h"
 #include "provider/overlapped/alertable_worker.h"
-#include "provider/overlapped/caller_record.h"
+#include "provider/overlapped/event_waiter.h"
 #include "provider/overlapped/manager_handles.h"
 #include "provider/overlapped/overlapped_completion.h"
 #include "provider/overlapped/overlapped_records.h"
@@ -35,20 +35,6 @@ bool StartWorker() QX_REQUIRES(OverlappedLock) {
     if (worker == nullptr) return false;
     Workers[WorkerCount++] = worker;
     return true;
-}
-
-/// False when a worker has not ended in time: unloading under it is the worst that could happen. Not
-/// alertable, since GlobalLock or the loader's lock may be held, under which no routine of the application
-/// may run.
-bool WaitForWorkers(const HANDLE* workers, DWORD count) {
-    if (count == 0) return true;
-    const DWORD result = WaitForMultipleObjectsEx(count, workers, TRUE, kStopMilliseconds, FALSE);
-    if (result != WAIT_FAILED) return result != WAIT_TIMEOUT;
-    bool ended = true;
-    for (DWORD i = 0; i < count; ++i) {
-        ended = WaitForSingleObject(workers[i], kStopMilliseconds) == WAIT_OBJECT_0 && ended;
-    }
-    return ended;
 }
 
 /// Without a worker nothing would ever end: requests are refused instead.
@@ -107,28 +93,9 @@ void UndoPrepare(OverlappedOperation* operation, SocketContext* context) {
     ReleaseOverlappedRecord(operation);
 }
 
-/// Runs a request to its end inside the call, for a lower socket that is associated with somebody else's
-/// port: its event's low bit keeps the completion from that port, and the application is told as of any other
-/// request.
-int ExecuteSynchronously(OverlappedOperation* operation, SocketContext* context) {
-    const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    if (event == nullptr) {
-        FailOverlappedOperation(operation, context, WSAENOBUFS);
-        return WSAENOBUFS;
-    }
-    operation->ProviderOverlapped.hEvent =
-        reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(event) | ULONG_PTR{1});
-    const int result = CallLowerOverlapped(operation, context, NoticeToPort(operation));
-    if (result == 0 || result == WSA_IO_PENDING) {
-        // The lower provider signals it at the end of every request that it took, also when the socket is
-        // closed.
-        WaitForSingleObject(event, INFINITE);
-        CompleteOverlappedOperation(WSA_IO_PENDING, 0, &operation->ProviderOverlapped, 0);
-    } else {
-        FailOverlappedOperation(operation, context, result);
-    }
-    SafeCloseHandle(event);
-    return result;
+Outcome Fail(OverlappedOperation* operation, SocketContext* context, INT error) {
+    FailOverlappedOperation(operation, context, error);
+    return {0, 0, error};
 }
 
 }  // namespace
@@ -173,9 +140,13 @@ bool StopOverlappedManager() {
     // though with whatever is still queued in it.
     if (port != nullptr && !PostStopPackets(port, count)) SafeCloseHandle(std::exchange(port, nullptr));
     if (semaphore != nullptr) ReleaseSemaphore(semaphore, 1, nullptr);
-    const bool ended = WaitForWorkers(workers, count);
-    for (DWORD i = 0; i < count; ++i)
+    EventWaiter* const waiters = TellEventWaitersToEnd();
+    const StopDeadline deadline(kStopMilliseconds);
+    bool ended = AwaitEventWaiters(waiters, deadline);
+    for (DWORD i = 0; i < count; ++i) {
+        ended = deadline.Await(workers[i]) && ended;
         SafeCloseHandle(workers[i]);
+    }
     if (workers != nullptr) HeapFree(PrivateHeap, 0, workers);
     while (OverlappedOperation* const operation = TakePendingRecord()) {
         CompleteOverlappedOperation(WSA_OPERATION_ABORTED, 0, &operation->ProviderOverlapped, 0);
@@ -188,11 +159,8 @@ bool StopOverlappedManager() {
 OverlappedOperation* PrepareOverlappedOperation(SocketContext* context, OverlappedType type,
                                                 const CallerNotice& notice, const CallerBuffers& buffers,
                                                 LPINT error) {
-    OverlappedOperation* const operation = TakeOverlappedRecord(context);
-    if (operation == nullptr) {
-        *error = WSAENOBUFS;
-        return nullptr;
-    }
+    OverlappedOperation* const operation = TakeOverlappedRecord(context, error);
+    if (operation == nullptr) return nullptr;
     operation->Provider = context->Provider;
     operation->SocketContext = context;
     operation->CallerSocket = context->LayeredSocket;
@@ -202,30 +170,38 @@ OverlappedOperation* PrepareOverlappedOperation(SocketContext* context, Overlapp
     operation->CallerCompletionRoutine = notice.Routine;
     INT failure = SetCallerThread(operation, notice.Thread);
     if (failure == 0) failure = SetBuffers(operation, buffers);
-    if (failure == 0) failure = MarkInProgress(notice.Overlapped, notice.Routine != nullptr);
+    if (failure == 0)
+        failure =
+            MarkInProgress(notice.Overlapped, notice.Routine != nullptr, &operation->ProviderOverlapped);
     if (failure == 0) return operation;
     UndoPrepare(operation, context);
     *error = failure;
     return nullptr;
 }
 
-int QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* context) {
+Outcome QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* context) {
     const HANDLE semaphore = ManagerSemaphore;
     if (semaphore != nullptr) {
         QueueForAlertableWorker(operation, semaphore);
-        return WSA_IO_PENDING;
+        return {0, 0, WSA_IO_PENDING};
     }
     // Read once: without a port the association would make one that nobody waits for.
     const HANDLE port = ManagerPort;
-    if (port == nullptr) {
-        FailOverlappedOperation(operation, context, WSANOTINITIALISED);
-        return WSANOTINITIALISED;
-    }
+    if (port == nullptr) return Fail(operation, context, WSANOTINITIALISED);
     const Association association = AssociateLowerSocket(operation, context, port);
-    if (association == Association::kFailed) {
-        FailOverlappedOperation(operation, context, WSAEFAULT);
-        return WSAEFAULT;
+    switch (association) {
+        case Association::kClosing:
+            return Fail(operation, context, WSAENOTSOCK);
+        case Association::kFailed:
+            return Fail(operation, context, WSAEFAULT);
+        case Association::kImpossible: {
+            const Outcome outcome = ExecuteByEvent(operation, context);
+            const bool taken = outcome.Error == 0 || outcome.Error == WSA_IO_PENDING;
+            return taken ? outcome : Fail(operation, context, outcome.Error);
+        }
+        case Association::kMade:
+        case Association::kMadeForLaterEnds:
+            break;
     }
-    if (association == Association::kImpossible) return ExecuteSynchronously(operation, context);
-    return ExecuteAbovePort(operation, context, association == Association::kMadeForLaterEnds);
+    return {0, 0, ExecuteAbovePort(operation, context, association == Association::kMadeForLaterEnds)};
 }

@@ -1,16 +1,18 @@
 // Carries out the application's overlapped requests: the lower provider is given a record of the layer's own,
 // so that the layer sees each completion before the application does.
 //
-// There are two ways to learn that a lower request has ended. With a completion port, the lower call is made
-// on the application's thread and one worker per processor takes the completions (port_worker.h). Without one
-// (it could not be created), a single worker makes the lower calls itself (alertable_worker.h).
-// OverlappedLock guards the lists and the manager's handles; it is taken inside a context's lock, never
-// outside.
+// With a completion port, the lower call is made on the application's thread and one worker per processor
+// takes the completions (port_worker.h). Without one (it could not be created), a single worker makes the
+// lower calls itself (alertable_worker.h). A lower socket that somebody else has put on a port of theirs is
+// called on the application's thread too, and an event tells the end (event_waiter.h). OverlappedLock guards
+// the lists and the manager's handles; it is taken inside a context's lock, never outside.
 #pragma once
 
+#include "provider/overlapped/caller_record.h"
 #include "provider/overlapped/overlapped_operation.h"
 
-/// Starts the workers. 0, or WSASYSCALLFAILURE.
+/// Starts the workers. 0, or WSAEPROVIDERFAILEDINIT when one could not be started: those that could serve
+/// nonetheless.
 int StartOverlappedManager();
 
 /// Cancels what is under way and ends the workers, waiting for at most 5 seconds: what they complete
@@ -27,6 +29,6 @@ OverlappedOperation* PrepareOverlappedOperation(SocketContext* context, Overlapp
                                                 const CallerNotice& notice, const CallerBuffers& buffers,
                                                 LPINT error);
 
-/// Hands the record to the lower provider and gives it up. 0 (completed at once), WSA_IO_PENDING or a Winsock
-/// error.
-int QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* context);
+/// Hands the record to the lower provider and gives it up. Error 0 with the result of a request that ended
+/// inside the call (it has been told as well), WSA_IO_PENDING, or a Winsock error: nothing else is told then.
+Outcome QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* context);

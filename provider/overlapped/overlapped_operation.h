@@ -17,6 +17,7 @@
 #include <cstddef>
 
 #include "base/atomic.h"
+#include "provider/overlapped/caller_record.h"
 
 struct CatalogLifetime;
 struct LspEntry;
@@ -115,6 +116,13 @@ struct WsaRecvMsgArguments {
     DWORD BytesReceived;
 };
 
+/// Who ends a receive whose data is being shown to the analysis, and may be found to be blocked.
+enum class AnalysisState : LONG {
+    kNone,
+    kUnderWay,        ///< whoever learns of the end leaves it to the thread that shows the data
+    kEndedMeanwhile,  ///< that thread is to end the request
+};
+
 /// Zero-filled when taken, but for AwaitedEnd; given back when its completion has been reported.
 struct OverlappedOperation {
     WSAOVERLAPPED ProviderOverlapped;  ///< given to the lower provider; the record is found from its address
@@ -147,6 +155,8 @@ struct OverlappedOperation {
     BOOL OwnsBuffers;                  ///< Transfer.Buffers is a copy in the private heap
     Atomic<LONG> Holds;                ///< who may still look at the record
     Atomic<LONG> RefusedWith;          ///< not 0: the error to report whatever the lower provider says
+    Atomic<AnalysisState> Analysis;
+    Outcome EndedWith;  ///< what kEndedMeanwhile has left
     /// Above the port: odd while the request's end is awaited; who makes it even ends the request. It counts
     /// on through all uses of the record, so that a late packet cannot end the request of a later use. The
     /// last field: what comes before it is cleared with the record.

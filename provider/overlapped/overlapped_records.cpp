@@ -48,33 +48,41 @@ void ClearRecord(OverlappedOperation* operation) {
     std::memset(reinterpret_cast<char*>(operation) + kAfterState, 0, kAwaitedEnd - kAfterState);
 }
 
+/// In use, with one hold; null without memory. The context's lock is held, so that `lifetime` lasts.
+OverlappedOperation* TakeRecordLocked(CatalogLifetime* lifetime) {
+    const Locker lock(OverlappedLock);
+    // A clean-up may have overtaken this thread: the record lies in the heap that it will be given back to.
+    OverlappedOperation* operation = lifetime->Heap == PrivateHeap ? FreeRecords : nullptr;
+    if (operation != nullptr) {
+        FreeRecords = operation->Link.Next;
+        operation->Link.Next = nullptr;
+    } else {
+        operation = static_cast<OverlappedOperation*>(
+            HeapAlloc(lifetime->Heap, HEAP_ZERO_MEMORY, sizeof(OverlappedOperation)));
+    }
+    if (operation == nullptr) return nullptr;
+    RecordsInUse.Append(operation);
+    operation->Lifetime = lifetime;
+    HoldCatalogLifetime(lifetime);
+    operation->Holds = 1;
+    return operation;
+}
+
 }  // namespace
 
-OverlappedOperation* TakeOverlappedRecord(SocketContext* context) {
-    if (!AcquireSocketLock(context)) return nullptr;
-    OverlappedOperation* operation;
-    {
-        const Locker lock(OverlappedLock);
-        // A clean-up may have overtaken this thread: the record lies in the heap that it will be given back
-        // to.
-        CatalogLifetime* const lifetime = context->Provider->Lifetime;
-        operation = lifetime->Heap == PrivateHeap ? FreeRecords : nullptr;
-        if (operation != nullptr) {
-            FreeRecords = operation->Link.Next;
-            operation->Link.Next = nullptr;
+OverlappedOperation* TakeOverlappedRecord(SocketContext* context, LPINT error) {
+    OverlappedOperation* operation = nullptr;
+    INT failure = WSAENOBUFS;
+    if (AcquireSocketLock(context)) {
+        if (context->Closing) {
+            failure = WSAENOTSOCK;
         } else {
-            operation = static_cast<OverlappedOperation*>(
-                HeapAlloc(lifetime->Heap, HEAP_ZERO_MEMORY, sizeof(OverlappedOperation)));
+            operation = TakeRecordLocked(context->Provider->Lifetime);
         }
-        if (operation != nullptr) {
-            RecordsInUse.Append(operation);
-            operation->Lifetime = lifetime;
-            HoldCatalogLifetime(lifetime);
-            operation->Holds = 1;
-            ++context->OutstandingAsync;
-        }
+        if (operation != nullptr) ++context->OutstandingAsync;
+        ReleaseSocketLock(context);
     }
-    ReleaseSocketLock(context);
+    if (operation == nullptr) *error = failure;
     return operation;
 }
 

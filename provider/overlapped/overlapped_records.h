@@ -9,9 +9,10 @@
 #include "provider/overlapped/overlapped_operation.h"
 #include "provider/process_state.h"
 
-/// A zero-filled record with one hold, counted in the context's OutstandingAsync. Null when the context is
-/// being freed or there is no memory. Takes the context's lock and, inside it, OverlappedLock.
-OverlappedOperation* TakeOverlappedRecord(SocketContext* context);
+/// A zero-filled record with one hold, counted in the context's OutstandingAsync. Null with `*error`
+/// WSAENOTSOCK when the socket is being closed, WSAENOBUFS when the context is being freed or there is no
+/// memory. Takes the context's lock and, inside it, OverlappedLock.
+OverlappedOperation* TakeOverlappedRecord(SocketContext* context, LPINT error);
 
 /// Counts a request in a context's OutstandingAsync, and uncounts it. Both take the context's lock.
 void CountRequest(SocketContext* context);

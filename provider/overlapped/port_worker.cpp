@@ -65,7 +65,7 @@ Association AssociateLowerSocket(const OverlappedOperation* operation, SocketCon
     if (context->Closing) {
         // The value may be another socket's by now. One that is not closing stays open while its lock is
         // held.
-        association = Association::kFailed;
+        association = Association::kClosing;
     } else if (context->CompletionPort == nullptr) {
         context->CompletionPort = CreateIoCompletionPort(reinterpret_cast<HANDLE>(operation->ProviderSocket),
                                                          port, operation->CallerSocket, 0);

@@ -9,6 +9,7 @@ enum class Association {
     kMade,
     kMadeForLaterEnds,  ///< but for requests that succeed inside their lower call
     kImpossible,        ///< they go to somebody else's port
+    kClosing,           ///< the application is closing the socket
     kFailed,
 };
 

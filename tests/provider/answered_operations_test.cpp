@@ -61,7 +61,9 @@ TEST_F(AnsweredOperations, SelectSpeaksLowerSocketsBelowAndOursAbove) {
     select.ready[0] = SetOf({lowerB, foreign});
     select.ready[1] = SetOf({lowerB, lowerA});
     select.result = 3;
+    error_ = WSAEINVAL;
     EXPECT_EQ(WSPSelect(0, &reads, &writes, nullptr, nullptr, &error_), 3);
+    EXPECT_EQ(error_, 0);
     EXPECT_EQ(Members(select.asked[0]), (std::vector<SOCKET>{foreign, lowerA, lowerB}));
     EXPECT_EQ(Members(select.asked[1]), (std::vector<SOCKET>{lowerB, lowerA}));
     EXPECT_EQ(Members(reads), (std::vector<SOCKET>{foreign, b}));

@@ -259,23 +259,4 @@ TEST_F(LayerComponent, CloseEndsAnotherThreadsReceive) {
     connection.client = socket(AF_INET, SOCK_STREAM, 0);  // for the end of the connection to close
 }
 
-TEST_F(LayerComponent, ManyThreadsOnManySockets) {
-    StartWinsock();
-    std::vector<std::thread> threads;
-    threads.reserve(4);
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int round = 0; round < 25; ++round) {
-                Connection connection;
-                connection.Make();
-                char byte = 'x';
-                EXPECT_EQ(send(connection.client, &byte, 1, 0), 1);
-                EXPECT_EQ(recv(connection.server, &byte, 1, 0), 1);
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
 }  // namespace

@@ -32,8 +32,7 @@ class ConnectExVerdict : public ConnectFixture, public ::testing::WithParamInter
 
     /// The error with which a ConnectEx to the public address ends.
     static DWORD ConnectExToPublic(SOCKET s, char* data = nullptr, DWORD length = 0) {
-        if (GetParam() == Mode::kSynchronous)
-            FailCall("CreateIoCompletionPort", ERROR_INVALID_PARAMETER, true);
+        if (GetParam() == Mode::kForeignPort) PutLowerSocketsOnAForeignPort();
         EventRequest request;
         const int result = ConnectExTo(s, Ipv4(kPublic, kPort), data, length, &request.overlapped);
         const DWORD error = WasTaken(result) ? request.Wait(s) : static_cast<DWORD>(result);
@@ -56,7 +55,7 @@ class ConnectExVerdict : public ConnectFixture, public ::testing::WithParamInter
 };
 
 INSTANTIATE_TEST_SUITE_P(Modes, ConnectExVerdict,
-                         ::testing::Values(Mode::kCompletionPort, Mode::kAlertable, Mode::kSynchronous),
+                         ::testing::Values(Mode::kCompletionPort, Mode::kAlertable, Mode::kForeignPort),
                          [](const auto& mode) { return NameOf(mode.param); });
 
 TEST_P(ConnectExVerdict, AllowedConnectionsAreCountedAndTheSocketConnectsAgain) {
@@ -102,12 +101,8 @@ TEST_P(ConnectExVerdict, RefusedConnectionsGoNowhereAndRedirectedOnesElsewhere) 
     closesocket(redirected);
 }
 
-class ConnectExLater : public ConnectExVerdict {};
-
-INSTANTIATE_TEST_SUITE_P(Modes, ConnectExLater, ::testing::Values(Mode::kCompletionPort, Mode::kAlertable),
-                         [](const auto& mode) { return NameOf(mode.param); });
-
-TEST_P(ConnectExLater, PendingAndRefusedConnectsEndAsWindowsEndsThem) {
+TEST_P(ConnectExVerdict, PendingAndRefusedConnectsEndAsWindowsEndsThem) {
+    if (GetParam() == Mode::kForeignPort) PutLowerSocketsOnAForeignPort();
     const ClosedPort closed;
     EventRequest refused;
     const SOCKET toNobody = BoundSocket();

@@ -20,9 +20,9 @@
 
 /// How the layer carries requests out: above its completion port, past which what succeeds at once goes, or
 /// (kEveryPacket) not, or goes although a packet comes that must not (kStrayPackets); with a worker that
-/// waits alertably because there is no port; or inside the call because somebody else's port has the lower
+/// waits alertably because there is no port; or by an event because somebody else's port has the lower
 /// socket.
-enum class Mode { kCompletionPort, kEveryPacket, kStrayPackets, kAlertable, kSynchronous };
+enum class Mode { kCompletionPort, kEveryPacket, kStrayPackets, kAlertable, kForeignPort };
 
 /// A peer that sends back what it gets, on every connection, until it is destroyed.
 class EchoPeer {
@@ -106,12 +106,19 @@ inline void QueueStrayPackets() {
     platform::ArmFault({"SetFileCompletionNotificationModes", 1, platform::FaultKind::kIgnored, 0, true});
 }
 
+/// No lower socket can be put on the layer's port from now on; nor any other socket on any.
+inline void PutLowerSocketsOnAForeignPort() {
+    platform::ArmFault(
+        {"CreateIoCompletionPort", 1, platform::FaultKind::kError, ERROR_INVALID_PARAMETER, true});
+}
+
 class OverlappedTest : public LayerFixture, public ::testing::WithParamInterface<Mode> {
   protected:
     void SetUp() override {
         LayerFixture::SetUp();
         StartWinsock();
         StartLayerIn(GetParam());
+        if (GetParam() == Mode::kForeignPort) PutLowerSocketsOnAForeignPort();
     }
 };
 
@@ -135,7 +142,7 @@ class EventRequest : public Request {
 
 inline std::string NameOf(Mode mode) {
     static const char* const names[] = {"CompletionPort", "EveryPacket", "StrayPackets", "Alertable",
-                                        "Synchronous"};
+                                        "ForeignPort"};
     return names[static_cast<int>(mode)];
 }
 

@@ -149,7 +149,7 @@ TEST_F(OverlappedManager, ASocketThatIsBeingClosedIsNotPutOnThePort) {
     ASSERT_NE(operation, nullptr);
     ContextOf(s)->Closing = TRUE;
     platform::ArmFault({"CreateIoCompletionPort"});
-    EXPECT_EQ(QueueOverlappedOperation(operation, ContextOf(s)), WSAEFAULT);
+    EXPECT_EQ(QueueOverlappedOperation(operation, ContextOf(s)).Error, WSAENOTSOCK);
     EXPECT_EQ(platform::FaultsStruck(), 0) << "the value may be another socket's by now";
     platform::DisarmFaults();
     ContextOf(s)->Closing = FALSE;
@@ -246,7 +246,7 @@ TEST_F(OverlappedManager, ARequestThatTheLowerProviderHoldsOnToKeepsItsRecord) {
     EXPECT_FALSE(FreeCatalog()) << "the record lies in its heap";
 
     // Now it lets go, and writes into the record as it may until then.
-    const HANDLE event = Requests->acceptRecord->hEvent;
+    const HANDLE event = EventOf(Requests->acceptRecord);
     Requests->acceptRecord->InternalHigh = 5;
     EXPECT_TRUE(SetEvent(event));
     CloseHandle(event);

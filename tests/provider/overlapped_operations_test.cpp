@@ -224,15 +224,26 @@ class Told {
 
 class OverlappedOperations : public OverlappedTest {
   protected:
-    static bool IsSynchronous() { return GetParam() == Mode::kSynchronous; }
+    void SetUp() override {
+        OverlappedTest::SetUp();
+        platform::DisarmFaults();
+    }
+
+    static bool IsForeignPort() { return GetParam() == Mode::kForeignPort; }
 
     static void Prepare(Stage& stage, Told& told, const OperationRow& row) {
+        platform::DisarmFaults();
         (stage.*row.prepare)();
-        told.Associate(stage.subject);
-        if (IsSynchronous()) FailCall("CreateIoCompletionPort", ERROR_INVALID_PARAMETER, true);
+        TellAt(stage, told);
         if (GetParam() == Mode::kEveryPacket)
             FailCall("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION, true);
         if (GetParam() == Mode::kStrayPackets) QueueStrayPackets();
+    }
+
+    /// Has the application's port told of the stage's requests.
+    static void TellAt(Stage& stage, Told& told) {
+        told.Associate(stage.subject);
+        if (IsForeignPort()) PutLowerSocketsOnAForeignPort();
     }
 
     /// Takes the one telling of the stage's request, and its error.
@@ -252,18 +263,10 @@ class OverlappedOperations : public OverlappedTest {
 
 INSTANTIATE_TEST_SUITE_P(Modes, OverlappedOperations,
                          ::testing::Values(Mode::kCompletionPort, Mode::kEveryPacket, Mode::kStrayPackets,
-                                           Mode::kAlertable),
+                                           Mode::kAlertable, Mode::kForeignPort),
                          [](const auto& mode) { return NameOf(mode.param); });
 
-/// What is the same when the call waits for the end.
-class OverlappedOperationsAtOnce : public OverlappedOperations {};
-
-INSTANTIATE_TEST_SUITE_P(Modes, OverlappedOperationsAtOnce,
-                         ::testing::Values(Mode::kCompletionPort, Mode::kEveryPacket, Mode::kStrayPackets,
-                                           Mode::kAlertable, Mode::kSynchronous),
-                         [](const auto& mode) { return NameOf(mode.param); });
-
-TEST_P(OverlappedOperationsAtOnce, WhatSucceedsAtOnceIsToldOnce) {
+TEST_P(OverlappedOperations, WhatSucceedsAtOnceIsToldOnce) {
     Told told;
     int succeeded = 0;
     for (const OperationRow& row : kOperations) {
@@ -280,7 +283,7 @@ TEST_P(OverlappedOperationsAtOnce, WhatSucceedsAtOnceIsToldOnce) {
         EXPECT_EQ(bytes, row.bytes);
         platform::DisarmFaults();
     }
-    EXPECT_EQ(succeeded > 0, IsSynchronous());
+    EXPECT_EQ(succeeded > 0, IsForeignPort());
     ExpectNothingElse(told);
 }
 
@@ -329,7 +332,7 @@ TEST_P(OverlappedOperations, WhatSucceedsLaterIsToldOnce) {
     ExpectNothingElse(told);
 }
 
-TEST_P(OverlappedOperationsAtOnce, WhatIsRefusedBelowIsReportedOnce) {
+TEST_P(OverlappedOperations, WhatIsRefusedBelowIsReportedOnce) {
     Told told;
     for (const OperationRow& row : kOperations) {
         SCOPED_TRACE(row.name);
@@ -370,7 +373,7 @@ TEST_P(OverlappedOperations, APendingReceiveIsToldOfTheReset) {
     Told told;
     Stage stage;
     stage.Connect();
-    told.Associate(stage.subject);
+    TellAt(stage, told);
     ASSERT_EQ(StartRecv(stage), WSA_IO_PENDING);
     stage.peer.ResetPeer();
     DWORD bytes = 0;
@@ -381,7 +384,7 @@ TEST_P(OverlappedOperations, AFileThatIsNoneIsRefused) {
     Told told;
     Stage stage;
     stage.Connect();
-    told.Associate(stage.subject);
+    TellAt(stage, told);
     const auto transmit = Extension<LPFN_TRANSMITFILE>(stage.subject, WSAID_TRANSMITFILE);
     const HANDLE none = reinterpret_cast<HANDLE>(ULONG_PTR{0x7ffffff0});
     const int result = ErrorOf(transmit(stage.subject, none, 0, 0, &stage.request.overlapped, nullptr, 0));

@@ -1,4 +1,4 @@
-// Overlapped requests through the loaded layer, in both of its modes: whatever ends a request, the
+// Overlapped requests through the loaded layer, in all of its modes: whatever ends a request, the
 // application hears of it exactly once, in the way it asked for, and nothing stays behind.
 #include <gtest/gtest.h>
 
@@ -20,7 +20,8 @@ constexpr int kRandomRequests = 20'000;
 constexpr int kRandomRequests = 100'000;
 #endif
 
-INSTANTIATE_TEST_SUITE_P(Modes, OverlappedTest, ::testing::Values(Mode::kCompletionPort, Mode::kAlertable),
+INSTANTIATE_TEST_SUITE_P(Modes, OverlappedTest,
+                         ::testing::Values(Mode::kCompletionPort, Mode::kAlertable, Mode::kForeignPort),
                          [](const auto& parameter) { return NameOf(parameter.param); });
 
 }  // namespace

@@ -53,14 +53,18 @@ class TransferOperations : public FakeSocket {
     DWORD bytes_ = 999;  // what a failed call leaves in the application's variable
     DWORD flags_ = 0;
 
+    /// A place that the application has given back by the time a call returns.
+    static LPDWORD Gone() { return reinterpret_cast<LPDWORD>(8); }
+    static constexpr int kNone = -1;
+
   private:
     static int Transfer(LPDWORD bytes, DWORD count, LPINT error) {
         ++calls_;
         if (lowerError_ != 0) {
-            *error = lowerError_;
+            if (lowerError_ != kNone) *error = lowerError_;
             return SOCKET_ERROR;
         }
-        if (bytes != nullptr) *bytes = count;
+        if (bytes != nullptr && bytes != Gone()) *bytes = count;
         return 0;
     }
 };
@@ -78,6 +82,23 @@ TEST_F(TransferOperations, CountsWhatWentThrough) {
     EXPECT_EQ(Fake().receivedBytes, (std::vector<DWORD>{5, 6, 0})) << "nothing fresh in a failed receive";
     lowerError_ = 0;
     EXPECT_EQ(WSPRecv(s_, &buffer_, 1, nullptr, &flags_, nullptr, nullptr, nullptr, &error_), 0);
+}
+
+TEST_F(TransferOperations, AFailureWithoutErrorIsOneAndACountThatIsGoneIsNone) {
+    const sockaddr_in to = MakeAddress("198.51.100.7", 53);
+    lowerError_ = kNone;
+    for (const int error : {Send(), SendTo(to), Recv(), RecvFrom(nullptr, nullptr)})
+        EXPECT_EQ(error, WSAEINVAL);
+    lowerError_ = 0;
+    EXPECT_EQ(WSPSend(s_, &buffer_, 1, Gone(), 0, nullptr, nullptr, nullptr, &error_), 0);
+    EXPECT_EQ(WSPSendTo(s_, &buffer_, 1, Gone(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to),
+                        nullptr, nullptr, nullptr, &error_),
+              0);
+    EXPECT_EQ(WSPRecv(s_, &buffer_, 1, Gone(), &flags_, nullptr, nullptr, nullptr, &error_), 0);
+    EXPECT_EQ(
+        WSPRecvFrom(s_, &buffer_, 1, Gone(), &flags_, nullptr, nullptr, nullptr, nullptr, nullptr, &error_),
+        0);
+    EXPECT_EQ(context_->BytesSent + context_->BytesRecv, 0u);
 }
 
 TEST_F(TransferOperations, AddressesOfDatagramsBecomeTheDestination) {
