@@ -106,7 +106,8 @@ void CALLBACK RunCompletionRoutine(DWORD_PTR record) {
         PublishWord(&overlapped->Internal, ULONG_PTR{0});
     });
     // An application that has given its record away waits for nothing any more.
-    if (readable) routine(static_cast<DWORD>(outcome.Error), outcome.Bytes, overlapped, outcome.Flags);
+    if (readable && routine != nullptr)
+        routine(static_cast<DWORD>(outcome.Error), outcome.Bytes, overlapped, outcome.Flags);
     SocketContext* const context = ReferenceContext(operation);
     if (context != nullptr) {
         LetGo(operation, context);
@@ -135,11 +136,14 @@ void NotifyApplication(const OverlappedOperation* operation, const Outcome& outc
         })) {
         return;
     }
-    INT ignored = 0;
-    if (WPUCompleteOverlappedRequest(operation->CallerSocket, overlapped, static_cast<DWORD>(outcome.Error),
-                                     outcome.Bytes, &ignored) != SOCKET_ERROR) {
-        return;
-    }
+    bool told = false;
+    GuardedCall([&]() noexcept {
+        INT ignored = 0;
+        told = WPUCompleteOverlappedRequest(operation->CallerSocket, overlapped,
+                                            static_cast<DWORD>(outcome.Error), outcome.Bytes,
+                                            &ignored) != SOCKET_ERROR;
+    });
+    if (told) return;
     // Winsock has not told it: whoever polls or waits for the event must not wait for ever.
     if (WriteOutcome(overlapped, outcome, 0) && event != nullptr) SetEvent(event);
 }
