@@ -141,7 +141,9 @@ EventWaiter* StartWaiter(CatalogLifetime* lifetime) QX_REQUIRES(OverlappedLock) 
 /// A thread that has room for one more request, with a place in it. Null when there is none.
 EventWaiter* TakePlace(CatalogLifetime* lifetime) {
     const Locker lock(OverlappedLock);
-    if (ManagerPort == nullptr && ManagerSemaphore == nullptr) return nullptr;
+    // A clean-up may have overtaken the request; a thread lies in the heap of its manager's catalog.
+    const bool stopped = ManagerPort == nullptr && ManagerSemaphore == nullptr;
+    if (stopped || lifetime->Heap != PrivateHeap) return nullptr;
     EventWaiter* waiter = FirstWaiter;
     while (waiter != nullptr && waiter->Places == kPlaces)
         waiter = waiter->Next;

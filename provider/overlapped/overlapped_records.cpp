@@ -6,6 +6,7 @@
 
 #include "provider/catalog/catalog.h"
 #include "provider/contexts/socket_context.h"
+#include "provider/overlapped/overlapped_manager.h"
 #include "provider/process_state.h"
 
 namespace {

@@ -21,9 +21,6 @@ void UncountRequest(SocketContext* context);
 /// Empties the free list: what an earlier manager left there lay in a heap that is gone.
 void ForgetFreeRecords() QX_REQUIRES(OverlappedLock);
 
-/// Returns the records of the free list to the private heap. The manager is stopped.
-void FreeOverlappedRecords();
-
 /// Asks the lower providers to end every request in use, by cancelling it.
 void CancelOverlappedRecords();
 
