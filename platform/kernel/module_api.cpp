@@ -52,8 +52,9 @@ BOOL FreeLibrary(HMODULE module) {
 }
 
 void FreeLibraryAndExitThread(HMODULE module, DWORD exitCode) {
-    // The thread's code may be gone after the first step; this function's is not.
-    FreeLibrary(module);
+    // The thread's code may be gone after the first step; this function's is not. Nobody could be told of a
+    // failure, so there is none to be caused.
+    platform::FreeModule(module);
     ExitThread(exitCode);
 }
 

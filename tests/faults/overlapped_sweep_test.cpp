@@ -85,7 +85,7 @@ std::string Exchange(SOCKET s) {
 
 class OverlappedSweep : public LayerSweep {
   protected:
-    OverlappedSweep() : LayerSweep(Exchange, 200) {}
+    OverlappedSweep() : LayerSweep(Exchange, 20) {}
 };
 
 }  // namespace
