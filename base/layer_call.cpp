@@ -18,8 +18,9 @@ void* ReadSlot() {
     return value;
 }
 
+/// A mark that stays would exempt the application's next socket, so a failure is not taken at its word.
 void WriteSlot(void* value) {
-    if (Slot != TLS_OUT_OF_INDEXES) TlsSetValue(Slot, value);
+    if (Slot != TLS_OUT_OF_INDEXES && !TlsSetValue(Slot, value)) TlsSetValue(Slot, value);
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 
 /// Lies in the private heap, which the thread keeps. All but Wake is guarded by OverlappedLock.
 struct EventWaiter {
-    HANDLE Thread;
+    WorkerThread Worker;
     HANDLE Wake;     ///< auto-reset
     DWORD Places;    ///< given out
     bool Stopping;   ///< is to end
@@ -55,7 +55,6 @@ struct WaitTable {
 };
 
 void FreeWaiter(EventWaiter* waiter) {
-    SafeCloseHandle(waiter->Thread);
     SafeCloseHandle(waiter->Wake);
     HeapFree(waiter->Lifetime->Heap, 0, waiter);
 }
@@ -127,8 +126,7 @@ EventWaiter* StartWaiter(CatalogLifetime* lifetime) QX_REQUIRES(OverlappedLock) 
     waiter->Lifetime = lifetime;
     waiter->Wake = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     HoldCatalogLifetime(lifetime);
-    if (waiter->Wake != nullptr) waiter->Thread = CreateThread(nullptr, 0, WaitForEvents, waiter, 0, nullptr);
-    if (waiter->Thread != nullptr) {
+    if (waiter->Wake != nullptr && StartWorkerThread(WaitForEvents, waiter, &waiter->Worker)) {
         waiter->Next = std::exchange(FirstWaiter, waiter);
         return waiter;
     }
@@ -209,7 +207,7 @@ bool AwaitEventWaiters(EventWaiter* waiters, const StopDeadline& deadline) {
     bool allEnded = true;
     while (waiters != nullptr) {
         EventWaiter* const waiter = std::exchange(waiters, waiters->Next);
-        if (!deadline.Await(waiter->Thread)) {
+        if (!deadline.Await(&waiter->Worker)) {
             allEnded = false;
             continue;
         }

@@ -8,7 +8,7 @@
 
 #include "provider/overlapped/caller_record.h"
 #include "provider/overlapped/overlapped_operation.h"
-#include "provider/overlapped/stop_deadline.h"
+#include "provider/overlapped/worker_thread.h"
 
 struct EventWaiter;
 

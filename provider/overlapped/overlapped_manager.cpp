@@ -14,6 +14,7 @@
 #include "provider/overlapped/overlapped_completion.h"
 #include "provider/overlapped/overlapped_records.h"
 #include "provider/overlapped/port_worker.h"
+#include "provider/overlapped/worker_thread.h"
 
 Atomic<HANDLE> ManagerPort;
 Atomic<HANDLE> ManagerSemaphore;
@@ -24,16 +25,15 @@ constexpr DWORD kStopMilliseconds = 5000;
 constexpr DWORD kMostWorkers = MAXIMUM_WAIT_OBJECTS;
 constexpr int kStartFailure = WSAEPROVIDERFAILEDINIT;
 
-HANDLE* Workers QX_GUARDED_BY(OverlappedLock) = nullptr;
+WorkerThread* Workers QX_GUARDED_BY(OverlappedLock) = nullptr;
 DWORD WorkerCount QX_GUARDED_BY(OverlappedLock) = 0;
 
 bool StartWorker() QX_REQUIRES(OverlappedLock) {
     const HANDLE port = ManagerPort;
     const LPTHREAD_START_ROUTINE procedure = port != nullptr ? PortWorker : AlertableWorker;
     const HANDLE argument = port != nullptr ? port : static_cast<HANDLE>(ManagerSemaphore);
-    const HANDLE worker = CreateThread(nullptr, 0, procedure, argument, 0, nullptr);
-    if (worker == nullptr) return false;
-    Workers[WorkerCount++] = worker;
+    if (!StartWorkerThread(procedure, argument, &Workers[WorkerCount])) return false;
+    ++WorkerCount;
     return true;
 }
 
@@ -112,7 +112,8 @@ int StartOverlappedManager() {
         ManagerSemaphore = CreateSemaphoreA(nullptr, 0, 0x7FFFFFFF, nullptr);
         if (ManagerSemaphore == nullptr) return kStartFailure;
     }
-    Workers = static_cast<HANDLE*>(HeapAlloc(PrivateHeap, HEAP_ZERO_MEMORY, wanted * sizeof(HANDLE)));
+    Workers =
+        static_cast<WorkerThread*>(HeapAlloc(PrivateHeap, HEAP_ZERO_MEMORY, wanted * sizeof(WorkerThread)));
     WorkerCount = 0;
     while (Workers != nullptr && WorkerCount < wanted && StartWorker()) {
     }
@@ -121,7 +122,7 @@ int StartOverlappedManager() {
 }
 
 bool StopOverlappedManager() {
-    HANDLE* workers;
+    WorkerThread* workers;
     DWORD count;
     HANDLE port;
     HANDLE semaphore;
@@ -143,10 +144,8 @@ bool StopOverlappedManager() {
     EventWaiter* const waiters = TellEventWaitersToEnd();
     const StopDeadline deadline(kStopMilliseconds);
     bool ended = AwaitEventWaiters(waiters, deadline);
-    for (DWORD i = 0; i < count; ++i) {
-        ended = deadline.Await(workers[i]) && ended;
-        SafeCloseHandle(workers[i]);
-    }
+    for (DWORD i = 0; i < count; ++i)
+        ended = deadline.Await(&workers[i]) && ended;
     if (workers != nullptr) HeapFree(PrivateHeap, 0, workers);
     while (OverlappedOperation* const operation = TakePendingRecord()) {
         CompleteOverlappedOperation(WSA_OPERATION_ABORTED, 0, &operation->ProviderOverlapped, 0);
