@@ -169,17 +169,28 @@ TEST_F(ProcessIdentity, EachStartUpCollectsAnewUnlessACollectionRuns) {
     const platform::ResourceCounts held = platform::CountResources();
     StartProcessInfoCollection();
     EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "");
-    // One that goes on when the patience of a stop is over is left alone.
+    platform::AdvanceClock(1000);
+    StopProcessInfoCollection();
+}
+
+TEST_F(ProcessIdentity, ACollectionThatGoesOnIsLeftAlone) {
+    SetWindows({{"First"}});
+    CollectProcessInfo(nullptr);
+    SetWindows({{"Hung", true}});
+    const platform::ScopedClockRate stopped(0);
+    StartProcessInfoCollection();
+    ASSERT_TRUE(platform::WaitForTimedWaits(1));
+    const platform::ResourceCounts held = platform::CountResources();
     auto stop = std::async(std::launch::async, StopProcessInfoCollection);
     ASSERT_TRUE(platform::WaitForTimedWaits(2));
     platform::AdvanceClock(500);
     stop.get();
-    EXPECT_EQ(TitleAndSigner().first, "Second");
+    EXPECT_EQ(TitleAndSigner().first, "First");
     StartProcessInfoCollection();
     EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "") << "it still runs";
     platform::AdvanceClock(500);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (TitleAndSigner().first == "Second" && std::chrono::steady_clock::now() < deadline)
+    while (TitleAndSigner().first == "First" && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
     EXPECT_EQ(TitleAndSigner().first, "<Unknown>") << "the window did not answer within a second";
 }
