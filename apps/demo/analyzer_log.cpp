@@ -14,13 +14,23 @@ std::optional<Question> ParseQuestion(const std::string& line) {
     const std::string behaviour = json.value("behaviour", "");
     question.verdict = behaviour == "answer" ? json.value("action", "") : behaviour;
     if (json.value("exempt", false)) question.verdict += ", exempt";
+    question.redirect = json.value("redirect", "");
     return question;
 }
 
-std::vector<Question> ConnectQuestions(const std::vector<Question>& questions, int processId) {
+std::vector<Question> QuestionsAbout(const std::vector<Question>& questions, int processId,
+                                     const std::string& destination) {
+    std::vector<Question> about;
+    for (const Question& question : questions) {
+        if (question.processId == processId || question.destination == destination) about.push_back(question);
+    }
+    return about;
+}
+
+std::vector<Question> ConnectQuestions(const std::vector<Question>& questions) {
     std::vector<Question> asked;
     for (const Question& question : questions) {
-        if (question.operation == "connect" && question.processId == processId) asked.push_back(question);
+        if (question.operation == "connect") asked.push_back(question);
     }
     return asked;
 }

@@ -14,10 +14,16 @@ struct Question {
     /// "allow", "refuse" or "redirect", with ", exempt" when the process is left alone from now on; or how
     /// the analyzer misbehaved: "silent", "garbage" or "close".
     std::string verdict;
+    /// Where it redirects to; empty for other verdicts.
+    std::string redirect;
 };
 
 /// Nothing for a line that is no request.
 std::optional<Question> ParseQuestion(const std::string& line);
 
-/// The questions about connects that the process asked, in order.
-std::vector<Question> ConnectQuestions(const std::vector<Question>& questions, int processId);
+/// Everything that names the process or the destination, in order: also what names one of them wrongly.
+std::vector<Question> QuestionsAbout(const std::vector<Question>& questions, int processId,
+                                     const std::string& destination);
+
+/// Those about connects, in order.
+std::vector<Question> ConnectQuestions(const std::vector<Question>& questions);

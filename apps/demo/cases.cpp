@@ -14,7 +14,7 @@ constexpr int kFastClock = 20;
 
 std::vector<Case> MakeCases() {
     std::vector<Case> cases;
-    const auto add = [&cases](const char* name, const char* destination, const char* rule) -> Case& {
+    const auto add = [&cases](const char* name, const char* destination, const std::string& rule) -> Case& {
         Case& added = cases.emplace_back();
         added.name = name;
         added.destination = destination;
@@ -33,9 +33,11 @@ std::vector<Case> MakeCases() {
         c.verdict = "refuse";
     }
     {
-        Case& c = add("redirected", "203.0.113.30:80", "action = 'redirect'\naddress = '203.0.113.200:80'");
+        Case& c = add("redirected", "203.0.113.30:80",
+                      std::string("action = 'redirect'\naddress = '") + kBetaAddress + "'");
         c.answeredBy = kBeta;
         c.verdict = "redirect";
+        c.redirect = kBetaAddress;
     }
     {
         Case& c = add("local destination", kLocalDestination, "");

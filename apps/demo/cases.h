@@ -39,13 +39,14 @@ struct Case {
     int error = 0;
     int questions = 1;          ///< how often the analyzer is asked about a connect
     std::string verdict;        ///< what it says each time, as its log names it
+    std::string redirect;       ///< where it redirects to; empty for other verdicts
     int leastMilliseconds = 0;  ///< each request takes at least so long on the application's clock
 };
 
 /// The destination of a case on a machine whose real servers are behind routes.
 constexpr const char* kLocalDestination = "local";
 
-/// A public address that leads to the server beta on every machine of the demo.
+/// The one public address that leads to the server beta, on every machine of the demo.
 constexpr const char* kBetaAddress = "203.0.113.200:80";
 
 const std::vector<Case>& Cases();

@@ -41,7 +41,8 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
     Outcome outcome;
     outcome.scene = &scene;
     outcome.run = run;
-    outcome.questions = ConnectQuestions(allQuestions, run.processId);
+    outcome.told = QuestionsAbout(allQuestions, run.processId, run.destination);
+    outcome.questions = ConnectQuestions(outcome.told);
     Problems* const problems = &outcome.problems;
 
     Expect("exit status", scene.answeredBy.empty() ? 1 : 0, run.exitStatus, problems);
@@ -56,9 +57,11 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
     Expect<std::size_t>("questions", static_cast<std::size_t>(scene.questions), outcome.questions.size(),
                         problems);
     for (const Question& question : outcome.questions) {
+        Expect("process told", run.processId, question.processId, problems);
         Expect("destination told", run.destination, question.destination, problems);
         Expect<std::string>("user told", kUser, question.user, problems);
         Expect("verdict", scene.verdict, question.verdict, problems);
+        Expect("redirect", scene.redirect, question.redirect, problems);
     }
     return outcome;
 }

@@ -9,7 +9,8 @@
 struct Outcome {
     const Case* scene = nullptr;
     ClientRun run;
-    std::vector<Question> questions;    ///< those of the application, about connects
+    std::vector<Question> told;         ///< all that the analyzer was told of this application or destination
+    std::vector<Question> questions;    ///< those of them about connects
     std::vector<std::string> problems;  ///< every way in which the promise was broken
 
     bool Passed() const { return problems.empty(); }

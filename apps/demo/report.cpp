@@ -14,11 +14,16 @@ namespace {
 constexpr std::size_t kColumns = 5;
 using Row = std::array<std::string, kColumns>;
 
+std::string Times(std::size_t count) {
+    return count > 1 ? std::to_string(count) + " times " : "";
+}
+
 std::string WhatWasTold(const Outcome& outcome) {
-    if (outcome.questions.empty()) return "nothing";
+    if (outcome.told.empty()) return "nothing";
+    if (outcome.questions.empty()) return "of no connect, " + Times(outcome.told.size()) + "something else";
     const Question& question = outcome.questions.front();
-    return "qxhttp[" + std::to_string(question.processId) + "] of " + question.user + " to " +
-           question.destination;
+    return Times(outcome.questions.size()) + "process " + std::to_string(question.processId) + " of " +
+           question.user + " to " + question.destination;
 }
 
 std::string Verdict(const Outcome& outcome) {
@@ -28,12 +33,14 @@ std::string Verdict(const Outcome& outcome) {
 std::string WhatWasSeen(const Outcome& outcome) {
     if (outcome.run.lines.empty()) return "nothing, exit status " + std::to_string(outcome.run.exitStatus);
     const ClientLine& line = outcome.run.lines.back();
-    std::string seen = line.failedStep.empty()
-                           ? "\"" + line.body + "\" from " + line.peer
-                           : line.failedStep + " failed with " + std::to_string(line.error);
-    const std::size_t count = outcome.run.lines.size();
-    if (count > 1) seen = std::to_string(count) + " times " + seen;
-    return seen;
+    const std::string times = Times(outcome.run.lines.size());
+    if (!line.failedStep.empty())
+        return times + line.failedStep + " failed with " + std::to_string(line.error);
+    // Beta is behind one public address alone, so its name in the answer says where the connection really
+    // went.
+    const bool redirected = line.body == kBeta && outcome.scene->server != kBeta;
+    return times + "\"" + line.body + "\"" +
+           (redirected ? std::string(", redirected to ") + kBetaAddress : " from " + line.peer);
 }
 
 /// As long as the application waited, by its own clock.
@@ -61,6 +68,18 @@ void PrintRow(const Row& row, const std::array<std::size_t, kColumns>& widths, c
 }
 
 }  // namespace
+
+void PrintIntroduction(const std::map<std::string, std::string>& serverAddresses, std::ostream* out) {
+    const auto server = [&](const char* name) {
+        return std::string("\"") + name + "\" (" + serverAddresses.at(name) + ")";
+    };
+    *out << "Two origin servers answer with their names: " << server(kAlpha)
+         << " is behind the public address of every case,\n"
+         << server(kBeta) << " behind " << kBetaAddress << " alone, and " << server(kEcho)
+         << " echoes datagrams.\n"
+         << "What the analyzer was told is read from its own log. When it gives no answer, policy 0 lets the "
+            "connect through\nand policy 1 refuses it (10061).\n\n";
+}
 
 void PrintTable(const std::vector<Outcome>& outcomes, std::ostream* out) {
     const Row heading = {"case", "the analyzer was told", "its verdict", "the application saw", "took"};
@@ -94,7 +113,8 @@ void PrintJson(const std::vector<Outcome>& outcomes, std::ostream* out) {
             questions.push_back({{"process_id", question.processId},
                                  {"user", question.user},
                                  {"destination", question.destination},
-                                 {"verdict", question.verdict}});
+                                 {"verdict", question.verdict},
+                                 {"redirect", question.redirect}});
         }
         nlohmann::ordered_json requests = nlohmann::ordered_json::array();
         for (const ClientLine& line : outcome.run.lines) {

@@ -79,6 +79,9 @@ class Stage {
     /// The address at which the case's application asks: its own, or the server's real one.
     std::string DestinationOf(const Case& scene) const;
 
+    /// Where the origin servers really listen, "127.0.0.1:PORT", by their names.
+    const std::map<std::string, std::string>& ServerAddresses() const { return serverAddresses_; }
+
     /// What the processes wrote to their standard errors.
     std::string ErrorOutput() const;
 
@@ -93,7 +96,7 @@ class Stage {
     const ApplicationPrograms applications_;
     std::filesystem::path directory_;
     ClosedPort closedPort_;
-    std::map<std::string, std::string> serverAddresses_;  ///< by name, "127.0.0.1:PORT"
+    std::map<std::string, std::string> serverAddresses_;
     std::vector<std::unique_ptr<ChildProcess>> servers_;
     std::unique_ptr<ChildProcess> analyzer_;
     unsigned short analyzerPort_ = 0;

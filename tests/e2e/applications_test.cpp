@@ -1,5 +1,5 @@
 // What one application alone does not show: several at once, many connects, an analyzer that goes and comes
-// back, and a demo that is interrupted.
+// back, and a demo that is interrupted or can't tell what it saw.
 #include "apps/demo/outcome.h"
 
 #include <gtest/gtest.h>
@@ -7,10 +7,14 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <fstream>
 #include <future>
+#include <sstream>
+#include <stdexcept>
 
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr auto kLimit = 60s;
@@ -65,37 +69,72 @@ TEST(ApplicationsTest, AnalyzerThatGoesAndComesBackIsAskedAgain) {
     EXPECT_EQ(run.lines[0].error, 0);
     EXPECT_EQ(run.lines[1].error, 10061);
     EXPECT_EQ(run.lines[2].error, 0);
-    EXPECT_EQ(ConnectQuestions(stage.AllQuestions(), run.processId).size(), 2u);
+    EXPECT_EQ(Judge(scene, run, stage.AllQuestions()).questions.size(), 2u);
 }
 
-TEST(DemoTest, InterruptedDemoEndsItsProcessesAndCleansUp) {
-    namespace fs = std::filesystem;
-    std::string pattern = (fs::temp_directory_path() / "qxdemo-test-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    const fs::path directory = pattern;
-    const fs::path temporary = directory / "tmp";
-    fs::create_directory(temporary);
-    {
+class DemoTest : public testing::Test {
+  protected:
+    DemoTest() {
+        std::string pattern = (fs::temp_directory_path() / "qxdemo-test-XXXXXX").string();
+        if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory");
+        directory_ = pattern;
+        fs::create_directory(Temporary());
+    }
+    ~DemoTest() override { fs::remove_all(directory_); }
+
+    fs::path Temporary() const { return directory_ / "tmp"; }
+
+    ChildOptions Options(std::vector<std::string> arguments) const {
         ChildOptions options;
-        options.arguments = {(fs::read_symlink("/proc/self/exe").parent_path() / "qxdemo").string(),
-                             "--verbose", "--case", "analyzer silent, policy 0"};
-        options.environment = {{"TMPDIR", temporary.string()}};
-        options.errorFile = directory / "errors";
-        ChildProcess demo(options);
-        const auto line = demo.Line(0, After(kLimit));
-        ASSERT_TRUE(line && line->rfind("process ", 0) == 0);
-        const pid_t application = std::stoi(line->substr(8));
-        demo.RequestStop();
-        EXPECT_EQ(demo.Wait(After(kLimit)), 130);
-        for (const fs::directory_entry& left : fs::recursive_directory_iterator(temporary)) {
+        options.arguments = std::move(arguments);
+        options.environment = {{"TMPDIR", Temporary().string()}};
+        options.errorFile = directory_ / "errors";
+        return options;
+    }
+
+    std::string Errors() const {
+        std::ostringstream text;
+        text << std::ifstream(directory_ / "errors").rdbuf();
+        return text.str();
+    }
+
+    void ExpectNothingLeft() const {
+        for (const fs::directory_entry& left : fs::recursive_directory_iterator(Temporary())) {
             // The thread sanitizer's own, of a process that was ended while its runtime started.
             if (left.path().filename().string().rfind("tsan.rodata.", 0) == 0) continue;
             ADD_FAILURE() << left.path() << " is left";
         }
-        EXPECT_EQ(kill(application, 0), -1);
-        EXPECT_EQ(errno, ESRCH);
     }
-    fs::remove_all(directory);
+
+    const std::string demo_ = (ProgramDirectory() / "qxdemo").string();
+
+  private:
+    fs::path directory_;
+};
+
+TEST_F(DemoTest, InterruptedDemoEndsItsProcessesAndCleansUp) {
+    ChildProcess demo(Options({demo_, "--verbose", "--case", "analyzer silent, policy 0"}));
+    std::optional<std::string> line;
+    for (std::size_t i = 0; (line = demo.Line(i, After(kLimit))) && line->rfind("process ", 0) != 0;)
+        ++i;
+    ASSERT_TRUE(line);
+    const pid_t application = std::stoi(line->substr(8));
+    demo.RequestStop();
+    EXPECT_EQ(demo.Wait(After(kLimit)), 130);
+    ExpectNothingLeft();
+    EXPECT_EQ(kill(application, 0), -1);
+    EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(DemoTest, SaysSoWhenItsOutputCannotBeWritten) {
+    for (const std::string output : {"--case allowed >/dev/full", "--json --case allowed >/dev/full",
+                                     "--list >/dev/full", "--case allowed >&-"}) {
+        const std::string before = Errors();
+        ChildProcess demo(Options({"/bin/sh", "-c", "exec '" + demo_ + "' " + output}));
+        EXPECT_EQ(demo.Wait(After(kLimit)), 2) << output;
+        EXPECT_EQ(Errors(), before + "qxdemo: cannot write to the standard output\n") << output;
+    }
+    ExpectNothingLeft();
 }
 
 }  // namespace

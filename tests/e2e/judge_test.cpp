@@ -1,9 +1,11 @@
-// The demo must be able to fail: every way in which a case can break its promise is found.
-#include "apps/demo/outcome.h"
+// The demo must be able to fail: every way in which a case can break its promise is found, and the report
+// shows what was told and seen, not what was promised.
+#include "apps/demo/report.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <sstream>
 
 namespace {
 
@@ -25,9 +27,9 @@ Evidence Kept() {
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
     evidence.run.lines = {{"", 0, scene.destination, 200, kBeta, 3}};
-    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect"},
-                          {"close", 4711, kUser, scene.destination, "allow"},
-                          {"connect", 4712, kUser, "203.0.113.10:80", "allow"}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress},
+                          {"close", 4711, kUser, scene.destination, "allow", ""},
+                          {"connect", 4712, kUser, "203.0.113.10:80", "allow", ""}};
     return evidence;
 }
 
@@ -49,6 +51,7 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
         {"wrong user", [](Evidence* e) { e->questions[0].user = "DEMO\\bob"; }},
         {"wrong destination", [](Evidence* e) { e->questions[0].destination = kBetaAddress; }},
         {"wrong verdict", [](Evidence* e) { e->questions[0].verdict = "allow"; }},
+        {"redirected elsewhere", [](Evidence* e) { e->questions[0].redirect = "203.0.113.201:80"; }},
     };
     const Evidence kept = Kept();
     EXPECT_TRUE(Judge(Redirected(), kept.run, kept.questions).Passed());
@@ -65,6 +68,31 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
     // What stands in the analyzer's log beside its answers proves nothing.
     EXPECT_FALSE(ParseQuestion("listening on 127.0.0.1:4000"));
     EXPECT_FALSE(ParseQuestion("{\"operation\":"));
+}
+
+TEST(ReportTest, ShowsWhatWasToldAndWhoAnswered) {
+    struct Shown {
+        std::function<void(Evidence*)> apply;
+        const char* text;
+    };
+    const std::vector<Shown> rows = {
+        {[](Evidence*) {}, "process 4711 of DEMO\\alice to 203.0.113.30:80  redirect"},
+        {[](Evidence*) {}, "\"beta\", redirected to 203.0.113.200:80"},
+        {[](Evidence* e) { e->run.lines[0].body = kAlpha; }, "\"alpha\" from 203.0.113.30:80"},
+        {[](Evidence* e) { e->questions[0].processId = 1; }, "process 1 of DEMO\\alice to 203.0.113.30:80"},
+        {[](Evidence* e) { e->questions[0].destination = "203.0.113.99:80"; },
+         "process 4711 of DEMO\\alice to 203.0.113.99:80"},
+        {[](Evidence* e) { e->questions.push_back(e->questions[0]); }, "2 times process 4711"},
+        {[](Evidence* e) { e->questions.erase(e->questions.begin()); }, "of no connect, something else  -"},
+        {[](Evidence* e) { e->questions.clear(); }, "nothing"},
+    };
+    for (const Shown& row : rows) {
+        Evidence evidence = Kept();
+        row.apply(&evidence);
+        std::ostringstream report;
+        PrintTable({Judge(Redirected(), evidence.run, evidence.questions)}, &report);
+        EXPECT_NE(report.str().find(row.text), std::string::npos) << row.text << "\n" << report.str();
+    }
 }
 
 }  // namespace
