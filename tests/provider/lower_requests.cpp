@@ -114,6 +114,11 @@ void FillControl(WSPPROC_TABLE& table) {
     });
 }
 
+/// Whether the port that its socket is on, if any, is to be told of a request's end.
+bool WantsPacket(const LowerRequest& request) {
+    return request.routine == nullptr && (reinterpret_cast<ULONG_PTR>(request.record->hEvent) & 1) == 0;
+}
+
 }  // namespace
 
 LowerRequests::LowerRequests() {
@@ -200,6 +205,7 @@ bool LowerRequests::IsStream(SOCKET s) {
 }
 
 void LowerRequests::FinishAtOnce(const LowerRequest& request) {
+    const bool packet = WantsPacket(request);
     request.record->InternalHigh = kBytesAtOnce;
     PublishWord(&request.record->Internal, ULONG_PTR{0});
     if (request.routine != nullptr) {
@@ -212,15 +218,15 @@ void LowerRequests::FinishAtOnce(const LowerRequest& request) {
                      GetCurrentThread(), reinterpret_cast<ULONG_PTR>(later));
     } else if (EventOf(request.record) != nullptr) {
         SetEvent(EventOf(request.record));
-    } else if (!IsStream(request.socket)) {
-        // A stream socket keeps its promise to queue no packet for what succeeds at once.
-        winsock_host::AnnounceCompletion(request.socket, request.record, kBytesAtOnce, 0);
     }
+    // A stream socket keeps its promise to queue no packet for what succeeds at once.
+    if (packet && !IsStream(request.socket))
+        winsock_host::AnnounceCompletion(request.socket, request.record, kBytesAtOnce, 0);
 }
 
 void LowerRequests::Finish(const LowerRequest& request, DWORD bytes, int error) {
     const HANDLE event = EventOf(request.record);
-    const bool packet = event == nullptr && request.routine == nullptr;
+    const bool packet = WantsPacket(request);
     request.record->InternalHigh = bytes;
     PublishWord(&request.record->Internal, static_cast<ULONG_PTR>(error));
     if (request.routine != nullptr) {

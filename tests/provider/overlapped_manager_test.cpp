@@ -224,7 +224,7 @@ TEST_F(OverlappedManager, ARequestStuckOnItsLowerSocketUseIsFreedByTheClose) {
     const SOCKET s = MakeSocket();
     WSAOVERLAPPED overlapped{};
     StartBlocking(s, &overlapped);
-    const platform::ScopedClockRate fast(100);
+    const platform::ScopedClockRate fast(5);
     Close(s);
     EXPECT_TRUE(StopOverlappedManager());
     EXPECT_FALSE(IsOverlappedInProgress(&overlapped));
@@ -238,7 +238,7 @@ TEST_F(OverlappedManager, ARequestThatTheLowerProviderHoldsOnToKeepsItsRecord) {
     EXPECT_TRUE(Accept(listener, accepting, &overlapped));
     ASSERT_EQ(WaitForSingleObject(Requests->entered, kPatience), WAIT_OBJECT_0);
     {
-        const platform::ScopedClockRate fast(100);
+        const platform::ScopedClockRate fast(5);
         EXPECT_TRUE(StopOverlappedManager());
     }
     EXPECT_TRUE(IsOverlappedInProgress(&overlapped));

@@ -88,8 +88,37 @@ TEST_P(OverlappedRequests, EndWithAnErrorThoughTheLowerProviderNamesNone) {
     lower_->WaitFor(1);
     lower_->End(0, 9, kFailsWithoutError);
     EXPECT_EQ(Told(request, false), static_cast<DWORD>(WSAEINVAL));
+    EXPECT_EQ(ContextOf(s)->LastError, WSAEINVAL);
     EXPECT_EQ(ContextOf(s)->BytesSent, 0u);
     CloseLetGo(s);
+}
+
+TEST_P(OverlappedRequests, EndThoughWinsockDoesNotSayWhoseTheirHandleIs) {
+    const SOCKET s = Open();
+    const SOCKET accepting = Open();
+    const auto query = UpcallTable.lpWPUQuerySocketHandleContext;
+    const auto queryBy = [](LPWPUQUERYSOCKETHANDLECONTEXT upcall) {
+        const Locker global(qx::GlobalLock);
+        UpcallTable.lpWPUQuerySocketHandleContext = upcall;
+    };
+    for (const OverlappedType type : {OverlappedType::kTransmitFile, OverlappedType::kAcceptEx}) {
+        const std::size_t before = lower_->Count();
+        Request request;
+        EXPECT_EQ(Start(type, s, request, accepting), WSA_IO_PENDING);
+        lower_->WaitFor(before + 1);
+        queryBy(Callback([](SOCKET, PDWORD_PTR, LPINT error) {
+            *error = WSAENETDOWN;
+            return SOCKET_ERROR;
+        }));
+        lower_->End(before, 9, 0);
+        const bool accepts = type == OverlappedType::kAcceptEx;
+        EXPECT_EQ(Told(request, false), accepts ? DWORD{WSAENOTSOCK} : 0u) << "its accepting socket is gone";
+        queryBy(query);
+    }
+    EXPECT_EQ(ContextOf(s)->BytesSent, 9u);
+    CloseLetGo(s);
+    ContextOf(accepting)->OutstandingAsync = 0;  // the end found nothing to take its count off
+    CloseLetGo(accepting);
 }
 
 TEST_P(OverlappedRequests, BlockedAreReportedOnceAndSendNothing) {
@@ -336,7 +365,7 @@ TEST_P(OverlappedRequests, OnTheirWayDownWhileTheManagerStopsAreNotLost) {
     const SOCKET s = Open();
     Request request;
     lower_->DuringNext([] { EXPECT_TRUE(StopOverlappedManager()); });
-    const platform::ScopedClockRate fast(100);
+    const platform::ScopedClockRate fast(5);
     EXPECT_EQ(Start(OverlappedType::kTransmitFile, s, request), WSA_IO_PENDING);
     EXPECT_TRUE(IsOverlappedInProgress(&request.record)) << "cancelled, but not let go of";
     const LPWSAOVERLAPPED below = lower_->WaitFor(1).record;
@@ -353,7 +382,7 @@ TEST_P(OverlappedRequests, WhatTheLowerProviderHoldsOnToEndsTheStopNonetheless) 
     EXPECT_EQ(Start(OverlappedType::kTransmitFile, s, request), WSA_IO_PENDING);
     const LPWSAOVERLAPPED below = lower_->WaitFor(1).record;
     {
-        const platform::ScopedClockRate fast(100);
+        const platform::ScopedClockRate fast(5);
         EXPECT_TRUE(StopOverlappedManager());
     }
     EXPECT_TRUE(IsOverlappedInProgress(&request.record)) << "the lower provider may yet write to its record";
