@@ -227,19 +227,19 @@ TEST_P(OverlappedRequests, ExtensionCallsWithoutARecordGoDownAsTheyAre) {
 TEST_P(OverlappedRequests, HarmNothingWhenTheirRecordIsGone) {
     for (const bool untilTold : {false, true}) {
         const SOCKET s = Open();
-        auto memory = std::make_unique<EdgeOfMemory>();
-        auto* const record = new (memory->LastBytes(sizeof(WSAOVERLAPPED))) WSAOVERLAPPED{};
+        EdgeOfMemory memory;
+        auto* const record = new (memory.LastBytes(sizeof(WSAOVERLAPPED))) WSAOVERLAPPED{};
         WSABUF buffer = {0, nullptr};
         const std::size_t before = lower_->Count();
         EXPECT_EQ(WSPSend(s, &buffer, 1, nullptr, 0, record, CountCompletion, nullptr, &error_),
                   SOCKET_ERROR);
         EXPECT_EQ(std::exchange(error_, 0), WSA_IO_PENDING);
         lower_->WaitFor(before + 1);
-        if (!untilTold) memory.reset();
+        if (!untilTold) memory.TakeAway();
         lower_->End(before, 9, 0);
         if (untilTold) {
             const QueuedRoutine routine = TakeRoutine();
-            memory.reset();
+            memory.TakeAway();
             routine.first(routine.second);
         }
         CloseLetGo(s);

@@ -18,12 +18,22 @@ class EdgeOfMemory {
     ~EdgeOfMemory() {
         VirtualFree(pages_, 0, MEM_RELEASE);
     }
+
+    /// From now on nothing of it can be read; nor is it anybody else's.
+    void TakeAway() {
+        VirtualFree(pages_, kPage, MEM_DECOMMIT);
+    }
 #else
     EdgeOfMemory() : pages_(mmap(nullptr, 2 * kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) {
         mprotect(pages_, kPage, PROT_READ | PROT_WRITE);
     }
     ~EdgeOfMemory() {
         munmap(pages_, 2 * kPage);
+    }
+
+    /// From now on nothing of it can be read; nor is it anybody else's.
+    void TakeAway() {
+        mprotect(pages_, kPage, PROT_NONE);
     }
 #endif
     EdgeOfMemory(const EdgeOfMemory&) = delete;
