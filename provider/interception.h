@@ -21,11 +21,12 @@ struct ConnectTarget {
 };
 
 /// Asks the analyzer about a connect to `target->name`, unless the socket is exempt or no stream, and applies
-/// its verdict to the context (`Blocked`, `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and to
+/// its verdict to the context (`Blocked`, `RelayWanted`, `Split`, `RelayAddress` and the verdict flags) and
+/// to
 /// `*target`: the way, and the name to connect to, which a redirection replaces. A connection that is to be
 /// split is split, and the name is the relay listener's; when that fails, everything that was made has been
-/// released. When the analyzer can't be asked, or doesn't answer, the fail-connect policy decides; but a socket
-/// that is being closed meanwhile connects nowhere.
+/// released. When the analyzer can't be asked, or doesn't answer, the fail-connect policy decides; but a
+/// socket that is being closed meanwhile connects nowhere.
 void InterceptConnect(SocketContext* context, ConnectTarget* target);
 
 /// Closes and removes the relay connection of a split whose connect to the relay listener failed.

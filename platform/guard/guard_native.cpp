@@ -16,8 +16,8 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "platform/guard/guarded_call.h"
 #include "platform/guard/call_depth.h"
+#include "platform/guard/guarded_call.h"
 #include "platform/guard/thread_guard.h"
 
 namespace platform {

@@ -30,7 +30,7 @@ struct FakeState {
     std::map<SOCKET, DWORD_PTR> handles;
     SOCKET nextHandle = 0x1000;
     int createHandleError = 0;
-    DWORD handleEntry = 0;  // the catalog id of the last handle
+    DWORD handleEntry = 0;                   // the catalog id of the last handle
     std::function<void(SOCKET)> handleMade;  // before whoever asked for it knows it
 
     // The lower provider below.
