@@ -57,8 +57,9 @@ bool ToUtf16(const char* text, WCHAR (&out)[kPathSize]) {
     std::size_t used = 0;
     for (std::size_t i = 0; i < length; ++i) {
         std::uint32_t character = std::char_traits<wchar_t>::to_int_type(wide[i]);
-        if (used + 2 >= kPathSize) return false;
-        if (character > 0xFFFF) {
+        const bool isPair = character > 0xFFFF;
+        if (used + (isPair ? 2 : 1) >= kPathSize) return false;
+        if (isPair) {
             character -= 0x10000;
             out[used++] = static_cast<WCHAR>(0xD800 + (character >> 10));
             character = 0xDC00 + (character & 0x3FF);

@@ -141,6 +141,15 @@ TEST_F(ProcessIdentity, TheSignerIsReadOrEmptyAndNothingStays) {
     EXPECT_EQ(platform::DescribeGrowth(held, platform::CountResources()), "");
 }
 
+TEST_F(ProcessIdentity, TheLongestPathHasASignerAndALongerOneNone) {
+    SetSigner("Demo Signer");
+    for (const std::size_t length : {258, 259, 260}) {
+        machine_.processImage = "C:\\" + std::string(length - 7, 'p') + ".exe";
+        platform::SetMachineForTest(machine_);
+        EXPECT_EQ(GetImageSignerSubject(), length < 260 ? "Demo Signer" : "") << length;
+    }
+}
+
 TEST_F(ProcessIdentity, EachStartUpCollectsAnewUnlessACollectionRuns) {
     {
         const platform::ScopedFault fault(FaultAt("CreateThread"));
