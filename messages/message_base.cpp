@@ -5,8 +5,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdio>
 #include <new>
 
 #include "base/atomic.h"
@@ -46,7 +44,6 @@ MessageBase::MessageBase()
       MessageId(0),
       header_{0, nullptr},
       DataLength(-1) {
-    OwnedBuffers.reserve(4);
     // A constructor that throws runs no destructor of its own class.
     try {
         ResetHeader();
@@ -132,32 +129,11 @@ std::uint32_t MessageBase::GetExpectedLength() {
 
 void MessageBase::ReleaseBuffers() {
     ClearBuffers();
-    for (const BufferPiece& piece : OwnedBuffers)
-        ReleaseMemory(piece.data);
-    OwnedBuffers.clear();
-}
-
-void MessageBase::ReleaseMemory(unsigned char* memory) {
-    if (FreeFunction != nullptr) {
-        FreeFunction(memory);
-    } else {
-        delete[] memory;
-    }
+    OwnedBuffers.ReleaseAll(FreeFunction);
 }
 
 BufferPiece MessageBase::AllocateBuffer(std::uint32_t size) {
-    if (size == 0) return {0, nullptr};
-    // The entry first: memory that can't be recorded would be lost.
-    OwnedBuffers.push_back({size, nullptr});
-    unsigned char* memory =
-        AllocFunction != nullptr ? AllocFunction(size) : new (std::nothrow) unsigned char[size];
-    if (memory == nullptr) {
-        OwnedBuffers.pop_back();
-        throw std::bad_alloc();
-    }
-    std::fill_n(memory, size, static_cast<unsigned char>(0));
-    OwnedBuffers.back().data = memory;
-    return {size, memory};
+    return OwnedBuffers.Allocate(size, AllocFunction);
 }
 
 bool MessageBase::ClearBuffers() {
@@ -203,13 +179,8 @@ void MessageBase::GetSubBuffers(std::uint32_t start, std::uint32_t length, Buffe
         return;
     }
     if (!detach) return;
-    for (std::uint32_t index = 0; index < outCount; ++index) {
-        const auto begins = [piece = outArray[index]](const BufferPiece& owned) {
-            return owned.data == piece.data;
-        };
-        OwnedBuffers.erase(std::find_if(OwnedBuffers.begin(), OwnedBuffers.end(), begins),
-                           OwnedBuffers.end());
-    }
+    for (std::uint32_t index = 0; index < outCount; ++index)
+        OwnedBuffers.GiveAwayFrom(outArray[index].data);
 }
 
 bool MessageBase::SetBuffers(const BufferPiece* pieces, std::uint32_t count, bool own) {
@@ -219,7 +190,7 @@ bool MessageBase::SetBuffers(const BufferPiece* pieces, std::uint32_t count, boo
         for (std::uint32_t index = 0; index < count; ++index)
             chain_.AddBuffer(pieces[index]);
         chain_.SetPosition(0);
-        if (own) OwnedBuffers.insert(OwnedBuffers.end(), pieces, pieces + count);
+        if (own) OwnedBuffers.Take(pieces, count);
         return true;
     });
 }
@@ -242,7 +213,7 @@ bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count,
             limit -= pieces[index].length;
         }
         chain_.SetPosition(0);
-        if (own) OwnedBuffers.insert(OwnedBuffers.end(), pieces, pieces + count);
+        if (own) OwnedBuffers.Take(pieces, count);
         return true;
     });
 }
@@ -251,11 +222,11 @@ bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {
     return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
         DataLength = -1;
         // The record first: it can be taken back when the chain can't grow.
-        if (own) OwnedBuffers.push_back(piece);
+        if (own) OwnedBuffers.Take(&piece, 1);
         try {
             chain_.AddBuffer(piece);
         } catch (...) {
-            if (own) OwnedBuffers.pop_back();
+            if (own) OwnedBuffers.GiveAwayLast();
             throw;
         }
         return true;

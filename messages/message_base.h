@@ -2,7 +2,7 @@
 // typed reads and writes of the fields, and the piece-level operations that carry relayed data without
 // copying it.
 //
-// A message owns the memory of the pieces in OwnedBuffers and is used by one thread at a time. Operations
+// A message owns the memory in OwnedBuffers and is used by one thread at a time. Operations
 // that return a bool catch every exception, trace one line and return false. Constructors, ResetHeader,
 // AllocateBuffer and the field reads and writes throw (std::bad_alloc, MessageError); the callers of the
 // first catch them. All integers on the wire are little-endian, the order of the machines that run this.
@@ -13,11 +13,7 @@
 #include <vector>
 
 #include "messages/message_buffer.h"
-
-/// Gives `size` bytes, or null when memory has run out. Must not throw.
-using BufferAllocFunction = unsigned char* (*)(std::uint32_t size);
-/// Takes back what the matching BufferAllocFunction or new[] gave.
-using BufferFreeFunction = void (*)(unsigned char* memory);
+#include "messages/owned_pieces.h"
 
 class MessageBase {
   public:
@@ -127,8 +123,5 @@ class MessageBase {
     MessageBase& ReadString(std::string& text);
 
   private:
-    void ReleaseMemory(unsigned char* memory);
-
-    /// Every piece whose memory this message releases, in the order in which it came.
-    std::vector<BufferPiece> OwnedBuffers;
+    OwnedPieces OwnedBuffers;
 };

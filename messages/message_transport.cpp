@@ -1,12 +1,9 @@
 #include "messages/message_transport.h"
 
-#include <guarded_call.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <memory>
 
-#include "base/layer_call.h"
 #include "base/trace.h"
 
 // The chain's pieces go to Winsock as they are.
@@ -186,42 +183,6 @@ bool ReceiveWithin(MessageBase& message, SOCKET s, Wait& wait) noexcept {
         return false;
     }
 }
-
-}  // namespace
-
-int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWORD flags,
-                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
-    const LayerCall layerCall;
-    int result = SOCKET_ERROR;
-    const bool completed =
-        GuardedCall([&] { result = WSASend(s, buffers, count, bytesSent, flags, overlapped, routine); });
-    if (completed) return result;
-    Trace("WSASend EXCEPTION in thread: %d", static_cast<int>(GetCurrentThreadId()));
-    WSASetLastError(WSAEFAULT);
-    return SOCKET_ERROR;
-}
-
-int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived, DWORD* flags,
-                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
-    const LayerCall layerCall;
-    int result = SOCKET_ERROR;
-    const bool completed =
-        GuardedCall([&] { result = WSARecv(s, buffers, count, bytesReceived, flags, overlapped, routine); });
-    if (completed) return result;
-    Trace("WSARecv EXCEPTION in thread: %d", static_cast<int>(GetCurrentThreadId()));
-    WSASetLastError(WSAEFAULT);
-    return SOCKET_ERROR;
-}
-
-int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) noexcept {
-    const LayerCall layerCall;
-    int result = SOCKET_ERROR;
-    if (GuardedCall([&] { result = select(0, readable, writable, failed, timeout); })) return result;
-    WSASetLastError(WSAEFAULT);
-    return SOCKET_ERROR;
-}
-
-namespace {
 
 /// Throws what the message throws.
 bool SendSerialized(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) {

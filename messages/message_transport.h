@@ -13,19 +13,11 @@
 
 #include "base/atomic.h"
 #include "messages/analyzer_messages.h"
+#include "messages/guarded_winsock.h"
 #include "messages/message_limits.h"
 
 // A macro of the window functions, which would rename the function below.
 #undef SendMessage
-
-/// WSASend and WSARecv; an exception raised inside them becomes SOCKET_ERROR with last error WSAEFAULT.
-int GuardedWSASend(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesSent, DWORD flags,
-                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept;
-int GuardedWSARecv(SOCKET s, WSABUF* buffers, DWORD count, DWORD* bytesReceived, DWORD* flags,
-                   WSAOVERLAPPED* overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept;
-
-/// select; an exception raised inside it becomes SOCKET_ERROR with last error WSAEFAULT. Any set may be null.
-int GuardedSelect(fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout) noexcept;
 
 /// Serialises the message and sends it. True when it was sent or, with `overlapped`, is pending: `completed`
 /// (may be null) tells which. A pending message must live until its completion arrives.
