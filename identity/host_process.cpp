@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "identity/process_identity.h"
+#include "messages/text_cut.h"
 #include "provider/process_state.h"
 
 char ProcessImagePath[kImagePathSize] = "";
@@ -30,7 +31,9 @@ void MakeUnknownUnless(bool known, char (&text)[kSize]) {
 
 void CaptureImagePath() {
     char path[kImagePathSize] = {};
-    MakeUnknownUnless(GetModuleFileNameA(nullptr, path, sizeof(path)) != 0, path);
+    const DWORD length = GetModuleFileNameA(nullptr, path, sizeof(path));
+    MakeUnknownUnless(length != 0, path);
+    if (length == sizeof(path)) path[WithoutPartialCharacter(path)] = 0;
     const Locker lock(IdentityLock);
     std::memcpy(ProcessImagePath, path, sizeof(path));
 }

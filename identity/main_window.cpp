@@ -6,9 +6,11 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "base/trace.h"
 #include "identity/process_identity.h"
+#include "messages/text_cut.h"
 #include "provider/process_state.h"
 
 namespace {
@@ -62,5 +64,7 @@ std::string GetMainWindowTitle() {
               TitleBuffer);
         return "<Unknown>";
     }
-    return TitleBuffer;
+    const std::string_view title = TitleBuffer;
+    const bool mayBeCut = title.size() + 1 >= kTitleLimit;  // the limit counts the text's end
+    return std::string(title.substr(0, mayBeCut ? WithoutPartialCharacter(title) : title.size()));
 }

@@ -9,6 +9,7 @@
 #include "base/atomic.h"
 #include "base/locker.h"
 #include "base/trace.h"
+#include "messages/text_cut.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
 
@@ -24,7 +25,7 @@ Atomic<bool> Collecting;            // set under GlobalLock, cleared by the thre
 
 template <std::size_t size>
 void CopyText(const std::string& text, char (&destination)[size]) {
-    destination[text.copy(destination, size - 1)] = 0;
+    destination[text.copy(destination, FittingLength(text, size - 1))] = 0;
 }
 
 /// A reference on this library, or null.

@@ -1,7 +1,5 @@
 #include "messages/analyzer_messages.h"
 
-#include "messages/message_limits.h"
-
 namespace {
 
 // Prepared before the fields are known; both kinds' fields always take more, so no unfilled bytes reach the
@@ -19,10 +17,6 @@ constexpr std::uint32_t kRemoteAddressSize = sizeof(sockaddr_storage) - kRemoteA
 constexpr std::uint32_t kResponseFieldsSize = 148;
 
 static_assert(sizeof(sockaddr_storage) == 128, "the wire carries 128 bytes of address");
-
-std::uint32_t SentLength(const std::string& text) {
-    return text.size() > kMaxStringLength ? kMaxStringLength : static_cast<std::uint32_t>(text.size());
-}
 
 }  // namespace
 
@@ -68,8 +62,8 @@ void BaseAnalyzerMessage::ResetFields() {
 }
 
 std::uint32_t BaseAnalyzerMessage::FieldsSize() const {
-    constexpr std::uint32_t withoutTexts = 316;
-    return withoutTexts + SentLength(UserName) + SentLength(WindowTitle) + SentLength(ImageSigner);
+    constexpr std::uint32_t withoutTexts = 304;
+    return withoutTexts + StringSize(UserName) + StringSize(WindowTitle) + StringSize(ImageSigner);
 }
 
 void BaseAnalyzerMessage::WriteFields() {

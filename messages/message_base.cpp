@@ -4,14 +4,16 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <new>
 
 #include "base/atomic.h"
 #include "base/trace.h"
 #include "messages/message_limits.h"
+#include "messages/text_cut.h"
 
 namespace {
+
+constexpr std::uint32_t kLengthWordSize = 4;
 
 const DWORD ThisProcessId = GetCurrentProcessId();
 Atomic<std::uint32_t> MessageCounter{0};
@@ -116,8 +118,7 @@ std::uint32_t MessageBase::GetTotalLength() {
 }
 
 std::uint32_t MessageBase::GetExpectedLength() {
-    constexpr std::uint32_t lengthWordSize = 4;
-    if (chain_.GetTotalLength() < lengthWordSize) return lengthWordSize;
+    if (chain_.GetTotalLength() < kLengthWordSize) return kLengthWordSize;
     std::uint32_t expected = 0;
     const bool read = Attempt("Failed to get expected length on an LSP messsage.", [this, &expected] {
         chain_.SetPosition(0);
@@ -261,10 +262,14 @@ MessageBase& MessageBase::WriteString(const std::string& text) {
     if (text.size() > kMaxStringLength) {
         Trace("Writing a big string of length = %d", static_cast<int>(text.size()));
     }
-    const auto length = static_cast<std::uint32_t>(std::min<std::size_t>(text.size(), kMaxStringLength));
+    const std::uint32_t length = StringSize(text) - kLengthWordSize;
     WriteUInt32(length);
     WriteBytes(text.data(), length);
     return *this;
+}
+
+std::uint32_t MessageBase::StringSize(const std::string& text) {
+    return kLengthWordSize + static_cast<std::uint32_t>(FittingLength(text, kMaxStringLength));
 }
 
 void MessageBase::ReadBytes(void* destination, std::uint32_t size) {

@@ -114,7 +114,10 @@ class MessageBase {
     /// Overwrite what the chain holds from the position on, append what doesn't fit, and move the position.
     void WriteBytes(const void* source, std::uint32_t size);
     MessageBase& WriteUInt32(std::uint32_t value);
+    /// A text that is too long is cut between two characters.
     MessageBase& WriteString(const std::string& text);
+    /// Bytes that WriteString writes, the text's length word included.
+    static std::uint32_t StringSize(const std::string& text);
 
     /// Read at the position and move it. Throw MessageError when fewer bytes remain or a text is too long. A
     /// text ends at its first zero byte.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/locker.h"
+#include "identity/host_process.h"
 #include "identity/process_identity.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
@@ -81,6 +82,11 @@ TEST_F(ProcessIdentity, TheFirstWindowOfTheProcessDecidesTheTitle) {
         {"owned by another", {{"Dialog", false, 0, 1}, {"Owner"}}, "Owner", nullptr},
         {"without a title", {{""}}, "", nullptr},
         {"longer than is read", {{std::string(300, 'x')}}, std::string(254, 'x'), nullptr},
+        {"cut inside a character", {{std::string(253, 'x') + "\u00e9"}}, std::string(253, 'x'), nullptr},
+        {"as long as is read",
+         {{std::string(252, 'x') + "\u00e9"}},
+         std::string(252, 'x') + "\u00e9",
+         nullptr},
         {"hung before another",
          {{"Hung", true}, {"Fine"}},
          "<Unknown>",
@@ -148,6 +154,22 @@ TEST_F(ProcessIdentity, TheLongestPathHasASignerAndALongerOneNone) {
         platform::SetMachineForTest(machine_);
         EXPECT_EQ(GetImageSignerSubject(), length < 260 ? "Demo Signer" : "") << length;
     }
+}
+
+TEST_F(ProcessIdentity, TextsThatDoNotFitAreCutBetweenCharacters) {
+    SetSigner(std::string(kMaxStringLength - 1, 's') + "\u00e9");
+    CollectProcessInfo(nullptr);
+    EXPECT_EQ(TitleAndSigner().second, std::string(kMaxStringLength - 1, 's'));
+
+    machine_.processImage = "C:\\" + std::string(kImagePathSize - 3 - 2, 'p') + "\u00e9.exe";
+    platform::SetMachineForTest(machine_);
+    {
+        Locker lock(qx::GlobalLock);
+        CaptureHostProcess();
+        StopProcessInfoCollection();
+    }
+    Locker lock(IdentityLock);
+    EXPECT_EQ(ProcessImagePath, "C:\\" + std::string(kImagePathSize - 3 - 2, 'p'));
 }
 
 TEST_F(ProcessIdentity, EachStartUpCollectsAnewUnlessACollectionRuns) {

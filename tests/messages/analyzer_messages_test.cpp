@@ -55,6 +55,38 @@ TEST(AnalyzerMessages, TextsAreCutAtTheLimitAndAtZeroBytes) {
     EXPECT_FALSE(Parses<LSPAnalyzerMessage>(frame));
 }
 
+TEST(AnalyzerMessages, ATextIsCutBetweenCharacters) {
+    const auto after = [](std::size_t count, const char* tail) { return std::string(count, 'w') + tail; };
+    const struct {
+        std::string text;
+        std::size_t sent;
+    } cases[] = {
+        {after(2046, "\u00e9"), 2048},
+        {after(2047, "\u00e9"), 2047},
+        {after(2045, "\u20ac"), 2048},
+        {after(2046, "\u20ac"), 2046},
+        {after(2047, "\u20ac"), 2047},
+        {after(2044, "\U0001f600"), 2048},
+        {after(2045, "\U0001f600"), 2045},
+        {after(2047, "\U0001f600"), 2047},
+        // No UTF-8: a text that fits stays whole, and one that is cut keeps what makes no character.
+        {after(2047, "\xe9"), 2048},
+        {after(2040, "\x83\x83\x83\x83\x83\x83\x83\x83\x83"), 2048},
+        {after(2045, "\xe9xyz"), 2048},
+    };
+    for (const auto& row : cases) {
+        LSPAnalyzerMessage request;
+        request.WindowTitle = row.text;
+        Bytes frame = FrameOf(request);
+        EXPECT_EQ(frame.size(), 328 + row.sent);
+        LSPAnalyzerMessage read;
+        Feed(read, frame);
+        ASSERT_TRUE(read.Deserialize());
+        EXPECT_EQ(read.WindowTitle, row.text.substr(0, row.sent));
+        EXPECT_EQ(read.MessageType, 1u);
+    }
+}
+
 TEST(AnalyzerMessages, EveryTruncationIsRefused) {
     const Bytes frames[] = {GoodRequest(), ResponseFrame(77), ResponseFrame(77, 20)};
     for (const Bytes& good : frames) {
