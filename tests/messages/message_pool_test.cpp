@@ -51,6 +51,54 @@ TEST_F(MessagePoolTest, AReusedMessageIsAsGoodAsNew) {
     EXPECT_EQ(FrameOf(*again).size(), 328u);
 }
 
+/// A frame of which every word is 4, so that each field that is read from it, a word, a block or a text, has
+/// a value that no new message has.
+Bytes FrameOfFours() {
+    Bytes frame(2000);
+    for (std::size_t at = 0; at < frame.size(); at += 4)
+        SetWord(frame, at, 4);
+    SetWord(frame, 0, static_cast<std::uint32_t>(frame.size()));
+    SetWord(frame, 4, 8);
+    return frame;
+}
+
+template <typename Message>
+Bytes FrameWithoutId(Message& message) {
+    message.MessageId = 0;
+    return FrameOf(message);
+}
+
+TEST_F(MessagePoolTest, AReusedMessageKeepsNoField) {
+    Bytes fours = FrameOfFours();
+    PooledRequest request = TakeRequest();
+    LSPAnalyzerMessage* const usedRequest = request.get();
+    Feed(*request, fours);
+    ASSERT_TRUE(request->Deserialize());
+    ASSERT_EQ(request->WindowTitle + request->ImageSigner + request->UserName, "\4\4\4");
+    // What is not on the wire.
+    request->ProcessName = "C:\\app.exe";
+    std::memset(&request->RemoteAddress, 4, sizeof(request->RemoteAddress));
+    request.reset();
+    request = TakeRequest();
+    ASSERT_EQ(request.get(), usedRequest);
+    LSPAnalyzerMessage newRequest;
+    EXPECT_EQ(request->ProcessName, newRequest.ProcessName);
+    EXPECT_EQ(std::memcmp(&request->RemoteAddress, &newRequest.RemoteAddress, sizeof(sockaddr_storage)), 0);
+    EXPECT_EQ(request->DataLength, newRequest.DataLength);
+    EXPECT_EQ(FrameWithoutId(*request), FrameWithoutId(newRequest));
+
+    PooledResponse response = TakeResponse();
+    LSPAnalyzerMessageResponse* const usedResponse = response.get();
+    Feed(*response, fours);
+    ASSERT_TRUE(response->Deserialize());
+    response.reset();
+    response = TakeResponse();
+    ASSERT_EQ(response.get(), usedResponse);
+    LSPAnalyzerMessageResponse newResponse;
+    EXPECT_EQ(response->DataLength, newResponse.DataLength);
+    EXPECT_EQ(FrameWithoutId(*response), FrameWithoutId(newResponse));
+}
+
 TEST_F(MessagePoolTest, MemoryGoesBackToWhereItCameFromWhenTheFunctionsChange) {
     const BufferAllocFunction allocs[] = {nullptr, ArenaAlloc, nullptr, ArenaAlloc};
     const BufferFreeFunction releases[] = {nullptr, ArenaFree, nullptr, ArenaFree};
