@@ -47,9 +47,11 @@ void MessageBuffer::AddContiguous(BufferPiece piece) {
         AddBuffer(piece);
         return;
     }
-    // A position behind the last piece is one inside it from now on.
-    if (position_.pieceIndex == pieces_.size())
-        position_ = {static_cast<std::uint32_t>(pieces_.size()) - 1, pieces_.back().length, totalLength_};
+    // A position behind the last piece is counted from its start from now on.
+    if (position_.pieceIndex == pieces_.size()) {
+        position_.pieceIndex -= 1;
+        position_.pieceOffset += pieces_.back().length;
+    }
     pieces_.back().length += piece.length;
     totalLength_ += piece.length;
 }

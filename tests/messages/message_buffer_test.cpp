@@ -32,6 +32,14 @@ TEST(MessageBuffer, BytesThatJoinTheLastPieceAreReadFromTheOldEnd) {
     EXPECT_EQ(read, (Bytes{2, 3, 4}));
     EXPECT_TRUE(buffer.Move(3));
     EXPECT_EQ(buffer.GetRemaining(), 0u);
+
+    // Also when the chain was cut before the position.
+    buffer.SetPosition(4);
+    ASSERT_TRUE(buffer.Truncate(2));
+    buffer.AddContiguous({3, memory.data() + 2});
+    EXPECT_EQ(buffer.GetPosition(), 4u);
+    EXPECT_EQ(buffer.ReadAt(read.data(), 1), 1u);
+    EXPECT_EQ(read[0], 4);
 }
 
 /// The chain and the oracle side by side.
