@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <new>
 
 #include "base/atomic.h"
@@ -14,6 +15,7 @@
 namespace {
 
 constexpr std::uint32_t kLengthWordSize = 4;
+constexpr std::uint32_t kUnknownEnd = 0xFFFFFFFF;
 
 const DWORD ThisProcessId = GetCurrentProcessId();
 Atomic<std::uint32_t> MessageCounter{0};
@@ -45,7 +47,8 @@ MessageBase::MessageBase()
       AllocFunction(nullptr),
       MessageId(0),
       header_{0, nullptr},
-      DataLength(-1) {
+      DataLength(-1),
+      frameEnd_(kUnknownEnd) {
     // A constructor that throws runs no destructor of its own class.
     try {
         ResetHeader();
@@ -66,7 +69,16 @@ void MessageBase::ResetHeader() {
         chain_.AddBuffer(header_);
         chain_.SetPosition(0);
     }
+    ForgetFrame();
+}
+
+void MessageBase::ForgetFrame() {
     DataLength = -1;
+    frameEnd_ = kUnknownEnd;
+}
+
+std::uint32_t MessageBase::ReadableEnd() const {
+    return std::min(frameEnd_, chain_.GetTotalLength());
 }
 
 bool MessageBase::Serialize() {
@@ -86,27 +98,41 @@ bool MessageBase::Serialize() {
 }
 
 bool MessageBase::Deserialize() {
-    return Attempt("Failed to deserialize an LSP messsage.", [this] {
+    ForgetFrame();
+    const bool read = Attempt("Failed to deserialize an LSP messsage.", [this] {
+        switch (GetFrameState()) {
+            case FrameState::kUnreadable:
+                throw MessageError("Invalid received buffer. No frame has the length that it announces");
+            case FrameState::kIncomplete:
+                throw MessageError(
+                    "Invalid received buffer. Received length is smaller then expected length");
+            case FrameState::kWhole:
+                break;
+        }
         chain_.SetPosition(0);
         std::uint32_t total = 0;
-        ReadUInt32(total);
-        if (total > chain_.GetTotalLength()) {
-            throw MessageError("Invalid received buffer. Received length is smaller then expected length");
-        }
-        if (!IsReadableFrameLength(total)) {
-            throw MessageError("Invalid received buffer. Received length is larger than a frame may be");
-        }
         std::uint32_t fieldsOffset = 0;
+        ReadUInt32(total);
         ReadUInt32(fieldsOffset);
         if (fieldsOffset > total) {
             throw MessageError(
                 "Invalid received buffer. Received length is smaller then expected data length");
         }
-        DataLength = static_cast<std::int32_t>(fieldsOffset) - static_cast<std::int32_t>(kFrameHeaderSize);
+        frameEnd_ = total;
         chain_.SetPosition(fieldsOffset);
         ReadFields();
+        DataLength = static_cast<std::int32_t>(fieldsOffset) - static_cast<std::int32_t>(kFrameHeaderSize);
         return true;
     });
+    if (!read) ForgetFrame();
+    return read;
+}
+
+FrameState MessageBase::GetFrameState() {
+    if (GetTotalLength() < kLengthWordSize) return FrameState::kIncomplete;
+    const std::uint32_t announced = GetExpectedLength();
+    if (!IsReadableFrameLength(announced)) return FrameState::kUnreadable;
+    return announced > GetTotalLength() ? FrameState::kIncomplete : FrameState::kWhole;
 }
 
 std::int32_t MessageBase::GetExcessLength() {
@@ -138,6 +164,7 @@ BufferPiece MessageBase::AllocateBuffer(std::uint32_t size) {
 }
 
 bool MessageBase::ClearBuffers() {
+    ForgetFrame();
     chain_.Clear();
     return true;
 }
@@ -145,7 +172,7 @@ bool MessageBase::ClearBuffers() {
 bool MessageBase::GetDataBuffers(BufferPiece*& outArray, std::uint32_t& outCount, bool copy) {
     return Attempt("Failed to get data buffers on an LSP messsage.", [&] {
         // Below 0 in a chain that is shorter than a header, which as a length is more than the chain has.
-        const auto available = static_cast<std::int32_t>(chain_.GetTotalLength() - header_.length);
+        const auto available = static_cast<std::int32_t>(ReadableEnd() - header_.length);
         const std::int32_t length = DataLength >= 0 && DataLength <= available ? DataLength : available;
         chain_.GetSubBuffers(header_.length, static_cast<std::uint32_t>(length), outArray, outCount, copy);
         return true;
@@ -160,7 +187,7 @@ bool MessageBase::GetAllBuffers(BufferPiece*& outArray, std::uint32_t& outCount,
 }
 
 bool MessageBase::SetTotalLength(std::uint32_t length) {
-    DataLength = -1;
+    ForgetFrame();
     return chain_.Truncate(length);
 }
 
@@ -221,7 +248,7 @@ bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count,
 
 bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {
     return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
-        DataLength = -1;
+        ForgetFrame();
         // The record first: it can be taken back when the chain can't grow.
         if (own) OwnedBuffers.Take(&piece, 1);
         try {
@@ -236,7 +263,7 @@ bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {
 
 bool MessageBase::AddReceivedBytes(BufferPiece piece) {
     return Attempt("Failed to add data buffer on an LSP messsage.", [&] {
-        DataLength = -1;
+        ForgetFrame();
         chain_.AddContiguous(piece);
         return true;
     });
@@ -273,9 +300,11 @@ std::uint32_t MessageBase::StringSize(const std::string& text) {
 }
 
 void MessageBase::ReadBytes(void* destination, std::uint32_t size) {
-    if (chain_.GetRemaining() < size) {
-        Trace("length = %d, position = %d, size = %d", static_cast<int>(chain_.GetTotalLength()),
-              static_cast<int>(chain_.GetPosition()), static_cast<int>(size));
+    const std::uint32_t end = ReadableEnd();
+    const std::uint32_t position = chain_.GetPosition();
+    if (position > end || end - position < size) {
+        Trace("length = %d, position = %d, size = %d", static_cast<int>(end), static_cast<int>(position),
+              static_cast<int>(size));
         throw MessageError("Cannot read from buffer. Not enough data.");
     }
     chain_.ReadAt(destination, size);

@@ -15,6 +15,13 @@
 #include "messages/message_buffer.h"
 #include "messages/owned_pieces.h"
 
+/// What a chain begins with.
+enum class FrameState {
+    kIncomplete,  ///< a frame of which bytes are missing
+    kWhole,       ///< a frame; bytes of the next one may lie behind it
+    kUnreadable,  ///< a length that no frame has, so nothing behind it can be told apart either
+};
+
 class MessageBase {
   public:
     /// Makes the header piece and a fresh MessageId. Throws std::bad_alloc.
@@ -29,7 +36,8 @@ class MessageBase {
     virtual bool Serialize();
 
     /// Checks the frame at the start of the chain, reads its fields and sets DataLength. Bytes after the
-    /// frame are not looked at. On false the fields read so far are set and the chain is unchanged.
+    /// frame are not looked at, whatever the frame says of the lengths in it. On false the fields read so far
+    /// are set, DataLength is unknown and the chain is unchanged.
     virtual bool Deserialize();
 
     /// Total length minus expected length: negative while bytes of the frame are missing, 0 with exactly one
@@ -54,6 +62,10 @@ class MessageBase {
   public:
     /// A zero-filled piece that the message owns; {0, null} for size 0. Throws std::bad_alloc.
     virtual BufferPiece AllocateBuffer(std::uint32_t size);
+
+    /// Whether the frame at the start of the chain can be read. Every reader asks this before it waits for
+    /// more bytes or takes the frame; to Deserialize, all but kWhole is malformed.
+    FrameState GetFrameState();
 
     /// New MessageId, new header piece at the start of the chain, DataLength unknown. Throws std::bad_alloc.
     void ResetHeader();
@@ -119,12 +131,18 @@ class MessageBase {
     /// Bytes that WriteString writes, the text's length word included.
     static std::uint32_t StringSize(const std::string& text);
 
-    /// Read at the position and move it. Throw MessageError when fewer bytes remain or a text is too long. A
-    /// text ends at its first zero byte.
+    /// Read at the position and move it. Throw MessageError when fewer bytes of the frame remain or a text is
+    /// too long. A text ends at its first zero byte.
     void ReadBytes(void* destination, std::uint32_t size);
     MessageBase& ReadUInt32(std::uint32_t& value);
     MessageBase& ReadString(std::string& text);
 
   private:
+    /// The chain changes: what is known of the frame in it holds no longer.
+    void ForgetFrame();
+    /// Where reads end: behind the frame while one is known, else behind the chain.
+    std::uint32_t ReadableEnd() const;
+
     OwnedPieces OwnedBuffers;
+    std::uint32_t frameEnd_;
 };

@@ -30,8 +30,7 @@ constexpr std::uint32_t kDirectWaitMilliseconds = 60000;
 /// Idle messages of each kind that the pool keeps.
 constexpr std::uint32_t kPoolLimit = 128;
 
-/// Whether a frame that announces this length may be received at all. The lengths below the header's size are
-/// let through: they fail when the frame is read.
+/// Whether a frame may announce this length. A negative one lies beyond the limit.
 constexpr bool IsReadableFrameLength(std::uint32_t announcedLength) {
-    return announcedLength <= kMaxFrameLength;
+    return announcedLength >= kFrameHeaderSize && announcedLength <= kMaxFrameLength;
 }

@@ -59,16 +59,18 @@ class Wait {
 };
 
 /// Where received bytes land. What a short read left of an allocation takes the next one, so that a sender of
-/// single bytes costs no more memory than its frame is long.
+/// single bytes costs at most twice the memory that its frame is long.
 class ReceiveBuffer {
   public:
-    /// Room for up to `wanted` bytes, owned by the message. Throws std::bad_alloc.
-    BufferPiece Room(MessageBase& message, std::uint32_t wanted) {
-        if (spare_.length < std::min(wanted, kMaxReadSize / 2)) {
+    /// Room for one read of a frame of which `missing` bytes have not arrived, owned by the message. Throws
+    /// std::bad_alloc.
+    BufferPiece Room(MessageBase& message, std::uint32_t missing) {
+        const std::uint32_t wanted = std::min(missing, kMaxReadSize);
+        if (spare_.length < wanted) {
             // Not through the virtual slot, which would take the piece for one of the fields.
-            spare_ = message.MessageBase::AllocateBuffer(wanted);
+            spare_ = message.MessageBase::AllocateBuffer(std::min(missing, 2 * kMaxReadSize));
         }
-        return {std::min(wanted, spare_.length), spare_.data};
+        return {wanted, spare_.data};
     }
 
     void Use(std::uint32_t count) {
@@ -107,11 +109,11 @@ ReadResult WaitForBytes(SOCKET s, Wait& wait, int& error) {
     return ReadResult::kBytes;
 }
 
-/// One read of at most `wanted` bytes into the chain. kFailed: the bytes could not be added, with `error`
-/// set.
-ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std::uint32_t wanted,
+/// One read into the chain, of nothing behind the `missing` bytes. kFailed: the bytes could not be added,
+/// with `error` set.
+ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std::uint32_t missing,
                      int& error) {
-    BufferPiece piece = target.Room(message, wanted);
+    BufferPiece piece = target.Room(message, missing);
     WSABUF buffer;
     buffer.len = piece.length;
     buffer.buf = reinterpret_cast<char*>(piece.data);
@@ -136,27 +138,25 @@ ReadResult ReadBytes(MessageBase& message, SOCKET s, ReceiveBuffer& target, std:
 /// The body of ReceiveMessage. Throws what the chain throws.
 bool ReceiveFrame(MessageBase& message, SOCKET s, Wait& wait) {
     ReceiveBuffer buffer;
-    std::uint32_t readSize = message.HeaderSize;
+    std::uint32_t missing = message.HeaderSize;
     int error = 0;
     do {
         const ReadResult waited = WaitForBytes(s, wait, error);
         if (waited == ReadResult::kFailed) break;
         if (waited == ReadResult::kNothing) continue;
 
-        if (ReadBytes(message, s, buffer, readSize, error) == ReadResult::kEnded) {
+        if (ReadBytes(message, s, buffer, missing, error) == ReadResult::kEnded) {
             message.ClearBuffers();
             return false;
         }
-        const std::int32_t excess = message.GetExcessLength();
-        const bool tooLong = excess < 0 && !IsReadableFrameLength(message.GetExpectedLength());
-        if (excess >= 0 && message.Deserialize()) return true;
-        if (excess >= 0 || tooLong) {
+        if (message.GetFrameState() != FrameState::kIncomplete) {
+            if (message.Deserialize()) return true;
             Trace("Failed to deserialize in recv using socket.");
             message.ClearBuffers();
             return false;
         }
         if (error != 0) break;
-        readSize = std::min(static_cast<std::uint32_t>(-static_cast<std::int64_t>(excess)), kMaxReadSize);
+        missing = message.GetExpectedLength() - message.GetTotalLength();
     } while (!wait.IsOver());
 
     message.ClearBuffers();

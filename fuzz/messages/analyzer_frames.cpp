@@ -12,7 +12,6 @@
 
 #include "messages/analyzer_messages.h"
 #include "messages/buffer_arena.h"
-#include "messages/message_limits.h"
 
 namespace {
 
@@ -59,7 +58,13 @@ void ReadInPieces(const std::uint8_t* stream, std::size_t size, std::size_t piec
         std::memcpy(memory.back().get(), stream + at, length);
         message.AddDataBuffer({static_cast<std::uint32_t>(length), memory.back().get()}, false);
     }
-    if (!ReadFrame(message)) return;
+    const bool read = ReadFrame(message);
+    if (message.GetFrameState() == FrameState::kWhole) {
+        // What lies behind a frame makes no difference to it.
+        Require(message.SetTotalLength(message.GetExpectedLength()));
+        Require(message.Deserialize() == read);
+    }
+    if (!read) return;
     if constexpr (std::is_same_v<Message, LSPAnalyzerMessage>) Resend(message);
 }
 
@@ -78,11 +83,10 @@ void CutStream(const std::uint8_t* stream, std::size_t size, std::size_t readSiz
             message->GetTotalLength() - static_cast<std::uint32_t>(readSize - length);
         Require(message->SetTotalLength(received));
         for (;;) {
-            const std::uint32_t expected = message->GetExpectedLength();
-            if (expected < kFrameHeaderSize && message->GetTotalLength() >= 4) return;
-            if (!IsReadableFrameLength(expected)) return;
+            const FrameState state = message->GetFrameState();
+            if (state == FrameState::kUnreadable) return;
+            if (state == FrameState::kIncomplete) break;
             const std::int32_t excess = message->GetExcessLength();
-            if (excess < 0) break;
             auto next = std::make_unique<Message>(ArenaAlloc, ArenaFree);
             next->ClearBuffers();
             if (excess > 0) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "messages/message_limits.h"
@@ -100,7 +101,83 @@ TEST(AnalyzerMessages, EveryTruncationIsRefused) {
             // Also when its length word agrees with what is there.
             SetWord(cut, 0, static_cast<std::uint32_t>(length));
             EXPECT_FALSE(parses(cut, 16)) << length;
+            // What is missing must not be taken from the frame behind it.
+            cut.insert(cut.end(), good.begin(), good.end());
+            EXPECT_FALSE(parses(cut, 16)) << length;
         }
+    }
+}
+
+TEST(AnalyzerMessages, AFrameReadsNothingOfTheNextOne) {
+    Bytes two = GoodRequest();
+    const std::size_t length = two.size();
+    const Bytes next = GoodRequest();
+    two.insert(two.end(), next.begin(), next.end());
+    ASSERT_TRUE(Parses<LSPAnalyzerMessage>(two, 50));
+
+    constexpr std::size_t fieldsOffset = 4;
+    constexpr std::size_t userLength = 8 + 272;
+    const struct {
+        std::size_t word;
+        std::uint32_t value;
+    } lies[] = {
+        {userLength, 200}, {userLength, 300}, {fieldsOffset, static_cast<std::uint32_t>(length) - 10}};
+    for (const auto& lie : lies) {
+        SCOPED_TRACE(lie.value);
+        Bytes frames = two;
+        SetWord(frames, lie.word, lie.value);
+        LSPAnalyzerMessage request;
+        Feed(request, frames, 50);
+        EXPECT_FALSE(request.Deserialize());
+        EXPECT_EQ(request.DataLength, -1);
+        EXPECT_EQ(request.GetExcessLength(), static_cast<std::int32_t>(next.size()));
+        EXPECT_EQ(ChainOf(request), frames) << "the next frame is still there";
+    }
+
+    // A frame whose data section makes no sense has no more data than it is long.
+    Bytes answers = ResponseFrame(1);
+    const Bytes second = ResponseFrame(2);
+    answers.insert(answers.end(), second.begin(), second.end());
+    SetWord(answers, fieldsOffset, 0);
+    LSPAnalyzerMessageResponse response;
+    Feed(response, answers, 50);
+    ASSERT_TRUE(response.Deserialize());
+    PieceArray data;
+    ASSERT_TRUE(response.GetDataBuffers(data.pieces, data.count, false));
+    EXPECT_EQ(data.Flat().size(), second.size() - 8);
+}
+
+TEST(AnalyzerMessages, OneAnswerTellsWhatTheStartOfAChainIs) {
+    const struct {
+        std::uint32_t announced;
+        std::size_t there;
+        FrameState state;
+    } cases[] = {
+        {7, 3, FrameState::kIncomplete},
+        {0, 4, FrameState::kUnreadable},
+        {7, 4, FrameState::kUnreadable},
+        {7, 100, FrameState::kUnreadable},
+        {8, 4, FrameState::kIncomplete},
+        {8, 8, FrameState::kWhole},
+        {156, 155, FrameState::kIncomplete},
+        {156, 156, FrameState::kWhole},
+        {156, 200, FrameState::kWhole},
+        {kMaxFrameLength, 8, FrameState::kIncomplete},
+        {kMaxFrameLength + 1, 8, FrameState::kUnreadable},
+        {0x7FFFFFFF, 8, FrameState::kUnreadable},
+        {0x80000000, 8, FrameState::kUnreadable},
+        {0xFFFFFFF0, 8, FrameState::kUnreadable},
+        {0xFFFFFFFF, 8, FrameState::kUnreadable},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(std::to_string(row.announced) + ", " + std::to_string(row.there) + " bytes there");
+        Bytes chain(std::max<std::size_t>(row.there, 4));
+        SetWord(chain, 0, row.announced);
+        chain.resize(row.there);
+        LSPAnalyzerMessageResponse response;
+        Feed(response, chain, 3);
+        EXPECT_EQ(response.GetFrameState(), row.state);
+        EXPECT_EQ(response.Deserialize(), row.state == FrameState::kWhole && row.announced == 156);
     }
 }
 

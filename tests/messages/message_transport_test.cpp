@@ -117,6 +117,14 @@ TEST_F(MessageTransport, ShortReadsAddUp) {
     EXPECT_EQ(CallsOf("WSARecv"), 3) << "3 bytes, 1 to know the length, the rest";
     platform::DisarmFaults();
 
+    // What a short read leaves is asked for at once, as far as one read goes.
+    PeerSends(ResponseFrame(1, 8 + 3 + kMaxReadSize - 156));
+    platform::ArmFault({"WSARecv", 2, platform::FaultKind::kShortCount, 3, false});
+    PooledResponse resumed = TakeResponse();
+    ASSERT_TRUE(ReceiveMessage(*resumed, ours, nullptr, 5));
+    EXPECT_EQ(CallsOf("WSARecv"), 3) << "the length words, 3 bytes, the rest";
+    platform::DisarmFaults();
+
     // Single bytes must not cost a large buffer each.
     static std::uint64_t allocated;
     allocated = 0;
@@ -126,11 +134,11 @@ TEST_F(MessageTransport, ShortReadsAddUp) {
             return new unsigned char[size];
         },
         nullptr);
-    PeerSends(ResponseFrame(1, 8000));
+    PeerSends(ResponseFrame(1, 20000));
     platform::ArmFault({"WSARecv", 1, platform::FaultKind::kShortCount, 1, true});
     ASSERT_TRUE(ReceiveMessage(large, ours, nullptr, 5));
-    EXPECT_EQ(large.DataLength, 8000);
-    EXPECT_LT(allocated, 3 * 8156u);
+    EXPECT_EQ(large.DataLength, 20000);
+    EXPECT_LT(allocated, 2 * 20156u);
 }
 
 TEST_F(MessageTransport, UnreadableFramesAndEndsFailAtOnce) {
@@ -143,7 +151,7 @@ TEST_F(MessageTransport, UnreadableFramesAndEndsFailAtOnce) {
         EXPECT_EQ(response->GetTotalLength(), 0u);
         platform::DisarmFaults();
     };
-    for (std::uint32_t total : {0u, 7u, 0x01000001u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+    for (std::uint32_t total : {0u, 7u, 0x01000001u, 0x7fffffffu, 0x80000000u, 0xfffffff0u, 0xffffffffu}) {
         SCOPED_TRACE(total);
         Bytes header(8, 0);
         SetWord(header, 0, total);
@@ -162,6 +170,17 @@ TEST_F(MessageTransport, UnreadableFramesAndEndsFailAtOnce) {
     EXPECT_FALSE(ReceiveMessage(*response, ours, nullptr, 5));
 }
 
+TEST_F(MessageTransport, ALengthThatIsNoneIsKnownFromItsWordAlone) {
+    Bytes word(4);
+    SetWord(word, 0, 7);
+    PeerSends(word);
+    PeerCloses();
+    PooledResponse response = TakeResponse();
+    platform::CountCalls();
+    EXPECT_FALSE(ReceiveMessage(*response, ours, nullptr, 5));
+    EXPECT_EQ(CallsOf("WSARecv"), 1) << "nothing more is waited for";
+}
+
 TEST_F(MessageTransport, SilenceEndsAfterTheSixthTimeoutOfThreeSeconds) {
     const platform::ScopedClockRate fast(1000);
     platform::DebugOutputCapture output;
@@ -174,8 +193,11 @@ TEST_F(MessageTransport, SilenceEndsAfterTheSixthTimeoutOfThreeSeconds) {
     EXPECT_TRUE(output.Contains("Exiting recv using socket. Buffer incomplete. Elapsed: 6; error = 0"));
 }
 
+/// The tick count passes its end meanwhile.
 TEST_F(MessageTransport, ATrickleEndsWithTheWholeWait) {
     const platform::ScopedClockRate fast(200);
+    platform::AdvanceClock(0 - GetTickCount() - kDirectWaitMilliseconds / 2);
+    const std::uint32_t start = GetTickCount();
     Atomic<bool> done{false};
     std::size_t sent = 0;
     std::thread trickle([&] {
@@ -189,6 +211,7 @@ TEST_F(MessageTransport, ATrickleEndsWithTheWholeWait) {
     AnswerLimits limits;
     limits.maxTimeouts = 0;
     EXPECT_FALSE(ReceiveAnswer(response, ours, kRequestId, limits));
+    EXPECT_GE(GetTickCount() - start, kDirectWaitMilliseconds);
     done = true;
     trickle.join();
     EXPECT_LT(sent, ResponseFrame(kRequestId).size());
