@@ -212,23 +212,23 @@ void MessageBase::GetSubBuffers(std::uint32_t start, std::uint32_t length, Buffe
 }
 
 bool MessageBase::SetBuffers(const BufferPiece* pieces, std::uint32_t count, bool own) {
-    return Attempt("Failed to set buffers on an LSP messsage.", [&] {
-        DataLength = -1;
-        if (!ClearBuffers()) return false;
+    const bool set = Attempt("Failed to set buffers on an LSP messsage.", [&] {
+        ClearBuffers();
         for (std::uint32_t index = 0; index < count; ++index)
             chain_.AddBuffer(pieces[index]);
         chain_.SetPosition(0);
         if (own) OwnedBuffers.Take(pieces, count);
         return true;
     });
+    if (!set) ClearBuffers();
+    return set;
 }
 
 bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count, std::uint32_t maxLength,
                                  bool own) {
-    return Attempt("Failed to set data buffers on an LSP messsage.", [&] {
-        if (pieces == nullptr) return true;
-        DataLength = -1;
-        if (!ClearBuffers()) return false;
+    if (pieces == nullptr) return true;
+    const bool set = Attempt("Failed to set data buffers on an LSP messsage.", [&] {
+        ClearBuffers();
         header_ = MessageBase::AllocateBuffer(HeaderSize);
         chain_.AddBuffer(header_);
         std::uint32_t limit = maxLength != 0 ? maxLength : 0xFFFFFFFF;
@@ -244,6 +244,8 @@ bool MessageBase::SetDataBuffers(const BufferPiece* pieces, std::uint32_t count,
         if (own) OwnedBuffers.Take(pieces, count);
         return true;
     });
+    if (!set) ClearBuffers();
+    return set;
 }
 
 bool MessageBase::AddDataBuffer(BufferPiece piece, bool own) {

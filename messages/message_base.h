@@ -90,14 +90,15 @@ class MessageBase {
                        std::uint32_t& outCount, bool copy, bool detach);
 
     /// The chain becomes exactly these pieces. With `own` the message releases their memory; when false is
-    /// returned they stay the caller's. The same holds for the next two.
+    /// returned they stay the caller's and the chain is empty. The same holds for the next one.
     bool SetBuffers(const BufferPiece* pieces, std::uint32_t count, bool own);
 
     /// The chain becomes a fresh header piece and up to `maxLength` bytes (0: all) of these pieces. Null: no
     /// change.
     bool SetDataBuffers(const BufferPiece* pieces, std::uint32_t count, std::uint32_t maxLength, bool own);
 
-    /// Appends one piece. DataLength becomes unknown.
+    /// Appends one piece. DataLength becomes unknown. When false is returned nothing was appended and the
+    /// memory stays the caller's.
     bool AddDataBuffer(BufferPiece piece, bool own);
 
     /// As AddDataBuffer for bytes that the message owns already and that may lie right behind the last piece.

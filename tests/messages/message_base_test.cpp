@@ -117,6 +117,9 @@ TEST(MessageBase, FailingOperationsLeaveTheMessageUsable) {
     unsigned char byte = 0;
     const BufferPiece huge[] = {{0xFFFFFFFE, &byte}, {16, &byte}};
     EXPECT_FALSE(response.SetBuffers(huge, 2, false));
+    EXPECT_EQ(response.GetTotalLength(), 0u) << "pieces that the caller keeps must not be used any more";
+    EXPECT_FALSE(response.SetDataBuffers(huge, 2, 0, true));
+    EXPECT_EQ(response.GetTotalLength(), 0u);
     response.ReleaseBuffers();
     response.ResetHeader();
     response.ResetFields();
