@@ -101,7 +101,8 @@ class MessageBase {
     /// memory stays the caller's.
     bool AddDataBuffer(BufferPiece piece, bool own);
 
-    /// As AddDataBuffer for bytes that the message owns already and that may lie right behind the last piece.
+    /// As AddDataBuffer for bytes that the message owns already and that may lie right behind the last piece,
+    /// which they lengthen then. Pieces of such a chain are not detached: one may cover two owned buffers.
     bool AddReceivedBytes(BufferPiece piece);
 
     std::uint32_t HeaderSize;
