@@ -10,4 +10,6 @@ for program in build/bench/bin/*_bench; do
 done
 echo "== echo server, memory"
 tools/echo-memory.sh build/bench/bin
+echo "== threads side by side, not pinned"
+build/bench/bin/provider_threads
 [ "$found" -gt 0 ] || { echo "no benchmark was built" >&2; exit 1; }

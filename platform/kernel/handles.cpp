@@ -47,7 +47,8 @@ class HandleTable {
     }
 
   private:
-    struct Slot {
+    /// Alone on its cache line: every use of a handle writes `busy`, and threads have neighbouring handles.
+    struct alignas(64) Slot {
         std::atomic_flag busy = ATOMIC_FLAG_INIT;
         std::shared_ptr<Object> object;
         std::uint32_t nextFree = kNoSlot;  // guarded by allocation_

@@ -5,6 +5,9 @@
 // request refers to it. Locks: `lock` guards the fields below it; a listener's lock may be held when an
 // accepting socket's is taken, no other two. Requests are completed with it held: completions only queue,
 // wake and signal. Atomics are read without it.
+//
+// A socket shares no cache line with another object: every call writes its first and its last fields, and
+// threads use sockets that were made one after the other.
 #pragma once
 
 #include <winsock2.h>
@@ -53,7 +56,7 @@ struct AppliedOption {
     int value;
 };
 
-class Socket final : public platform::FileObject {
+class alignas(64) Socket final : public platform::FileObject {
   public:
     Socket(const WSAPROTOCOL_INFOW& protocolInfo, bool isV6, kernel::Kind socketKind, bool isOverlapped,
            int descriptor);
