@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -140,10 +141,13 @@ class EventRequest : public Request {
     }
 };
 
-inline std::string NameOf(Mode mode) {
+inline const char* NameOf(Mode mode) {
     static const char* const names[] = {"CompletionPort", "EveryPacket", "StrayPackets", "Alertable",
                                         "ForeignPort"};
     return names[static_cast<int>(mode)];
+}
+inline void PrintTo(Mode mode, std::ostream* stream) {
+    *stream << NameOf(mode);
 }
 
 template <class Function>

@@ -10,6 +10,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -24,6 +25,14 @@
 
 /// Above the layer's port; without one; with lower sockets that are on somebody else's port.
 enum class RequestMode { kCompletionPort, kAlertable, kForeignPort };
+
+inline const char* NameOf(RequestMode mode) {
+    static const char* const names[] = {"CompletionPort", "Alertable", "ForeignPort"};
+    return names[static_cast<int>(mode)];
+}
+inline void PrintTo(RequestMode mode, std::ostream* stream) {
+    *stream << NameOf(mode);
+}
 
 constexpr DWORD kRequestPatience = 20000;
 

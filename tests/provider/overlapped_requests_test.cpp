@@ -8,11 +8,6 @@
 
 namespace {
 
-std::string NameOf(RequestMode mode) {
-    static const char* const names[] = {"CompletionPort", "Alertable", "ForeignPort"};
-    return names[static_cast<int>(mode)];
-}
-
 INSTANTIATE_TEST_SUITE_P(Modes, OverlappedRequests,
                          ::testing::Values(RequestMode::kCompletionPort, RequestMode::kAlertable,
                                            RequestMode::kForeignPort),
