@@ -37,6 +37,8 @@ std::int64_t RealNow() noexcept {
 // Null while the clock is the system's own.
 std::atomic<const ClockRule*> TheRule{nullptr};
 
+std::atomic<std::int64_t> SetBack{0};  // what the calendar is behind
+
 std::int64_t Apply(const ClockRule* rule, std::int64_t real) noexcept {
     if (rule == nullptr) return real;
     const std::int64_t passed = real - rule->realBase;
@@ -127,7 +129,7 @@ std::int64_t ClockNow() noexcept {
 }
 
 std::int64_t CalendarNow() noexcept {
-    return (ClockNow() + CalendarOffset()) / kNanosecondsPerTick + kTicksTo1970;
+    return (ClockNow() + CalendarOffset() - SetBack.load()) / kNanosecondsPerTick + kTicksTo1970;
 }
 
 Deadline DeadlineAfter(DWORD milliseconds) noexcept {
@@ -166,7 +168,12 @@ void AdvanceClock(DWORD milliseconds) {
     });
 }
 
+void SetCalendarBack(DWORD milliseconds) {
+    SetBack = static_cast<std::int64_t>(milliseconds) * kNanosecondsPerMillisecond;
+}
+
 void ResetClock() {
+    SetBack = 0;
     SetClockRate(1);
 }
 

@@ -14,7 +14,11 @@ void SetClockRate(double factor);
 /// Steps the clock forward, waits' deadlines and time stamps alike. Works at any rate.
 void AdvanceClock(DWORD milliseconds);
 
-/// Back to real speed, from the present reading on.
+/// Sets the calendar this far back from where it would be, as somebody who corrects it does: time stamps of
+/// the calendar jump, waits and the clock go on.
+void SetCalendarBack(DWORD milliseconds);
+
+/// Back to real speed, from the present reading on, and to the right calendar.
 void ResetClock();
 
 /// How many waits with a deadline have begun in this process, those for objects as often as they go back to

@@ -37,16 +37,18 @@ class Settings : public ::testing::Test {
     }
 
     void Configure(std::optional<std::uint32_t> registryPort, std::optional<std::string> fileBytes,
-                   bool denyWrite = false) {
+                   bool denyWrite = false, std::optional<std::uint32_t> stopOnFailConnect = {}) {
         platform::Machine machine;
         machine.commonAppData = folder_.string();
         machine.denyRegistryWrite = denyWrite;
-        if (registryPort) {
-            platform::RegistryValue value;
+        const auto set = [&](const char* name, std::optional<std::uint32_t> number) {
+            if (!number) return;
+            platform::RegistryValue& value = machine.registry[kProductKey][name];
             value.isNumber = true;
-            value.number = *registryPort;
-            machine.registry[kProductKey]["Port"] = value;
-        }
+            value.number = *number;
+        };
+        set("Port", registryPort);
+        set("StopActivityOnFailConnect", stopOnFailConnect);
         platform::SetMachineForTest(machine);
         const auto file = folder_ / "VantrexSoftware" / "Talvessa" / "p_info";
         std::filesystem::remove(file);
@@ -104,6 +106,23 @@ TEST_F(Settings, ReadsOnceInFiveMinutes) {
     platform::DisarmFaults();
     platform::AdvanceClock(1000);
     EXPECT_EQ(GetRelayPort(), 5002u);
+}
+
+TEST_F(Settings, AClockThatIsSetBackMakesNothingStale) {
+    constexpr DWORD kDay = 24 * 3600 * 1000;
+    Configure({}, Bytes(5005), false, 1);
+    platform::AdvanceClock(2 * kCacheMilliseconds + 1000);
+    ASSERT_EQ(GetRelayPort(), 5005u);
+    ASSERT_TRUE(StopsActivityOnFailConnect());
+
+    Configure({}, Bytes(5006), false, 0);
+    platform::SetCalendarBack(kDay);
+    platform::AdvanceClock(2 * kCacheMilliseconds + 1000);
+    EXPECT_EQ(GetRelayPort(), 5005u);
+    EXPECT_TRUE(StopsActivityOnFailConnect());
+    platform::SetCalendarBack(0);
+    EXPECT_EQ(GetRelayPort(), 5006u);
+    EXPECT_FALSE(StopsActivityOnFailConnect());
 }
 
 TEST_F(Settings, WithoutFolderTheCachedPortStays) {
