@@ -254,16 +254,27 @@ TEST_F(AnsweredOperations, LowerHandleIsToldOnlyByALayeredProvidersStandIn) {
     Lower().lpWSPIoctl = LowerIoctl;
     SOCKET lower = 0;
     DWORD bytes = 0;
-    const auto query = [&] {
-        return WSPIoctl(s_, SIO_QUERY_TARGET_PNP_HANDLE, nullptr, 0, &lower, sizeof(lower), &bytes, nullptr,
-                        nullptr, nullptr, &error_);
+    WSAOVERLAPPED record{};
+    const auto query = [&](void* output, DWORD length, LPDWORD count, LPWSAOVERLAPPED overlapped = nullptr) {
+        return ErrorOf(WSPIoctl(s_, SIO_QUERY_TARGET_PNP_HANDLE, nullptr, 0, output, length, count,
+                                overlapped, nullptr, nullptr, &error_) == 0);
     };
-    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(query(&lower, sizeof(lower), &bytes), 0);
     EXPECT_EQ(lower, 0u) << "a base provider answers itself";
     Entry(SOCK_STREAM).NextProvider.ProtocolChain.ChainLen = 2;
-    EXPECT_EQ(query(), 0);
+    Lower().lpWSPIoctl = nullptr;  // not called
+    EXPECT_EQ(query(&lower, sizeof(lower), &bytes), 0);
     EXPECT_EQ(lower, context_->ProviderSocket);
     EXPECT_EQ(bytes, sizeof(SOCKET));
+    const auto unwritable = reinterpret_cast<LPDWORD>(8);
+    for (const LPWSAOVERLAPPED overlapped : {LPWSAOVERLAPPED{nullptr}, &record}) {
+        EXPECT_EQ(query(nullptr, sizeof(lower), &bytes, overlapped), WSAEFAULT);
+        EXPECT_EQ(query(&lower, sizeof(lower) - 1, &bytes, overlapped), WSAEFAULT);
+        EXPECT_EQ(query(&lower, sizeof(lower), nullptr, overlapped), WSAEFAULT);
+        EXPECT_EQ(query(&lower, sizeof(lower), unwritable, overlapped), WSAEFAULT);
+    }
+    EXPECT_FALSE(IsOverlappedInProgress(&record));
+    EXPECT_EQ(context_->OutstandingAsync, 0u);
 }
 
 // ---- Overlapped results
@@ -313,20 +324,65 @@ TEST_F(AnsweredOperations, OverlappedResultIsReadFromTheRecord) {
     EXPECT_EQ(result(TRUE), WSA_IO_PENDING);
 }
 
+// ---- Address conversion
+
+WSAPROTOCOL_INFOW ConverterInfo;
+std::vector<ULONG_PTR> ConverterArguments;
+
+template <class... Arguments>
+INT NoteConversion(LPWSAPROTOCOL_INFOW info, Arguments... arguments) {
+    ConverterInfo = *info;
+    ConverterArguments = {(ULONG_PTR)arguments...};
+    return 0;
+}
+
 TEST_F(AnsweredOperations, AddressesAreConvertedByTheNamedProtocol) {
     Lower().lpWSPAddressToString =
-        Callback([](LPSOCKADDR, DWORD, LPWSAPROTOCOL_INFOW info, LPWSTR text, LPDWORD, LPINT) {
-            text[0] = static_cast<WCHAR>(info->ProtocolChain.ChainLen);
-            return INT{0};
-        });
+        Callback([](LPSOCKADDR address, DWORD length, LPWSAPROTOCOL_INFOW info, LPWSTR text, LPDWORD room,
+                    LPINT) { return NoteConversion(info, address, length, text, room); });
+    Lower().lpWSPStringToAddress =
+        Callback([](LPWSTR text, INT family, LPWSAPROTOCOL_INFOW info, LPSOCKADDR address, LPINT room,
+                    LPINT) { return NoteConversion(info, text, family, address, room); });
     WCHAR text[4] = {};
     DWORD length = 4;
+    INT room = sizeof(sockaddr);
+    sockaddr address{};
+    const auto bits = [](const void* pointer) { return reinterpret_cast<ULONG_PTR>(pointer); };
+    const auto toText = [&](LPWSAPROTOCOL_INFOW info) {
+        return ErrorOf(WSPAddressToString(&address, 9, info, text, &length, &error_) == 0);
+    };
+    const auto toAddress = [&](LPWSAPROTOCOL_INFOW info) {
+        return ErrorOf(WSPStringToAddress(text, AF_INET, info, &address, &room, &error_) == 0);
+    };
     WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
     info.dwServiceFlags1 ^= XP1_IFS_HANDLES;
-    EXPECT_EQ(WSPAddressToString(nullptr, 0, &info, text, &length, &error_), 0);
-    EXPECT_EQ(text[0], 1) << "the lower provider is given its own entry";
-    info.iProtocol = 99;
-    EXPECT_EQ(ErrorOf(WSPAddressToString(nullptr, 0, &info, text, &length, &error_) == 0), WSAEINVAL);
+    // A base provider is given its own entry; a layer, which has more than one, the one that was named.
+    for (const int chainLength : {1, 2}) {
+        WSAPROTOCOL_INFOW& lower = Entry(SOCK_STREAM).NextProvider;
+        lower.ProtocolChain.ChainLen = chainLength;
+        const DWORD expected = chainLength == 1 ? lower.dwCatalogEntryId : info.dwCatalogEntryId;
+        EXPECT_EQ(toText(&info), 0);
+        EXPECT_EQ(ConverterInfo.dwCatalogEntryId, expected);
+        EXPECT_EQ(ConverterArguments, (std::vector<ULONG_PTR>{bits(&address), 9, bits(text), bits(&length)}));
+        EXPECT_EQ(toAddress(&info), 0);
+        EXPECT_EQ(ConverterInfo.dwCatalogEntryId, expected);
+        EXPECT_EQ(ConverterArguments,
+                  (std::vector<ULONG_PTR>{bits(text), AF_INET, bits(&address), bits(&room)}));
+    }
+    WSAPROTOCOL_INFOW others[4] = {info, info, info, info};
+    others[0].iAddressFamily = AF_APPLETALK;
+    others[1].iSocketType = SOCK_DGRAM;
+    others[2].iProtocol = 99;
+    others[3].dwServiceFlags1 ^= XP1_CONNECT_DATA;
+    for (WSAPROTOCOL_INFOW& other : others) {
+        EXPECT_EQ(toText(&other), WSAEINVAL) << &other - others;
+        EXPECT_EQ(toAddress(&other), WSAEINVAL) << &other - others;
+    }
+    const auto unreadable = reinterpret_cast<LPWSAPROTOCOL_INFOW>(8);
+    EXPECT_EQ(toText(nullptr), WSAEINVAL);
+    EXPECT_EQ(toAddress(nullptr), WSAEINVAL);
+    EXPECT_EQ(toText(unreadable), WSAEFAULT);
+    EXPECT_EQ(toAddress(unreadable), WSAEFAULT);
 }
 
 }  // namespace

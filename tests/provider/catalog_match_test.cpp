@@ -1,10 +1,15 @@
 // Which of the layer's entries a start-up gets, for every way in which Winsock may name it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/catalog.h"
+#include "platform/testing/resource_counts.h"
 #include "provider/catalog/catalog.h"
+#include "provider/catalog/protocol_list.h"
 #include "provider/contexts/catalog_teardown.h"
 #include "provider/contexts/handle_locks.h"
 #include "provider/process_state.h"
@@ -111,8 +116,51 @@ TEST_F(CatalogMatch, LastPassFollowsChainsThatWereInstalledLater) {
     entries_[1].LowerStartupCount = 1;
     EXPECT_EQ(Match(asked), -1) << "but not one that is in use already";
 
+    entries_[1].LowerStartupCount = 0;
     SetWinsockCatalog({top, MakeInfo(701, {702, kUdpChain, 2}, SOCK_RAW, 0)});
     EXPECT_EQ(Match(asked), -1) << "a chain under another top";
+
+    SetWinsockCatalog({MakeInfo(701, {700, kUdpChain, 2}, SOCK_RAW, 0)});
+    EXPECT_EQ(Match(asked), -1) << "a top that has gone";
+    SetWinsockCatalog({MakeInfo(701, {0, kUdpChain, 2}, SOCK_RAW, 0)});
+    EXPECT_EQ(Match(asked), 1) << "which leaves the chains that name none";
+    SetWinsockCatalog({top, MakeInfo(701, {700, kLayerBase, 2}, SOCK_SEQPACKET, 0),
+                       MakeInfo(702, {700, kTcpChain, 1}, SOCK_RAW, 0)});
+    EXPECT_EQ(Match(asked), 0) << "another chain, after one that leads to nothing of ours";
+}
+
+// A catalog that grows while it is read is read again, but not for ever.
+TEST_F(CatalogMatch, AGrowingCatalogIsReadAgain) {
+    SetWinsockCatalog({MakeInfo(700, {}, SOCK_RAW, 0)});
+    constexpr int kReads = 5;  // one that asks for the size, then four
+    const struct {
+        int firstFailing;
+        bool repeat;
+        DWORD error;
+        int count;
+        int reads;
+    } rows[] = {
+        {2, false, WSAENOBUFS, 1, 3},
+        {2, true, WSAENOBUFS, 0, kReads},
+        {2, true, WSAEFAULT, 0, 2},
+        {1, true, WSAEFAULT, 0, 1},
+    };
+    const int blocks = platform::CountResources().heapBlocks;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.reads);
+        const platform::ScopedFault fault(
+            {"WSCEnumProtocols", row.firstFailing, platform::FaultKind::kError, row.error, row.repeat});
+        INT error = 0;
+        const ProtocolList list(PrivateHeap, &error);
+        EXPECT_EQ(static_cast<bool>(list), row.count > 0);
+        EXPECT_EQ(list.Count(), row.count);
+        if (row.count == 0) {
+            EXPECT_EQ(error, static_cast<INT>(row.error));
+        }
+        const std::vector<std::string> calls = platform::CountedCalls();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "WSCEnumProtocols"), row.reads);
+    }
+    EXPECT_EQ(platform::CountResources().heapBlocks, blocks) << "each block given back once";
 }
 
 }  // namespace

@@ -39,6 +39,10 @@ int WSPAPI QueryHandle(SOCKET s, PDWORD_PTR context, LPINT error) {
 }
 
 int WSPAPI CloseHandleOfSocket(SOCKET s, LPINT error) {
+    if (Fake().closeHandleError != 0) {
+        *error = Fake().closeHandleError;
+        return SOCKET_ERROR;
+    }
     const std::lock_guard<std::mutex> lock(Fake().mutex);
     if (Fake().handles.erase(s) == 1) return 0;
     *error = WSAENOTSOCK;
@@ -64,10 +68,7 @@ int WSPAPI LowerCloseSocket(SOCKET s, LPINT error) {
 
 int WSPAPI LowerConnect(SOCKET, const sockaddr* name, int namelen, LPWSABUF, LPWSABUF, LPQOS, LPQOS,
                         LPINT error) {
-    sockaddr_in address;
-    std::memcpy(&address, name, sizeof(address));
-    Fake().connected.push_back(std::string(inet_ntoa(address.sin_addr)) + ":" +
-                               std::to_string(ntohs(address.sin_port)) + " " + std::to_string(namelen));
+    Fake().connected.push_back(DescribeName(name, namelen));
     if (Fake().connectError == 0) return 0;
     *error = Fake().connectError;
     return SOCKET_ERROR;
@@ -101,6 +102,13 @@ sockaddr_in MakeAddress(const char* text, unsigned short port) {
     address.sin_addr.s_addr = inet_addr(text);
     address.sin_port = htons(port);
     return address;
+}
+
+std::string DescribeName(const sockaddr* name, int namelen) {
+    sockaddr_in address;
+    std::memcpy(&address, name, sizeof(address));
+    return std::string(inet_ntoa(address.sin_addr)) + ":" + std::to_string(ntohs(address.sin_port)) + " " +
+           std::to_string(namelen);
 }
 
 void FakeWinsock::SetUp() {
@@ -180,10 +188,10 @@ void FakeWinsock::Close(SOCKET s) {
     EXPECT_EQ(WSPCloseSocket(s, &error), 0) << error;
 }
 
-bool FakeWinsock::FreeCatalog() {
+bool FakeWinsock::FreeCatalog(bool detaching) {
     INT ignored = 0;
     const Locker lock(qx::GlobalLock);
-    return FreeLspCatalog(false, &ignored);
+    return FreeLspCatalog(detaching, &ignored);
 }
 
 // ---- The interception

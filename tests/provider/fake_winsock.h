@@ -30,6 +30,7 @@ struct FakeState {
     std::map<SOCKET, DWORD_PTR> handles;
     SOCKET nextHandle = 0x1000;
     int createHandleError = 0;
+    int closeHandleError = 0;
     DWORD handleEntry = 0;                   // the catalog id of the last handle
     std::function<void(SOCKET)> handleMade;  // before whoever asked for it knows it
 
@@ -75,8 +76,8 @@ class FakeWinsock : public ::testing::Test {
     /// As the first start-up does.
     void BuildCatalog();
 
-    /// As the last clean-up does. True when nothing was held by a call under way.
-    static bool FreeCatalog();
+    /// As the last clean-up does, or a detach. True when nothing was held by a call under way.
+    static bool FreeCatalog(bool detaching = false);
 
     /// The error of the call just made, or 0; its result has to say the same.
     int ErrorOf(bool succeeded) {
@@ -110,3 +111,6 @@ class FakeSocket : public FakeWinsock {
 
 /// 127.0.0.1 or another address, as connect and sendto want it.
 sockaddr_in MakeAddress(const char* text, unsigned short port);
+
+/// An IPv4 address as a lower provider got it: "203.0.113.10:80 16", the length behind it.
+std::string DescribeName(const sockaddr* name, int namelen);

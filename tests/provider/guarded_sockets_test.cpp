@@ -118,6 +118,40 @@ TEST_F(GuardedSockets, HandlesThatAreNoneReachNoCall) {
     platform::DisarmFaults();
 }
 
+TEST_F(GuardedSockets, ConnectAndDisconnectByTheExtensionFunctions) {
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    auto* const address = reinterpret_cast<sockaddr*>(&name);
+    SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    EXPECT_EQ(SafeBind(s, address, sizeof(name)), 0);
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    SOCKET listener = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    EXPECT_EQ(SafeBind(listener, address, sizeof(name)), 0);
+    EXPECT_EQ(SafeListen(listener, 1), 0);
+    int length = sizeof(name);
+    EXPECT_EQ(SafeGetSockName(listener, address, &length), 0);
+
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    char greeting[] = "hello";
+    DWORD bytes = 0;
+    DWORD flags = 0;
+    if (!SafeConnectEx(s, address, sizeof(name), greeting, 5, &bytes, &overlapped)) {
+        EXPECT_EQ(WSAGetLastError(), WSA_IO_PENDING);
+    }
+    EXPECT_TRUE(SafeWSAGetOverlappedResult(s, &overlapped, &bytes, TRUE, &flags));
+    EXPECT_EQ(bytes, 5u);
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_UPDATE_CONNECT_CONTEXT, nullptr, 0), 0);
+    SOCKET peer = accept(listener, nullptr, nullptr);
+    char received[8];
+    EXPECT_EQ(recv(peer, received, sizeof(received), 0), 5);
+    EXPECT_TRUE(SafeDisconnectEx(s));
+    EXPECT_EQ(recv(peer, received, sizeof(received), 0), 0) << "the peer sees the end";
+    CloseHandle(overlapped.hEvent);
+    for (SOCKET* const socket : {&s, &peer, &listener})
+        CloseSocketCompletely(*socket);
+}
+
 TEST_F(GuardedSockets, ConnectExThatIsMissingFailsAfterItsLine) {
     const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
     sockaddr_in name{};

@@ -41,8 +41,11 @@ BOOL WINAPI LowerAcceptEx(SOCKET s, SOCKET accepting, PVOID, DWORD, DWORD, DWORD
     return ConcludeExtension({OverlappedType::kAcceptEx, s, accepting, record}, bytes);
 }
 
-BOOL WINAPI LowerConnectEx(SOCKET s, const sockaddr*, int, PVOID, DWORD, LPDWORD bytes, LPOVERLAPPED record) {
-    return ConcludeExtension({OverlappedType::kConnectEx, s, INVALID_SOCKET, record}, bytes);
+BOOL WINAPI LowerConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID, DWORD, LPDWORD bytes,
+                           LPOVERLAPPED record) {
+    LowerRequest call = {OverlappedType::kConnectEx, s, INVALID_SOCKET, record};
+    call.name = DescribeName(name, namelen);
+    return ConcludeExtension(std::move(call), bytes);
 }
 
 BOOL WINAPI LowerDisconnectEx(SOCKET s, LPOVERLAPPED record, DWORD, DWORD) {

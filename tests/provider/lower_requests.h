@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -26,6 +27,7 @@ struct LowerRequest {
     DWORD offset = 0;  ///< the record's position
     DWORD offsetHigh = 0;
     bool ended = false;
+    std::string name = {};  ///< of a ConnectEx, as DescribeName writes it
 };
 
 /// The answer of a lower call, and the end of a request, that fails and names no error.

@@ -323,19 +323,4 @@ TEST_F(SocketLife, ACancelThatRaisesLeavesTheCallThatItWasToCancel) {
     Close(s);
 }
 
-TEST_F(SocketLife, ContextIsDescribedInOneLine) {
-    const SOCKET s = MakeSocket();
-    SocketContext* const context = ContextOf(s);
-    EXPECT_STREQ(DescribeContext(nullptr).c_str(), "Context is empty");
-    const sockaddr_in destination = MakeAddress("203.0.113.10", 80);
-    context->DestinationAddress.Store(&destination, sizeof(destination));
-    context->Protocol = 1;
-    context->ReportTraffic = context->Split = TRUE;
-    // Winsock, which writes addresses, is not started here.
-    EXPECT_STREQ(DescribeContext(context).c_str(),
-                 "Connection[1] [relay:0,ly:4096,pv:20480,spy:-1] - [<undefined>]:[80] - [prot:1] "
-                 "[flags:0,1,0,0,0,1,0]");
-    Close(s);
-}
-
 }  // namespace

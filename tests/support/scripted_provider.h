@@ -94,6 +94,7 @@ class ScriptedProvider {
     /// What the last start-up was given.
     WSPUPCALLTABLE Upcalls() { return Read(upcalls_); }
     WSAPROTOCOL_INFOW StartupInfo() { return Read(info_); }
+    WORD StartupVersion() { return Read(wanted_); }
 
     // For the module's operations.
 
@@ -150,9 +151,10 @@ class ScriptedProvider {
     }
 
     /// Counts a start-up and describes the module; or the scripted error.
-    int Startup(LPWSPDATA data, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upcalls) {
+    int Startup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info, const WSPUPCALLTABLE& upcalls) {
         std::lock_guard<std::mutex> lock(mutex_);
         if (state_.startError != 0) return state_.startError;
+        wanted_ = version;
         upcalls_ = upcalls;
         info_ = *info;
         *data = {};
@@ -217,6 +219,7 @@ class ScriptedProvider {
     // A provider that is started needs these beyond a Reset, to close its sockets.
     WSPUPCALLTABLE upcalls_{};
     WSAPROTOCOL_INFOW info_{};
+    WORD wanted_ = 0;
 };
 
 /// Keeps the module loaded and gives access to it.

@@ -330,11 +330,11 @@ WSPPROC_TABLE MakeOperations() {
 
 extern "C" {
 
-int WSPAPI WSPStartup(WORD, LPWSPDATA data, LPWSAPROTOCOL_INFOW info, WSPUPCALLTABLE upcalls,
+int WSPAPI WSPStartup(WORD version, LPWSPDATA data, LPWSAPROTOCOL_INFOW info, WSPUPCALLTABLE upcalls,
                       LPWSPPROC_TABLE table) {
     // Made once: the start-up of one entry leaves the operations alone that run for another.
     static const WSPPROC_TABLE operations = MakeOperations();
-    const int error = TheProvider.Startup(data, info, upcalls);
+    const int error = TheProvider.Startup(version, data, info, upcalls);
     if (error != 0) return error;
     *table = operations;
     const int nullSlot = TheProvider.NullSlot();
