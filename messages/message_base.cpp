@@ -99,7 +99,7 @@ bool MessageBase::Serialize() {
 
 bool MessageBase::Deserialize() {
     ForgetFrame();
-    const bool read = Attempt("Failed to deserialize an LSP messsage.", [this] {
+    return Attempt("Failed to deserialize an LSP messsage.", [this] {
         switch (GetFrameState()) {
             case FrameState::kUnreadable:
                 throw MessageError("Invalid received buffer. No frame has the length that it announces");
@@ -124,8 +124,6 @@ bool MessageBase::Deserialize() {
         DataLength = static_cast<std::int32_t>(fieldsOffset) - static_cast<std::int32_t>(kFrameHeaderSize);
         return true;
     });
-    if (!read) ForgetFrame();
-    return read;
 }
 
 FrameState MessageBase::GetFrameState() {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "messages/buffer_arena.h"
 #include "messages/message_limits.h"
@@ -105,7 +106,41 @@ TEST(MessageBase, AStreamIsCutIntoFramesThatOwnTheirPartOfTheBuffers) {
     DestroyBufferArena();
 }
 
+TEST(MessageBase, WhatIsKnownOfAFrameEndsWithIt) {
+    Bytes frame = ResponseFrame(1, 20);
+    Bytes more(8);
+    const BufferPiece piece{8, more.data()};
+    const std::function<void(MessageBase&)> changes[] = {
+        [](MessageBase& message) { message.ClearBuffers(); },
+        [](MessageBase& message) { message.SetTotalLength(160); },
+        [&](MessageBase& message) { message.AddDataBuffer(piece, false); },
+        [&](MessageBase& message) { message.AddReceivedBytes(piece); },
+        [&](MessageBase& message) { message.SetBuffers(&piece, 1, false); },
+        [&](MessageBase& message) { message.SetDataBuffers(&piece, 1, 0, false); },
+        [](MessageBase& message) { message.ResetHeader(); },
+        [&](MessageBase& message) {
+            SetWord(frame, 4, 1000);
+            EXPECT_FALSE(message.Deserialize());
+        },
+    };
+    for (const auto& change : changes) {
+        LSPAnalyzerMessageResponse response;
+        Feed(response, frame);
+        ASSERT_TRUE(response.Deserialize());
+        ASSERT_EQ(response.DataLength, 20);
+        change(response);
+        EXPECT_EQ(response.DataLength, -1) << "change " << &change - changes;
+    }
+}
+
 TEST(MessageBase, FailingOperationsLeaveTheMessageUsable) {
+    struct : LSPAnalyzerMessage {
+        using MessageBase::ReadBytes;
+    } reader;
+    reader.ClearBuffers();
+    unsigned char untouched = 0;
+    EXPECT_THROW(reader.ReadBytes(&untouched, 1), MessageError);
+
     LSPAnalyzerMessageResponse response;
     PieceArray part;
     response.GetSubBuffers(5, 10, part.pieces, part.count, true, true);
