@@ -1,3 +1,4 @@
+// See client_connection.h.
 #include "analyzer/client_connection.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// See connection_shares.h.
 #include "analyzer/connection_shares.h"
 
 std::optional<ConnectionShares::Surplus> ConnectionShares::Use(std::uint64_t key, Owner owner) {

@@ -1,3 +1,4 @@
+// See decision.h.
 #include "analyzer/decision.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// See line_writer.h.
 #include "analyzer/line_writer.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// See port_file.h.
 #include "analyzer/port_file.h"
 
 #include "analyzer/regular_file.h"

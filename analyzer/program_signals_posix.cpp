@@ -1,3 +1,4 @@
+// See program_signals.h.
 #include "analyzer/program_signals.h"
 
 #include <atomic>

@@ -1,3 +1,4 @@
+// See regular_file.h.
 #include "analyzer/regular_file.h"
 
 #include <cerrno>

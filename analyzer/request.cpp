@@ -1,3 +1,4 @@
+// See request.h.
 #include "analyzer/request.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// See request_log.h.
 #include "analyzer/request_log.h"
 
 #include <chrono>

@@ -1,3 +1,4 @@
+// See rules.h.
 #include "analyzer/rules.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See calendar.h.
 #include "base/calendar.h"
 
 #include <winsock2.h>

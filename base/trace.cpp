@@ -1,3 +1,4 @@
+// See trace.h.
 #include "base/trace.h"
 
 #include <winsock2.h>

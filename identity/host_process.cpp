@@ -1,3 +1,4 @@
+// See host_process.h.
 #include "identity/host_process.h"
 
 #include <winsock2.h>

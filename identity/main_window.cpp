@@ -23,7 +23,7 @@ constexpr WPARAM kTitleLimit = 255;
 char TitleBuffer[kTitleLimit + 1];
 
 bool AskForTitle(HWND window, UINT milliseconds, DWORD_PTR& answer) {
-    std::memset(TitleBuffer, 0, sizeof TitleBuffer);
+    std::memset(TitleBuffer, 0, sizeof(TitleBuffer));
     return SendMessageTimeoutA(window, WM_GETTEXT, kTitleLimit, reinterpret_cast<LPARAM>(TitleBuffer),
                                SMTO_ABORTIFHUNG, milliseconds, &answer) != 0;
 }

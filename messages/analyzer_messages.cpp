@@ -1,3 +1,4 @@
+// See analyzer_messages.h.
 #include "messages/analyzer_messages.h"
 
 namespace {

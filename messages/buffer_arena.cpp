@@ -1,3 +1,4 @@
+// See buffer_arena.h.
 #include "messages/buffer_arena.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// See message_base.h.
 #include "messages/message_base.h"
 
 #include <winsock2.h>

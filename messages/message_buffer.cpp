@@ -1,3 +1,4 @@
+// See message_buffer.h.
 #include "messages/message_buffer.h"
 
 #include <algorithm>

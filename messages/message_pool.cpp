@@ -1,3 +1,4 @@
+// See message_pool.h.
 #include "messages/message_pool.h"
 
 #include <new>

@@ -1,3 +1,4 @@
+// See message_transport.h.
 #include "messages/message_transport.h"
 
 #include <algorithm>

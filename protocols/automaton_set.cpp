@@ -74,7 +74,7 @@ AutomatonSet::Verdicts AutomatonSet::Search::Run(RowMask rows) {
 
 unsigned AutomatonSet::Search::Next(const unsigned char* column, unsigned state) {
     std::uint16_t next;
-    std::memcpy(&next, column + state, sizeof next);
+    std::memcpy(&next, column + state, sizeof(next));
     return next;
 }
 

@@ -30,7 +30,7 @@ bool ReadAll(const std::string& path, std::string& data) {
     if (file == nullptr) return false;
     char buffer[4096];
     for (std::size_t got = 1; got != 0 && data.size() <= kMaxBytes;) {
-        got = std::fread(buffer, 1, sizeof buffer, file);
+        got = std::fread(buffer, 1, sizeof(buffer), file);
         data.append(buffer, got);
     }
     const bool good = std::ferror(file) == 0 && data.size() <= kMaxBytes;

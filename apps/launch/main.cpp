@@ -52,7 +52,7 @@ void EndTogether() {
     const HANDLE job = CreateJobObjectA(nullptr, nullptr);
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
     limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
-    SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof limits);
+    SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof(limits));
     // Refused where jobs do not nest and somebody else's job is in charge: then that one decides.
     AssignProcessToJobObject(job, GetCurrentProcess());
 }
@@ -73,7 +73,7 @@ int main(int argc, char**) {
     SetEnvironmentVariableA("QX_ROUTE", "all");
     std::string command = ProgramCommandLine();
     STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
+    startup.cb = sizeof(startup);
     PROCESS_INFORMATION program{};
     if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr, nullptr,
                         &startup, &program))

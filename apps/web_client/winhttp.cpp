@@ -1,3 +1,4 @@
+// See winhttp.cpp.
 #include <windows.h>
 
 #include <winhttp.h>
@@ -14,12 +15,12 @@ int AskWinHttp(const std::wstring& host, unsigned short port, const std::wstring
     DWORD error = 0;
     if (WinHttpSendRequest(request, nullptr, 0, nullptr, 0, 0, 0) &&
         WinHttpReceiveResponse(request, nullptr)) {
-        DWORD size = sizeof status;
+        DWORD size = sizeof(status);
         WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr, &status,
                             &size, nullptr);
         char part[512];
         DWORD count = 0;
-        while (WinHttpReadData(request, part, sizeof part, &count) && count > 0)
+        while (WinHttpReadData(request, part, sizeof(part), &count) && count > 0)
             body->append(part, count);
     } else {
         error = GetLastError();

@@ -1,3 +1,4 @@
+// See wininet.cpp.
 #include <windows.h>
 
 #include <wininet.h>
@@ -12,11 +13,11 @@ int AskWinInet(const std::string& url, std::string* body) {
     DWORD status = 0;
     const DWORD error = request == nullptr ? GetLastError() : 0;
     if (request != nullptr) {
-        DWORD size = sizeof status;
+        DWORD size = sizeof(status);
         HttpQueryInfoA(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &status, &size, nullptr);
         char part[512];
         DWORD count = 0;
-        while (InternetReadFile(request, part, sizeof part, &count) && count > 0)
+        while (InternetReadFile(request, part, sizeof(part), &count) && count > 0)
             body->append(part, count);
         InternetCloseHandle(request);
     }

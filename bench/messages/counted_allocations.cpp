@@ -1,3 +1,4 @@
+// See counted_allocations.h.
 #include "bench/messages/counted_allocations.h"
 
 #include <atomic>

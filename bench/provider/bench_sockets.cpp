@@ -1,3 +1,4 @@
+// See bench_sockets.h.
 #include "bench/provider/bench_sockets.h"
 
 #include <cstdio>

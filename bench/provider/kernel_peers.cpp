@@ -1,3 +1,4 @@
+// See kernel_peers.h.
 #include "bench/provider/kernel_peers.h"
 
 #include <netinet/in.h>

@@ -1,3 +1,4 @@
+// See operations_bench.cpp.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 

@@ -1,3 +1,4 @@
+// See paired_run.h.
 #include "bench/provider/paired_run.h"
 
 #include <algorithm>

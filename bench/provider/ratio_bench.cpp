@@ -1,3 +1,4 @@
+// See ratio_bench.cpp.
 #include <benchmark/benchmark.h>
 
 #include "bench/provider/bench_sockets.h"

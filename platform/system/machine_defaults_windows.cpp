@@ -17,8 +17,8 @@ namespace {
 
 std::string TemporaryFolder() {
     char path[MAX_PATH + 1] = {};
-    const DWORD length = GetTempPathA(sizeof path, path);
-    return std::string(path, length < sizeof path ? length : 0);
+    const DWORD length = GetTempPathA(sizeof(path), path);
+    return std::string(path, length < sizeof(path) ? length : 0);
 }
 
 }  // namespace
@@ -28,7 +28,7 @@ std::string BesideThisLibrary(const std::string& fileName) {
     GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                        reinterpret_cast<LPCSTR>(reinterpret_cast<void*>(&BesideThisLibrary)), &own);
     char path[MAX_PATH] = {};
-    GetModuleFileNameA(own, path, sizeof path);
+    GetModuleFileNameA(own, path, sizeof(path));
     const std::string folder(path, static_cast<std::size_t>(std::string(path).find_last_of('\\') + 1));
     const bool isNative = fileName.rfind("lib", 0) == 0 && fileName.size() > 6 &&
                           fileName.compare(fileName.size() - 3, 3, ".so") == 0;

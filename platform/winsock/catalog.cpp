@@ -87,7 +87,7 @@ const CatalogEntry* Catalog::FindById(DWORD id) const {
 
 const CatalogEntry* Catalog::FindByProvider(const GUID& provider) const {
     for (const CatalogEntry& entry : entries) {
-        if (std::memcmp(&entry.info.ProviderId, &provider, sizeof provider) == 0) return &entry;
+        if (std::memcmp(&entry.info.ProviderId, &provider, sizeof(provider)) == 0) return &entry;
     }
     return nullptr;
 }

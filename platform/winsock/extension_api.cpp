@@ -17,8 +17,8 @@ Function FetchExtension(SOCKET s, GUID id) {
     Function function = nullptr;
     DWORD returned = 0;
     const int result = CallProvider(*operations, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
-        return table.lpWSPIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function,
-                                sizeof function, &returned, nullptr, nullptr, nullptr, error);
+        return table.lpWSPIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof(id), &function,
+                                sizeof(function), &returned, nullptr, nullptr, nullptr, error);
     });
     if (result == 0 && function != nullptr) return function;
     return result == 0 ? FailWith<Function>(WSAEOPNOTSUPP, nullptr) : nullptr;

@@ -31,7 +31,7 @@ ULONG WSAAPI inet_addr(const char* cp) {
 char* WSAAPI inet_ntoa(struct in_addr in) {
     static thread_local char text[16];
     const auto& b = in.S_un.S_un_b;
-    std::snprintf(text, sizeof text, "%d.%d.%d.%d", b.s_b1, b.s_b2, b.s_b3, b.s_b4);
+    std::snprintf(text, sizeof(text), "%d.%d.%d.%d", b.s_b1, b.s_b2, b.s_b3, b.s_b4);
     return text;
 }
 

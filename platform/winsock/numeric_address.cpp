@@ -54,7 +54,7 @@ bool ParseGroups(const char* text, Groups* groups) {
         in_addr v4{};
         if (groups->count <= 12 && std::strchr(text, ':') == nullptr && std::strchr(text, '.') != nullptr) {
             if (!ParseIpv4(text, &v4)) return false;
-            std::memcpy(groups->bytes + groups->count, &v4, sizeof v4);
+            std::memcpy(groups->bytes + groups->count, &v4, sizeof(v4));
             groups->count += 4;
             return true;
         }
@@ -80,7 +80,7 @@ bool ParseIpv4(const char* text, in_addr* address) {
         bytes[i] = static_cast<UCHAR>(value);
     }
     if (*text != '\0') return false;
-    std::memcpy(address, bytes, sizeof bytes);
+    std::memcpy(address, bytes, sizeof(bytes));
     return true;
 }
 
@@ -116,7 +116,7 @@ bool ParseIpv6(const char* text, in6_addr* address) {
     const int missing = 16 - groups.count;
     if (groups.gapAt < 0 ? missing != 0 : missing < 2) return false;
     const int head = groups.gapAt < 0 ? 16 : groups.gapAt;
-    std::memset(address, 0, sizeof *address);
+    std::memset(address, 0, sizeof(*address));
     std::memcpy(address->u.Byte, groups.bytes, static_cast<std::size_t>(head));
     if (head < 16) {
         std::memcpy(address->u.Byte + head + missing, groups.bytes + head,
@@ -128,7 +128,7 @@ bool ParseIpv6(const char* text, in6_addr* address) {
 std::string FormatIpv4(const in_addr& address) {
     char text[16];
     const auto& b = address.S_un.S_un_b;
-    std::snprintf(text, sizeof text, "%d.%d.%d.%d", b.s_b1, b.s_b2, b.s_b3, b.s_b4);
+    std::snprintf(text, sizeof(text), "%d.%d.%d.%d", b.s_b1, b.s_b2, b.s_b3, b.s_b4);
     return text;
 }
 
@@ -172,12 +172,12 @@ std::string FormatIpv6(const in6_addr& address) {
         }
         if (!text.empty() && text.back() != ':') text += ':';
         char group[8];
-        std::snprintf(group, sizeof group, "%x", groups[i]);
+        std::snprintf(group, sizeof(group), "%x", groups[i]);
         text += group;
     }
     if (groupCount == 8) return text;
     in_addr v4{};
-    std::memcpy(&v4, address.u.Byte + 12, sizeof v4);
+    std::memcpy(&v4, address.u.Byte + 12, sizeof(v4));
     if (text.back() != ':') text += ':';
     return text + FormatIpv4(v4);
 }

@@ -15,15 +15,15 @@ int GetAnsiProtocolInfo(const HostCall& call, SOCKET s, char* value, int* length
         return FailWith(WSAEFAULT, SOCKET_ERROR);
     }
     WSAPROTOCOL_INFOW wide{};
-    int wideLength = sizeof wide;
+    int wideLength = sizeof(wide);
     const int result = CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPGetSockOpt(s, SOL_SOCKET, SO_PROTOCOL_INFOW, reinterpret_cast<char*>(&wide),
                                      &wideLength, error);
     });
     if (result != 0) return result;
     const WSAPROTOCOL_INFOA ansi = ToAnsi(wide);
-    std::memcpy(value, &ansi, sizeof ansi);
-    *length = sizeof ansi;
+    std::memcpy(value, &ansi, sizeof(ansi));
+    *length = sizeof(ansi);
     return 0;
 }
 
@@ -43,8 +43,8 @@ int WSAAPI HostIoctlSocket(SOCKET s, LONG command, u_long* argument) {
     HostCall call("ioctlsocket", WSAENETDOWN);
     DWORD returned = 0;
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
-        return table.lpWSPIoctl(s, static_cast<DWORD>(command), argument, sizeof *argument, argument,
-                                sizeof *argument, &returned, nullptr, nullptr, nullptr, error);
+        return table.lpWSPIoctl(s, static_cast<DWORD>(command), argument, sizeof(*argument), argument,
+                                sizeof(*argument), &returned, nullptr, nullptr, nullptr, error);
     });
 }
 

@@ -72,7 +72,7 @@ constexpr WORD kVersion = MAKEWORD(2, 2);
 
 bool IsComplete(const WSPPROC_TABLE& table) {
     const auto* slots = reinterpret_cast<void* const*>(&table);
-    for (std::size_t i = 0; i < sizeof table / sizeof(void*); ++i) {
+    for (std::size_t i = 0; i < sizeof(table) / sizeof(void*); ++i) {
         if (slots[i] == nullptr) return false;
     }
     return true;

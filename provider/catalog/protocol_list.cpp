@@ -1,3 +1,4 @@
+// See protocol_list.h.
 #include "provider/catalog/protocol_list.h"
 
 namespace {

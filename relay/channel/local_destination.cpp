@@ -21,7 +21,7 @@ struct Octets {
 
 Octets OctetsOf(const sockaddr_in& address) {
     unsigned char bytes[4];
-    std::memcpy(bytes, &address.sin_addr, sizeof bytes);
+    std::memcpy(bytes, &address.sin_addr, sizeof(bytes));
     return {bytes[0], bytes[1], bytes[3]};
 }
 
@@ -33,7 +33,7 @@ Octets OctetsOf(const char* text) {
 
 Octets OctetsOfText(SOCKADDR_STORAGE address) {
     char text[128];
-    DWORD length = sizeof text;
+    DWORD length = sizeof(text);
     if (WSAAddressToStringA(reinterpret_cast<sockaddr*>(&address), sizeof(sockaddr_in), nullptr, text,
                             &length) != 0) {
         return OctetsOf("<undefined>");

@@ -1,3 +1,4 @@
+// See spy_exchange.h.
 #include "relay/channel/spy_exchange.h"
 
 #include "base/locker.h"

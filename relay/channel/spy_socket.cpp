@@ -22,7 +22,7 @@ constexpr DWORD kTransferMilliseconds = 10000;
 
 template <class Value>
 void SetOption(SOCKET s, int level, int option, Value value) {
-    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof value);
+    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
 /// Waits for the connect of a non-blocking socket.
@@ -68,7 +68,7 @@ bool ConnectToAnalyzer(SOCKET s, const SocketContext* context) {
     u_long nonBlocking = 1;
     // A connect that can't be limited in time isn't made.
     const bool limited = SafeIoctlSocket(s, static_cast<LONG>(FIONBIO), &nonBlocking) == 0;
-    if (!limited || SafeConnect(s, reinterpret_cast<const sockaddr*>(&analyzer), sizeof analyzer) != 0) {
+    if (!limited || SafeConnect(s, reinterpret_cast<const sockaddr*>(&analyzer), sizeof(analyzer)) != 0) {
         const int error = WSAGetLastError();
         if (!limited || error != WSAEWOULDBLOCK) {
             Trace("ERROR:Failed to connect to lsp server:%d.#Details: %s #\n", error,

@@ -1,3 +1,4 @@
+// See request_frames.h.
 #include "tests/analyzer/request_frames.h"
 
 #include "tests/messages/frame_tools.h"

@@ -1,3 +1,4 @@
+// See running_program.h.
 #include "tests/analyzer/running_program.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// See system_files.h.
 #include "tests/analyzer/system_files.h"
 
 #include <signal.h>

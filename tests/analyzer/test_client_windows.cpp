@@ -1,3 +1,4 @@
+// See test_client.h.
 #include "tests/analyzer/test_client.h"
 
 #include <winsock2.h>

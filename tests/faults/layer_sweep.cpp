@@ -1,3 +1,4 @@
+// See layer_sweep.h.
 #include "tests/faults/layer_sweep.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// See sweep.h.
 #include "tests/faults/sweep.h"
 
 #include <winsock2.h>

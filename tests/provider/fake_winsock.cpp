@@ -1,3 +1,4 @@
+// See fake_winsock.h.
 #include "tests/provider/fake_winsock.h"
 
 #include "platform/testing/catalog.h"

@@ -1,3 +1,4 @@
+// See lower_requests.h.
 #include "tests/provider/lower_requests.h"
 
 #include <gtest/gtest.h>
