@@ -23,14 +23,18 @@ void WriteSlot(void* value) {
     if (Slot != TLS_OUT_OF_INDEXES && !TlsSetValue(Slot, value)) TlsSetValue(Slot, value);
 }
 
+void* ValueOf(LayerCall::Kind kind) {
+    return reinterpret_cast<void*>(static_cast<ULONG_PTR>(kind));
+}
+
 }  // namespace
 
-LayerCall::LayerCall(Kind kind) : outer_(ReadSlot()) {
-    WriteSlot(reinterpret_cast<void*>(static_cast<ULONG_PTR>(kind)));
+LayerCall::LayerCall(Kind kind) : outer_(ReadSlot()), changes_(outer_ != ValueOf(kind)) {
+    if (changes_) WriteSlot(ValueOf(kind));
 }
 
 LayerCall::~LayerCall() {
-    WriteSlot(outer_);
+    if (changes_) WriteSlot(outer_);
 }
 
 bool LayerCall::IsUnderWay() {
@@ -38,7 +42,7 @@ bool LayerCall::IsUnderWay() {
 }
 
 bool LayerCall::MakesSocket() {
-    return ReadSlot() == reinterpret_cast<void*>(static_cast<ULONG_PTR>(Kind::kMakesSocket));
+    return ReadSlot() == ValueOf(Kind::kMakesSocket);
 }
 
 void LayerCall::AllocateSlot() {

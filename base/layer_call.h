@@ -4,7 +4,8 @@
 // that one by mistake.
 #pragma once
 
-/// Marks what the thread does as the layer's own, for a scope. Scopes may be nested.
+/// Marks what the thread does as the layer's own, for a scope. Scopes may be nested; one inside another of
+/// the same kind costs a look only.
 class LayerCall {
   public:
     /// kUsesSockets: works on sockets of the layer's own. kMakesSocket: a socket that is made now is one.
@@ -26,5 +27,6 @@ class LayerCall {
     static void FreeSlot();
 
   private:
-    void* outer_;
+    void* const outer_;
+    const bool changes_;
 };

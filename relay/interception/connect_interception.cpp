@@ -6,6 +6,7 @@
 
 #include <exception>
 
+#include "base/layer_call.h"
 #include "base/trace.h"
 #include "identity/request_fields.h"
 #include "messages/analyzer_messages.h"
@@ -73,6 +74,8 @@ enum class AskResult { kNotNeeded, kAnswered, kFailed };
 
 /// Asks in the exchange's turn and applies the answer. Throws std::bad_alloc.
 AskResult AskAnalyzer(SocketContext* context, const SpyExchange& exchange, ConnectTarget* target) {
+    // One mark for the many calls on the spy socket.
+    const LayerCall call;
     if (!exchange.Entered() || exchange.Abandoned()) return AskResult::kFailed;
     if (!PrepareAnalyzerChannel(context, &target->name, target->length)) {
         Trace("ERROR:Failed to connect to lsp server. #Details: %s #\n", DescribeContext(context).c_str());
