@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/kernel/fault_points.h"
+#include "tests/provider/loaded_layer.h"
 #include "tests/support/layer_fixture.h"
 
 namespace {
@@ -70,47 +71,6 @@ TEST_F(LayerComponent, StartsAndEndsAsOftenAsItIsUsed) {
         }
         StopWinsock();  // closes what the application forgot
     }
-}
-
-/// The layer's module, loaded beside Winsock.
-class LoadedLayer {
-  public:
-    explicit LoadedLayer(const std::string& path) : module_(LoadLibraryA(path.c_str())) {}
-    ~LoadedLayer() { FreeLibrary(module_); }
-
-    template <class Function>
-    Function Export(const char* name) const {
-        const FARPROC address = GetProcAddress(module_, name);
-        Function function = nullptr;
-        std::memcpy(&function, &address, sizeof(function));
-        return function;
-    }
-
-  private:
-    HMODULE module_;
-};
-
-WSPUPCALLTABLE Upcalls() {
-    WSPUPCALLTABLE table{};
-    table.lpWPUCreateSocketHandle = WPUCreateSocketHandle;
-    table.lpWPUQuerySocketHandleContext = WPUQuerySocketHandleContext;
-    table.lpWPUCloseSocketHandle = WPUCloseSocketHandle;
-    table.lpWPUFDIsSet = WPUFDIsSet;
-    return table;
-}
-
-WSAPROTOCOL_INFOW EntryOf(int type) {
-    WSAPROTOCOL_INFOW entries[16];
-    DWORD size = sizeof(entries);
-    INT error = 0;
-    const int count = WSCEnumProtocols(nullptr, entries, &size, &error);
-    for (int i = 0; i < count; ++i) {
-        const WSAPROTOCOL_INFOW& info = entries[i];
-        if (info.ProtocolChain.ChainLen == 2 && info.iAddressFamily == AF_INET && info.iSocketType == type)
-            return info;
-    }
-    ADD_FAILURE() << "the catalog has no layer";
-    return {};
 }
 
 TEST_F(LayerComponent, ExportsAndStartUpsOfTheLoadedModule) {

@@ -231,6 +231,7 @@ class ScriptedProviderModule {
     ScriptedProviderModule& operator=(const ScriptedProviderModule&) = delete;
 
     ScriptedProvider* operator->() const { return provider_; }
+    ScriptedProvider& operator*() const { return *provider_; }
 
     /// The module's path, for a catalog.
     static std::basic_string<WCHAR> Path();
