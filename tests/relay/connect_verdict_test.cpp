@@ -85,6 +85,8 @@ TEST_F(ConnectVerdict, BlockedConnectsAreRefusedAndANewAttemptIsAskedAnew) {
     const SOCKET s = StreamSocket();
     EXPECT_EQ(ConnectToPublic(s), WSAECONNREFUSED);
     EXPECT_EQ(PeerName(s), "none");
+    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
     EXPECT_FALSE(origin_.HasConnection());
     const sockaddr_in any = Ipv4("0.0.0.0", 0);
     EXPECT_EQ(bind(s, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0) << "no bind was refused";

@@ -91,6 +91,8 @@ TEST_F(FailConnect, ASocketRefusedMeanwhileIsAskedAboutOnceTheAnalyzerIsBack) {
     StartWinsock();
     const SOCKET s = StreamSocket();
     EXPECT_EQ(ConnectToPublic(s), WSAECONNREFUSED);
+    EXPECT_EQ(send(s, "x", 1, 0), SOCKET_ERROR);
+    EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED) << "as after a refusal by the analyzer";
     SetAnalyzerPort(analyzer_.Port());
     platform::AdvanceClock(301 * 1000);  // the port is kept for five minutes
     EXPECT_EQ(ConnectToPublic(s), 0);

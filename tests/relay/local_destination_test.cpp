@@ -20,14 +20,28 @@ void SetDestination(SocketContext& context, const sockaddr_in& address) {
     context.DestinationAddress.Store(&address, sizeof address);
 }
 
-/// By the text alone.
+/// By the text alone, read in a way of its own.
 bool IsLocalText(const std::string& text) {
-    const int first = static_cast<unsigned char>(AddressOctet(text.c_str(), 0));
-    const int second = static_cast<unsigned char>(AddressOctet(text.c_str(), 1));
-    const int fourth = static_cast<unsigned char>(AddressOctet(text.c_str(), 3));
-    return first == 127 || first == 10 || (first == 172 && second >= 16 && second <= 31) ||
-           (first == 192 && second == 168) || first == 224 || first == 255 || first == 0 || fourth == 255 ||
-           fourth == 0;
+    int octets[4] = {};
+    if (std::sscanf(text.c_str(), "%d.%d.%d.%d:", &octets[0], &octets[1], &octets[2], &octets[3]) != 4)
+        return true;
+    switch (octets[0]) {
+        case 0:
+        case 10:
+        case 127:
+        case 224:
+        case 255:
+            return true;
+        case 172:
+            if (octets[1] / 16 == 1) return true;
+            break;
+        case 192:
+            if (octets[1] == 168) return true;
+            break;
+        default:
+            break;
+    }
+    return octets[3] % 255 == 0;
 }
 
 TEST(AddressOctet, ReadsTheNumberAtTheStartOfAField) {
