@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/kernel/fault_points.h"
 #include "tests/provider/loaded_layer.h"
 #include "tests/support/layer_fixture.h"
 
@@ -108,31 +107,6 @@ TEST_F(LayerComponent, ExportsAndStartUpsOfTheLoadedModule) {
     EXPECT_EQ(table.lpWSPCleanup(&error), 0);
     EXPECT_EQ(table.lpWSPCleanup(&error), SOCKET_ERROR);
     EXPECT_EQ(error, WSANOTINITIALISED);
-}
-
-TEST_F(LayerComponent, LowerProviderThatCantBeStartedIsTriedAgain) {
-    StartWinsock();
-    const LoadedLayer layer(Settings().layer);
-    const auto startup = layer.Export<LPWSPSTARTUP>("WSPStartup");
-    WSPPROC_TABLE table{};
-    WSPDATA data{};
-    WSAPROTOCOL_INFOW tcp = EntryOf(SOCK_STREAM);
-    struct {
-        const char* function;
-        DWORD error;  // 0: the function's own
-    } const cases[] = {
-        {"HeapCreate", 0},         {"CreateEventW", 0}, {"WSCEnumProtocols", WSAEFAULT}, {"HeapAlloc", 0},
-        {"WSCGetProviderPath", 0}, {"LoadLibraryW", 0}, {"GetProcAddress", 0},
-    };
-    for (const auto& row : cases) {
-        const platform::ScopedFault fault({row.function, 1, platform::FaultKind::kError, row.error});
-        EXPECT_NE(startup(MAKEWORD(2, 2), &data, &tcp, Upcalls(), &table), 0) << row.function;
-        EXPECT_EQ(platform::FaultsStruck(), 1) << row.function;
-    }
-    EXPECT_EQ(CountDebugLines("WSPStartup: InitializeProvider failed: "), 3u);
-    ASSERT_EQ(startup(MAKEWORD(2, 2), &data, &tcp, Upcalls(), &table), 0);
-    INT error = 0;
-    EXPECT_EQ(table.lpWSPCleanup(&error), 0);
 }
 
 TEST_F(LayerComponent, StreamsCarryBytesBothWays) {

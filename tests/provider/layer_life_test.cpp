@@ -19,6 +19,8 @@ class LayerLife : public ScriptedLayerFixture {
     void LoadAbove(int chainLength) {
         StartAbove(chainLength);
         if (IsLoaded()) GTEST_SKIP() << "another test of this process had to leave it loaded";
+        tcp_ = EntryOf(SOCK_STREAM);
+        udp_ = EntryOf(SOCK_DGRAM);
         layer_.emplace(Settings().layer);
         startup_ = layer_->Export<LPWSPSTARTUP>("WSPStartup");
         ASSERT_NE(startup_, nullptr);
@@ -30,7 +32,7 @@ class LayerLife : public ScriptedLayerFixture {
 
     int StartLayer(int type = SOCK_STREAM) {
         WSPDATA data{};
-        WSAPROTOCOL_INFOW info = EntryOf(type);
+        WSAPROTOCOL_INFOW info = type == SOCK_STREAM ? tcp_ : udp_;
         return startup_(MAKEWORD(2, 2), &data, &info, Upcalls(), &table_);
     }
     int CleanUp() {
@@ -78,6 +80,8 @@ class LayerLife : public ScriptedLayerFixture {
 
     std::optional<LoadedLayer> layer_;
     LPWSPSTARTUP startup_ = nullptr;
+    WSAPROTOCOL_INFOW tcp_{};
+    WSAPROTOCOL_INFOW udp_{};
     WSPPROC_TABLE table_{};
 };
 
@@ -170,14 +174,29 @@ TEST_F(LayerLife, AFirstStartUpThatFailsLeavesNothingAndALaterOneTheLayer) {
         fail(error, 3);
         EXPECT_EQ(platform::SettleTo(before), "") << error;
     }
+    const struct {
+        const char* function;
+        DWORD error;  // 0: the function's own
+    } faults[] = {
+        {"HeapCreate", 0},         {"HeapAlloc", 0},
+        {"CreateEventW", 0},       {"WSCEnumProtocols", WSAEFAULT},
+        {"WSCGetProviderPath", 0}, {"LoadLibraryW", 0},
+        {"GetProcAddress", 0},
+    };
+    for (const auto& [function, error] : faults) {
+        const platform::ScopedFault fault({function, 1, platform::FaultKind::kError, error});
+        EXPECT_NE(StartLayer(), 0) << function;
+        EXPECT_EQ(platform::FaultsStruck(), 1) << function;
+        EXPECT_EQ(platform::SettleTo(before), "") << function;
+    }
+    EXPECT_EQ(CountDebugLines("WSPStartup: InitializeProvider failed: "), 6u);
     const platform::ScopedClockRate fast(10);
     ASSERT_EQ(StartLayer(), 0);
     fail(WSAENETDOWN, -1);
     MakeSocket();
     WSPDATA data{};
-    WSAPROTOCOL_INFOW info = EntryOf(SOCK_STREAM);
     const auto unwritable = reinterpret_cast<LPWSPPROC_TABLE>(8);
-    EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, &info, Upcalls(), unwritable), WSAEFAULT);
+    EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, &tcp_, Upcalls(), unwritable), WSAEFAULT);
     EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, nullptr, Upcalls(), &table_), WSAEFAULT);
     EXPECT_EQ(CleanUp(), 0);
     EXPECT_EQ(CleanUp(), WSANOTINITIALISED) << "what failed is not counted";
