@@ -27,8 +27,8 @@ TEST_F(RequestFields, SayWhoAndWhichSocket) {
     SocketContext context;
     const sockaddr_in local = Ipv4("192.0.2.7", 50001);
     const sockaddr_in remote = Ipv4("203.0.113.9", 443);
-    context.LocalAddress.Store(&local, sizeof local);
-    context.DestinationAddress.Store(&remote, sizeof remote);
+    context.LocalAddress.Store(&local, sizeof(local));
+    context.DestinationAddress.Store(&remote, sizeof(remote));
     context.BytesSent = 0x100000001;
     context.BytesRecv = 7;
     context.Protocol = 0x20;
@@ -39,8 +39,8 @@ TEST_F(RequestFields, SayWhoAndWhichSocket) {
     EXPECT_EQ(request.ProcessName, "C:\\app.exe");
     EXPECT_EQ(request.LocalPort, 50001);
     EXPECT_EQ(request.RemotePort, 443);
-    EXPECT_EQ(std::memcmp(&request.LocalAddress, &local, sizeof local), 0);
-    EXPECT_EQ(std::memcmp(&request.RemoteAddress, &remote, sizeof remote), 0);
+    EXPECT_EQ(std::memcmp(&request.LocalAddress, &local, sizeof(local)), 0);
+    EXPECT_EQ(std::memcmp(&request.RemoteAddress, &remote, sizeof(remote)), 0);
     EXPECT_EQ(request.BytesSent, 0x100000001u);
     EXPECT_EQ(request.BytesReceived, 7u);
     EXPECT_EQ(request.Protocol, 0x20u);

@@ -11,7 +11,7 @@ constexpr const char kAlphabet[] = "aAbBzZ0-. \n\r]";  // and its terminator, th
 
 unsigned char AnyByte(SeededRandom& random) {
     if (random.Below(8) == 0) return static_cast<unsigned char>(random.Below(256));
-    return static_cast<unsigned char>(kAlphabet[random.Below(sizeof kAlphabet)]);
+    return static_cast<unsigned char>(kAlphabet[random.Below(sizeof(kAlphabet))]);
 }
 
 /// One of the ways to write a byte so that it stands for itself.
@@ -28,7 +28,7 @@ std::string Written(SeededRandom& random, unsigned char byte) {
     }
     if (std::ispunct(byte) != 0) return std::string("\\") + static_cast<char>(byte);
     char hex[5];
-    std::snprintf(hex, sizeof hex, random.Below(2) == 0 ? "\\x%02x" : "\\X%02X", byte);
+    std::snprintf(hex, sizeof(hex), random.Below(2) == 0 ? "\\x%02x" : "\\X%02X", byte);
     return hex;
 }
 

@@ -26,7 +26,7 @@ std::string Printable(const std::string& bytes) {
     std::string text;
     char hex[5];
     for (const char c : bytes) {
-        std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+        std::snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
         text += c >= ' ' && c <= '~' ? std::string(1, c) : hex;
     }
     return text;

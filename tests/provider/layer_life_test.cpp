@@ -227,7 +227,7 @@ TEST_F(LayerLife, TheLibraryStaysForThreadsWhoseEndNobodySaw) {
     LoadAbove(1);
     if (IsSkipped()) return;
     ASSERT_EQ(StartLayer(), 0);
-    platform::ArmFault({"WaitForSingleObject", 1, platform::FaultKind::kError, 0, true});
+    platform::ArmFault({"WaitForMultipleObjects", 1, platform::FaultKind::kError, 0, true});
     EXPECT_EQ(CleanUp(), 0);
     platform::DisarmFaults();
     ExpectLibraryStays();
@@ -237,7 +237,7 @@ TEST_F(LayerLife, TheLibraryStaysForThreadsOfAStartUpThatFailed) {
     LoadAbove(1);
     if (IsSkipped()) return;
     Provider().ScriptStartup(WSAENETDOWN);
-    platform::ArmFault({"WaitForSingleObject", 1, platform::FaultKind::kError, 0, true});
+    platform::ArmFault({"WaitForMultipleObjects", 1, platform::FaultKind::kError, 0, true});
     EXPECT_EQ(StartLayer(), WSAENETDOWN);
     platform::DisarmFaults();
     ExpectLibraryStays();

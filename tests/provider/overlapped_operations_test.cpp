@@ -198,12 +198,12 @@ constexpr OperationRow kOperations[] = {
 };
 
 /// A completion port of the application, on which every request is told.
-class Told {
+class ApplicationPort {
   public:
-    Told() : port_(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0)) {}
-    ~Told() { CloseHandle(port_); }
-    Told(const Told&) = delete;
-    Told& operator=(const Told&) = delete;
+    ApplicationPort() : port_(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0)) {}
+    ~ApplicationPort() { CloseHandle(port_); }
+    ApplicationPort(const ApplicationPort&) = delete;
+    ApplicationPort& operator=(const ApplicationPort&) = delete;
 
     void Associate(SOCKET s) {
         ASSERT_NE(CreateIoCompletionPort(reinterpret_cast<HANDLE>(s), port_, 7, 0), nullptr);
@@ -231,33 +231,33 @@ class OverlappedOperations : public OverlappedTest {
 
     static bool IsForeignPort() { return GetParam() == Mode::kForeignPort; }
 
-    static void Prepare(Stage& stage, Told& told, const OperationRow& row) {
+    static void Prepare(Stage& stage, ApplicationPort& port, const OperationRow& row) {
         platform::DisarmFaults();
         (stage.*row.prepare)();
-        TellAt(stage, told);
+        TellAt(stage, port);
         if (GetParam() == Mode::kEveryPacket)
             FailCall("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION, true);
         if (GetParam() == Mode::kStrayPackets) QueueStrayPackets();
     }
 
     /// Has the application's port told of the stage's requests.
-    static void TellAt(Stage& stage, Told& told) {
-        told.Associate(stage.subject);
+    static void TellAt(Stage& stage, ApplicationPort& port) {
+        port.Associate(stage.subject);
         if (IsForeignPort()) PutLowerSocketsOnAForeignPort();
     }
 
     /// Takes the one telling of the stage's request, and its error.
-    static DWORD ToldError(Stage& stage, Told& told, DWORD* bytes) {
-        EXPECT_EQ(told.Next(20000), &stage.request.overlapped);
+    static DWORD ToldError(Stage& stage, ApplicationPort& port, DWORD* bytes) {
+        EXPECT_EQ(port.Next(20000), &stage.request.overlapped);
         DWORD flags = 0;
         if (WSAGetOverlappedResult(stage.subject, &stage.request.overlapped, bytes, FALSE, &flags)) return 0;
         return static_cast<DWORD>(WSAGetLastError());
     }
 
     /// Nothing else is told, even when the layer has let go of everything.
-    void ExpectNothingElse(Told& told) {
+    void ExpectNothingElse(ApplicationPort& port) {
         StopWinsock();
-        EXPECT_EQ(told.Next(0), nullptr);
+        EXPECT_EQ(port.Next(0), nullptr);
     }
 };
 
@@ -267,24 +267,24 @@ INSTANTIATE_TEST_SUITE_P(Modes, OverlappedOperations,
                          [](const auto& mode) { return NameOf(mode.param); });
 
 TEST_P(OverlappedOperations, WhatSucceedsAtOnceIsToldOnce) {
-    Told told;
+    ApplicationPort port;
     int succeeded = 0;
     for (const OperationRow& row : kOperations) {
         SCOPED_TRACE(row.name);
         Stage stage;
-        Prepare(stage, told, row);
+        Prepare(stage, port, row);
         if (row.satisfy != nullptr) (stage.*row.satisfy)();
         const int result = row.start(stage);
         // Whether the lower provider ends a request inside its call is for it to say.
         if (result == 0) ++succeeded;
         EXPECT_TRUE(WasTaken(result)) << result;
         DWORD bytes = 0;
-        EXPECT_EQ(ToldError(stage, told, &bytes), 0u);
+        EXPECT_EQ(ToldError(stage, port, &bytes), 0u);
         EXPECT_EQ(bytes, row.bytes);
         platform::DisarmFaults();
     }
     EXPECT_EQ(succeeded > 0, IsForeignPort());
-    ExpectNothingElse(told);
+    ExpectNothingElse(port);
 }
 
 class OverlappedStrayPackets : public OverlappedOperations {};
@@ -294,102 +294,102 @@ INSTANTIATE_TEST_SUITE_P(Modes, OverlappedStrayPackets, ::testing::Values(Mode::
 
 TEST_P(OverlappedStrayPackets, DoNotEndARequestOfAnotherSocket) {
     constexpr int kRounds = 5000;
-    Told told;
+    ApplicationPort port;
     Stage stream;
     stream.Connect();
-    told.Associate(stream.subject);
+    port.Associate(stream.subject);
     Stage datagrams;
     datagrams.Datagrams();
-    told.Associate(datagrams.subject);
+    port.Associate(datagrams.subject);
     QueueStrayPackets();
     int wrong = 0;
     for (int i = 0; i < kRounds; ++i) {
         DWORD bytes = 0;
         ASSERT_EQ(StartSend(stream), WSA_IO_PENDING);
-        ASSERT_EQ(ToldError(stream, told, &bytes), 0u);
+        ASSERT_EQ(ToldError(stream, port, &bytes), 0u);
         datagrams.DatagramArrives();
         ASSERT_EQ(StartRecvFrom(datagrams), WSA_IO_PENDING);
-        if (ToldError(datagrams, told, &bytes) != 0 || bytes != 5) ++wrong;
+        if (ToldError(datagrams, port, &bytes) != 0 || bytes != 5) ++wrong;
     }
     EXPECT_EQ(wrong, 0) << "of " << kRounds;
-    ExpectNothingElse(told);
+    ExpectNothingElse(port);
 }
 
 TEST_P(OverlappedOperations, WhatSucceedsLaterIsToldOnce) {
-    Told told;
+    ApplicationPort port;
     for (const OperationRow& row : kOperations) {
         if (row.satisfy == nullptr) continue;
         SCOPED_TRACE(row.name);
         Stage stage;
-        Prepare(stage, told, row);
+        Prepare(stage, port, row);
         ASSERT_EQ(row.start(stage), WSA_IO_PENDING);
-        EXPECT_EQ(told.Next(0), nullptr);
+        EXPECT_EQ(port.Next(0), nullptr);
         (stage.*row.satisfy)();
         DWORD bytes = 0;
-        EXPECT_EQ(ToldError(stage, told, &bytes), 0u);
+        EXPECT_EQ(ToldError(stage, port, &bytes), 0u);
         EXPECT_EQ(bytes, row.bytes);
     }
-    ExpectNothingElse(told);
+    ExpectNothingElse(port);
 }
 
 TEST_P(OverlappedOperations, WhatIsRefusedBelowIsReportedOnce) {
-    Told told;
+    ApplicationPort port;
     for (const OperationRow& row : kOperations) {
         SCOPED_TRACE(row.name);
         Stage stage;
-        Prepare(stage, told, row);
+        Prepare(stage, port, row);
         FailCall(row.lowerCall, WSAENOBUFS);
         const int result = row.start(stage);
         if (GetParam() == Mode::kAlertable) {
             EXPECT_EQ(result, WSA_IO_PENDING);
             DWORD bytes = 0;
-            EXPECT_EQ(ToldError(stage, told, &bytes), static_cast<DWORD>(WSAENOBUFS));
+            EXPECT_EQ(ToldError(stage, port, &bytes), static_cast<DWORD>(WSAENOBUFS));
         } else {
             EXPECT_EQ(result, WSAENOBUFS);
             EXPECT_NE(stage.request.overlapped.Internal, 0x103u);
         }
         platform::DisarmFaults();
     }
-    ExpectNothingElse(told);
+    ExpectNothingElse(port);
 }
 
 TEST_P(OverlappedOperations, WhatIsPendingEndsWithItsSocket) {
-    Told told;
+    ApplicationPort port;
     for (const OperationRow& row : kOperations) {
         if (row.satisfy == nullptr) continue;
         SCOPED_TRACE(row.name);
         Stage stage;
-        Prepare(stage, told, row);
+        Prepare(stage, port, row);
         ASSERT_EQ(row.start(stage), WSA_IO_PENDING);
         EXPECT_EQ(closesocket(stage.subject), 0);
         stage.subject = INVALID_SOCKET;
-        EXPECT_EQ(told.Next(20000), &stage.request.overlapped);
+        EXPECT_EQ(port.Next(20000), &stage.request.overlapped);
         EXPECT_EQ(stage.request.overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
     }
-    ExpectNothingElse(told);
+    ExpectNothingElse(port);
 }
 
 TEST_P(OverlappedOperations, APendingReceiveIsToldOfTheReset) {
-    Told told;
+    ApplicationPort port;
     Stage stage;
     stage.Connect();
-    TellAt(stage, told);
+    TellAt(stage, port);
     ASSERT_EQ(StartRecv(stage), WSA_IO_PENDING);
     stage.peer.ResetPeer();
     DWORD bytes = 0;
-    EXPECT_EQ(ToldError(stage, told, &bytes), static_cast<DWORD>(WSAECONNRESET));
+    EXPECT_EQ(ToldError(stage, port, &bytes), static_cast<DWORD>(WSAECONNRESET));
 }
 
-TEST_P(OverlappedOperations, AFileThatIsNoneIsRefused) {
-    Told told;
+TEST_P(OverlappedOperations, ATransmitWithoutAFileIsRefused) {
+    ApplicationPort port;
     Stage stage;
     stage.Connect();
-    TellAt(stage, told);
+    TellAt(stage, port);
     const auto transmit = Extension<LPFN_TRANSMITFILE>(stage.subject, WSAID_TRANSMITFILE);
     const HANDLE none = reinterpret_cast<HANDLE>(ULONG_PTR{0x7ffffff0});
     const int result = ErrorOf(transmit(stage.subject, none, 0, 0, &stage.request.overlapped, nullptr, 0));
     DWORD bytes = 0;
-    EXPECT_EQ(result == WSA_IO_PENDING ? ToldError(stage, told, &bytes) : static_cast<DWORD>(result),
+    EXPECT_EQ(result == WSA_IO_PENDING ? ToldError(stage, port, &bytes) : static_cast<DWORD>(result),
               static_cast<DWORD>(WSA_INVALID_HANDLE));
 }
 

@@ -165,7 +165,7 @@ class OverlappedRequests : public FakeWinsock, public ::testing::WithParamInterf
     }
 
     /// Waits until the application has been told of a request's end. Its error.
-    static DWORD Told(Request& request, bool hasRoutine) {
+    static DWORD ErrorTold(Request& request, bool hasRoutine) {
         if (!hasRoutine) {
             EXPECT_EQ(WaitForSingleObject(request.record.hEvent, kRequestPatience), WAIT_OBJECT_0);
         } else {
@@ -180,7 +180,7 @@ class OverlappedRequests : public FakeWinsock, public ::testing::WithParamInterf
 
     /// The end of a request that was made with `result`: reported by it, or told. Its error.
     static DWORD Ended(int result, Request& request, bool hasRoutine) {
-        if (result == 0 || result == WSA_IO_PENDING) return Told(request, hasRoutine);
+        if (result == 0 || result == WSA_IO_PENDING) return ErrorTold(request, hasRoutine);
         EXPECT_FALSE(IsOverlappedInProgress(&request.record));
         return static_cast<DWORD>(result);
     }

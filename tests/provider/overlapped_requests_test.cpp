@@ -40,7 +40,7 @@ TEST_P(OverlappedRequests, EndLaterOrAtOnceCountedAndToldOnce) {
                 bytes = 9;
                 lower_->End(before, bytes, 0);
             }
-            EXPECT_EQ(Told(request, row.hasRoutine), 0u);
+            EXPECT_EQ(ErrorTold(request, row.hasRoutine), 0u);
             EXPECT_EQ(request.record.InternalHigh, bytes);
             const bool accepts = row.type == OverlappedType::kAcceptEx;
             const SOCKET counting = accepts ? accepting : s;
@@ -82,7 +82,7 @@ TEST_P(OverlappedRequests, EndWithAnErrorThoughTheLowerProviderNamesNone) {
     EXPECT_EQ(Start(OverlappedType::kTransmitFile, s, request), WSA_IO_PENDING);
     lower_->WaitFor(1);
     lower_->End(0, 9, kFailsWithoutError);
-    EXPECT_EQ(Told(request, false), static_cast<DWORD>(WSAEINVAL));
+    EXPECT_EQ(ErrorTold(request, false), static_cast<DWORD>(WSAEINVAL));
     EXPECT_EQ(ContextOf(s)->LastError, WSAEINVAL);
     EXPECT_EQ(ContextOf(s)->BytesSent, 0u);
     CloseLetGo(s);
@@ -107,7 +107,8 @@ TEST_P(OverlappedRequests, EndThoughWinsockDoesNotSayWhoseTheirHandleIs) {
         }));
         lower_->End(before, 9, 0);
         const bool accepts = type == OverlappedType::kAcceptEx;
-        EXPECT_EQ(Told(request, false), accepts ? DWORD{WSAENOTSOCK} : 0u) << "its accepting socket is gone";
+        EXPECT_EQ(ErrorTold(request, false), accepts ? DWORD{WSAENOTSOCK} : 0u)
+            << "its accepting socket is gone";
         queryBy(query);
     }
     EXPECT_EQ(ContextOf(s)->BytesSent, 9u);
@@ -179,7 +180,7 @@ TEST_P(OverlappedRequests, AReceiveThatEndsWhileItIsAnalyzedCanStillBeBlocked) {
         ContextOf(s)->CompletionPort = foreignPort_;  // no packet comes
         Request request;
         EXPECT_EQ(Start(OverlappedType::kRecvFrom, s, request), WSA_IO_PENDING);
-        EXPECT_EQ(Told(request, true), blocks ? DWORD{WSAECONNABORTED} : 0u);
+        EXPECT_EQ(ErrorTold(request, true), blocks ? DWORD{WSAECONNABORTED} : 0u);
         EXPECT_EQ(ContextOf(s)->BytesRecv, blocks ? 0u : 9u);
         CloseLetGo(s);
     }
@@ -271,12 +272,12 @@ TEST_P(OverlappedRequests, ManyUnderWayHoldUpNoOther) {
         ASSERT_EQ(Start(type, s, other), WSA_IO_PENDING);
         lower_->WaitFor(before + 1);
         lower_->End(before, 1, 0);
-        EXPECT_EQ(Told(other, type == OverlappedType::kSend), 0u);
+        EXPECT_EQ(ErrorTold(other, type == OverlappedType::kSend), 0u);
     }
     for (std::size_t i = kMany; i-- > 0;)
         lower_->End(i, 1, 0);
     for (Request& request : requests)
-        EXPECT_EQ(Told(request, false), 0u);
+        EXPECT_EQ(ErrorTold(request, false), 0u);
     EXPECT_EQ(ContextOf(accepting)->BytesRecv, kMany);
     CloseLetGo(s);
     CloseLetGo(listener);
@@ -309,7 +310,7 @@ TEST_P(OverlappedRequests, TheLowerHandleIsToldOfALayeredProvidersSocket) {
         0);
     EXPECT_EQ(lower, ContextOf(s)->ProviderSocket);
     EXPECT_EQ(request.transferred, sizeof(SOCKET));
-    EXPECT_EQ(Told(request, true), 0u);
+    EXPECT_EQ(ErrorTold(request, true), 0u);
     EXPECT_EQ(request.record.InternalHigh, sizeof(SOCKET));
     EXPECT_EQ(lower_->Count(), 0u);
     CloseLetGo(s);
@@ -368,7 +369,7 @@ TEST_P(OverlappedRequests, OnTheirWayDownWhileTheManagerStopsAreNotLost) {
     Close(s);
     CloseHandle(event);
     CompleteOverlappedOperation(WSA_OPERATION_ABORTED, 0, below, 0);
-    EXPECT_EQ(Told(request, false), static_cast<DWORD>(WSA_OPERATION_ABORTED));
+    EXPECT_EQ(ErrorTold(request, false), static_cast<DWORD>(WSA_OPERATION_ABORTED));
 }
 
 TEST_P(OverlappedRequests, WhatTheLowerProviderHoldsOnToEndsTheStopNonetheless) {

@@ -33,7 +33,7 @@ class AnswerLimits : public ConnectFixture {
     }
 
     static Bytes WithWord(Bytes frame, std::size_t offset, std::uint32_t word) {
-        std::memcpy(frame.data() + offset, &word, sizeof word);
+        std::memcpy(frame.data() + offset, &word, sizeof(word));
         return frame;
     }
 };

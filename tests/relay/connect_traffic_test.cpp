@@ -98,12 +98,12 @@ class SocketTable {
 
     void Connect(SOCKET s, const char* destination) {
         const sockaddr_in name = Ipv4(destination, 80);
-        Check("connect", connect(s, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0);
+        Check("connect", connect(s, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0);
     }
 
     void Ask(SOCKET s) {
         sockaddr_in name{};
-        int length = sizeof name;
+        int length = sizeof(name);
         Check("getpeername", getpeername(s, reinterpret_cast<sockaddr*>(&name), &length) == 0);
         fd_set set;
         FD_ZERO(&set);

@@ -72,7 +72,7 @@ TEST_F(ConnectVerdict, AllowedConnectsGoThroughAndTheChannelEndsWithTheSocket) {
         ASSERT_TRUE(origin_.Accept(accepted));
         EXPECT_EQ(send(s, "ping", 4, 0), 4);
         char received[4];
-        EXPECT_TRUE(accepted.ReadExactly(received, sizeof received));
+        EXPECT_TRUE(accepted.ReadExactly(received, sizeof(received)));
         EXPECT_EQ(closesocket(s), 0);
         EXPECT_TRUE(analyzer_.WaitForEnded(round));
     }
@@ -89,7 +89,7 @@ TEST_F(ConnectVerdict, BlockedConnectsAreRefusedAndANewAttemptIsAskedAnew) {
     EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
     EXPECT_FALSE(origin_.HasConnection());
     const sockaddr_in any = Ipv4("0.0.0.0", 0);
-    EXPECT_EQ(bind(s, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0) << "no bind was refused";
+    EXPECT_EQ(bind(s, reinterpret_cast<const sockaddr*>(&any), sizeof(any)), 0) << "no bind was refused";
 
     EXPECT_EQ(ConnectToPublic(s), 0);
     EXPECT_TRUE(origin_.HasConnection());

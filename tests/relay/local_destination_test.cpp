@@ -17,7 +17,7 @@
 namespace {
 
 void SetDestination(SocketContext& context, const sockaddr_in& address) {
-    context.DestinationAddress.Store(&address, sizeof address);
+    context.DestinationAddress.Store(&address, sizeof(address));
 }
 
 /// By the text alone, read in a way of its own.
@@ -120,7 +120,7 @@ TEST(LocalDestination, DependsOnFamilyAndSocketType) {
     six.sin6_addr.s6_addr[0] = 0x20;
     six.sin6_addr.s6_addr[1] = 0x01;
     six.sin6_addr.s6_addr[15] = 1;
-    context.DestinationAddress.Store(&six, sizeof six);
+    context.DestinationAddress.Store(&six, sizeof(six));
     EXPECT_TRUE(IsLocalDestination(&context));
 
     sockaddr_in odd = Ipv4("8.8.8.8", 80);

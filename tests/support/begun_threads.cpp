@@ -30,7 +30,7 @@ class BegunThreads : public ::testing::Environment {
         const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
         ASSERT_NE(snapshot, INVALID_HANDLE_VALUE);
         THREADENTRY32 entry{};
-        entry.dwSize = sizeof entry;
+        entry.dwSize = sizeof(entry);
         for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
             const bool isOwn = entry.th32OwnerProcessID == GetCurrentProcessId();
             if (isOwn && entry.th32ThreadID != GetCurrentThreadId()) WaitUntilBegun(entry.th32ThreadID);

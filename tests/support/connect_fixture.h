@@ -24,7 +24,7 @@ class ConnectFixture : public LayerFixture {
 
     /// The error of a connect, or 0.
     static int Connect(SOCKET s, const sockaddr_in& address) {
-        if (connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return 0;
+        if (connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return 0;
         return WSAGetLastError();
     }
     static int ConnectToPublic(SOCKET s) { return Connect(s, Ipv4(kPublic, kPort)); }
@@ -45,7 +45,7 @@ class ConnectFixture : public LayerFixture {
 
     static std::string PeerName(SOCKET s) {
         sockaddr_in peer{};
-        int length = sizeof peer;
+        int length = sizeof(peer);
         if (getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0) return "none";
         return std::string(inet_ntoa(peer.sin_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
     }

@@ -63,7 +63,7 @@ void LayerFixture::SetAnalyzerPort(std::uint16_t port) {
     std::filesystem::create_directories(folder);
     const std::uint32_t value = port;
     std::ofstream(folder / "p_info", std::ios::binary)
-        .write(reinterpret_cast<const char*>(&value), sizeof value);
+        .write(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
 void LayerFixture::SetRegistryValue(const std::string& name, DWORD value) {

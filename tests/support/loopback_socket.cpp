@@ -30,12 +30,12 @@ int Bind(std::uint16_t& port) {
     const int descriptor = Require(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
     // Ports on which old connections linger may be had too: a busy test machine has few others.
     const int on = 1;
-    Require(setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "setsockopt");
+    Require(setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)), "setsockopt");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    Require(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
-    socklen_t length = sizeof address;
+    Require(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "bind");
+    socklen_t length = sizeof(address);
     Require(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
     port = ntohs(address.sin_port);
     return descriptor;
@@ -67,10 +67,10 @@ void Shutdown(int descriptor) {
 
 int Reset(int descriptor) {
     const linger abort{1, 0};
-    setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
     sockaddr none{};
     none.sa_family = AF_UNSPEC;
-    connect(descriptor, &none, sizeof none);
+    connect(descriptor, &none, sizeof(none));
     return descriptor;
 }
 
@@ -83,7 +83,7 @@ int Accept(int listener) {
         const int accepted = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (accepted >= 0) {
             const int on = 1;
-            setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
             return accepted;
         }
         if (errno != EINTR && errno != ECONNABORTED) return -1;

@@ -97,8 +97,8 @@ int Bind(std::uint16_t& port) {
     const SOCKET s = System().socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     Require(s != INVALID_SOCKET, "socket");
     sockaddr_in address = Loopback(0);
-    Require(System().bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "bind");
-    int length = sizeof address;
+    Require(System().bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "bind");
+    int length = sizeof(address);
     Require(System().getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0, "getsockname");
     port = ntohs(address.sin_port);
     return static_cast<int>(s);
@@ -132,7 +132,7 @@ void Shutdown(int descriptor) {
 int Reset(int descriptor) {
     const linger abort{1, 0};
     System().setsockopt(ToSocket(descriptor), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort),
-                        sizeof abort);
+                        sizeof(abort));
     Close(descriptor);
     return -1;
 }
@@ -143,7 +143,7 @@ void Listen(int descriptor, int backlog) {
 
 int Accept(int listener) {
     sockaddr_in peer{};
-    int length = sizeof peer;
+    int length = sizeof(peer);
     const SOCKET accepted = System().accept(ToSocket(listener), reinterpret_cast<sockaddr*>(&peer), &length);
     if (accepted == INVALID_SOCKET) return -1;
     if (IsWaker(listener, peer.sin_port)) {
@@ -151,7 +151,7 @@ int Accept(int listener) {
         return -1;
     }
     const BOOL on = TRUE;
-    System().setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+    System().setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof(on));
     return static_cast<int>(accepted);
 }
 
@@ -171,7 +171,7 @@ void InterruptAccept(int listener, std::uint16_t port) {
         TheWakers().portOfListener[listener] = htons(wakersPort);
     }
     const sockaddr_in name = Loopback(port);
-    System().connect(ToSocket(waker), reinterpret_cast<const sockaddr*>(&name), sizeof name);
+    System().connect(ToSocket(waker), reinterpret_cast<const sockaddr*>(&name), sizeof(name));
     Close(waker);
 }
 

@@ -29,7 +29,7 @@ class FieldReader {
     template <class T = std::uint32_t>
     T Number() {
         T value = 0;
-        Block(&value, sizeof value);
+        Block(&value, sizeof(value));
         return value;
     }
 
@@ -54,7 +54,7 @@ class FieldReader {
 
 void Append(std::vector<std::uint8_t>& frame, std::uint32_t word) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&word);
-    frame.insert(frame.end(), bytes, bytes + sizeof word);
+    frame.insert(frame.end(), bytes, bytes + sizeof(word));
 }
 
 /// The 128 bytes of "127.0.0.1:8080": family, port in network order, number.
@@ -78,7 +78,7 @@ std::vector<std::uint8_t> ReadFrame(LoopbackStream& stream) {
     std::vector<std::uint8_t> frame(kHeaderSize);
     if (!stream.ReadExactly(frame.data(), frame.size())) return {};
     std::uint32_t total;
-    std::memcpy(&total, frame.data(), sizeof total);
+    std::memcpy(&total, frame.data(), sizeof(total));
     if (total < kHeaderSize || total > kLargestFrame) return {};
     frame.resize(total);
     if (!stream.ReadExactly(frame.data() + kHeaderSize, total - kHeaderSize)) return {};
@@ -88,8 +88,8 @@ std::vector<std::uint8_t> ReadFrame(LoopbackStream& stream) {
 /// Null for a frame that isn't a request.
 std::unique_ptr<SeenRequest> DecodeRequest(const std::vector<std::uint8_t>& frame) {
     std::uint32_t words[2];
-    if (frame.size() < sizeof words) return nullptr;
-    std::memcpy(words, frame.data(), sizeof words);
+    if (frame.size() < sizeof(words)) return nullptr;
+    std::memcpy(words, frame.data(), sizeof(words));
     if (words[0] != frame.size() || words[1] < kHeaderSize || words[1] > frame.size()) return nullptr;
 
     auto request = std::make_unique<SeenRequest>();

@@ -142,7 +142,7 @@ void* ExtensionFunction(const std::string& id) {
         {WSAID_GETACCEPTEXSOCKADDRS, reinterpret_cast<void*>(GetAcceptExSockaddrsFunction)},
     };
     for (const auto& [known, function] : functions) {
-        if (id.size() == sizeof known && std::memcmp(&known, id.data(), sizeof known) == 0) return function;
+        if (id.size() == sizeof(known) && std::memcmp(&known, id.data(), sizeof(known)) == 0) return function;
     }
     return nullptr;
 }
@@ -253,7 +253,7 @@ void FillTransfers(WSPPROC_TABLE& table) {
         if (reply.error == 0 && reply.data.empty() && code == SIO_GET_EXTENSION_FUNCTION_POINTER) {
             void* function = ExtensionFunction(record.data);
             if (function == nullptr) reply.error = WSAEINVAL;
-            reply.data = Bytes(&function, sizeof function);
+            reply.data = Bytes(&function, sizeof(function));
         }
         const WSABUF buffer{outLength, static_cast<char*>(out)};
         return Conclude(TheProvider.Request(record, reply, {buffer}, returned), error);

@@ -28,9 +28,9 @@ platform::Fault Raise(const char* function, DWORD code) {
 int CallEverything(SOCKET s, const sockaddr_in& name) {
     const auto* address = reinterpret_cast<const sockaddr*>(&name);
     char buffer[64] = {};
-    int length = sizeof buffer;
+    int length = sizeof(buffer);
     sockaddr_in found{};
-    int nameLength = sizeof found;
+    int nameLength = sizeof(found);
     u_long on = 1;
     DWORD returned = 0;
     fd_set set;
@@ -38,12 +38,12 @@ int CallEverything(SOCKET s, const sockaddr_in& name) {
     FD_SET(s, &set);
     timeval now = {0, 0};
     const int results[] = {
-        bind(s, address, sizeof name),
+        bind(s, address, sizeof(name)),
         listen(s, 1),
-        connect(s, address, sizeof name),
+        connect(s, address, sizeof(name)),
         accept(s, nullptr, nullptr) == INVALID_SOCKET ? SOCKET_ERROR : 0,
         send(s, buffer, 1, 0),
-        sendto(s, buffer, 1, 0, address, sizeof name),
+        sendto(s, buffer, 1, 0, address, sizeof(name)),
         recv(s, buffer, 1, 0),
         recvfrom(s, buffer, 1, 0, reinterpret_cast<sockaddr*>(&found), &nameLength),
         shutdown(s, SD_BOTH),

@@ -30,7 +30,7 @@ SIZE_T PrivateBytes() {
     SIZE_T bytes = 0;
     MEMORY_BASIC_INFORMATION region;
     const char* address = nullptr;
-    while (VirtualQuery(address, &region, sizeof region) == sizeof region) {
+    while (VirtualQuery(address, &region, sizeof(region)) == sizeof(region)) {
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) bytes += region.RegionSize;
         const char* next = static_cast<const char*>(region.BaseAddress) + region.RegionSize;
         if (next <= address) break;

@@ -138,7 +138,7 @@ TEST_F(CatalogApiTest, AddressesGoThroughTheProviderOfTheirFamily) {
     char text[9];
     DWORD length = 8;
     const auto convert = [&] {
-        return WSAAddressToStringA(reinterpret_cast<sockaddr*>(&address), sizeof address, nullptr, text,
+        return WSAAddressToStringA(reinterpret_cast<sockaddr*>(&address), sizeof(address), nullptr, text,
                                    &length);
     };
     EXPECT_EQ(convert(), SOCKET_ERROR);
@@ -149,13 +149,13 @@ TEST_F(CatalogApiTest, AddressesGoThroughTheProviderOfTheirFamily) {
     const auto calls = provider_->Calls(ProviderOperation::kAddressToString);
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[1].info.dwCatalogEntryId, winsock_host::kTcp6Entry);
-    EXPECT_EQ(calls[1].address.size(), sizeof address);
+    EXPECT_EQ(calls[1].address.size(), sizeof(address));
 
     // A named entry goes before the family.
     WSAPROTOCOL_INFOA info{};
     info.dwCatalogEntryId = winsock_host::kUdpEntry;
     sockaddr_storage parsed{};
-    int parsedLength = sizeof parsed;
+    int parsedLength = sizeof(parsed);
     ProviderReply reply;
     reply.address = std::string("\x02\x00", 2);
     provider_->ReplyOnce(ProviderOperation::kStringToAddress, reply);

@@ -70,7 +70,7 @@ TEST(NamesTest, Ipv6TextsAndTheirShortestForm) {
         ASSERT_EQ(inet_pton(AF_INET6, c.text, &address), c.shortest != nullptr ? 1 : 0) << c.text;
         if (c.shortest == nullptr) continue;
         char text[INET6_ADDRSTRLEN];
-        ASSERT_NE(inet_ntop(AF_INET6, &address, text, sizeof text), nullptr);
+        ASSERT_NE(inet_ntop(AF_INET6, &address, text, sizeof(text)), nullptr);
         EXPECT_STREQ(text, c.shortest) << c.text;
     }
 }

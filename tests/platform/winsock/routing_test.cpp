@@ -42,7 +42,7 @@ class RoutingTest : public HostFixture {
 
     const sockaddr* Address() const { return reinterpret_cast<const sockaddr*>(&address_); }
     std::string AddressBytes() const {
-        return std::string(reinterpret_cast<const char*>(&address_), sizeof address_);
+        return std::string(reinterpret_cast<const char*>(&address_), sizeof(address_));
     }
 
     SOCKET socket_ = INVALID_SOCKET;
@@ -56,9 +56,9 @@ TEST_F(RoutingTest, CallsArriveWithTheirArgumentsAndFailWithTheProvidersError) {
     DWORD bytes = 0;
     DWORD flags = 0;
     u_long argument = 1;
-    int length = sizeof buffer;
+    int length = sizeof(buffer);
     sockaddr_in name{};
-    int nameLength = sizeof name;
+    int nameLength = sizeof(name);
     WSANETWORKEVENTS events{};
     OVERLAPPED overlapped{};
     WSAPROTOCOL_INFOW info{};
@@ -87,12 +87,12 @@ TEST_F(RoutingTest, CallsArriveWithTheirArgumentsAndFailWithTheProvidersError) {
         std::function<bool(const ProviderCallRecord&)> matches;
     };
     const Row rows[] = {
-        {"bind", Op::kBind, [&](SOCKET s) { return bind(s, Address(), sizeof address_); }, address},
+        {"bind", Op::kBind, [&](SOCKET s) { return bind(s, Address(), sizeof(address_)); }, address},
         {"listen", Op::kListen, [&](SOCKET s) { return listen(s, 17); }, value(17)},
-        {"connect", Op::kConnect, [&](SOCKET s) { return connect(s, Address(), sizeof address_); }, address},
+        {"connect", Op::kConnect, [&](SOCKET s) { return connect(s, Address(), sizeof(address_)); }, address},
         {"WSAConnect", Op::kConnect,
          [&](SOCKET s) {
-             return WSAConnect(s, Address(), sizeof address_, nullptr, nullptr, nullptr, nullptr);
+             return WSAConnect(s, Address(), sizeof(address_), nullptr, nullptr, nullptr, nullptr);
          },
          address},
         {"shutdown", Op::kShutdown, [&](SOCKET s) { return shutdown(s, SD_BOTH); }, value(SD_BOTH)},
@@ -101,7 +101,7 @@ TEST_F(RoutingTest, CallsArriveWithTheirArgumentsAndFailWithTheProvidersError) {
         {"WSARecvDisconnect", Op::kRecvDisconnect, [&](SOCKET s) { return WSARecvDisconnect(s, nullptr); },
          always},
         {"send", Op::kSend, [&](SOCKET s) { return send(s, "abc", 3, MSG_OOB); }, data("abc", MSG_OOB)},
-        {"sendto", Op::kSendTo, [&](SOCKET s) { return sendto(s, "abc", 3, 0, Address(), sizeof address_); },
+        {"sendto", Op::kSendTo, [&](SOCKET s) { return sendto(s, "abc", 3, 0, Address(), sizeof(address_)); },
          address},
         {"recv", Op::kRecv, [&](SOCKET s) { return recv(s, buffer, 5, MSG_PEEK); }, value(MSG_PEEK)},
         {"recvfrom", Op::kRecvFrom, [&](SOCKET s) { return recvfrom(s, buffer, 5, 0, nullptr, nullptr); },
@@ -110,7 +110,7 @@ TEST_F(RoutingTest, CallsArriveWithTheirArgumentsAndFailWithTheProvidersError) {
          data(std::string(8, '\0'), 4)},
         {"WSASendTo", Op::kSendTo,
          [&](SOCKET s) {
-             return WSASendTo(s, &piece, 1, &bytes, 0, Address(), sizeof address_, nullptr, nullptr);
+             return WSASendTo(s, &piece, 1, &bytes, 0, Address(), sizeof(address_), nullptr, nullptr);
          },
          address},
         {"WSARecv", Op::kRecv,
@@ -198,7 +198,7 @@ TEST_F(RoutingTest, SocketArgumentsAndEntriesGoDownAsGiven) {
 
 TEST_F(RoutingTest, AcceptedAndJoinedSocketsAreTheSameProviders) {
     sockaddr_in from{};
-    int length = sizeof from;
+    int length = sizeof(from);
     ProviderReply reply;
     reply.address = AddressBytes();
     provider_->ReplyOnce(Op::kAccept, reply);
@@ -210,7 +210,7 @@ TEST_F(RoutingTest, AcceptedAndJoinedSocketsAreTheSameProviders) {
     EXPECT_EQ(closesocket(accepted), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
     const SOCKET leaf =
-        WSAJoinLeaf(socket_, Address(), sizeof address_, nullptr, nullptr, nullptr, nullptr, JL_BOTH);
+        WSAJoinLeaf(socket_, Address(), sizeof(address_), nullptr, nullptr, nullptr, nullptr, JL_BOTH);
     ASSERT_NE(leaf, INVALID_SOCKET);
     EXPECT_EQ(closesocket(leaf), 0);
     provider_->ReplyOnce(Op::kAccept, FailsWith(WSAEMFILE));
@@ -222,12 +222,12 @@ TEST_F(RoutingTest, AcceptedAndJoinedSocketsAreTheSameProviders) {
 TEST_F(RoutingTest, ReceivesReportCountsAndCutMessages) {
     char buffer[8] = {};
     provider_->ReplyOnce(Op::kRecv, Delivers("abcde"));
-    EXPECT_EQ(recv(socket_, buffer, sizeof buffer, 0), 5);
+    EXPECT_EQ(recv(socket_, buffer, sizeof(buffer), 0), 5);
     EXPECT_STREQ(buffer, "abcde");
     ProviderReply part = Delivers("part");
     part.flags = MSG_PARTIAL;
     sockaddr_in from{};
-    int length = sizeof from;
+    int length = sizeof(from);
     provider_->ReplyOnce(Op::kRecvFrom, part);
     EXPECT_EQ(recvfrom(socket_, buffer, 4, 0, reinterpret_cast<sockaddr*>(&from), &length), SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEMSGSIZE);
@@ -319,14 +319,14 @@ TEST_F(RoutingTest, ExtensionFunctionsAreThoseOfTheSocketsProvider) {
 
 TEST_F(RoutingTest, ProtocolInformationInBothAlphabets) {
     WSAPROTOCOL_INFOW wide = provider_->StartupInfo();
-    const ProviderReply reply = Delivers(std::string(reinterpret_cast<const char*>(&wide), sizeof wide));
+    const ProviderReply reply = Delivers(std::string(reinterpret_cast<const char*>(&wide), sizeof(wide)));
     provider_->ReplyAlways(Op::kGetSockOpt, reply);
     WSAPROTOCOL_INFOA ansi{};
-    int length = sizeof ansi - 1;
+    int length = sizeof(ansi) - 1;
     EXPECT_EQ(getsockopt(socket_, SOL_SOCKET, SO_PROTOCOL_INFOA, reinterpret_cast<char*>(&ansi), &length),
               SOCKET_ERROR);
     EXPECT_EQ(WSAGetLastError(), WSAEFAULT);
-    EXPECT_EQ(length, static_cast<int>(sizeof ansi));
+    EXPECT_EQ(length, static_cast<int>(sizeof(ansi)));
     EXPECT_EQ(getsockopt(socket_, SOL_SOCKET, SO_PROTOCOL_INFOA, reinterpret_cast<char*>(&ansi), &length), 0);
     EXPECT_STREQ(ansi.szProtocol, "TCP/IP");
     EXPECT_EQ(ansi.dwCatalogEntryId, winsock_host::kTcpEntry);

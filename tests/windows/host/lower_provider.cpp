@@ -71,7 +71,7 @@ void CopyEntry(const WSAPROTOCOL_INFOW& from, WSAPROTOCOL_INFOW* to) {
 WSAPROTOCOL_INFOW SystemEntry(const WSAPROTOCOL_INFOW& info) {
     DWORD size = 0;
     WSAEnumProtocolsW(nullptr, nullptr, &size);
-    std::vector<WSAPROTOCOL_INFOW> entries(size / sizeof info);
+    std::vector<WSAPROTOCOL_INFOW> entries(size / sizeof(info));
     const int count = entries.empty() ? 0 : WSAEnumProtocolsW(nullptr, entries.data(), &size);
     for (int i = 0; i < count; ++i) {
         const WSAPROTOCOL_INFOW& entry = entries[static_cast<std::size_t>(i)];
@@ -86,7 +86,7 @@ WSAPROTOCOL_INFOA Narrow(const WSAPROTOCOL_INFOW& info) {
     WSAPROTOCOL_INFOA narrow;
     static_assert(offsetof(WSAPROTOCOL_INFOA, szProtocol) == offsetof(WSAPROTOCOL_INFOW, szProtocol));
     std::memcpy(&narrow, &info, offsetof(WSAPROTOCOL_INFOW, szProtocol));
-    WideCharToMultiByte(CP_ACP, 0, info.szProtocol, -1, narrow.szProtocol, sizeof narrow.szProtocol, nullptr,
+    WideCharToMultiByte(CP_ACP, 0, info.szProtocol, -1, narrow.szProtocol, sizeof(narrow.szProtocol), nullptr,
                         nullptr);
     return narrow;
 }
@@ -179,7 +179,7 @@ int WSPAPI GetSockOpt(SOCKET s, int level, int option, char* value, LPINT length
         if (level != SOL_SOCKET || (!wide && option != SO_PROTOCOL_INFOA) || !FindSocket(s, &record))
             return getsockopt(s, level, option, value, length);
         const WSAPROTOCOL_INFOA narrow = Narrow(record.info);
-        const auto size = static_cast<int>(wide ? sizeof record.info : sizeof narrow);
+        const auto size = static_cast<int>(wide ? sizeof(record.info) : sizeof(narrow));
         if (value == nullptr || length == nullptr || *length < size) return FailWith(WSAEFAULT, SOCKET_ERROR);
         const void* const source = wide ? static_cast<const void*>(&record.info) : &narrow;
         std::memcpy(value, source, static_cast<std::size_t>(size));

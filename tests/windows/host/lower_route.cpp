@@ -102,7 +102,7 @@ int OpenHole(int type, BlackHole* hole) {
     hole->address = {};
     hole->address.sin_family = AF_INET;
     hole->address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int length = sizeof hole->address;
+    int length = sizeof(hole->address);
     auto* const name = reinterpret_cast<sockaddr*>(&hole->address);
     if (bind(hole->listener, name, length) != 0 || getsockname(hole->listener, name, &length) != 0)
         return WSAGetLastError();
@@ -117,7 +117,7 @@ int IntoBlackHole(int type, Route* route) {
     const std::lock_guard<std::mutex> lock(tables.mutex);
     BlackHole& hole = tables.holes[type == SOCK_STREAM ? 0 : 1];
     const int error = OpenHole(type == SOCK_STREAM ? SOCK_STREAM : SOCK_DGRAM, &hole);
-    std::memcpy(&route->target, &hole.address, sizeof hole.address);
+    std::memcpy(&route->target, &hole.address, sizeof(hole.address));
     return error;
 }
 

@@ -29,7 +29,7 @@ template <class Function>
 Function SystemExtension(SOCKET s, GUID id) {
     Function function = nullptr;
     DWORD returned = 0;
-    WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function, sizeof function, &returned,
+    WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof(id), &function, sizeof(function), &returned,
              nullptr, nullptr);
     return function;
 }
@@ -118,7 +118,7 @@ INT WINAPI SystemWsaRecvMsg(SOCKET s, LPWSAMSG message, LPDWORD received, LPWSAO
 template <class Function>
 int Give(Function function, LPVOID out, LPDWORD returned) {
     *static_cast<Function*>(out) = function;
-    *returned = sizeof function;
+    *returned = sizeof(function);
     return 0;
 }
 
@@ -139,7 +139,7 @@ int GiveExtension(SOCKET s, const GUID& id, LPVOID out, DWORD outLength, LPDWORD
     if (IsEqualGUID(id, transmitFile)) return Give<LPFN_TRANSMITFILE>(SystemTransmitFile, out, returned);
     if (IsEqualGUID(id, recvMsg)) return Give<LPFN_WSARECVMSG>(SystemWsaRecvMsg, out, returned);
     GUID asked = id;
-    return WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &asked, sizeof asked, out, outLength, returned,
+    return WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &asked, sizeof(asked), out, outLength, returned,
                     nullptr, nullptr);
 }
 

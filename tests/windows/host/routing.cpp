@@ -28,7 +28,7 @@ ProcessRoutes& TheRoutes() {
 
 std::string FileNameOf(HMODULE module) {
     char path[MAX_PATH] = {};
-    GetModuleFileNameA(module, path, sizeof path - 1);
+    GetModuleFileNameA(module, path, sizeof(path) - 1);
     const char* slash = std::strrchr(path, '\\');
     return slash != nullptr ? slash + 1 : path;
 }
@@ -36,8 +36,8 @@ std::string FileNameOf(HMODULE module) {
 bool IsSystems(HMODULE module) {
     char folder[MAX_PATH] = {};
     char path[MAX_PATH] = {};
-    const UINT length = GetWindowsDirectoryA(folder, sizeof folder);
-    GetModuleFileNameA(module, path, sizeof path - 1);
+    const UINT length = GetWindowsDirectoryA(folder, sizeof(folder));
+    GetModuleFileNameA(module, path, sizeof(path) - 1);
     path[length] = 0;
     return lstrcmpiA(path, folder) == 0;
 }
@@ -69,7 +69,7 @@ void VisitModules(Visitor visit) {
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, GetCurrentProcessId());
     if (snapshot == INVALID_HANDLE_VALUE) return;
     MODULEENTRY32 entry{};
-    entry.dwSize = sizeof entry;
+    entry.dwSize = sizeof(entry);
     for (BOOL more = Module32First(snapshot, &entry); more; more = Module32Next(snapshot, &entry))
         visit(entry.hModule);
     CloseHandle(snapshot);
@@ -132,9 +132,9 @@ int RouteModule(HMODULE module, const std::vector<Route>& routes) {
             for (const Route& route : routes) {
                 if (route.real == nullptr || *slot != route.real) continue;
                 DWORD protection = 0;
-                VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
+                VirtualProtect(slot, sizeof(*slot), PAGE_READWRITE, &protection);
                 *slot = route.replacement;
-                VirtualProtect(slot, sizeof *slot, protection, &protection);
+                VirtualProtect(slot, sizeof(*slot), protection, &protection);
                 ++changed;
                 break;
             }

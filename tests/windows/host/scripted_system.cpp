@@ -78,7 +78,7 @@ LSTATUS QueryValue(HKEY key, LPCSTR name, LPDWORD type, LPBYTE data, LPDWORD siz
     if (found == values->second.end()) return ERROR_FILE_NOT_FOUND;
     const RegistryValue& value = found->second;
     const void* source = value.isNumber ? static_cast<const void*>(&value.number) : value.text.c_str();
-    const auto needed = static_cast<DWORD>(value.isNumber ? sizeof value.number : value.text.size() + 1);
+    const auto needed = static_cast<DWORD>(value.isNumber ? sizeof(value.number) : value.text.size() + 1);
     if (type != nullptr) *type = value.isNumber ? REG_DWORD : REG_SZ;
     if (size == nullptr) return data == nullptr ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
     const DWORD room = *size;
