@@ -169,7 +169,10 @@ extern "C" int WSPAPI WSPStartup(WORD wVersionRequested, LPWSPDATA lpWSPData,
     // The caller's memory is read before the lock is taken, and written after it was left.
     WSAPROTOCOL_INFOW info;
     WSPDATA data;
-    if (!GuardedCall([&]() noexcept { info = *lpProtocolInfo; })) return WSAEFAULT;
+    if (lpProtocolInfo == nullptr || lpWSPData == nullptr || lpProcTable == nullptr ||
+        !GuardedCall([&]() noexcept { info = *lpProtocolInfo; })) {
+        return WSAEFAULT;
+    }
     const int result = StartUp(wVersionRequested, &info, upcallTable, &data);
     if (result != 0) return result;
     if (GuardedCall([&]() noexcept {

@@ -197,8 +197,9 @@ TEST_F(LayerLife, AFirstStartUpThatFailsLeavesNothingAndALaterOneTheLayer) {
     WSPDATA data{};
     const auto unwritable = reinterpret_cast<LPWSPPROC_TABLE>(8);
     EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, &tcp_, Upcalls(), unwritable), WSAEFAULT);
-    const auto unreadable = reinterpret_cast<LPWSAPROTOCOL_INFOW>(8);
-    EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, unreadable, Upcalls(), &table_), WSAEFAULT);
+    for (const LPWSAPROTOCOL_INFOW unreadable :
+         {LPWSAPROTOCOL_INFOW{}, reinterpret_cast<LPWSAPROTOCOL_INFOW>(8)})
+        EXPECT_EQ(startup_(MAKEWORD(2, 2), &data, unreadable, Upcalls(), &table_), WSAEFAULT);
     EXPECT_EQ(CleanUp(), 0);
     EXPECT_EQ(CleanUp(), WSANOTINITIALISED) << "what failed is not counted";
     ExpectLibraryGoes();
