@@ -60,6 +60,16 @@ TEST_F(SpySocket, ConnectedToItselfIsNoAnalyzerAndFreesThePort) {
             EXPECT_EQ(Count(Op::kSend, spy, 0), row.itself ? 0u : 1u) << "it would answer itself";
             EXPECT_EQ(Count(Op::kSetSockOpt, spy, SO_LINGER), row.itself ? 1u : 0u);
             EXPECT_EQ(Count(Op::kCloseSocket, spy, 0), 1u);
+            std::vector<std::string> modes;
+            for (const ProviderCallRecord& call : Provider().Calls(Op::kIoctl)) {
+                if (call.socket == spy && call.value == static_cast<DWORD>(FIONBIO))
+                    modes.push_back(call.data);
+            }
+            ASSERT_EQ(modes.size(), row.itself ? 1u : 2u);
+            EXPECT_NE(modes.front(), std::string(sizeof(u_long), 0)) << "no connect without a limit";
+            if (!row.itself) {
+                EXPECT_EQ(modes.back(), std::string(sizeof(u_long), 0)) << "its answers are waited for";
+            }
             for (const ProviderCallRecord& call : Provider().Calls(Op::kSetSockOpt)) {
                 const LINGER hard = {1, 0};
                 if (call.value != SO_LINGER) continue;
