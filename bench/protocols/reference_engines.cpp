@@ -1,8 +1,6 @@
 // The engines; see the header. Each keeps its compiled patterns for the life of the program.
 #include "bench/protocols/reference_engines.h"
 
-#ifdef QX_BENCH_REFERENCES
-
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <hs/hs.h>
 #include <pcre2.h>
@@ -182,11 +180,3 @@ ReferenceEngine MakePcre2() {
 std::vector<ReferenceEngine> MakeReferenceEngines() {
     return {MakeRe2Set(), MakeHyperscan(), MakePcre2()};
 }
-
-#else
-
-std::vector<ReferenceEngine> MakeReferenceEngines() {
-    return {};
-}
-
-#endif
