@@ -93,8 +93,7 @@ bool StoreSource(SocketContext* context, const sockaddr* from, const INT* fromLe
     if (!GuardedCall([&]() noexcept { length = *fromLength; })) return false;
     length = length < 0 ? 0 : length < kLongestName ? length : kLongestName;
     if (!CopyCallerName(from, length, source)) return false;
-    context->DestinationAddressLength = length;
-    context->DestinationAddress.Store(source, length);
+    context->StoreDestination(*source, length);
     return true;
 }
 
@@ -200,8 +199,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
         return QueueTransfer(operation, context.Get(), bytesSent, nullptr, error);
     }
     if (target != nullptr) {
-        context->DestinationAddressLength = toLength;
-        context->DestinationAddress.Store(&destination, toLength);
+        context->StoreDestination(destination, toLength);
     }
     AnalyzeSentTo(context.Get(), buffers, count, target);
     if (context->Blocked) return FailBlocked(context.Get(), error);

@@ -100,8 +100,7 @@ bool StoreSource(const TransferArguments& transfer, SocketContext* context, SOCK
         })) {
         return false;
     }
-    context->DestinationAddress.Store(source, length);
-    context->DestinationAddressLength = length;
+    context->StoreDestination(*source, length);
     return true;
 }
 
@@ -138,8 +137,7 @@ int SendTo(OverlappedOperation* operation, SocketContext* context, const Complet
     TransferArguments& transfer = operation->Transfer;
     const auto* const to = transfer.ToLength > 0 ? reinterpret_cast<const sockaddr*>(&transfer.To) : nullptr;
     if (to != nullptr) {
-        context->DestinationAddress.Store(&transfer.To, transfer.ToLength);
-        context->DestinationAddressLength = transfer.ToLength;
+        context->StoreDestination(transfer.To, transfer.ToLength);
     }
     AnalyzeSentTo(context, transfer.Buffers, transfer.BufferCount, to);
     if (context->Blocked) return WSAECONNREFUSED;
