@@ -11,6 +11,8 @@
 #endif
 #include <boost/thread/shared_mutex.hpp>
 
+#include <exception>
+
 #include "base/thread_annotations.h"
 
 class QX_CAPABILITY("reader/writer lock") ReaderWriterLock {
@@ -19,13 +21,35 @@ class QX_CAPABILITY("reader/writer lock") ReaderWriterLock {
     ReaderWriterLock(const ReaderWriterLock&) = delete;
     ReaderWriterLock& operator=(const ReaderWriterLock&) = delete;
 
-    void EnterShared() QX_ACQUIRE_SHARED() { mutex_.lock_shared(); }
-    void LeaveShared() QX_RELEASE_SHARED() { mutex_.unlock_shared(); }
-    void EnterExclusive() QX_ACQUIRE() { mutex_.lock(); }
-    void LeaveExclusive() QX_RELEASE() { mutex_.unlock(); }
+    void EnterShared() noexcept QX_ACQUIRE_SHARED() {
+        Do([this] { mutex_.lock_shared(); });
+    }
+    void LeaveShared() noexcept QX_RELEASE_SHARED() {
+        Do([this] { mutex_.unlock_shared(); });
+    }
+    void EnterExclusive() noexcept QX_ACQUIRE() {
+        Do([this] { mutex_.lock(); });
+    }
+    void LeaveExclusive() noexcept QX_RELEASE() {
+        Do([this] { mutex_.unlock(); });
+    }
+
+    /// Turns an exclusive hold into a shared one; nobody writes between the two.
+    void Downgrade() noexcept QX_NO_THREAD_SAFETY_ANALYSIS {
+        Do([this] { mutex_.unlock_and_lock_shared(); });
+    }
 
   private:
-    friend class ExclusiveHold;
+    /// A lock that can't be taken or left is one that was destroyed: there is no going on.
+    template <class Step>
+    static void Do(Step step) noexcept {
+        try {
+            step();
+        } catch (...) {
+            std::terminate();
+        }
+    }
+
     boost::shared_mutex mutex_;
 };
 
@@ -58,7 +82,7 @@ class QX_SCOPED_CAPABILITY ExclusiveHold {
     /// Goes on with a shared hold; nobody writes between the two. (The analysis goes on to take it for
     /// exclusive.)
     void Downgrade() {
-        lock_.mutex_.unlock_and_lock_shared();
+        lock_.Downgrade();
         shared_ = true;
     }
 

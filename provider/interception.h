@@ -13,7 +13,14 @@ struct SocketContext;
 /// Where one connect goes by its own verdict. The context's fields follow the verdicts of all threads that
 /// connect the same socket.
 struct ConnectTarget {
-    enum class Way { kDirect, kThroughRelay, kRefused, kSplitFailed, kSocketClosed };
+    enum class Way {
+        kDirect,
+        kThroughRelay,  ///< to the relay's listener, by a split that this connect made
+        kToRelayAgain,  ///< to the relay's listener, by a split that an earlier connect made
+        kRefused,
+        kSplitFailed,
+        kSocketClosed,
+    };
 
     Way way = Way::kDirect;
     SOCKADDR_STORAGE name = {};
@@ -26,7 +33,8 @@ struct ConnectTarget {
 /// `*target`: the way, and the name to connect to, which a redirection replaces. A connection that is to be
 /// split is split, and the name is the relay listener's; when that fails, everything that was made has been
 /// released. When the analyzer can't be asked, or doesn't answer, the fail-connect policy decides; but a
-/// socket that is being closed meanwhile connects nowhere.
+/// socket that is being closed meanwhile connects nowhere. A socket that is split already goes to the relay's
+/// listener again, and nobody is asked.
 void InterceptConnect(SocketContext* context, ConnectTarget* target);
 
 /// Closes and removes the relay connection of a split whose connect to the relay listener failed.
@@ -50,6 +58,10 @@ void NotifyBind(SocketContext* context, const sockaddr* name, int namelen);
 
 /// Reports the application's close of its socket and releases what the interception keeps for it.
 void NotifyClose(SocketContext* context);
+
+/// The socket has been disconnected and may be connected anew: it has no more to do with what it was
+/// connected to.
+void NotifyReuse(SocketContext* context);
 
 /// Ends every wait for the analyzer on a socket that has been marked as closing: no later one begins.
 void AbandonWaits(SocketContext* context);

@@ -27,7 +27,7 @@ void Attach(HINSTANCE instance) {
 
 void Detach(bool unloading) {
     Detaching = true;
-    ReleaseLayerAtDetach();
+    ReleaseLayerAtDetach(unloading);
     DeleteHandleLocks();
     DeleteLocks();
     DestroyMessagePool();

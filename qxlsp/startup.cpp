@@ -26,6 +26,9 @@ namespace {
 /// How long threads that were told to end are given before what they use goes.
 constexpr DWORD kEndGraceMilliseconds = 200;
 
+/// Blocks of the memory for messages and relayed bytes.
+constexpr std::uint32_t kArenaBlockBytes = 0x20000;
+
 /// A start-up that fails for a reason of the system's.
 constexpr int kStartupFailure = WSAEPROVIDERFAILEDINIT;
 
@@ -71,6 +74,8 @@ constexpr WSPPROC_TABLE kLayerOperations = {
 /// What the first start-up builds: heap, upcalls, event, catalog, overlapped manager.
 bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
     StartRelay();
+    // Without memory for it, each buffer gets a block of its own.
+    TheBufferArena().Init(kArenaBlockBytes);
     {
         // A thread with a handle that is none any more may look it up at any time.
         const AllHandleGroups groups;
@@ -105,6 +110,8 @@ void DropLayer() {
     FreeOverlappedRecords();
     INT ignored = 0;
     if (!FreeLspCatalog(false, &ignored) || !workersEnded) KeepLibraryLoaded();
+    // There was no socket yet that a message could be about.
+    DestroyBufferArena();
 }
 
 /// 0, with `*entry` started, or the error.
@@ -195,8 +202,8 @@ int WSPAPI WSPCleanup(LPINT error) {
     CleaningUp = true;
     StopProcessInfoCollection();
     global.Leave();
-    StopRelay();
-    const bool workersEnded = StopWorkers();
+    const bool relayEnded = StopRelay();
+    const bool workersEnded = StopWorkers() && relayEnded;
     global.Enter();
     FreeOverlappedRecords();
     if (FreeLspCatalog(false, error) && workersEnded) {
@@ -210,8 +217,11 @@ int WSPAPI WSPCleanup(LPINT error) {
     return 0;
 }
 
-void ReleaseLayerAtDetach() {
-    StopRelay();
+void ReleaseLayerAtDetach(bool unloading) {
+    // A process that ends has ended its threads where they were, with the relay's locks in their hands
+    // perhaps; its sockets end with it.
+    RelayShutdown = true;
+    const bool relayEnded = unloading && StopRelay();
     ForgetProcessInfoCollection();
     {
         Locker global(qx::GlobalLock);
@@ -226,5 +236,7 @@ void ReleaseLayerAtDetach() {
             CleaningUp = false;
         }
     }
+    if (!relayEnded) return;
+    DestroyRelay();
     DestroyBufferArena();
 }

@@ -5,5 +5,6 @@
 
 #include <windows.h>
 
-/// Ends everything that still runs when the library is detached.
-void ReleaseLayerAtDetach();
+/// Ends everything that still runs when the library is detached; unless it is being unloaded, because the
+/// process ends.
+void ReleaseLayerAtDetach(bool unloading);

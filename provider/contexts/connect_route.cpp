@@ -14,6 +14,7 @@ int RouteConnect(SocketContext* context, const ConnectErrors& errors, ConnectTar
             return WSAENOTSOCK;
         case ConnectTarget::Way::kDirect:
         case ConnectTarget::Way::kThroughRelay:
+        case ConnectTarget::Way::kToRelayAgain:
             break;
     }
     return 0;

@@ -164,7 +164,7 @@ bool DerefSocketContext(SocketContext* context, LPINT error) {
 }
 
 SOCKET DetachSpySocket(SocketContext* context) {
-    return context->RelayIndex == 0 ? context->SpySocket.Exchange(INVALID_SOCKET) : INVALID_SOCKET;
+    return context->SpySocket.Exchange(INVALID_SOCKET);
 }
 
 bool AcquireSocketLock(SocketContext* context) {

@@ -58,7 +58,8 @@ struct SocketContext {
     AddressField DestinationAddress;  ///< given to connect or sendto, or reported by recvfrom
     Atomic<int> DestinationAddressLength;
     Atomic<BOOL> Split;  ///< connected elsewhere than the application asked
-    /// This socket's connection to the analyzer, or INVALID_SOCKET. Who exchanges it out closes it.
+    /// This socket's connection to the analyzer, or INVALID_SOCKET. Who exchanges it out closes it: a split
+    /// hands it over to the relay connection.
     Atomic<SOCKET> SpySocket;
     Atomic<DWORD> Protocol;         ///< id found by classification; 0: not yet; kProtocolGivenUp
     Atomic<DWORD> ProtocolProbed;   ///< kProbed... bits
@@ -123,7 +124,7 @@ SocketContext* FindAndRefSocketContext(SOCKET s, LPINT error);
 bool DerefSocketContext(SocketContext* context, LPINT error);
 
 /// Takes the spy socket away from a context that ends: the socket for the caller to close with
-/// SafeCloseSocket after leaving every lock, or INVALID_SOCKET when there is none or a relay uses it.
+/// SafeCloseSocket after leaving every lock, or INVALID_SOCKET when there is none.
 SOCKET DetachSpySocket(SocketContext* context);
 
 /// Enters the context's lock. False, without waiting, when there is no context or it is dead.

@@ -45,7 +45,7 @@ bool IsPending(int error) {
 }
 
 /// Connects the application's socket to the relay. `*established` tells whether it is connected or on its
-/// way.
+/// way. What an earlier connect has split stays so when this one fails.
 int ConnectToRelay(SocketContext* context, const ConnectTarget& relay, const ConnectArguments& arguments,
                    bool* established, LPINT error) {
     *error = 0;
@@ -55,6 +55,7 @@ int ConnectToRelay(SocketContext* context, const ConnectTarget& relay, const Con
     // However the lower provider calls it, the application's connect is one that is not done yet.
     if (*established) return FailWithLastError(WSAEWOULDBLOCK, error);
     const int code = *error;
+    if (relay.way == ConnectTarget::Way::kToRelayAgain) return FailWithLastError(code, error);
     Trace(
         "ERROR:Failed to connect to the proxy socket. Server socket was also closed. #Details: %s #. "
         "Error:%d\n",

@@ -9,6 +9,7 @@
 #include "base/trace.h"
 #include "provider/catalog/lower_call.h"
 #include "provider/contexts/socket_context.h"
+#include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/overlapped/overlapped_manager.h"
 #include "provider/overlapped/overlapped_records.h"
@@ -65,17 +66,20 @@ constexpr GUID kGetAcceptExSockaddrs = WSAID_GETACCEPTEXSOCKADDRS;
 
 /// Runs one extension function on `s`: with a record of the application's as an overlapped request of `type`,
 /// for which `fill(operation)` stores the arguments, else by `direct(lower functions, lower socket)`, which
-/// tells success. `bytes`, or null, is where the application wants the count of a request that is done.
+/// tells success. `bytes`, or null, is where the application wants the count of a request that is done. What
+/// the layer does with its own sockets goes down as it is. `freesSocket`: a socket that it succeeds on may be
+/// connected anew.
 template <class Fill, class Direct>
 BOOL RunExtension(SOCKET s, const ExtensionFunction& function, OverlappedType type,
-                  const CallerNotice& notice, LPDWORD bytes, Fill fill, Direct direct) {
+                  const CallerNotice& notice, LPDWORD bytes, Fill fill, Direct direct,
+                  bool freesSocket = false) {
     INT error = 0;
     BOOL result = FALSE;
     {
         const ContextReference context(s, &error);
         if (context && !LoadLowerExtension(context.Get(), function)) {
             error = WSAEFAULT;
-        } else if (context && notice.Overlapped != nullptr) {
+        } else if (context && notice.Overlapped != nullptr && !context->OwnedByLayer) {
             OverlappedOperation* const operation =
                 PrepareOverlappedOperation(context.Get(), type, notice, {}, &error);
             if (operation != nullptr) {
@@ -94,6 +98,7 @@ BOOL RunExtension(SOCKET s, const ExtensionFunction& function, OverlappedType ty
                 if (!done) error = LowerError(WSAGetLastError());
                 return done;
             });
+            if (result && freesSocket) NotifyReuse(context.Get());
         }
     }
     if (!result) WSASetLastError(error);
@@ -127,7 +132,8 @@ BOOL WINAPI LayerTransmitFile(SOCKET s, HANDLE file, DWORD bytesToWrite, DWORD b
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
             return lower.TransmitFile(lowerSocket, file, bytesToWrite, bytesPerSend, nullptr, buffers, flags);
-        });
+        },
+        (flags & TF_REUSE_SOCKET) != 0);
 }
 
 BOOL WINAPI LayerAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receiveLength,
@@ -147,7 +153,7 @@ BOOL WINAPI LayerAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
             return lower.AcceptEx(lowerSocket, lowerAccepting, output, receiveLength, localLength,
-                                  remoteLength, bytesReceived, nullptr);
+                                  remoteLength, bytesReceived, overlapped);
         });
 }
 
@@ -158,11 +164,12 @@ BOOL WINAPI LayerConnectEx(SOCKET s, const sockaddr* name, int namelen, PVOID se
     return RunExtension(
         s, kConnectEx, OverlappedType::kConnectEx, {overlapped}, bytesSent,
         [&](OverlappedOperation* operation) {
-            operation->ConnectEx = {copy, namelen, sendBuffer, sendLength, 0};
+            operation->ConnectEx = {copy, namelen, sendBuffer, sendLength, 0, FALSE};
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
-            Trace("ERROR: ConnectEx called with null overlapped data. This is not permitted in winsock!");
-            return lower.ConnectEx(lowerSocket, name, namelen, sendBuffer, sendLength, bytesSent, nullptr);
+            if (overlapped == nullptr)
+                Trace("ERROR: ConnectEx called with null overlapped data. This is not permitted in winsock!");
+            return lower.ConnectEx(lowerSocket, name, namelen, sendBuffer, sendLength, bytesSent, overlapped);
         });
 }
 
@@ -174,7 +181,8 @@ BOOL WINAPI LayerDisconnectEx(SOCKET s, LPOVERLAPPED overlapped, DWORD flags, DW
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
             return lower.DisconnectEx(lowerSocket, nullptr, flags, reserved);
-        });
+        },
+        (flags & TF_REUSE_SOCKET) != 0);
 }
 
 BOOL WINAPI LayerTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, DWORD count, DWORD sendSize,
@@ -186,7 +194,8 @@ BOOL WINAPI LayerTransmitPackets(SOCKET s, LPTRANSMIT_PACKETS_ELEMENT packets, D
         },
         [&](const LowerExtensions& lower, SOCKET lowerSocket) {
             return lower.TransmitPackets(lowerSocket, packets, count, sendSize, nullptr, flags);
-        });
+        },
+        (flags & TF_REUSE_SOCKET) != 0);
 }
 
 INT WINAPI LayerWSARecvMsg(SOCKET s, LPWSAMSG message, LPDWORD bytesReceived, LPWSAOVERLAPPED overlapped,

@@ -1,6 +1,11 @@
-// WSPGetOverlappedResult: answered from what the layer wrote into the application's record.
+// WSPGetOverlappedResult: answered from what the layer wrote into the application's record. What the layer
+// did with a socket of its own went down with its own record, so there the lower provider knows.
 #include <guarded_call.h>
 
+#include "base/layer_call.h"
+#include "provider/catalog/lower_call.h"
+#include "provider/contexts/socket_context.h"
+#include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
 #include "provider/overlapped/caller_record.h"
 
@@ -38,10 +43,28 @@ INT WaitForEnd(const WSAOVERLAPPED* overlapped, OverlappedState state) {
     return state.InProgress ? WSA_IO_PENDING : 0;
 }
 
+BOOL AskLowerProvider(SocketContext* context, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait,
+                      LPDWORD flags, LPINT error) {
+    LspEntry* const provider = context->Provider;
+    *error = 0;
+    const BOOL succeeded = CallLower(provider, BOOL{FALSE}, error, [&]() noexcept {
+        return provider->LowerProcedures.lpWSPGetOverlappedResult(context->ProviderSocket, overlapped, bytes,
+                                                                  wait, flags, error);
+    });
+    if (!succeeded) *error = LowerError(*error);
+    return succeeded;
+}
+
 }  // namespace
 
-BOOL WSPAPI WSPGetOverlappedResult(SOCKET, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait,
+BOOL WSPAPI WSPGetOverlappedResult(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait,
                                    LPDWORD flags, LPINT error) {
+    if (LayerCall::IsUnderWay()) {
+        const ContextReference context(s, error);
+        if (!context) return FALSE;
+        if (context->OwnedByLayer)
+            return AskLowerProvider(context.Get(), overlapped, bytes, wait, flags, error);
+    }
     OverlappedState state = {};
     if (!Look(overlapped, &state)) {
         *error = WSAEFAULT;

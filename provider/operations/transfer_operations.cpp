@@ -14,6 +14,12 @@
 
 namespace {
 
+/// Whether a request is the overlapped manager's. One on a socket of the layer's own is handed down as it is:
+/// nobody is asked about it, and its packet comes straight to the relay's port, through no other thread.
+bool IsManaged(const SocketContext* context, const WSAOVERLAPPED* overlapped) {
+    return overlapped != nullptr && !context->OwnedByLayer;
+}
+
 int FailBlocked(const SocketContext* context, LPINT error) {
     const int blockError = context->BlockError;
     return FailWithLastError(blockError != 0 ? blockError : WSAECONNABORTED, error);
@@ -106,7 +112,7 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
     const ContextReference context(s, error);
     if (!context) return SOCKET_ERROR;
     const bool mayReceive = ClearVerdictBlock(context.Get());
-    if (overlapped != nullptr) {
+    if (IsManaged(context.Get(), overlapped)) {
         return QueueReceive(context.Get(), OverlappedType::kRecv, {buffers, count}, {bytesReceived, flags},
                             {overlapped, completionRoutine, threadId}, error);
     }
@@ -115,7 +121,7 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPRecv(context->ProviderSocket, buffers, count, bytesReceived,
-                                                   flags, nullptr, nullptr, threadId, error);
+                                                   flags, overlapped, completionRoutine, threadId, error);
     });
     const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
     AnalyzeReceived(context.Get(), buffers, count, &received);
@@ -130,7 +136,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     const ContextReference context(s, error);
     if (!context) return SOCKET_ERROR;
     const bool mayReceive = ClearVerdictBlock(context.Get());
-    if (overlapped != nullptr) {
+    if (IsManaged(context.Get(), overlapped)) {
         return QueueReceive(context.Get(), OverlappedType::kRecvFrom, {buffers, count},
                             {bytesReceived, flags, from, fromLength},
                             {overlapped, completionRoutine, threadId}, error);
@@ -140,8 +146,8 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPRecvFrom(context->ProviderSocket, buffers, count, bytesReceived,
-                                                       flags, from, fromLength, nullptr, nullptr, threadId,
-                                                       error);
+                                                       flags, from, fromLength, overlapped, completionRoutine,
+                                                       threadId, error);
     });
     const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
     SOCKADDR_STORAGE source;
@@ -157,7 +163,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
     *error = 0;
     const ContextReference context(s, error);
     if (!context) return SOCKET_ERROR;
-    if (overlapped != nullptr) {
+    if (IsManaged(context.Get(), overlapped)) {
         OverlappedOperation* const operation =
             PrepareOverlappedOperation(context.Get(), OverlappedType::kSend,
                                        {overlapped, completionRoutine, threadId}, {buffers, count}, error);
@@ -171,7 +177,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPSend(context->ProviderSocket, buffers, count, bytesSent, flags,
-                                                   nullptr, nullptr, threadId, error);
+                                                   overlapped, completionRoutine, threadId, error);
     });
     CountMoved(&context->BytesSent, result, bytesSent);
     return LowerResult(result, error);
@@ -188,7 +194,7 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
     SOCKADDR_STORAGE destination;
     if (to != nullptr && !CopyCallerName(to, toLength, &destination)) return Fail(WSAEFAULT, error);
     const auto* const target = to != nullptr ? reinterpret_cast<const sockaddr*>(&destination) : nullptr;
-    if (overlapped != nullptr) {
+    if (IsManaged(context.Get(), overlapped)) {
         OverlappedOperation* const operation =
             PrepareOverlappedOperation(context.Get(), OverlappedType::kSendTo,
                                        {overlapped, completionRoutine, threadId}, {buffers, count}, error);

@@ -9,6 +9,7 @@
 
 #include "provider/catalog/catalog.h"
 #include "provider/catalog/lower_call.h"
+#include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"
@@ -82,6 +83,29 @@ void Count(const OverlappedOperation* operation, SocketContext* context, Outcome
         if (!ReleaseAcceptingSocket(operation, *outcome) && outcome->Error == 0) outcome->Error = WSAENOTSOCK;
     } else if (counter != nullptr && outcome->Error == 0) {
         (context->*counter).FetchAdd(outcome->Bytes);
+    }
+}
+
+/// Whether a request that succeeded has left its socket ready for another connection.
+bool FreesSocket(const OverlappedOperation* operation) {
+    switch (operation->Operation) {
+        case OverlappedType::kDisconnectEx:
+            return (operation->DisconnectEx.Flags & TF_REUSE_SOCKET) != 0;
+        case OverlappedType::kTransmitFile:
+            return (operation->TransmitFile.Flags & TF_REUSE_SOCKET) != 0;
+        case OverlappedType::kTransmitPackets:
+            return (operation->TransmitPackets.Flags & TF_REUSE_SOCKET) != 0;
+        default:
+            return false;
+    }
+}
+
+/// What the end of a request means for the split of its socket's connection.
+void TellInterception(const OverlappedOperation* operation, SocketContext* context, const Outcome& outcome) {
+    if (outcome.Error == 0) {
+        if (FreesSocket(operation)) NotifyReuse(context);
+    } else if (operation->Operation == OverlappedType::kConnectEx && operation->ConnectEx.MadeSplit) {
+        AbandonSplit(context);
     }
 }
 
@@ -195,6 +219,7 @@ Outcome Complete(OverlappedOperation* operation, Outcome outcome) {
     const INT refusedWith = operation->RefusedWith.Acquire();
     if (refusedWith != 0) outcome = {0, 0, refusedWith};
     Count(operation, context, &outcome);
+    TellInterception(operation, context, outcome);
     context->LastError = outcome.Error;
     Tell(operation, context, outcome);
     return outcome;

@@ -164,13 +164,18 @@ int Connect(OverlappedOperation* operation, SocketContext* context, const Comple
     target.length = connect.NameLength;
     constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAECONNREFUSED};
     if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) return refusal;
-    // The name stays as long as the application gave it.
     connect.Name = target.name;
-    return CallExtension(operation, [&](const LowerExtensions& lower) {
+    connect.NameLength = target.length;
+    connect.MadeSplit = target.way == ConnectTarget::Way::kThroughRelay;
+    const bool madeSplit = connect.MadeSplit != FALSE;
+    // Once it is under way, the record may be gone.
+    const int result = CallExtension(operation, [&](const LowerExtensions& lower) {
         return lower.ConnectEx(operation->ProviderSocket, reinterpret_cast<const sockaddr*>(&connect.Name),
                                connect.NameLength, connect.SendBuffer, connect.SendLength, &connect.BytesSent,
                                &operation->ProviderOverlapped) != FALSE;
     });
+    if (madeSplit && result != 0 && result != WSA_IO_PENDING) AbandonSplit(context);
+    return result;
 }
 
 int Accept(OverlappedOperation* operation, SocketContext*, const CompletionNotice&) {

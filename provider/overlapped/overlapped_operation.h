@@ -97,6 +97,7 @@ struct ConnectExArguments {
     PVOID SendBuffer;
     DWORD SendLength;
     DWORD BytesSent;
+    BOOL MadeSplit;  ///< the connection was split for this request, and goes with its failure
 };
 
 struct DisconnectExArguments {

@@ -4,6 +4,7 @@
 
 #include "relay/channel/pending_responses.h"
 
+#include <algorithm>
 #include <new>
 #include <unordered_map>
 #include <utility>
@@ -114,6 +115,13 @@ void WakeResponseWaiters(SOCKET spySocket) {
         entry.Woken = true;
         SetEvent(entry.Event);
     }
+}
+
+bool HasResponseWaiters(SOCKET spySocket) {
+    const Locker lock(PendingResponseLock);
+    const PendingResponseTable& table = Table.Get();
+    return std::any_of(table.begin(), table.end(),
+                       [&](const auto& item) { return item.second.SpySocket == spySocket; });
 }
 
 bool DeliverResponse(PooledResponse& response) {

@@ -26,6 +26,9 @@ PooledResponse FetchDeliveredResponse(DWORD messageId, const SocketContext* cont
 /// also with a relay record's locks held.
 void WakeResponseWaiters(SOCKET spySocket);
 
+/// Whether anybody waits for an answer on this spy socket.
+bool HasResponseWaiters(SOCKET spySocket);
+
 /// Hands an answer to the waiter of its request. True: the response has been taken over. False: nobody waits,
 /// and it stays the caller's.
 bool DeliverResponse(PooledResponse& response);

@@ -18,6 +18,7 @@
 #include "relay/channel/spy_exchange.h"
 #include "relay/channel/spy_socket.h"
 #include "relay/channel/verdict_flags.h"
+#include "relay/split/split_connection.h"
 
 namespace {
 
@@ -121,12 +122,14 @@ void AskConnectVerdict(SocketContext* context, const SpyExchange& exchange, Conn
     if (ApplyFailConnectPolicy(context)) target->way = ConnectTarget::Way::kRefused;
 }
 
-/// Splits the connection through the relay; false when that can't be done. There is nothing yet that could
-/// carry a split connection: it fails as one does whose relay can't be made.
-bool SplitConnection(SocketContext* context, const SpyExchange&, ConnectTarget*) {
-    CloseSpySocket(context);
-    context->Split = FALSE;
-    return false;
+/// To the relay that the socket is split through already, as when an application polls a connect by calling
+/// it again. False when it is not.
+bool GoToRelayAgain(const SocketContext* context, ConnectTarget* target) {
+    if (context->RelayIndex == 0) return false;
+    target->name = context->RelayAddress.Load();
+    target->length = sizeof(target->name);
+    target->way = ConnectTarget::Way::kToRelayAgain;
+    return true;
 }
 
 }  // namespace
@@ -143,13 +146,14 @@ void InterceptConnect(SocketContext* context, ConnectTarget* target) {
     }
     // From the question to the split in one turn: nobody else replaces the spy socket in between.
     const SpyExchange exchange(context);
+    if (GoToRelayAgain(context, target)) return;
     AskConnectVerdict(context, exchange, target);
-    if (target->way != ConnectTarget::Way::kThroughRelay || SplitConnection(context, exchange, target))
-        return;
+    if (target->way != ConnectTarget::Way::kThroughRelay || SplitConnection(context, target)) return;
     Trace("ERROR:Failed to connect the server socket in ConnectEx after splitting sockets.#Details: %s #\n",
           DescribeContext(context).c_str());
-    AbandonSplit(context);
     target->way = ConnectTarget::Way::kSplitFailed;
 }
 
-void AbandonSplit(SocketContext*) {}
+void AbandonSplit(SocketContext* context) {
+    CloseSplit(context);
+}

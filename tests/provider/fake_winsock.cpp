@@ -202,6 +202,8 @@ void InterceptConnect(SocketContext* context, ConnectTarget* target) {
     if (target->way != ConnectTarget::Way::kThroughRelay) return;
     if (!Fake().split || !Fake().split(context, target)) target->way = ConnectTarget::Way::kSplitFailed;
 }
+void NotifyReuse(SocketContext*) {}
+
 void AbandonSplit(SocketContext*) {
     ++Fake().abandonedSplits;
 }

@@ -19,10 +19,9 @@ TEST_P(OverlappedRequests, ConnectExGoesWhereItsVerdictSays) {
         {"closed meanwhile", ConnectTarget::Way::kSocketClosed, Split::kNone, 0, WSAENOTSOCK, nullptr},
         {"a split that fails", ConnectTarget::Way::kThroughRelay, Split::kFailed, 0, WSAECONNREFUSED,
          nullptr},
-        // The name's length stays the application's.
-        {"split", ConnectTarget::Way::kThroughRelay, Split::kMade, 0, 0, "127.0.0.1:48300 16"},
+        {"split", ConnectTarget::Way::kThroughRelay, Split::kMade, 0, 0, "127.0.0.1:48300 128"},
         {"split, and the relay does not answer", ConnectTarget::Way::kThroughRelay, Split::kMade,
-         WSAECONNRESET, WSAECONNRESET, "127.0.0.1:48300 16"},
+         WSAECONNRESET, WSAECONNRESET, "127.0.0.1:48300 128"},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(row.what);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/kernel/fault_points.h"
 #include "tests/support/connect_fixture.h"
 
 namespace {
@@ -110,8 +111,16 @@ TEST_F(ConnectVerdict, RedirectedConnectsGoElsewhereUnderTheAskedName) {
     EXPECT_EQ(closesocket(s), 0);
 }
 
-TEST_F(ConnectVerdict, ASplitFailsTheConnectAndReleasesTheChannel) {
+/// The relay can't be started.
+platform::Fault NoListener() {
+    platform::Fault fault{"listen"};
+    fault.repeat = true;
+    return fault;
+}
+
+TEST_F(ConnectVerdict, ASplitThatFailsFailsTheConnectAndReleasesTheChannel) {
     StartWinsock();
+    const platform::ScopedFault fault(NoListener());
     std::size_t ended = 0;
     for (const std::uint32_t flags : {0x04u, 0x08u, 0x20u, 0x2fu}) {
         analyzer_.SetScript(AnswerInOrder({Verdict(kAllow, flags)}));
@@ -144,6 +153,7 @@ TEST_F(ConnectVerdict, FlagsFollowTheVerdicts) {
     answers.push_back(RedirectToOther());
     analyzer_.SetScript(AnswerInOrder(answers));
     StartWinsock();
+    const platform::ScopedFault fault(NoListener());
     const SOCKET s = StreamSocket();
     for (const auto& attempt : attempts)
         EXPECT_EQ(ConnectToPublic(s), attempt.error);
@@ -160,6 +170,7 @@ TEST_F(ConnectVerdict, FlagsFollowTheVerdicts) {
 TEST_F(ConnectVerdict, AnEarlierWishToSplitDoesNotSteerALocalConnect) {
     analyzer_.SetScript(AnswerInOrder({Verdict(kAllow, 0x08)}));
     StartWinsock();
+    const platform::ScopedFault fault(NoListener());
     const SOCKET s = StreamSocket();
     EXPECT_EQ(ConnectToPublic(s), WSAEFAULT);
     EXPECT_EQ(Connect(s, Ipv4("127.0.0.1", origin_.Port())), 0);

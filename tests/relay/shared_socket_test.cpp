@@ -8,6 +8,7 @@
 #include <future>
 #include <string>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "tests/support/connect_fixture.h"
 
@@ -52,6 +53,9 @@ TEST_F(SharedSocket, ASplitThatFailsLeavesTheOtherConnectItsAnswer) {
         connection.Answer(request, answer);
     });
     StartWinsock();
+    platform::Fault noListener{"listen"};
+    noListener.repeat = true;
+    const platform::ScopedFault fault(noListener);
     const platform::ScopedClockRate stopped(0);
     const SOCKET s = StreamSocket();
     auto split = std::async(std::launch::async, [&] { return ConnectToPublic(s); });

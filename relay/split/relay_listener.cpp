@@ -1,0 +1,167 @@
+// See relay_listener.h.
+#include "relay/split/relay_listener.h"
+
+#include <utility>
+
+#include "base/process_object.h"
+#include "base/trace.h"
+#include "provider/contexts/socket_context.h"
+#include "provider/guarded_sockets.h"
+#include "relay/split/relay_connection_table.h"
+#include "relay/split/relay_life.h"
+#include "relay/split/relay_worker.h"
+
+Atomic<DWORD> RelayListenPort;
+
+namespace {
+
+constexpr int kBufferBytes = 32768;
+/// Accepts that fail one after the other: beyond this, a next split or an idle moment tries again.
+constexpr LONG kMostFailures = 16;
+
+struct ListenerState {
+    OwnedCriticalSection RelayStartLock QX_ACQUIRED_BEFORE(SocketCreateCloseLock);
+    WorkerThread Worker QX_GUARDED_BY(RelayStartLock) = {};
+};
+
+ProcessObject<ListenerState> State;
+
+Atomic<LONG> AcceptsPosted;
+Atomic<LONG> FailedAccepts;
+
+bool IsTaken(int error) {
+    // The second: taken by a program that shares its port with nobody.
+    return error == WSAEADDRINUSE || error == WSAEACCES;
+}
+
+/// Binds to the first port that is free. 0 or the error of the last try.
+int BindListener(SOCKET s) {
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (DWORD port = kFirstRelayPort;; ++port) {
+        RelayListenPort = port;
+        name.sin_port = htons(static_cast<u_short>(port));
+        if (SafeBind(s, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0) return 0;
+        const int error = WSAGetLastError();
+        if (!IsTaken(error) || port + 1 == kRelayPortLimit) return error;
+    }
+}
+
+/// Binds the listener and listens; false, traced, when it can't be.
+bool Listen(SOCKET s) {
+    if (const int error = BindListener(s); error != 0) {
+        Trace("ERROR:Failed to bind to port %d for lsp relay socket, error = %d\n",
+              static_cast<int>(DWORD{RelayListenPort}), error);
+        return false;
+    }
+    if (SafeListen(s, SOMAXCONN) == 0) return true;
+    Trace("ERROR:Failed to listen to relay connections, error = %d\n", WSAGetLastError());
+    return false;
+}
+
+bool StartWorker(WorkerThread* worker) {
+    if (StartWorkerThread(RelayWorker, RelayCompletionPort, worker)) return true;
+    Trace("ERROR:Failed to create the thread for accepting relay connections, error = %d\n",
+          static_cast<int>(GetLastError()));
+    return false;
+}
+
+/// Makes everything, or leaves nothing.
+bool Start(WorkerThread* worker) {
+    const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    if (s == INVALID_SOCKET) return false;
+    RelayListenSocket = s;
+    MarkSocketAsOwn(s, 0);
+    if (Listen(s) && AssociateWithRelayCompletionPort(s, 0) && StartWorker(worker)) return true;
+    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
+    SafeCloseHandle(RelayCompletionPort.Exchange(nullptr));
+    RelayListenPort = kFirstRelayPort;
+    return false;
+}
+
+template <class Value>
+void SetOption(SOCKET s, int level, int option, Value value) {
+    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+/// Hands an accept down; false, traced, when it failed. Its record is the port's on success.
+bool Accept(PooledPerIOData record) {
+    const SOCKET accepting = record->Socket;
+    PostedRequests.Increment();
+    int error = WSAECONNRESET;
+    // A connection that was reset while it waited says so once.
+    while (error == WSAECONNRESET) {
+        const BOOL accepted =
+            SafeAcceptEx(RelayListenSocket, accepting, record->Buffer.data, 0, kAcceptNameBytes,
+                         kAcceptNameBytes, &record->Bytes, &record->Overlapped);
+        error = accepted ? 0 : WSAGetLastError();
+    }
+    if (error == 0 || error == WSA_IO_PENDING || error == WSAEWOULDBLOCK) {
+        (void)record.release();
+        return true;
+    }
+    PostedRequests.Decrement();
+    Trace("ERROR:Failed to accept the relay socket:%d\n", error);
+    return false;
+}
+
+}  // namespace
+
+bool StartRelayListener() {
+    ListenerState& state = State.Get();
+    const Locker lock(state.RelayStartLock);
+    if (RelayShutdown) return false;
+    return RelayListenSocket != INVALID_SOCKET || Start(&state.Worker);
+}
+
+SOCKET PostRelayAccept() {
+    SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    if (s == INVALID_SOCKET) {
+        Trace("ERROR:Failed to create accept socket: %d\n", WSAGetLastError());
+        return INVALID_SOCKET;
+    }
+    MarkSocketAsOwn(s, 0);
+    SetOption(s, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
+    SetOption(s, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
+    SetOption(s, IPPROTO_TCP, TCP_NODELAY, 1);
+    bool posted = false;
+    if (!AssociateWithRelayCompletionPort(s, 0)) {
+        Trace("ERROR:Failed to create completion port for the relay socket:%d\n", WSAGetLastError());
+    } else {
+        PooledPerIOData record = AcquirePerIOData(RelayOpAccept, s, 0);
+        AcceptsPosted.Increment();
+        posted = record != nullptr && AllocateBuffer(record.get(), 2 * kAcceptNameBytes) &&
+                 Accept(std::move(record));
+        if (!posted) AcceptsPosted.Decrement();
+    }
+    if (posted) return s;
+    SafeCloseSocket(s);
+    return INVALID_SOCKET;
+}
+
+bool EnsureRelayAccepts() {
+    while (AcceptsPosted <= static_cast<LONG>(UnpairedCount())) {
+        if (PostRelayAccept() == INVALID_SOCKET) break;
+    }
+    return AcceptsPosted > 0;
+}
+
+void AcceptEnded(bool succeeded) {
+    AcceptsPosted.Decrement();
+    if (succeeded) FailedAccepts = 0;
+    if (RelayShutdown || (!succeeded && FailedAccepts.Increment() > kMostFailures)) return;
+    EnsureRelayAccepts();
+}
+
+WorkerThread CloseRelayListener() {
+    ListenerState& state = State.Get();
+    const Locker lock(state.RelayStartLock);
+    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
+    RelayListenPort = 0;
+    return std::exchange(state.Worker, WorkerThread{});
+}
+
+void DestroyRelayListener() {
+    State.Destroy();
+}
