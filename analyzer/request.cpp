@@ -60,3 +60,11 @@ bool AwaitsAnswer(std::uint32_t operation) {
     const NamedOperation* known = FindOperation(operation);
     return known != nullptr && known->awaitsAnswer;
 }
+
+bool IsTrafficReport(std::uint32_t operation) {
+    return operation >= OpSend && operation <= OpRecvProtocol;
+}
+
+bool IsRelayed(std::uint32_t operation) {
+    return operation >= OpClientClosed && operation <= OpServerData;
+}

@@ -39,3 +39,9 @@ std::uint32_t OperationByName(const std::string& name);
 
 /// Whether the layer waits for an answer to this operation.
 bool AwaitsAnswer(std::uint32_t operation);
+
+/// Whether it tells of the application's sends and receives.
+bool IsTrafficReport(std::uint32_t operation);
+
+/// Whether it tells of the bytes or the ends of a split connection.
+bool IsRelayed(std::uint32_t operation);

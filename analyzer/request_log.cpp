@@ -98,6 +98,18 @@ std::string Quoted(const std::string& text) {
     return Line(nlohmann::json(text));
 }
 
+/// What the analyzer did with the bytes.
+std::vector<std::string> Deeds(const InspectionCounts& counts) {
+    std::vector<std::string> deeds;
+    if (counts.served != 0) deeds.push_back("served " + std::to_string(counts.served));
+    if (counts.replaced != 0) deeds.push_back("replaced " + std::to_string(counts.replaced));
+    if (counts.cut == ContentAction::kRefuse) deeds.emplace_back("refused");
+    if (counts.cut == ContentAction::kCutClient) deeds.emplace_back("cut client");
+    if (counts.cut == ContentAction::kCutServer) deeds.emplace_back("cut server");
+    if (deeds.empty()) deeds.emplace_back("passed");
+    return deeds;
+}
+
 }  // namespace
 
 std::string ReadableLine(const std::string& time, const Request& request, const Rule& rule) {
@@ -158,6 +170,36 @@ std::string JsonLine(const std::string& time, const Request& request, const Rule
     return Line(line);
 }
 
+std::string ReadableInspectedLine(const std::string& time, const Request& first, const std::string& rule,
+                                  const InspectionCounts& counts) {
+    const auto direction = [](const char* name, const InspectionCounts::Direction& bytes) {
+        return std::string(" ") + name + " sent " + std::to_string(bytes.received) + " passed " +
+               std::to_string(bytes.passed);
+    };
+    return time + " inspected process " + std::to_string(first.processId) + " user " + Quoted(first.user) +
+           " " + SocketTypeName(first.socketType) + " " + ToText(first.local) + " -> " +
+           ToText(first.destination) + direction("client", counts.client) +
+           direction("server", counts.server) + " : " + Joined(Deeds(counts)) + " (" + Quoted(rule) + ")";
+}
+
+std::string JsonInspectedLine(const std::string& time, const Request& first, const std::string& rule,
+                              const InspectionCounts& counts) {
+    return Line(nlohmann::ordered_json{
+        {"time", time},
+        {"inspected", Deeds(counts)},
+        {"process_id", first.processId},
+        {"user", first.user},
+        {"local", ToText(first.local)},
+        {"destination", ToText(first.destination)},
+        {"client_bytes", counts.client.received},
+        {"client_bytes_passed", counts.client.passed},
+        {"server_bytes", counts.server.received},
+        {"server_bytes_passed", counts.server.passed},
+        {"replaced", counts.replaced},
+        {"rule", rule},
+    });
+}
+
 std::string DroppedLine(LogFormat format, std::size_t count) {
     const std::string number = std::to_string(count);
     return format == LogFormat::kJson ? "{\"dropped_lines\":" + number + "}"
@@ -167,4 +209,10 @@ std::string DroppedLine(LogFormat format, std::size_t count) {
 void RequestLog::Write(const Request& request, const Rule& rule) {
     out_->Write(format_ == LogFormat::kJson ? JsonLine(Now(), request, rule)
                                             : ReadableLine(Now(), request, rule));
+}
+
+void RequestLog::WriteInspected(const Request& first, const std::string& rule,
+                                const InspectionCounts& counts) {
+    out_->Write(format_ == LogFormat::kJson ? JsonInspectedLine(Now(), first, rule, counts)
+                                            : ReadableInspectedLine(Now(), first, rule, counts));
 }

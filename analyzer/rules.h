@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "analyzer/inspection_plan.h"
 #include "analyzer/request.h"
 
 /// What is wrong with a rule file: "file:line:column: reason", or without a place what is wrong with all of
@@ -34,6 +36,8 @@ struct Verdict {
     bool exempt = false;
     Behaviour behaviour = Behaviour::kAnswer;
     std::uint32_t delayMilliseconds = 0;
+    /// What becomes of the bytes of a split connection; null: they are passed on.
+    std::shared_ptr<const InspectionPlan> plan;
 };
 
 struct Network {

@@ -33,7 +33,7 @@ ServerLimits WithinTheSystems(ServerLimits limits) {
 
 class Server::Implementation {
   public:
-    Implementation(std::uint16_t port, FrameHandler& handler, const ServerLimits& limits, Note note,
+    Implementation(std::uint16_t port, FrameHandlers& handlers, const ServerLimits& limits, Note note,
                    Clock clock);
 
     std::uint16_t Port() const { return port_; }
@@ -49,7 +49,8 @@ class Server::Implementation {
     struct Client {
         using Due = std::optional<ServerTime>;
 
-        Client(SocketHandle socket, std::uint16_t port, ServerTime now) : connection(socket, port, now) {}
+        Client(SocketHandle socket, std::uint16_t port, std::unique_ptr<FrameHandler> handler, ServerTime now)
+            : connection(socket, port, std::move(handler), now) {}
 
         ClientConnection connection;
         std::size_t buffered = 0;
@@ -76,7 +77,7 @@ class Server::Implementation {
     void CloseSilent(ServerTime now);
     void CloseStalled(ServerTime now);
 
-    FrameHandler& handler_;
+    FrameHandlers& handlers_;
     const ServerLimits limits_;
     const Note note_;
     const Clock clock_;
@@ -95,9 +96,9 @@ class Server::Implementation {
     std::vector<unsigned char> scratch_ = std::vector<unsigned char>(kReadSize);
 };
 
-Server::Implementation::Implementation(std::uint16_t port, FrameHandler& handler, const ServerLimits& limits,
-                                       Note note, Clock clock)
-    : handler_(handler),
+Server::Implementation::Implementation(std::uint16_t port, FrameHandlers& handlers,
+                                       const ServerLimits& limits, Note note, Clock clock)
+    : handlers_(handlers),
       limits_(WithinTheSystems(limits)),
       note_(std::move(note)),
       clock_(std::move(clock)),
@@ -157,7 +158,7 @@ void Server::Implementation::HandleEvent(const SocketEvent& event, ServerTime no
     ClientConnection& connection = found->second->connection;
     if (event.failed && !event.readable) return Close(event.key, "");
     if (event.readable) {
-        if (!connection.Receive(handler_, scratch_, now)) return Close(event.key, connection.EndReason());
+        if (!connection.Receive(scratch_, now)) return Close(event.key, connection.EndReason());
         if (connection.Process()) Use(event.key, *connection.Process());
     }
     Settle(event.key, now);
@@ -171,7 +172,7 @@ void Server::Implementation::Accept(ServerTime now) {
         // Without resources the listener would stay readable and keep this thread awake.
         if (outcome == Accepted::kNoResources) SetListening(false);
         if (outcome != Accepted::kConnection) return;
-        auto client = std::make_unique<Client>(accepted, peerPort, now);
+        auto client = std::make_unique<Client>(accepted, peerPort, handlers_.OnConnection(), now);
         const std::uint64_t key = nextKey_++;
         Use(key, ConnectionShares::kSilent);
         watch_.Add(accepted, key, true, false);
@@ -248,9 +249,10 @@ void Server::Implementation::CloseStalled(ServerTime now) {
         Close(key, "a frame took too long to arrive");
 }
 
-Server::Server(std::uint16_t port, FrameHandler& handler, const ServerLimits& limits, Note note, Clock clock)
+Server::Server(std::uint16_t port, FrameHandlers& handlers, const ServerLimits& limits, Note note,
+               Clock clock)
     : implementation_(
-          std::make_unique<Implementation>(port, handler, limits, std::move(note), std::move(clock))) {}
+          std::make_unique<Implementation>(port, handlers, limits, std::move(note), std::move(clock))) {}
 
 Server::~Server() = default;
 

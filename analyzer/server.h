@@ -13,7 +13,7 @@
 #include <memory>
 #include <string>
 
-class FrameHandler;
+class FrameHandlers;
 
 struct ServerLimits {
     /// Fewer where the system has no room for so many.
@@ -36,10 +36,10 @@ class Server {
     /// The time by which the limits count. A clock that jumps is noticed at the next event.
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
-    /// Listens on 127.0.0.1:`port` (0: any). `handler` must outlive the server; `note` (may be empty) gets
+    /// Listens on 127.0.0.1:`port` (0: any). `handlers` must outlive the server; `note` (may be empty) gets
     /// one line for every connection that is given up, with the client's process or port. Throws
     /// std::system_error.
-    Server(std::uint16_t port, FrameHandler& handler, const ServerLimits& limits, Note note,
+    Server(std::uint16_t port, FrameHandlers& handlers, const ServerLimits& limits, Note note,
            Clock clock = std::chrono::steady_clock::now);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -30,11 +31,15 @@ delay_ms = 7
 [[rule]]
 port = 5
 behaviour = "close"
+[[rule]]
+port = 6
+flags = ["report", "inspect"]
 )";
 
 struct Asked {
     AskedRequest request;
     Reply reply;
+    std::uint32_t processId = 0;
     std::vector<unsigned char> out;
 };
 
@@ -44,9 +49,10 @@ Asked Ask(std::uint16_t port, std::uint32_t operation = 12) {
     Asked asked;
     asked.request.port = port;
     asked.request.operation = operation;
-    asked.request.dataLength = operation == 9 ? 1000 : 0;
     const std::vector<unsigned char> frame = RequestFrame(asked.request);
-    asked.reply = decision.OnFrame(frame.data(), frame.size(), asked.out);
+    const std::unique_ptr<FrameHandler> conversation = decision.OnConnection();
+    asked.reply = conversation->OnFrame(frame.data(), frame.size(), asked.out);
+    asked.processId = conversation->ProcessId();
     return asked;
 }
 
@@ -55,7 +61,7 @@ TEST(Decision, AnswersByRule) {
     GivenAnswer answer = ReadAnswer(asked.out);
     ASSERT_TRUE(answer.readable);
     EXPECT_EQ(answer.requestId, asked.request.messageId);
-    EXPECT_EQ(asked.reply.processId, asked.request.processId);
+    EXPECT_EQ(asked.processId, asked.request.processId);
     EXPECT_EQ(answer.action, 1u);
     EXPECT_EQ(answer.flags, 0u);
     EXPECT_EQ(answer.exemptProcessId, 0u);
@@ -74,6 +80,13 @@ TEST(Decision, AnswersByRule) {
     EXPECT_EQ(answer.redirect, std::string(8, '\0'));
 }
 
+TEST(Decision, ATrafficReportChangesNoFlagsUnlessItsRuleSaysSo) {
+    for (const std::uint32_t report : {3u, 4u, 5u, 6u})
+        EXPECT_EQ(ReadAnswer(Ask(443, report).out).flags, 0x10u) << report;
+    EXPECT_EQ(ReadAnswer(Ask(6, 5).out).flags, 0x06u);
+    EXPECT_EQ(ReadAnswer(Ask(443, 11).out).flags, 0u) << "a bind is no report";
+}
+
 TEST(Decision, Behaviours) {
     EXPECT_EQ(Ask(3).reply.kind, Reply::Kind::kNone);
     EXPECT_EQ(Ask(5).reply.kind, Reply::Kind::kClose);
@@ -82,14 +95,16 @@ TEST(Decision, Behaviours) {
     EXPECT_EQ(garbage.reply.delayMilliseconds, 7u);
     std::size_t length = 0;
     EXPECT_FALSE(ReadFrameLength(garbage.out.data(), length));
-    for (std::uint32_t report : {2u, 7u, 8u, 9u, 10u, 99u}) {
+    for (std::uint32_t report : {2u, 99u}) {
         EXPECT_EQ(Ask(1, report).reply.kind, Reply::Kind::kNone) << report;
     }
 }
 
 TEST(Decision, WhatIsNoRequestClosesTheConnection) {
     const RuleSet rules;
-    Decision decision(rules, nullptr);
+    Decision decisions(rules, nullptr);
+    const std::unique_ptr<FrameHandler> conversation = decisions.OnConnection();
+    FrameHandler& decision = *conversation;
     AskedRequest asked;
     const std::vector<unsigned char> good = RequestFrame(asked);
     for (std::size_t length = 8; length < good.size(); ++length) {

@@ -5,9 +5,9 @@
 
 std::vector<unsigned char> RequestFrame(AskedRequest& asked) {
     LSPAnalyzerMessage request;
-    Bytes data(asked.dataLength, 'd');
-    const BufferPiece piece{asked.dataLength, data.data()};
-    if (asked.dataLength != 0) request.SetDataBuffers(&piece, 1, 0, false);
+    auto* const data = reinterpret_cast<unsigned char*>(asked.data.data());
+    const BufferPiece piece{static_cast<std::uint32_t>(asked.data.size()), data};
+    if (!asked.data.empty()) request.SetDataBuffers(&piece, 1, 0, false);
     request.ProcessId = asked.processId;
     request.UserName = asked.user;
     request.WindowTitle = "Main window";
@@ -32,5 +32,10 @@ GivenAnswer ReadAnswer(std::vector<unsigned char> frame) {
     answer.flags = response.Flags;
     answer.exemptProcessId = response.ExemptProcessId;
     answer.redirect.assign(reinterpret_cast<const char*>(&response.RedirectAddress), 8);
+    PieceArray data;
+    if (answer.readable && response.GetDataBuffers(data.pieces, data.count, false)) {
+        const Bytes flat = data.Flat();
+        answer.data.assign(flat.begin(), flat.end());
+    }
     return answer;
 }

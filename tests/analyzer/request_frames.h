@@ -11,7 +11,7 @@ struct AskedRequest {
     std::uint16_t port = 443;
     std::string user = "DEMO\\alice";
     std::uint32_t processId = 4321;
-    std::uint32_t dataLength = 0;
+    std::string data;
     /// Set by RequestFrame.
     std::uint32_t messageId = 0;
 };
@@ -27,6 +27,7 @@ struct GivenAnswer {
     std::uint32_t exemptProcessId = 0;
     /// First 8 bytes of the redirect address.
     std::string redirect;
+    std::string data;
 };
 
 GivenAnswer ReadAnswer(std::vector<unsigned char> frame);

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
+
+#include "tests/analyzer/test_folder.h"
 
 namespace {
 
@@ -85,19 +88,46 @@ TEST(Rules, Patterns) {
 TEST(Rules, VerdictsAreReadWhole) {
     const RuleSet rules = RuleSet::FromText(
         "[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.1:41080\"\nflags = [\"count\", \"keep\", "
-        "\"serve\"]\n"
+        "\"relay\"]\n"
         "exempt = true\nbehaviour = \"garbage\"\ndelay_ms = 250\n",
         "rules");
     const Verdict& verdict = rules.Decide(Request()).verdict;
     EXPECT_EQ(verdict.action, RuleAction::kRedirect);
     EXPECT_EQ(ToText(verdict.redirect), "127.0.0.1:41080");
-    EXPECT_EQ(verdict.flags, 0x31u);
+    EXPECT_EQ(verdict.flags, 0x19u);
     EXPECT_TRUE(verdict.exempt);
     EXPECT_EQ(verdict.behaviour, Behaviour::kGarbage);
     EXPECT_EQ(verdict.delayMilliseconds, 250u);
 }
 
+TEST(Rules, APlanIsReadWhole) {
+    const TestFolder folder;
+    std::ofstream(folder / "page.html") << "<p>no</p>";
+    std::ofstream(folder / "rules.toml")
+        << "[[rule]]\nport = 1\nhold_ms = 20\n[[rule.content]]\nfrom = 'client'\npattern = 'a\\.b'\n"
+           "first_bytes = 65536\nthen = 'replace'\nwith = 'c'\n[[rule.content]]\nfrom = 'server'\n"
+           "pattern = 'x'\nthen = 'cut-server'\n"
+           "[[rule]]\nport = 2\n[rule.serve]\nfile = 'page.html'\nstatus = 451\n"
+           "[default]\nhold_ms = 1\n";
+    const RuleSet rules = RuleSet::FromFile(folder / "rules.toml");
+    const Verdict& changed = rules.Decide(Asking(0, 1)).verdict;
+    EXPECT_EQ(changed.flags, 0x04u);
+    EXPECT_EQ(changed.plan->holdMilliseconds, 20u);
+    ASSERT_EQ(changed.plan->contents.size(), 2u);
+    EXPECT_EQ(changed.plan->contents[0].from, Side::kClient);
+    EXPECT_EQ(changed.plan->contents[0].firstBytes, 65536u);
+    EXPECT_EQ(changed.plan->contents[0].with, "c");
+    EXPECT_EQ(changed.plan->contents[1].then, ContentAction::kCutServer);
+    const Verdict& served = rules.Decide(Asking(0, 2)).verdict;
+    EXPECT_EQ(served.flags, 0x20u);
+    EXPECT_EQ(served.plan->page->body, "<p>no</p>");
+    EXPECT_EQ(served.plan->page->status, 451u);
+    EXPECT_EQ(rules.Decide(Asking(0, 3)).verdict.plan->holdMilliseconds, 1u);
+    EXPECT_EQ(RuleSet().Decide(Asking(0, 3)).verdict.plan, nullptr);
+}
+
 TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
+#define CONTENT "[[rule]]\n[[rule.content]]\nfrom = \"client\"\npattern = \"a\"\n"
     const struct {
         const char* text;
         const char* start;
@@ -130,6 +160,30 @@ TEST(Rules, WhatIsWrongIsNamedWithItsPlace) {
         {"[[rule]]\naction = \"redirect\"\naddress = \"127.0.0.01:80\"", "f:3:11: expected an address"},
         {"[[rule]]\nflags = \"count\"\naction = \"refuse\"", "f:2:9: what is refused takes no flags"},
         {"[[rule]]\naddress = \"127.0.0.1:1\"", "f:2:11: only redirect takes an address"},
+        {"[[rule]]\noperation = \"client-data\"", "f:2:13: a rule that decides about the connect"},
+        {"[[rule]]\nflags = \"serve\"", "f:2:9: serve needs a page"},
+        {"[[rule]]\naction = \"refuse\"\nhold_ms = 5", "f:3:11: only what is allowed"},
+        {"[[rule]]\nflags = \"keep\"\nhold_ms = 5", "f:2:9: with keep nothing"},
+        {"[[rule]]\noperation = \"bind\"\nhold_ms = 5", "f:3:11: this goes with a connect"},
+        {"[[rule]]\nhold_ms = 600001", "f:2:11: expected a number"},
+        {"[[rule]]\ncontent = 5", "f:2:11: what is looked for is written as [[rule.content]]"},
+        {"[[rule]]\n[[rule.content]]\npattern = \"a\"", "f:2:1: a content needs"},
+        {"[[rule]]\n[[rule.content]]\nfrom = \"me\"\npattern = \"a\"\nthen = \"refuse\"",
+         "f:3:8: there is no side \"me\""},
+        {CONTENT "then = \"replace\"", "f:5:8: replace needs \"with\""},
+        {CONTENT "then = \"refuse\"\nwith = \"\"", "f:6:8: only replace takes"},
+        {CONTENT "then = \"refuse\"\nfirst_bytes = 0", "f:6:15: expected a number"},
+        {CONTENT "then = \"refuse\"\nkey = 1", "f:6:1: there is no key"},
+        {"[[rule]]\n[[rule.content]]\nfrom = \"client\"\nthen = \"refuse\"\npattern = \"(a\"",
+         "f:5:11: the pattern is no regular expression"},
+        {"[[rule]]\n[[rule.content]]\nfrom = \"client\"\nthen = \"refuse\"\npattern = \"a*\"",
+         "f:5:11: the pattern fits nothing at all"},
+        {CONTENT "then = \"refuse\"\n[rule.serve]\nbody = \"\"", "f:2:1: what is served has no content"},
+        {"[[rule]]\n[rule.serve]\nstatus = 403", "f:2:1: a page has either"},
+        {"[[rule]]\n[rule.serve]\nbody = \"\"\nfile = \"a\"", "f:2:1: a page has either"},
+        {"[[rule]]\n[rule.serve]\nbody = \"\"\nstatus = 100", "f:4:10: expected a number"},
+        {"[[rule]]\n[rule.serve]\nbody = \"\"\ntype = \"a\\r\\nb\"", "f:4:8: it is no content type"},
+        {"[[rule]]\n[rule.serve]\nfile = \"/nonexistent/page\"", "f:3:8: cannot read /nonexistent/page"},
     };
     for (const auto& wrong : cases) {
         SCOPED_TRACE(wrong.text);

@@ -31,9 +31,11 @@ Bytes Frame(unsigned char command, std::size_t payload = 1) {
 
 class EchoHandler : public FrameHandler {
   public:
+    explicit EchoHandler(std::atomic<std::size_t>& mostHeld) : mostHeld_(mostHeld) {}
+
     Reply OnFrame(const unsigned char* frame, std::size_t length, Bytes& out) override {
         Reply reply;
-        reply.processId = frame[8];
+        processId_ = frame[8];
         if (frame[8] == 'c') {
             reply.kind = Reply::Kind::kClose;
         } else if (frame[8] != 'n') {
@@ -41,14 +43,34 @@ class EchoHandler : public FrameHandler {
             reply.kind = Reply::Kind::kSend;
             reply.delayMilliseconds = frame[8] == 'd' ? 50 : frame[8] == 'w' ? kLongWait : 0;
         }
+        if (frame[8] == 't') reply.callMilliseconds = kLongWait;
         if (out.size() > mostHeld_) mostHeld_ = out.size();
         return reply;
     }
 
-    std::size_t MostHeld() const { return mostHeld_; }
+    Reply OnTime(Bytes& out) override {
+        const Bytes frame = Frame('T');
+        out.insert(out.end(), frame.begin(), frame.end());
+        Reply reply;
+        reply.kind = Reply::Kind::kSend;
+        return reply;
+    }
+
+    std::uint32_t ProcessId() const override { return processId_; }
 
   private:
     static constexpr std::uint32_t kLongWait = 600000;
+    std::atomic<std::size_t>& mostHeld_;
+    std::uint32_t processId_ = 0;
+};
+
+class EchoHandlers : public FrameHandlers {
+  public:
+    std::unique_ptr<FrameHandler> OnConnection() override { return std::make_unique<EchoHandler>(mostHeld_); }
+
+    std::size_t MostHeld() const { return mostHeld_; }
+
+  private:
     std::atomic<std::size_t> mostHeld_{0};
 };
 
@@ -59,7 +81,7 @@ class ServerTest : public ::testing::Test {
             const std::lock_guard<std::mutex> hold(lock_);
             notes_.push_back(line);
         };
-        server_ = std::make_unique<Server>(std::uint16_t(0), handler_, limits, note, [this] {
+        server_ = std::make_unique<Server>(std::uint16_t(0), handlers_, limits, note, [this] {
             return std::chrono::steady_clock::now() + std::chrono::milliseconds(advance_);
         });
         thread_ = std::thread([this] {
@@ -109,10 +131,10 @@ class ServerTest : public ::testing::Test {
     std::uint16_t Port() const { return server_->Port(); }
 
     /// The most bytes that were kept for one client.
-    std::size_t MostHeld() const { return handler_.MostHeld(); }
+    std::size_t MostHeld() const { return handlers_.MostHeld(); }
 
   private:
-    EchoHandler handler_;
+    EchoHandlers handlers_;
     std::mutex lock_;
     std::vector<std::string> notes_;
     std::atomic<int> advance_{0};
@@ -158,6 +180,16 @@ TEST_F(ServerTest, AHalfClosedClientStillGetsItsAnswers) {
     ASSERT_TRUE(unfinished.Send(quick, 0, 5));
     unfinished.EndSending();
     EXPECT_TRUE(unfinished.SeesEnd());
+}
+
+TEST_F(ServerTest, AHandlerIsCalledWhenItWants) {
+    Start();
+    TestClient client(Port());
+    ASSERT_TRUE(IsAnswered(client, 't'));
+    Advance(599000);
+    ASSERT_TRUE(IsAnswered(client, 't')) << "a later wish puts nothing off";
+    Advance(1000);
+    EXPECT_EQ(client.Receive(9), Frame('T'));
 }
 
 TEST_F(ServerTest, AFrameThatEndsWithItsInputIsForgotten) {
