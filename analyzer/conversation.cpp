@@ -38,6 +38,11 @@ Reply Conversation::OnQuestion(std::vector<unsigned char>& out) {
         plan_ = rule.verdict.plan;
         rule_ = rule.name;
     }
+    if (request.operation == OpCloseSocket && inspection_) {
+        const std::size_t before = out.size();
+        inspection_->OnSocketClosed(out);
+        return AfterRelayed(out.size() != before);
+    }
     return decision_.Answer(request, rule, out);
 }
 

@@ -42,6 +42,10 @@ void Inspection::OnClosed(Side side, std::vector<unsigned char>& out) {
     CloseSide(OtherSide(side), out);
 }
 
+void Inspection::OnSocketClosed(std::vector<unsigned char>& out) {
+    if (client_.closeSent) CloseSide(Side::kServer, out);
+}
+
 void Inspection::OnInterval(std::vector<unsigned char>& out) {
     for (const Side side : {Side::kClient, Side::kServer}) {
         if (std::exchange(From(side).quiet, true)) LetGo(side, out);

@@ -35,6 +35,9 @@ class Inspection {
     /// Each appends the frames of its answers to `out`.
     void OnData(Side from, const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& out);
     void OnClosed(Side side, std::vector<unsigned char>& out);
+    /// The application has closed its socket. Of a client side that was cut the layer tells no end, and
+    /// nobody is left who could end the server's.
+    void OnSocketClosed(std::vector<unsigned char>& out);
     /// To be called at intervals while Keeps. What is kept because it may be the beginning of something is
     /// let go when nothing has come from its side since the last call, so that nobody waits for it who has to
     /// speak next.

@@ -24,13 +24,13 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 
 /// What the layer tells: "c:bytes" and "s:bytes" of what came from client and server, "c." and "s." of their
-/// ends, "?" a question about a bind.
+/// ends, "x" that the application's socket was closed, "?" a question about a bind.
 std::string MessageFor(const std::string& step) {
     AskedRequest asked;
     const bool client = step[0] == 'c';
     asked.operation = client ? 9 : 10;
-    if (step == "?") {
-        asked.operation = 11;
+    if (step == "?" || step == "x") {
+        asked.operation = step == "?" ? 11 : 2;
     } else if (step[1] == '.') {
         asked.operation = client ? 7 : 8;
     } else {
@@ -203,7 +203,7 @@ const std::vector<Talk>& Talks() {
          "client sent 6 passed 6 server sent 5 passed 5 : passed"},
         {"flags = \"relay\"",
          0x08,
-         {"c.", "s.", "c.", "s."},
+         {"x", "c.", "s.", "c.", "s."},
          {"close s", "close c"},
          "client sent 0 passed 0 server sent 0 passed 0 : passed"},
         {"flags = \"inspect\"",
@@ -223,7 +223,7 @@ const std::vector<Talk>& Talks() {
          "client sent 7 passed 3 server sent 12 passed 2 : refused"},
         {EndRule("cut-client"),
          0x04,
-         {"s:virus", "c:last", "c.", "s."},
+         {"s:virus", "c:last", "x"},
          {"close c", "to s:last", "close s"},
          "client sent 4 passed 4 server sent 5 passed 0 : cut client"},
         {EndRule("cut-server"),
