@@ -41,7 +41,14 @@ int ListenOn(Socket& socket, int backlog) {
     if (!socket.IsStream()) return WSAEOPNOTSUPP;
     if (socket.RefreshConnectLocked() == State::Connected) return WSAEISCONN;
     if (!socket.bound.load() || socket.state.load() == State::Connecting) return WSAEINVAL;
-    const int error = kernel::Listen(socket.fd(), std::max(backlog, 1));
+    int error = kernel::Listen(socket.fd(), std::max(backlog, 1));
+    if (error == EADDRINUSE) {
+        // The kernel asks once more what keeps the port busy, see BindSocket.
+        kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
+        error = kernel::Listen(socket.fd(), std::max(backlog, 1));
+        if (error != 0 && !socket.options.reuseAddress)
+            kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 0);
+    }
     if (error != 0) return WinsockErrorFromErrno(error);
     // Its connections shall not keep the port busy after its close, see BindSocket.
     kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);

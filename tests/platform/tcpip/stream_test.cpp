@@ -340,6 +340,9 @@ TEST_F(StreamTest, PortIsFreeAgainWhenOnlyClosedConnectionsUseIt) {
     const SOCKET third = Stream();
     EXPECT_EQ(CALL(Bind, third, raw, sizeof(name)), SOCKET_ERROR);
     EXPECT_EQ(Error, WSAEADDRINUSE);
+    EXPECT_EQ(CALL(Listen, other, 1), 0) << Error;
+    EXPECT_EQ(CALL(Bind, Stream(), raw, sizeof(name)), SOCKET_ERROR);
+    EXPECT_EQ(Error, WSAEADDRINUSE);
 }
 
 TEST_F(StreamTest, OperationsAreFaultPoints) {
