@@ -1,12 +1,13 @@
 // The client's socket work, each step a function that returns 0 or a Winsock error.
 #include "apps/client/exchange.h"
 
+#include "apps/client/answer_reader.h"
 #include "apps/shared/endpoint.h"
 #include "apps/shared/winsock_session.h"
 
 #include <windows.h>
 
-#include <cstdlib>
+#include <algorithm>
 
 namespace {
 
@@ -68,36 +69,21 @@ int SendAll(SOCKET socket, const std::string& data, const ExchangeOptions& optio
     return 0;
 }
 
-/// Appends what arrives until the server closes the connection.
-int ReceiveAll(SOCKET socket, std::string* received, const ExchangeOptions& options) {
+/// Takes what arrives until the server closes the connection, or as much as is wanted.
+int ReceiveAnswer(SOCKET socket, AnswerReader* answer, const ExchangeOptions& options) {
     for (;;) {
         const int waited = WaitFor(socket, Direction::Read, options.timeoutMilliseconds);
         if (waited != 0) return waited;
-        char buffer[4096];
+        char buffer[16384];
         const int count = recv(socket, buffer, sizeof(buffer), 0);
         if (count == 0) return 0;
         if (count > 0) {
-            received->append(buffer, static_cast<std::size_t>(count));
+            answer->Take(buffer, static_cast<std::size_t>(count));
+            if (options.closeAfterBytes != 0 && answer->Bytes() >= options.closeAfterBytes) return 0;
         } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
             return WSAGetLastError();
         }
     }
-}
-
-std::string FirstLine(const std::string& text) {
-    return text.substr(0, text.find_first_of("\r\n"));
-}
-
-/// Splits "HTTP/1.0 200 OK\r\n...\r\n\r\nbody" into the result; an answer of another form is all body.
-void ReadHttpAnswer(const std::string& answer, ExchangeResult* result) {
-    const std::size_t headEnd = answer.find("\r\n\r\n");
-    if (answer.rfind("HTTP/", 0) != 0 || headEnd == std::string::npos) {
-        result->firstBodyLine = FirstLine(answer);
-        return;
-    }
-    const std::size_t space = answer.find(' ');
-    result->status = std::atoi(answer.c_str() + space + 1);
-    result->firstBodyLine = FirstLine(answer.substr(headEnd + 4));
 }
 
 /// Notes the outcome of a step; true when the exchange can go on.
@@ -119,12 +105,11 @@ void ExchangeStream(SOCKET socket, const sockaddr_in& server, const std::string&
 
     const std::string request = "GET " + path + " HTTP/1.0\r\nHost: " + FormatEndpoint(server) + "\r\n\r\n";
     if (!Passed("send", SendAll(socket, request, options), result)) return;
-    shutdown(socket, SD_SEND);
 
-    std::string answer;
-    const int error = ReceiveAll(socket, &answer, options);
-    result->bytes = answer.size();
-    ReadHttpAnswer(answer, result);
+    // Not shut down: where a relay is between, the end of the sending is the end of the connection.
+    AnswerReader answer;
+    const int error = ReceiveAnswer(socket, &answer, options);
+    answer.Finish(result);
     Passed("receive", error, result);
 }
 
@@ -143,7 +128,8 @@ void ExchangeDatagram(SOCKET socket, const sockaddr_in& server, const std::strin
     if (!Passed("receive", count == SOCKET_ERROR ? WSAGetLastError() : 0, result)) return;
     result->peer = FormatEndpoint(peer);
     result->bytes = static_cast<std::size_t>(count);
-    result->firstBodyLine = FirstLine(std::string(buffer, result->bytes));
+    result->firstBodyLine = std::string(buffer, result->bytes);
+    result->firstBodyLine.resize(std::min(result->bytes, result->firstBodyLine.find_first_of("\r\n")));
 }
 
 }  // namespace

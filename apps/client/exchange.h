@@ -9,6 +9,7 @@
 struct ExchangeOptions {
     bool nonblocking = false;           ///< connect without blocking and wait with select
     bool datagram = false;              ///< send the path as one datagram and await one in return
+    std::size_t closeAfterBytes = 0;    ///< close once so many bytes have come; 0: when the server does
     DWORD timeoutMilliseconds = 60000;  ///< for each wait, save a blocking connect
 };
 
@@ -20,6 +21,7 @@ struct ExchangeResult {
     int status = 0;          ///< HTTP status, 0 for datagrams or when there was none
     std::size_t bytes = 0;   ///< bytes received in all
     std::string firstBodyLine;
+    std::string checksum;  ///< of a stream answer's body
     DWORD elapsedMilliseconds = 0;
 
     bool Succeeded() const { return failedStep.empty(); }

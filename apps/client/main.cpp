@@ -47,6 +47,7 @@ void PrintJson(const Target& target, const ExchangeResult& result) {
         {"status", result.status},
         {"bytes", result.bytes},
         {"body", result.firstBodyLine},
+        {"checksum", result.checksum},
         {"elapsed_ms", static_cast<unsigned long>(result.elapsedMilliseconds)},
         {"process_id", static_cast<unsigned long>(GetCurrentProcessId())},
     };
@@ -76,6 +77,8 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
         ->required();
     app.add_flag("--nonblocking", options.nonblocking, "connect without blocking and wait with select");
     app.add_flag("--datagram", options.datagram, "exchange one datagram instead of an HTTP request");
+    app.add_option("--close-after", options.closeAfterBytes,
+                   "close the connection once so many bytes of the answer have come");
     app.add_option("--timeout", options.timeoutMilliseconds, "limit of each wait in milliseconds")
         ->capture_default_str();
     app.add_option("--repeat", repeat, "how often each target is asked, one after the other")

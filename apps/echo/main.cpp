@@ -48,6 +48,7 @@ int RunClient(const std::string& serverText, const EchoLoad& load, bool step, bo
             {"finished", outcome.finished},      {"echoes", outcome.echoes},
             {"wrong", outcome.wrong},            {"error", outcome.firstError},
             {"elapsed_ms", static_cast<unsigned long>(outcome.elapsedMilliseconds)},
+            {"process_id", static_cast<unsigned long>(GetCurrentProcessId())},
         } << std::endl;
     } else {
         std::cout << outcome.finished << " of " << load.connections

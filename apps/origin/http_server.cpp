@@ -4,17 +4,26 @@
 #include "apps/shared/endpoint.h"
 #include "apps/shared/stop_request.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
+#include <iostream>
 
 namespace {
 
 constexpr std::size_t kMaxRequestBytes = 16384;
 
-std::string MakeAnswer(const std::string& name, const std::string& request) {
-    const std::string requestLine = request.substr(0, request.find_first_of("\r\n"));
-    const std::string body = name + "\n" + requestLine + "\n";
-    return "HTTP/1.0 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\nConnection: close\r\n\r\n" + body;
+/// One line of JSON: what was asked, and how much of the answer was taken.
+void Log(const std::string& server, const HttpAnswer& answer, bool complete) {
+    const nlohmann::ordered_json line = {
+        {"server", server},
+        {"request", answer.RequestLine()},
+        {"bytes", answer.BodyBytes()},
+        {"checksum", answer.BodyChecksum()},
+        {"complete", complete},
+    };
+    // A request may hold any bytes.
+    std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
 }
 
 }  // namespace
@@ -52,7 +61,7 @@ void HttpServer::ServeReady() {
             FD_SET(listener.socket.Get(), &readable);
     }
     for (const Connection& connection : connections_) {
-        FD_SET(connection.socket.Get(), connection.answer.empty() ? &readable : &writable);
+        FD_SET(connection.socket.Get(), connection.answer ? &writable : &readable);
     }
     timeval limit = {0, kStopPollMicroseconds};
     const int ready = select(0, &readable, &writable, nullptr, &limit);
@@ -75,10 +84,10 @@ void HttpServer::Accept(const Listener& listener) {
     UniqueSocket accepted(accept(listener.socket.Get(), nullptr, nullptr));
     u_long on = 1;
     if (!accepted.IsOpen() || ioctlsocket(accepted.Get(), FIONBIO, &on) == SOCKET_ERROR) return;
-    connections_.push_back({&listener, std::move(accepted), {}, {}});
+    connections_.push_back({&listener, std::move(accepted), {}, {}, {}, 0, false});
 }
 
-void HttpServer::Receive(Connection* connection) {
+void HttpServer::Receive(Connection* connection) const {
     char buffer[4096];
     const int count = recv(connection->socket.Get(), buffer, sizeof(buffer), 0);
     if (count == SOCKET_ERROR && WSAGetLastError() == WSAEWOULDBLOCK) return;
@@ -88,22 +97,28 @@ void HttpServer::Receive(Connection* connection) {
     }
     connection->request.append(buffer, static_cast<std::size_t>(count));
     if (connection->request.find("\r\n\r\n") != std::string::npos) {
-        connection->answer = MakeAnswer(connection->listener->name, connection->request);
+        connection->answer.emplace(connection->listener->name, connection->request);
+        connection->piece = connection->answer->NextPiece();
         Send(connection);
     }
 }
 
-void HttpServer::Send(Connection* connection) {
-    const std::string& answer = connection->answer;
-    const int count = send(connection->socket.Get(), answer.data() + connection->sent,
-                           static_cast<int>(answer.size() - connection->sent), 0);
-    if (count == SOCKET_ERROR) {
-        connection->done = WSAGetLastError() != WSAEWOULDBLOCK;
-        return;
+void HttpServer::Send(Connection* connection) const {
+    while (!connection->piece.empty()) {
+        const std::string& piece = connection->piece;
+        const int count = send(connection->socket.Get(), piece.data() + connection->sent,
+                               static_cast<int>(piece.size() - connection->sent), 0);
+        if (count == SOCKET_ERROR) {
+            connection->done = WSAGetLastError() != WSAEWOULDBLOCK;
+            if (connection->done && log_) Log(connection->listener->name, *connection->answer, false);
+            return;
+        }
+        connection->sent += static_cast<std::size_t>(count);
+        if (connection->sent < piece.size()) return;
+        connection->sent = 0;
+        connection->piece = connection->answer->NextPiece();
     }
-    connection->sent += static_cast<std::size_t>(count);
-    if (connection->sent == answer.size()) {
-        shutdown(connection->socket.Get(), SD_SEND);
-        connection->done = true;
-    }
+    shutdown(connection->socket.Get(), SD_SEND);
+    connection->done = true;
+    if (log_) Log(connection->listener->name, *connection->answer, true);
 }

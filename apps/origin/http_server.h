@@ -2,13 +2,18 @@
 // connection. One thread serves all connections with select. Listen() all servers first, then Serve().
 #pragma once
 
+#include "apps/origin/http_answer.h"
 #include "apps/shared/winsock_session.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
 class HttpServer {
   public:
+    /// With `log` it prints a line for every answer that has ended.
+    explicit HttpServer(bool log) : log_(log) {}
+
     /// Starts to listen for `name` on 127.0.0.1:`port` (0: a free one) and returns the port. Throws
     /// std::runtime_error.
     unsigned short Listen(const std::string& name, unsigned short port);
@@ -26,15 +31,18 @@ class HttpServer {
         const Listener* listener;
         UniqueSocket socket;
         std::string request;
-        std::string answer;
-        std::size_t sent = 0;
+        std::optional<HttpAnswer> answer;
+        std::string piece;     ///< of the answer, being sent
+        std::size_t sent = 0;  ///< of the piece
         bool done = false;
     };
 
     void ServeReady();
     void Accept(const Listener& listener);
-    static void Receive(Connection* connection);
-    static void Send(Connection* connection);
+    void Receive(Connection* connection) const;
+    void Send(Connection* connection) const;
+
+    const bool log_;
 
     std::vector<Listener> listeners_;
     std::vector<Connection> connections_;

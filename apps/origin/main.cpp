@@ -42,10 +42,12 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     unsigned short defaultPort = 0;
     bool datagrams = false;
     bool untilInputEnds = false;
+    bool log = false;
 
     app.add_option("--name", names, "NAME or NAME@PORT; several make several servers")->capture_default_str();
     app.add_option("--port", defaultPort, "port of names without one; 0: a free one")->capture_default_str();
     app.add_flag("--udp", datagrams, "echo datagrams instead of serving HTTP");
+    app.add_flag("--log", log, "print a line of JSON for every HTTP answer that has ended");
     app.add_flag("--until-input-ends", untilInputEnds, "stop at the end of standard input too");
 
     parse();
@@ -63,7 +65,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
         OpenAll(servers, [&](const std::string& name, unsigned short port) { return echo.Bind(name, port); });
         echo.Serve();
     } else {
-        HttpServer http;
+        HttpServer http(log);
         OpenAll(servers,
                 [&](const std::string& name, unsigned short port) { return http.Listen(name, port); });
         http.Serve();
