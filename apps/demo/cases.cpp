@@ -12,14 +12,85 @@ constexpr int kPatienceMilliseconds = 18000;
 /// So much faster does the clock run where that patience is waited out.
 constexpr int kFastClock = 20;
 
+Case& Add(std::vector<Case>* cases, const char* name, const char* destination, const std::string& rule) {
+    Case& added = cases->emplace_back();
+    added.name = name;
+    added.destination = destination;
+    added.rule = rule;
+    return added;
+}
+
+/// A rule that looks for the server's name in what it answers.
+std::string LookForAlpha(const std::string& then) {
+    return std::string("[[rule.content]]\nfrom = 'server'\npattern = '") + kAlpha + "'\n" + then;
+}
+
+/// Connections whose bytes go through the layer's relay and, but for the first, through the analyzer.
+void AddSplitCases(std::vector<Case>* cases) {
+    const auto add = [cases](const char* name, const char* destination, const std::string& rule,
+                             const char* verdict, const char* inspected) -> Case& {
+        Case& added = Add(cases, name, destination, rule);
+        added.answeredBy = kAlpha;
+        added.verdict = verdict;
+        added.inspected = inspected;
+        return added;
+    };
+    add("split", "203.0.113.90:80", "flags = 'relay'", "allow, relay", "passed");
+    add("inspected", "203.0.113.91:80", "flags = 'inspect'", "allow, inspect", "passed");
+    add("inspected and changed", "203.0.113.92:80", LookForAlpha("then = 'replace'\nwith = 'omega'"),
+        "allow, inspect", "replaced 1")
+        .body = "omega";
+    add("refused in mid-stream", "203.0.113.93:80", LookForAlpha("then = 'refuse'"), "allow, inspect",
+        "refused")
+        .body = "";
+    {
+        Case& c = add("served by the analyzer", "203.0.113.94:80", "[rule.serve]\nbody = 'served'",
+                      "allow, serve", "served 200");
+        c.path = "/served";
+        c.body = "served";
+        c.visits = Visits::None;
+    }
+    {
+        Case& c =
+            add("split, server unreachable", "203.0.113.95:80", "flags = 'inspect'", "allow, inspect", "");
+        c.server = kNobody;
+        c.answeredBy.clear();
+        c.error = kConnectionRefused;
+        c.connects = true;
+    }
+    {
+        Case& c =
+            add("server closes first", "203.0.113.96:80", "flags = 'inspect'", "allow, inspect", "passed");
+        c.path = "/bytes/300000";
+        c.visits = Visits::Complete;
+    }
+    {
+        Case& c = add("application closes first", "203.0.113.97:80", "flags = 'inspect'", "allow, inspect",
+                      "passed");
+        c.path = "/bytes/60000000";
+        c.closeAfterBytes = 100000;
+        c.visits = Visits::Broken;
+    }
+    {
+        Case& c =
+            add("100 MiB inspected", "203.0.113.98:80", "flags = 'inspect'", "allow, inspect", "passed");
+        c.path = "/bytes/104857600";
+        c.visits = Visits::Complete;
+    }
+    {
+        Case& c =
+            add("200 inspected at once", "203.0.113.99:7", "flags = 'inspect'", "allow, inspect", "passed");
+        c.server = kStreamEcho;
+        c.connections = 200;
+        c.questions = 200;
+        c.body = "200 of 200 connections echoed";
+    }
+}
+
 std::vector<Case> MakeCases() {
     std::vector<Case> cases;
     const auto add = [&cases](const char* name, const char* destination, const std::string& rule) -> Case& {
-        Case& added = cases.emplace_back();
-        added.name = name;
-        added.destination = destination;
-        added.rule = rule;
-        return added;
+        return Add(&cases, name, destination, rule);
     };
 
     {
@@ -98,6 +169,7 @@ std::vector<Case> MakeCases() {
         c.answeredBy = kEcho;
         c.questions = 0;
     }
+    AddSplitCases(&cases);
     return cases;
 }
 

@@ -2,6 +2,7 @@
 // sets up and the promise that has to hold. A new case is a new entry in cases.cpp and nothing else.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,10 +14,22 @@ enum class AnalyzerState {
     Down,     ///< nobody listens there
 };
 
+/// What the servers' logs have to say of the case's path.
+enum class Visits {
+    NotLookedAt,
+    None,      ///< nobody was asked for it
+    Complete,  ///< the application has the same bytes as the server
+    Broken,    ///< the server was asked, and not all of the answer was taken
+};
+
 /// The origin servers, by the names in their answers.
 constexpr const char* kAlpha = "alpha";
 constexpr const char* kBeta = "beta";
 constexpr const char* kEcho = "echo";
+/// A server that echoes streams, many at a time.
+constexpr const char* kStreamEcho = "stream echo";
+/// A server's address at which nobody listens.
+constexpr const char* kNobody = "nobody";
 
 struct Case {
     std::string name;
@@ -30,16 +43,23 @@ struct Case {
     std::string rule;  ///< what the analyzer does for this destination, in its rule file's language
     AnalyzerState analyzer = AnalyzerState::Running;
     bool refuseWithoutAnalyzer = false;
-    int requests = 1;   ///< how many the application makes, one after the other
-    int clockRate = 1;  ///< how much faster than real time the application's clock runs
+    int requests = 1;             ///< how many the application makes, one after the other
+    int clockRate = 1;            ///< how much faster than real time the application's clock runs
+    std::string path = "/hello";  ///< what is asked for; a case that looks at `visits` has its own
+    int closeAfterBytes = 0;      ///< the application closes once so much has come; 0: when the server does
+    int connections = 0;          ///< not 0: instead of that, so many echo a message, all at once
 
     /// The promise.
     std::string
         answeredBy;  ///< the server that answers every request; empty: every request fails with `error`
     int error = 0;
-    int questions = 1;          ///< how often the analyzer is asked about a connect
-    std::string verdict;        ///< what it says each time, as its log names it
-    std::string redirect;       ///< where it redirects to; empty for other verdicts
+    bool connects = false;            ///< it is the call behind the connect that fails with `error`
+    std::optional<std::string> body;  ///< the first line of each answer; without it the server's name
+    int questions = 1;                ///< how often the analyzer is asked about a connect
+    std::string verdict;              ///< what it says each time, as its log names it
+    std::string redirect;             ///< where it redirects to; empty for other verdicts
+    std::string inspected;            ///< what the analyzer did with each split connection; empty: none was
+    Visits visits = Visits::NotLookedAt;
     int leastMilliseconds = 0;  ///< each request takes at least so long on the application's clock
 };
 

@@ -68,8 +68,9 @@ std::vector<Outcome> PlayAll(const std::vector<Case>& cases, const Wishes& wishe
 
     std::vector<Outcome> outcomes;
     const std::vector<Question>& questions = stage.AllQuestions();
+    const std::vector<Visit>& visits = stage.AllVisits();
     for (std::size_t i = 0; i < cases.size(); ++i)
-        outcomes.push_back(Judge(cases[i], finished[i], questions));
+        outcomes.push_back(Judge(cases[i], finished[i], questions, visits));
     *errorOutput = stage.ErrorOutput();
     return outcomes;
 }

@@ -22,27 +22,54 @@ void Expect(const std::string& what, const Value& promised, const Value& seen, P
 void JudgeAnswer(const Case& scene, const ClientRun& run, const ClientLine& line, Problems* problems) {
     Expect("error", scene.error, line.error, problems);
     if (scene.answeredBy.empty()) {
-        Expect<std::string>("failed step", "connect", line.failedStep, problems);
+        if (line.failedStep.empty() || scene.connects == (line.failedStep == "connect"))
+            problems->push_back("it failed at " + line.failedStep);
         return;
     }
+    if (scene.connections != 0) return Expect("outcome", *scene.body, line.body, problems);
     // The peer is always what was asked for, whoever answers.
     Expect("peer", run.destination, line.peer, problems);
     if (scene.transport == Transport::Stream) {
         Expect("status", 200, line.status, problems);
-        Expect("server", scene.answeredBy, line.body, problems);
+        Expect("server", scene.body.value_or(scene.answeredBy), line.body, problems);
     } else {
         Expect("echo", scene.answeredBy + " /hello", line.body, problems);
     }
 }
 
+void JudgeSplit(const Case& scene, const ClientRun& run, const std::vector<Question>& inspected,
+                const std::vector<Visit>& allVisits, Problems* problems) {
+    if (!scene.inspected.empty())
+        Expect("split connections", static_cast<std::size_t>(scene.questions), inspected.size(), problems);
+    for (const Question& end : inspected) {
+        // Of a connection that never was the analyzer may have been told an end, or nothing.
+        if (!scene.inspected.empty()) Expect("inspection", scene.inspected, end.verdict, problems);
+        Expect("process inspected", run.processId, end.processId, problems);
+    }
+    if (scene.visits == Visits::NotLookedAt) return;
+    std::vector<Visit> visits;
+    for (const Visit& visit : allVisits) {
+        if (visit.request.find(" " + scene.path + " ") != std::string::npos) visits.push_back(visit);
+    }
+    Expect<std::size_t>("visits", scene.visits == Visits::None ? 0 : 1, visits.size(), problems);
+    for (const Visit& visit : visits) {
+        Expect<std::size_t>("complete", scene.visits == Visits::Complete ? 1 : 0, visit.complete ? 1 : 0,
+                            problems);
+        if (scene.visits != Visits::Complete || run.lines.empty()) continue;
+        Expect("checksum", visit.checksum, run.lines.front().checksum, problems);
+    }
+}
+
 }  // namespace
 
-Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Question>& allQuestions) {
+Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Question>& allQuestions,
+              const std::vector<Visit>& allVisits) {
     Outcome outcome;
     outcome.scene = &scene;
     outcome.run = run;
     outcome.told = QuestionsAbout(allQuestions, run.processId, run.destination);
-    outcome.questions = ConnectQuestions(outcome.told);
+    outcome.questions = QuestionsOf("connect", outcome.told);
+    outcome.inspected = QuestionsOf(kInspected, outcome.told);
     Problems* const problems = &outcome.problems;
 
     Expect("exit status", scene.answeredBy.empty() ? 1 : 0, run.exitStatus, problems);
@@ -63,5 +90,6 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
         Expect("verdict", scene.verdict, question.verdict, problems);
         Expect("redirect", scene.redirect, question.redirect, problems);
     }
+    JudgeSplit(scene, run, outcome.inspected, allVisits, problems);
     return outcome;
 }

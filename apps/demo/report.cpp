@@ -27,7 +27,9 @@ std::string WhatWasTold(const Outcome& outcome) {
 }
 
 std::string Verdict(const Outcome& outcome) {
-    return outcome.questions.empty() ? "-" : outcome.questions.front().verdict;
+    if (outcome.questions.empty()) return "-";
+    const std::string& verdict = outcome.questions.front().verdict;
+    return outcome.inspected.empty() ? verdict : verdict + ": " + outcome.inspected.front().verdict;
 }
 
 std::string WhatWasSeen(const Outcome& outcome) {
@@ -36,6 +38,7 @@ std::string WhatWasSeen(const Outcome& outcome) {
     const std::string times = Times(outcome.run.lines.size());
     if (!line.failedStep.empty())
         return times + line.failedStep + " failed with " + std::to_string(line.error);
+    if (outcome.scene->connections != 0) return line.body;
     // Beta is behind one public address alone, so its name in the answer says where the connection really
     // went.
     const bool redirected = line.body == kBeta && outcome.scene->server != kBeta;

@@ -59,8 +59,12 @@ ClientLine ParseClientLine(const std::string& line) {
     parsed.peer = json.value("peer", "");
     parsed.status = json.value("status", 0);
     parsed.body = json.value("body", "");
+    parsed.checksum = json.value("checksum", "");
     parsed.elapsedMilliseconds = json.value("elapsed_ms", 0);
     parsed.processId = json.value("process_id", 0);
+    if (json.contains("echoes"))
+        parsed.body = std::to_string(json.value("finished", 0)) + " of " +
+                      std::to_string(json.value("connections", 0)) + " connections echoed";
     return parsed;
 }
 
@@ -92,9 +96,13 @@ Stage::~Stage() {
 }
 
 void Stage::StartServers() {
-    auto http =
-        StartProgram(NativeCommand("qxorigin"), {"--name", kAlpha, "--name", kBeta}, {}, "qxorigin-http");
+    auto http = StartProgram(NativeCommand("qxorigin"), {"--log", "--name", kAlpha, "--name", kBeta}, {},
+                             "qxorigin-http");
     auto datagram = StartProgram(NativeCommand("qxorigin"), {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
+    auto echo = StartProgram(NativeCommand("qxecho"), {"server"}, {}, "qxecho");
+    serverAddresses_[kStreamEcho] = ListeningAddress(echo.get(), 0, "qxecho");
+    serverAddresses_[kNobody] = "127.0.0.1:" + std::to_string(closedPort_.Number());
+    servers_.push_back(std::move(echo));
     serverAddresses_[kAlpha] = ListeningAddress(http.get(), 0, "qxorigin");
     serverAddresses_[kBeta] = ListeningAddress(http.get(), 1, "qxorigin");
     serverAddresses_[kEcho] = ListeningAddress(datagram.get(), 0, "qxorigin");
@@ -146,6 +154,19 @@ const std::vector<Question>& Stage::AllQuestions() {
     return questions_;
 }
 
+const std::vector<Visit>& Stage::AllVisits() {
+    for (const auto& server : servers_)
+        server->RequestStop();
+    for (const auto& server : servers_) {
+        server->Wait(After(kStopLimit));
+        for (const std::string& line : server->Output()) {
+            if (const auto visit = ParseVisit(line)) visits_.push_back(*visit);
+        }
+    }
+    servers_.clear();
+    return visits_;
+}
+
 std::string Stage::DestinationOf(const Case& scene) const {
     return scene.destination == kLocalDestination ? serverAddresses_.at(scene.server) : scene.destination;
 }
@@ -171,8 +192,15 @@ std::unique_ptr<ChildProcess> Stage::StartApplication(const Case& scene, const s
 
 std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
                                                  const std::vector<std::string>& arguments) {
-    std::vector<std::string> all = {DestinationOf(scene) + "/hello", "--json", "--repeat",
+    if (scene.connections != 0) {
+        return StartApplication(scene, "qxecho",
+                                {"client", DestinationOf(scene), "--json", "--rounds", "5", "--connections",
+                                 std::to_string(scene.connections)});
+    }
+    std::vector<std::string> all = {DestinationOf(scene) + scene.path, "--json", "--repeat",
                                     std::to_string(scene.requests)};
+    if (scene.closeAfterBytes != 0)
+        all.insert(all.end(), {"--close-after", std::to_string(scene.closeAfterBytes)});
     if (scene.transport == Transport::Datagram) all.emplace_back("--datagram");
     all.insert(all.end(), arguments.begin(), arguments.end());
     return StartApplication(scene, "qxhttp", all);

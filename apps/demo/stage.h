@@ -11,6 +11,7 @@
 #include "apps/demo/cases.h"
 #include "apps/demo/child_process.h"
 #include "apps/demo/closed_port.h"
+#include "apps/demo/origin_log.h"
 
 #include <atomic>
 #include <filesystem>
@@ -27,6 +28,7 @@ struct ClientLine {
     std::string peer;
     int status = 0;
     std::string body;
+    std::string checksum;
     int elapsedMilliseconds = 0;
     int processId = 0;
 };
@@ -76,6 +78,9 @@ class Stage {
     /// Ends the analyzer and returns everything that it was ever told.
     const std::vector<Question>& AllQuestions();
 
+    /// Ends the servers and returns everything that was asked of them.
+    const std::vector<Visit>& AllVisits();
+
     /// The address at which the case's application asks: its own, or the server's real one.
     std::string DestinationOf(const Case& scene) const;
 
@@ -101,6 +106,7 @@ class Stage {
     std::unique_ptr<ChildProcess> analyzer_;
     unsigned short analyzerPort_ = 0;
     std::vector<Question> questions_;
+    std::vector<Visit> visits_;
     std::atomic<int> machines_{0};
 };
 

@@ -27,7 +27,7 @@ Case Repeated(const std::string& name, int requests) {
 }
 
 void ExpectPromiseKept(const Case& scene, const ClientRun& run, const std::vector<Question>& questions) {
-    const Outcome outcome = Judge(scene, run, questions);
+    const Outcome outcome = Judge(scene, run, questions, {});
     for (const std::string& problem : outcome.problems)
         ADD_FAILURE() << scene.name << ": " << problem;
 }
@@ -69,7 +69,7 @@ TEST(ApplicationsTest, AnalyzerThatGoesAndComesBackIsAskedAgain) {
     EXPECT_EQ(run.lines[0].error, 0);
     EXPECT_EQ(run.lines[1].error, 10061);
     EXPECT_EQ(run.lines[2].error, 0);
-    EXPECT_EQ(Judge(scene, run, stage.AllQuestions()).questions.size(), 2u);
+    EXPECT_EQ(Judge(scene, run, stage.AllQuestions(), stage.AllVisits()).questions.size(), 2u);
 }
 
 class DemoTest : public testing::Test {

@@ -12,6 +12,12 @@ namespace {
 struct Evidence {
     ClientRun run;
     std::vector<Question> questions;
+    std::vector<Visit> visits;
+};
+
+struct Break {
+    const char* what;
+    std::function<void(Evidence*)> apply;
 };
 
 const Case& Redirected() {
@@ -26,18 +32,68 @@ Evidence Kept() {
     Evidence evidence;
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
-    evidence.run.lines = {{"", 0, scene.destination, 200, kBeta, 3}};
+    evidence.run.lines = {{"", 0, scene.destination, 200, kBeta, "", 3}};
     evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress},
                           {"close", 4711, kUser, scene.destination, "allow", ""},
                           {"connect", 4712, kUser, "203.0.113.10:80", "allow", ""}};
     return evidence;
 }
 
-TEST(JudgeTest, FindsEveryBrokenPromise) {
-    struct Break {
-        const char* what;
-        std::function<void(Evidence*)> apply;
+/// What a case looked like that transfers bytes through the analyzer.
+Evidence KeptTransfer(const Case& scene) {
+    Evidence evidence;
+    evidence.run.processId = 4711;
+    evidence.run.destination = scene.destination;
+    evidence.run.lines = {{"", 0, scene.destination, 200, kAlpha, "c0ffee", 3}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "allow, inspect", ""},
+                          {kInspected, 4711, kUser, scene.destination, "passed", ""}};
+    evidence.visits = {{kAlpha, "GET " + scene.path + " HTTP/1.0", 104857606, "c0ffee", true},
+                       {kAlpha, "GET /hello HTTP/1.0", 6, "decaf", false}};
+    return evidence;
+}
+
+TEST(JudgeTest, FindsEveryBrokenPromiseOfASplitConnection) {
+    const std::vector<Break> breaks = {
+        {"not split", [](Evidence* e) { e->questions.pop_back(); }},
+        {"split twice", [](Evidence* e) { e->questions.push_back(e->questions[1]); }},
+        {"something else was done", [](Evidence* e) { e->questions[1].verdict = "replaced 1"; }},
+        {"another's connection", [](Evidence* e) { e->questions[1].processId = 1; }},
+        {"not inspected", [](Evidence* e) { e->questions[0].verdict = "allow"; }},
+        {"other bytes", [](Evidence* e) { e->run.lines[0].checksum = "decaf"; }},
+        {"not all bytes", [](Evidence* e) { e->visits[0].complete = false; }},
+        {"from nowhere", [](Evidence* e) { e->visits.erase(e->visits.begin()); }},
+        {"asked twice", [](Evidence* e) { e->visits.push_back(e->visits[0]); }},
     };
+    const Case& scene = CaseNamed("100 MiB inspected");
+    const Evidence kept = KeptTransfer(scene);
+    EXPECT_TRUE(Judge(scene, kept.run, kept.questions, kept.visits).Passed());
+    for (const Break& broken : breaks) {
+        Evidence evidence = KeptTransfer(scene);
+        broken.apply(&evidence);
+        EXPECT_FALSE(Judge(scene, evidence.run, evidence.questions, evidence.visits).Passed()) << broken.what;
+    }
+
+    Case served = scene;
+    served.visits = Visits::None;
+    EXPECT_FALSE(Judge(served, kept.run, kept.questions, kept.visits).Passed()) << "the server was asked";
+
+    Case failing = scene;
+    failing.answeredBy.clear();
+    failing.error = 10061;
+    failing.visits = Visits::NotLookedAt;
+    Evidence failed = kept;
+    failed.run.exitStatus = 1;
+    failed.run.lines[0].error = 10061;
+    for (const char* step : {"connect", "receive"}) {
+        failing.connects = true;
+        failed.run.lines[0].failedStep = step;
+        EXPECT_EQ(Judge(failing, failed.run, kept.questions, {}).Passed(), std::string(step) == "receive");
+        failing.connects = false;
+        EXPECT_EQ(Judge(failing, failed.run, kept.questions, {}).Passed(), std::string(step) == "connect");
+    }
+}
+
+TEST(JudgeTest, FindsEveryBrokenPromise) {
     const std::vector<Break> breaks = {
         {"exit status", [](Evidence* e) { e->run.exitStatus = 139; }},
         {"no line", [](Evidence* e) { e->run.lines.clear(); }},
@@ -54,16 +110,16 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
         {"redirected elsewhere", [](Evidence* e) { e->questions[0].redirect = "203.0.113.201:80"; }},
     };
     const Evidence kept = Kept();
-    EXPECT_TRUE(Judge(Redirected(), kept.run, kept.questions).Passed());
+    EXPECT_TRUE(Judge(Redirected(), kept.run, kept.questions, {}).Passed());
     for (const Break& broken : breaks) {
         Evidence evidence = Kept();
         broken.apply(&evidence);
-        EXPECT_FALSE(Judge(Redirected(), evidence.run, evidence.questions).Passed()) << broken.what;
+        EXPECT_FALSE(Judge(Redirected(), evidence.run, evidence.questions, {}).Passed()) << broken.what;
     }
 
     Case slow = Redirected();
     slow.leastMilliseconds = 18000;
-    EXPECT_FALSE(Judge(slow, kept.run, kept.questions).Passed()) << "answered too early";
+    EXPECT_FALSE(Judge(slow, kept.run, kept.questions, {}).Passed()) << "answered too early";
 
     // What stands in the analyzer's log beside its answers proves nothing.
     EXPECT_FALSE(ParseQuestion("listening on 127.0.0.1:4000"));
@@ -90,7 +146,7 @@ TEST(ReportTest, ShowsWhatWasToldAndWhoAnswered) {
         Evidence evidence = Kept();
         row.apply(&evidence);
         std::ostringstream report;
-        PrintTable({Judge(Redirected(), evidence.run, evidence.questions)}, &report);
+        PrintTable({Judge(Redirected(), evidence.run, evidence.questions, {})}, &report);
         EXPECT_NE(report.str().find(row.text), std::string::npos) << row.text << "\n" << report.str();
     }
 }
