@@ -8,7 +8,7 @@
 #include <vector>
 
 /// Data beyond this goes into several answers.
-constexpr std::size_t kMostAnswerData = 64 * 1024;
+constexpr std::size_t kMostAnswerData = 64u * 1024;
 
 /// Appends answers of `action` that carry these bytes; one without data when there are none.
 ///

@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kLengthWordSize = 4;
 
 /// What a connection may keep for answers to come while it has none to send.
-constexpr std::size_t kRoomKept = 128 * 1024;
+constexpr std::size_t kRoomKept = 128u * 1024;
 
 }  // namespace
 

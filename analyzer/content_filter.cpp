@@ -11,7 +11,7 @@ void Append(const unsigned char* bytes, std::size_t count, std::vector<unsigned 
 
 /// What one unusual message needed isn't kept for as long as the connection lasts.
 void ReleaseRoom(std::vector<unsigned char>& buffer) {
-    constexpr std::size_t kUsual = 16 * 1024;
+    constexpr std::size_t kUsual = 16u * 1024;
     if (buffer.capacity() > kUsual) std::vector<unsigned char>().swap(buffer);
 }
 

@@ -7,7 +7,7 @@ namespace {
 
 /// More than the layer ever sends at a time; what a frame can make of the memory of a connection is bounded
 /// by it.
-constexpr std::size_t kMostRelayedData = 256 * 1024;
+constexpr std::size_t kMostRelayedData = 256u * 1024;
 
 /// The beginning of what a content rule looks for is kept while nothing comes for one to two such intervals:
 /// long enough for the rest of a message that is on its way, too short to be felt where it was the end of

@@ -7,9 +7,9 @@
 namespace {
 
 /// A longer head is answered as it is.
-constexpr std::size_t kMostHeadBytes = 16 * 1024;
+constexpr std::size_t kMostHeadBytes = 16u * 1024;
 /// A longer body is not waited for.
-constexpr std::uint64_t kMostBodyBytes = 1024 * 1024;
+constexpr std::uint64_t kMostBodyBytes = 1024u * 1024;
 
 constexpr char kEndOfHead[] = "\r\n\r\n";
 
@@ -72,9 +72,7 @@ PageRequest::State PageRequest::Read(const unsigned char* bytes, std::size_t cou
             return state_;
         }
         ReadHead(end + 2);
-        const std::size_t ofHead = end + sizeof(kEndOfHead) - 1 - before;
-        bytes += ofHead;
-        count -= ofHead;
+        count -= end + sizeof(kEndOfHead) - 1 - before;
     }
     bodyLeft_ -= std::min<std::uint64_t>(count, bodyLeft_);
     if (bodyLeft_ == 0) state_ = State::kWhole;

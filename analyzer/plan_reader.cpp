@@ -12,7 +12,7 @@ namespace {
 constexpr std::int64_t kMostHoldMilliseconds = 600000;
 constexpr std::size_t kMostContents = 16;
 /// Every connection that is served has a copy of the page for as long as its client takes it.
-constexpr std::size_t kMostPageBytes = 1024 * 1024;
+constexpr std::size_t kMostPageBytes = 1024u * 1024;
 constexpr std::int64_t kMostFirstBytes = INT64_MAX;
 
 /// What would end the line that it stands in.
