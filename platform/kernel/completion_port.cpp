@@ -13,15 +13,34 @@ namespace platform {
 void CompletionPort::EndWait(Waiter* waiter, Result result) noexcept {
     Parker* const parker = waiter->parker;
     waiter->result = result;
-    waiter->waiting.store(false, std::memory_order_release);
-    parker->Unpark();
+    // A thread that ends its own wait, in the course of the work that it does meanwhile, notices by itself.
+    const bool own = parker == &CurrentParker();
+    if (!own && waiter->work != nullptr) {
+        // It stays at the work, which may go once it leaves it, until that has been interrupted.
+        waiter->state.store(Wait::kEnding, std::memory_order_release);
+        waiter->work->Interrupt();
+    }
+    waiter->state.store(Wait::kEnded, std::memory_order_release);
+    if (!own) parker->Unpark();
+}
+
+/// The waiter for a packet, off the stack: the calling thread itself if it is one, else the last that came.
+CompletionPort::Waiter* CompletionPort::TakeWaiter() noexcept {
+    if (waiters_ == nullptr) return nullptr;
+    Parker* const self = &CurrentParker();
+    Waiter** link = &waiters_;
+    while (*link != nullptr && (*link)->parker != self)
+        link = &(*link)->below;
+    if (*link == nullptr) link = &waiters_;
+    Waiter* const taken = *link;
+    *link = taken->below;
+    return taken;
 }
 
 bool CompletionPort::Post(const CompletionPacket& packet) noexcept {
     std::unique_lock<std::mutex> lock(mutex_);
     if (closed_) return false;
-    if (Waiter* const waiter = waiters_; waiter != nullptr) {
-        waiters_ = waiter->below;
+    if (Waiter* const waiter = TakeWaiter(); waiter != nullptr) {
         lock.unlock();
         waiter->packet = packet;
         EndWait(waiter, Result::kPacket);
@@ -61,20 +80,53 @@ bool CompletionPort::EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept {
     return false;
 }
 
-CompletionPort::Result CompletionPort::Get(CompletionPacket* packet, Deadline deadline) noexcept {
-    Waiter self{&CurrentParker()};
-    bool ended = EndedAtOnce(&self, deadline);
+void CompletionPort::ParkUntilPacket(Waiter* waiter, Deadline deadline) noexcept {
+    bool ended = waiter->Has(Wait::kEnded);
     while (!ended) {
-        const bool unparked = CurrentThreadIsTerminated() || self.parker->ParkUntil(deadline);
-        ended = !self.waiting.load(std::memory_order_acquire);
+        const bool unparked = CurrentThreadIsTerminated() || waiter->parker->ParkUntil(deadline);
+        ended = waiter->Has(Wait::kEnded);
         if (ended || (unparked && !CurrentThreadIsTerminated())) continue;
-        if (RemoveWaiter(&self)) {
-            self.result = unparked ? Result::kTerminated : Result::kTimeout;
+        if (RemoveWaiter(waiter)) {
+            waiter->result = unparked ? Result::kTerminated : Result::kTimeout;
             break;
         }
         // Its packet is on the way and must not be lost.
         deadline = kNoDeadline;
     }
+}
+
+/// Works until the wait has ended, its time is up, or the work is withdrawn.
+void CompletionPort::WorkUntilPacket(Waiter* waiter, Deadline deadline, const IdleWorkUse& work) noexcept {
+    SetWork(waiter, work.Get());
+    while (waiter->Has(Wait::kOnStack) && work.IsOffered() && !HasPassed(deadline) &&
+           !CurrentThreadIsTerminated())
+        work->Run(deadline);
+    SetWork(waiter, nullptr);
+    while (waiter->Has(Wait::kEnding))
+        waiter->parker->ParkUntil(kNoDeadline);
+}
+
+/// Says on the stack what the thread does; without effect once it has been taken off.
+void CompletionPort::SetWork(Waiter* waiter, IdleWork* work) noexcept {
+    const std::lock_guard<std::mutex> holder(mutex_);
+    Waiter* at = waiters_;
+    while (at != nullptr && at != waiter)
+        at = at->below;
+    if (at != nullptr) at->work = work;
+}
+
+/// Waits for the end of a wait that is on the stack.
+void CompletionPort::AwaitPacket(Waiter* waiter, Deadline deadline) noexcept {
+    {
+        const IdleWorkUse work;
+        if (work) WorkUntilPacket(waiter, deadline, work);
+    }
+    ParkUntilPacket(waiter, deadline);
+}
+
+CompletionPort::Result CompletionPort::Get(CompletionPacket* packet, Deadline deadline) noexcept {
+    Waiter self{&CurrentParker()};
+    if (!EndedAtOnce(&self, deadline)) AwaitPacket(&self, deadline);
     if (self.result == Result::kPacket) *packet = self.packet;
     return self.result;
 }

@@ -1,7 +1,8 @@
 // Completion ports: a queue of packets and the threads that wait for one.
 //
 // Any thread may call. A packet posted while a thread waits is handed to the thread that waited last, as on
-// Windows; packets leave in the order they came. The port's lock is a leaf: nothing is called with it held.
+// Windows, but for one that a waiting thread posts itself, which it keeps; packets leave in the order they
+// came. The port's lock is a leaf: nothing is called with it held.
 #pragma once
 
 #include <atomic>
@@ -10,6 +11,7 @@
 
 #include "platform/kernel/clock.h"
 #include "platform/kernel/handles.h"
+#include "platform/kernel/idle_work.h"
 #include "platform/kernel/parking.h"
 
 namespace platform {
@@ -39,17 +41,28 @@ class CompletionPort final : public Object {
     void OnLastHandleClosed() noexcept override;
 
   private:
-    /// A waiting thread, on its own stack: gone as soon as `waiting` is false, so that is written last.
+    /// How far a wait is. From kEnding on, only the thread that ends it changes anything.
+    enum class Wait { kOnStack, kEnding, kEnded };
+
+    /// A waiting thread, on its own stack: gone as soon as `state` is kEnded, so that is written last.
     struct Waiter {
         Parker* parker;
         Waiter* below = nullptr;
         CompletionPacket packet{};
         Result result = Result::kPacket;
-        std::atomic<bool> waiting{true};
+        IdleWork* work = nullptr;  // that the thread does instead of sleeping; set while on the stack
+        std::atomic<Wait> state{Wait::kOnStack};
+
+        bool Has(Wait wait) const noexcept { return state.load(std::memory_order_acquire) == wait; }
     };
     static void EndWait(Waiter* waiter, Result result) noexcept;
     bool RemoveWaiter(Waiter* waiter) noexcept;
     bool EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept;
+    void AwaitPacket(Waiter* waiter, Deadline deadline) noexcept;
+    void WorkUntilPacket(Waiter* waiter, Deadline deadline, const IdleWorkUse& work) noexcept;
+    void SetWork(Waiter* waiter, IdleWork* work) noexcept;
+    void ParkUntilPacket(Waiter* waiter, Deadline deadline) noexcept;
+    Waiter* TakeWaiter() noexcept;
 
     std::mutex mutex_;
     std::deque<CompletionPacket> packets_;

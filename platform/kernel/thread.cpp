@@ -1,5 +1,6 @@
 // The table of threads, the adopting of those that CreateThread did not make, APCs, and ends.
 #include "platform/kernel/thread.h"
+#include "platform/kernel/idle_work.h"
 
 #include <unistd.h>
 
@@ -170,6 +171,7 @@ void ThreadObject::Terminate(DWORD exitCode) noexcept {
         requestedExitCode_ = exitCode;
         terminated_.store(true);
         CountTermination(1);
+        InterruptIdleWork();
     }
     parker_.Unpark();
     endedCondition_.wait_for(lock, kTerminationPatience, [this] { return ended_; });

@@ -1,10 +1,17 @@
-// One thread around an edge-triggered interest list. Sockets are named by tags that are never used twice, so
-// an event that was fetched before a socket's end finds nobody. The thread holds no lock while it works on a
-// socket, and calls of the platform made by it count as nobody's.
+// One thread around an edge-triggered interest list, which leaves it to a thread that waits for a completion
+// packet as long as there is one: what that thread waits for then needs no change of threads. Sockets are
+// named by tags that are never used twice, so an event that was fetched before a socket's end finds nobody.
+// No lock is held while a socket is worked on, and calls of the platform made for it count as nobody's.
+//
+// A waiting thread that has got its packet is mostly back after its work, so the reactor's thread takes the
+// list up again only when nobody was at it for a moment. While a thread stays at it, the reactor's sleeps.
 #include "platform/tcpip/reactor.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -13,6 +20,7 @@
 #include <vector>
 
 #include "platform/guard/call_depth.h"
+#include "platform/kernel/idle_work.h"
 #include "platform/kernel/process_exit.h"
 #include "platform/kernel/thread_hold.h"
 #include "platform/tcpip/ready_list.h"
@@ -21,7 +29,7 @@
 namespace tcpip {
 namespace {
 
-class Reactor final : private platform::ClockListener {
+class Reactor final : private platform::ClockListener, private platform::IdleWork {
   public:
     /// A process may end without the last clean-up, or with the module still loaded after a failed one.
     ~Reactor() override { Stop(); }
@@ -39,11 +47,19 @@ class Reactor final : private platform::ClockListener {
     };
 
     int StartLocked();
-    void Run();
     std::shared_ptr<Socket> Find(std::uint64_t tag);
     void RunTimers();
     platform::Deadline NextDeadline();
     void OnClockChanged() noexcept override { ready_.Wake(); }
+
+    void Begin() noexcept override;
+    void End() noexcept override;
+    void Run(platform::Deadline deadline) noexcept override;
+    void Interrupt() noexcept override { ready_.Wake(); }
+
+    void RunThread();
+    bool WaitWhileOthersWork();
+    void HandleEvents(std::int64_t nanoseconds);
 
     std::mutex lock_;  // leaf; guards the fields below
     std::unordered_map<std::uint64_t, std::weak_ptr<Socket>> sockets_;
@@ -52,6 +68,13 @@ class Reactor final : private platform::ClockListener {
     bool stopping_ = false;
     std::thread thread_;
 
+    std::condition_variable changed_;        // with lock_: to be told of a stop, or of a deep sleep's end
+    bool sleepsDeep_ = false;                // under lock_
+    std::atomic<bool> helped_{false};        // a waiting thread is at the list
+    std::atomic<unsigned> helps_{0};         // how often one has taken it up
+    std::atomic<bool> threadAtList_{false};  // the reactor's own thread is
+
+    kernel::Signal yield_;     // the reactor's thread is to leave the list
     kernel::ReadyList ready_;  // opened before the thread starts, closed after it has ended
 };
 
@@ -61,15 +84,22 @@ int Reactor::StartLocked() {
     if (thread_.joinable()) return 0;
     // A call that the last clean-up has overtaken: the thread that is ending still uses the list.
     if (stopping_) return ENOBUFS;
-    const int error = ready_.Open();
-    if (error != 0) return error;
-    try {
-        thread_ = std::thread([this] { Run(); });
-    } catch (const std::system_error&) {
-        ready_.Close();
-        return EAGAIN;
+    int error = ready_.Open();
+    if (error == 0) error = yield_.Open();
+    if (error == 0) {
+        try {
+            thread_ = std::thread([this] { RunThread(); });
+        } catch (const std::system_error&) {
+            error = EAGAIN;
+        }
     }
-    return 0;
+    if (error == 0) {
+        platform::OfferIdleWork(this);
+    } else {
+        ready_.Close();
+        yield_.Close();
+    }
+    return error;
 }
 
 int Reactor::Watch(const std::shared_ptr<Socket>& socket, int fd, std::uint64_t* tag) {
@@ -136,12 +166,86 @@ platform::Deadline Reactor::NextDeadline() {
     return next;
 }
 
-void Reactor::Run() {
+void Reactor::HandleEvents(std::int64_t nanoseconds) {
+    constexpr std::size_t kBatch = 64;
+    kernel::ReadyEvent events[kBatch];
+    const std::size_t count = ready_.Wait(events, kBatch, nanoseconds);
+    for (std::size_t i = 0; i < count; ++i) {
+        if (events[i].tag == kernel::kWakeTag) continue;
+        if (const std::shared_ptr<Socket> socket = Find(events[i].tag)) socket->OnReady();
+    }
+    RunTimers();
+}
+
+void Reactor::Begin() noexcept {
+    helped_ = true;
+    ++helps_;
+    if (threadAtList_) yield_.Raise();
+}
+
+void Reactor::End() noexcept {
+    helped_ = false;
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (sleepsDeep_) changed_.notify_all();
+}
+
+namespace {
+
+std::int64_t TimeoutUntil(platform::Deadline deadline) {
+    const std::int64_t left = platform::RealNanosecondsUntil(deadline);
+    return left == platform::kNoDeadline ? -1 : left;
+}
+
+/// Makes the thread that works return when the clock is changed, so that it computes its time anew.
+class ReturnOnClockChange final : private platform::ClockListener {
+  public:
+    explicit ReturnOnClockChange(platform::IdleWork& work) : work_(work) { Register(); }
+    ~ReturnOnClockChange() override { Unregister(); }
+
+  private:
+    void OnClockChanged() noexcept override { work_.Interrupt(); }
+    platform::IdleWork& work_;
+};
+
+}  // namespace
+
+void Reactor::Run(platform::Deadline deadline) noexcept {
+    const platform::Deadline first = std::min(deadline, NextDeadline());
+    if (first == platform::kNoDeadline) {
+        HandleEvents(-1);
+        return;
+    }
+    const ReturnOnClockChange listener(*this);
+    HandleEvents(TimeoutUntil(first));
+}
+
+/// Sleeps while waiting threads look after the list. False when the reactor is to stop.
+bool Reactor::WaitWhileOthersWork() {
+    constexpr std::chrono::milliseconds kMoment{1};
+    constexpr int kMomentsToDeepSleep = 100;
+    std::unique_lock<std::mutex> lock(lock_);
+    int moments = 0;
+    unsigned helps = helps_;
+    while (!stopping_) {
+        sleepsDeep_ = moments >= kMomentsToDeepSleep && helped_;
+        if (sleepsDeep_) {
+            changed_.wait(lock);
+        } else {
+            changed_.wait_for(lock, kMoment);
+        }
+        sleepsDeep_ = false;
+        const bool sameAsBefore = helps == helps_;
+        if (sameAsBefore && !helped_) return true;
+        moments = sameAsBefore ? moments + 1 : 0;
+        helps = helps_;
+    }
+    return false;
+}
+
+void Reactor::RunThread() {
     // What this thread calls of the platform is never a call of the layer or the application.
     platform::CurrentCallDepth().calls = 1;
     platform::LetThreadBeHeld();
-    constexpr std::size_t kBatch = 64;
-    kernel::ReadyEvent events[kBatch];
     bool listening = false;  // to the clock; only while some socket has a deadline
     for (;;) {
         const platform::Deadline deadline = NextDeadline();
@@ -149,13 +253,16 @@ void Reactor::Run() {
             listening = !listening;
             listening ? Register() : Unregister();
         }
-        const std::int64_t left = platform::RealNanosecondsUntil(deadline);
-        const std::size_t count = ready_.Wait(events, kBatch, left == platform::kNoDeadline ? -1 : left);
-        for (std::size_t i = 0; i < count; ++i) {
-            if (events[i].tag == kernel::kWakeTag) continue;
-            if (const std::shared_ptr<Socket> socket = Find(events[i].tag)) socket->OnReady();
+        threadAtList_ = true;
+        if (!helped_) {
+            ready_.WaitForEvents(yield_, TimeoutUntil(deadline));
+            if (!helped_) HandleEvents(0);
+            // What came meanwhile to wake the thread that helps may have been taken here.
+            if (helped_) ready_.Wake();
         }
-        RunTimers();
+        threadAtList_ = false;
+        yield_.Drain();
+        if (helped_ && !WaitWhileOthersWork()) break;
         std::lock_guard<std::mutex> guard(lock_);
         if (stopping_) break;
     }
@@ -175,9 +282,12 @@ void Reactor::Stop() {
         thread.detach();
         return;
     }
+    platform::WithdrawIdleWork();
+    changed_.notify_all();
     ready_.Wake();
     thread.join();
     ready_.Close();
+    yield_.Close();
     std::lock_guard<std::mutex> guard(lock_);
     stopping_ = false;
     sockets_.clear();

@@ -1,6 +1,7 @@
 // The kernel's event descriptor and its edge-triggered interest list.
 #include "platform/tcpip/ready_list.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -13,6 +14,12 @@ namespace {
 
 int ErrorOf(int result) {
     return result < 0 ? errno : 0;
+}
+
+/// Rounded up: a wait that ends before its time would only be repeated.
+int Milliseconds(std::int64_t nanoseconds) {
+    if (nanoseconds < 0) return -1;
+    return static_cast<int>(std::min<std::int64_t>((nanoseconds + 999999) / 1000000, 60000));
 }
 
 }  // namespace
@@ -60,14 +67,16 @@ int ReadyList::Add(int fd, std::uint64_t tag) {
     return ErrorOf(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event));
 }
 
+void ReadyList::WaitForEvents(const Signal& signal, std::int64_t nanoseconds) {
+    pollfd both[] = {{epoll_, POLLIN, 0}, {signal.fd(), POLLIN, 0}};
+    poll(both, 2, Milliseconds(nanoseconds));
+}
+
 std::size_t ReadyList::Wait(ReadyEvent* events, std::size_t capacity, std::int64_t nanoseconds) {
     constexpr std::size_t kMaximum = 64;
     epoll_event found[kMaximum];
-    // Round up: a wait that ends before its time would only be repeated.
-    const std::int64_t milliseconds =
-        nanoseconds < 0 ? -1 : std::min<std::int64_t>((nanoseconds + 999999) / 1000000, 60000);
-    const int count = epoll_wait(epoll_, found, static_cast<int>(std::min(capacity, kMaximum)),
-                                 static_cast<int>(milliseconds));
+    const int count =
+        epoll_wait(epoll_, found, static_cast<int>(std::min(capacity, kMaximum)), Milliseconds(nanoseconds));
     for (int i = 0; i < count; ++i) {
         events[i] = {found[i].data.u64, found[i].events};
         if (events[i].tag == kWakeTag) wake_.Drain();

@@ -53,6 +53,9 @@ class ReadyList {
     /// Waits; the number of events stored. The wake-up is reported as `kWakeTag`.
     std::size_t Wait(ReadyEvent* events, std::size_t capacity, std::int64_t nanoseconds);
 
+    /// Waits until there are events, without taking any; also until `signal` is raised.
+    void WaitForEvents(const Signal& signal, std::int64_t nanoseconds);
+
   private:
     int epoll_ = -1;
     Signal wake_;
