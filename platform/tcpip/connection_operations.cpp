@@ -5,6 +5,7 @@
 #include "platform/tcpip/address.h"
 #include "platform/tcpip/error_table.h"
 #include "platform/tcpip/operations.h"
+#include "platform/tcpip/port_turn.h"
 #include "platform/tcpip/reactor.h"
 #include "platform/tcpip/routes.h"
 #include "platform/tcpip/timed_wait.h"
@@ -26,6 +27,7 @@ int BindSocket(Socket& socket, const Endpoint& local) {
     if (error == EADDRINUSE && socket.IsStream() && !socket.options.reuseAddress) {
         // Closed connections that still fade away do not keep a port busy on Windows. The kernel makes that
         // distinction only for sockets that ask to share.
+        const PortTurn turn;
         kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
         error = kernel::Bind(socket.fd(), local);
         kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 0);
@@ -44,6 +46,7 @@ int ListenOn(Socket& socket, int backlog) {
     int error = kernel::Listen(socket.fd(), std::max(backlog, 1));
     if (error == EADDRINUSE) {
         // The kernel asks once more what keeps the port busy, see BindSocket.
+        const PortTurn turn;
         kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
         error = kernel::Listen(socket.fd(), std::max(backlog, 1));
         if (error != 0 && !socket.options.reuseAddress)

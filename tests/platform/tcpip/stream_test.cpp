@@ -345,6 +345,44 @@ TEST_F(StreamTest, PortIsFreeAgainWhenOnlyClosedConnectionsUseIt) {
     EXPECT_EQ(Error, WSAEADDRINUSE);
 }
 
+TEST_F(StreamTest, APortWithFadingConnectionsIsGivenToOneAlone) {
+    sockaddr_in name;
+    const SOCKET listener = Listener(&name);
+    const SOCKET client = Stream();
+    ASSERT_EQ(Connect(client, name), 0);
+    Close(Accept(listener));
+    EXPECT_EQ(Receive(client), "");
+    Close(client);
+    Close(listener);
+    for (int round = 0; round < 60; ++round) {
+        constexpr int kThreads = 4;
+        std::atomic<int> ready{0};
+        std::atomic<int> bound{0};
+        std::atomic<int> listening{0};
+        std::vector<std::thread> threads;
+        for (int index = 0; index < kThreads; ++index) {
+            threads.emplace_back([&] {
+                const SOCKET s = Stream();
+                ++ready;
+                while (ready < kThreads) {
+                }
+                if (CALL(Bind, s, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0) {
+                    ++bound;
+                    if (CALL(Listen, s, 1) == 0) ++listening;
+                }
+                ++ready;
+                while (ready < 2 * kThreads)
+                    std::this_thread::yield();
+                Close(s);
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        ASSERT_EQ(bound, 1) << "round " << round;
+        ASSERT_EQ(listening, 1) << "round " << round;
+    }
+}
+
 TEST_F(StreamTest, OperationsAreFaultPoints) {
     SOCKET client, server;
     Connect(&client, &server);
