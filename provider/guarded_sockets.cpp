@@ -12,7 +12,6 @@
 
 namespace {
 
-GUID DisconnectExId = WSAID_DISCONNECTEX;
 GUID ConnectExId = WSAID_CONNECTEX;
 
 Atomic<unsigned int> CloseHandleExceptions{0};
@@ -56,15 +55,6 @@ bool FetchExtension(SOCKET s, GUID& id, Function* function) {
                     &bytes, nullptr, nullptr) != SOCKET_ERROR;
 }
 
-BOOL DisconnectExtended(SOCKET s) {
-    LPFN_DISCONNECTEX disconnectEx = nullptr;
-    if (!FetchExtension(s, DisconnectExId, &disconnectEx)) {
-        Trace("ERROR:Failed to obtain the disconnect ex function. %d.", WSAGetLastError());
-        return FALSE;
-    }
-    return disconnectEx != nullptr ? disconnectEx(s, nullptr, 0, 0) : FALSE;
-}
-
 }  // namespace
 
 int SafeWSASend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -81,15 +71,6 @@ int SafeWSARecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, 
         SOCKET_ERROR,
         [&] { return WSARecv(s, buffers, count, bytesReceived, flags, overlapped, completionRoutine); },
         [] { Trace("ERROR:LSP WSARecv EXCEPTION in thread: %d", ThreadForTrace()); });
-}
-
-BOOL SafeDisconnectEx(SOCKET s) {
-    return Guarded(
-        BOOL{FALSE}, [&] { return DisconnectExtended(s); },
-        [&] {
-            Trace("ERROR:EXCEPTION when disconnecting ex lsp socket %d, from thread %d", SocketForTrace(s),
-                  ThreadForTrace());
-        });
 }
 
 int SafeShutdown(SOCKET s, int how) {
@@ -208,8 +189,7 @@ BOOL SafeAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receive
 }
 
 void CloseSocketCompletely(SOCKET& s) {
-    const Locker lock(SocketCreateCloseLock);
-    SafeDisconnectEx(s);
+    // DisconnectEx without a record would wait for a peer that does not read, and hold up every other close.
     SafeShutdown(s, SD_BOTH);
     SafeCloseSocket(s);
     s = INVALID_SOCKET;

@@ -16,9 +16,6 @@ int SafeWSASend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWOR
 int SafeWSARecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
                 LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE completionRoutine);
 
-/// Ends the connection of `s` so that its peer sees it; FALSE also when the provider has no such function.
-BOOL SafeDisconnectEx(SOCKET s);
-
 /// SOCKET_ERROR with WSAENOTSOCK, and no call, for 0 and INVALID_SOCKET.
 int SafeShutdown(SOCKET s, int how);
 
@@ -45,6 +42,5 @@ int SafeListen(SOCKET s, int backlog);
 BOOL SafeAcceptEx(SOCKET listener, SOCKET accepting, PVOID output, DWORD receiveLength, DWORD localLength,
                   DWORD remoteLength, LPDWORD bytesReceived, LPOVERLAPPED overlapped);
 
-/// Disconnects, shuts down and closes `s` as one step against other creations and closes, and stores
-/// INVALID_SOCKET in it. Failures on the way don't matter.
+/// Shuts down and closes `s`, and stores INVALID_SOCKET in it. Failures on the way don't matter.
 void CloseSocketCompletely(SOCKET& s);

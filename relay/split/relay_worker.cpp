@@ -57,6 +57,7 @@ void Handle(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
             OnServerConnected(std::move(record), connection);
             break;
         case RelayOpSpyRecv:
+            connection->SpyReceivePosted = false;
             if (bytes == 0) {
                 OnSpyClosed(connection);
             } else {

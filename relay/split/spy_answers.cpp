@@ -178,7 +178,6 @@ bool PostFirstSpyReceive(RelayHold& connection) {
 }
 
 void OnSpyData(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
-    connection->SpyReceivePosted = false;
     const DWORD room = record->BufferSize - bytes;
     ReceivedSoFar received;
     if (!Append(record.get(), bytes, &received) || !HandleFrames(&received, connection)) {
@@ -197,6 +196,5 @@ void OnSpyData(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
 }
 
 void OnSpyClosed(RelayHold& connection) {
-    connection->SpyReceivePosted = false;
     CloseEntireRelayConnection(connection, true);
 }
