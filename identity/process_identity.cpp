@@ -8,6 +8,7 @@
 
 #include "base/atomic.h"
 #include "base/locker.h"
+#include "base/this_library.h"
 #include "base/trace.h"
 #include "messages/text_cut.h"
 #include "provider/guarded_sockets.h"
@@ -26,14 +27,6 @@ Atomic<bool> Collecting;            // set under GlobalLock, cleared by the thre
 template <std::size_t size>
 void CopyText(const std::string& text, char (&destination)[size]) {
     destination[text.copy(destination, FittingLength(text, size - 1))] = 0;
-}
-
-/// A reference on this library, or null.
-HMODULE ReferenceThisLibrary() {
-    HMODULE library = nullptr;
-    const auto* const codeInside = reinterpret_cast<LPCWSTR>(&CollectProcessInfo);
-    return GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, codeInside, &library) ? library
-                                                                                            : nullptr;
 }
 
 /// The thread, which keeps the library loaded for as long as it runs: it asks other programs' windows and the

@@ -7,6 +7,7 @@
 
 #include <guarded_call.h>
 
+#include "base/this_library.h"
 #include "base/trace.h"
 #include "identity/host_process.h"
 #include "identity/process_identity.h"
@@ -93,15 +94,6 @@ bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
     return true;
 }
 
-/// Keeps the library's code for threads that a clean-up overtook inside it: once in them, nobody could tell
-/// when the last instruction has been executed.
-void KeepLibraryLoaded() {
-    HMODULE pinned = nullptr;
-    const auto* const codeInside = reinterpret_cast<LPCWSTR>(&KeepLibraryLoaded);
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, codeInside,
-                       &pinned);
-}
-
 /// Releases what a failed first start-up built. Its workers can't end, nor even begin, while the loader's
 /// lock is held, as by a library that starts Winsock while it is loaded.
 void DropLayer() {
@@ -109,7 +101,7 @@ void DropLayer() {
     const bool workersEnded = StopOverlappedManager();
     FreeOverlappedRecords();
     INT ignored = 0;
-    if (!FreeLspCatalog(false, &ignored) || !workersEnded) KeepLibraryLoaded();
+    if (!FreeLspCatalog(false, &ignored) || !workersEnded) KeepThisLibraryLoaded();
     // There was no socket yet that a message could be about.
     DestroyBufferArena();
 }
@@ -210,7 +202,7 @@ int WSPAPI WSPCleanup(LPINT error) {
         // Only now is it certain that no other thread still holds a message.
         TheBufferArena().Destroy();
     } else {
-        KeepLibraryLoaded();
+        KeepThisLibraryLoaded();
     }
     FreeProtocolPatterns();
     CleaningUp = false;

@@ -119,14 +119,15 @@ DWORD WINAPI WaitForEvents(LPVOID argument) {
 }
 
 /// Null when there is no memory or no thread.
-EventWaiter* StartWaiter(CatalogLifetime* lifetime) QX_REQUIRES(OverlappedLock) {
+EventWaiter* StartWaiter(CatalogLifetime* lifetime, const ThreadStarter& starter)
+    QX_REQUIRES(OverlappedLock) {
     auto* const waiter =
         static_cast<EventWaiter*>(HeapAlloc(lifetime->Heap, HEAP_ZERO_MEMORY, sizeof(EventWaiter)));
     if (waiter == nullptr) return nullptr;
     waiter->Lifetime = lifetime;
     waiter->Wake = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     HoldCatalogLifetime(lifetime);
-    if (waiter->Wake != nullptr && StartWorkerThread(WaitForEvents, waiter, &waiter->Worker)) {
+    if (waiter->Wake != nullptr && starter.Start(WaitForEvents, waiter, &waiter->Worker)) {
         waiter->Next = std::exchange(FirstWaiter, waiter);
         return waiter;
     }
@@ -136,8 +137,9 @@ EventWaiter* StartWaiter(CatalogLifetime* lifetime) QX_REQUIRES(OverlappedLock) 
     return nullptr;
 }
 
-/// A thread that has room for one more request, with a place in it. Null when there is none.
-EventWaiter* TakePlace(CatalogLifetime* lifetime) {
+/// A thread that has room for one more request, with a place in it. Null when there is none, nor one to be
+/// started.
+EventWaiter* TakePlace(CatalogLifetime* lifetime, const ThreadStarter* starter) {
     const Locker lock(OverlappedLock);
     // A clean-up may have overtaken the request; a thread lies in the heap of its manager's catalog.
     const bool stopped = ManagerPort == nullptr && ManagerSemaphore == nullptr;
@@ -145,9 +147,15 @@ EventWaiter* TakePlace(CatalogLifetime* lifetime) {
     EventWaiter* waiter = FirstWaiter;
     while (waiter != nullptr && waiter->Places == kPlaces)
         waiter = waiter->Next;
-    if (waiter == nullptr) waiter = StartWaiter(lifetime);
+    if (waiter == nullptr && starter != nullptr) waiter = StartWaiter(lifetime, *starter);
     if (waiter != nullptr) ++waiter->Places;
     return waiter;
+}
+
+EventWaiter* TakePlaceOrStart(CatalogLifetime* lifetime) {
+    if (EventWaiter* const waiter = TakePlace(lifetime, nullptr)) return waiter;
+    const ThreadStarter starter;
+    return TakePlace(lifetime, &starter);
 }
 
 /// Leaves a request that is under way to a thread. False when that has ended meanwhile.
@@ -162,7 +170,7 @@ bool HandOver(EventWaiter* waiter, OverlappedOperation* operation) {
 }  // namespace
 
 Outcome ExecuteByEvent(OverlappedOperation* operation, SocketContext* context) {
-    EventWaiter* const waiter = TakePlace(operation->Lifetime);
+    EventWaiter* const waiter = TakePlaceOrStart(operation->Lifetime);
     if (waiter == nullptr) return {0, 0, WSAENOBUFS};
     const HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     INT result = WSAENOBUFS;

@@ -28,11 +28,11 @@ constexpr int kStartFailure = WSAEPROVIDERFAILEDINIT;
 WorkerThread* Workers QX_GUARDED_BY(OverlappedLock) = nullptr;
 DWORD WorkerCount QX_GUARDED_BY(OverlappedLock) = 0;
 
-bool StartWorker() QX_REQUIRES(OverlappedLock) {
+bool StartWorker(const ThreadStarter& starter) QX_REQUIRES(OverlappedLock) {
     const HANDLE port = ManagerPort;
     const LPTHREAD_START_ROUTINE procedure = port != nullptr ? PortWorker : AlertableWorker;
     const HANDLE argument = port != nullptr ? port : static_cast<HANDLE>(ManagerSemaphore);
-    if (!StartWorkerThread(procedure, argument, &Workers[WorkerCount])) return false;
+    if (!starter.Start(procedure, argument, &Workers[WorkerCount])) return false;
     ++WorkerCount;
     return true;
 }
@@ -101,6 +101,7 @@ Outcome Fail(OverlappedOperation* operation, SocketContext* context, INT error) 
 }  // namespace
 
 int StartOverlappedManager() {
+    const ThreadStarter starter;
     const Locker lock(OverlappedLock);
     if (Workers != nullptr) return 0;
     ForgetFreeRecords();
@@ -115,7 +116,7 @@ int StartOverlappedManager() {
     Workers =
         static_cast<WorkerThread*>(HeapAlloc(PrivateHeap, HEAP_ZERO_MEMORY, wanted * sizeof(WorkerThread)));
     WorkerCount = 0;
-    while (Workers != nullptr && WorkerCount < wanted && StartWorker()) {
+    while (Workers != nullptr && WorkerCount < wanted && StartWorker(starter)) {
     }
     if (WorkerCount == 0) GiveUpStart();
     return WorkerCount == wanted ? 0 : kStartFailure;

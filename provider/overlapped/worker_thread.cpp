@@ -3,9 +3,19 @@
 
 #include <memory>
 #include <new>
+#include <utility>
 
+#include "base/atomic.h"
 #include "base/layer_call.h"
+#include "base/this_library.h"
 #include "provider/guarded_sockets.h"
+
+/// The starter and the threads of its that have not begun yet. The last one to leave has the library's
+/// reference to give back.
+struct BeginningThreads {
+    HMODULE Library;
+    Atomic<LONG> Count;
+};
 
 namespace {
 
@@ -15,18 +25,32 @@ struct WorkerStart {
     LPTHREAD_START_ROUTINE Procedure;
     LPVOID Argument;
     HANDLE Done;
+    BeginningThreads* Beginning;
 };
+
+/// The reference for the last one to leave; null for the others.
+HMODULE Leave(BeginningThreads* beginning) {
+    const HMODULE library = beginning->Library;
+    if (beginning->Count.Decrement() > 0) return nullptr;
+    delete beginning;
+    return library;
+}
 
 DWORD WINAPI RunWorker(LPVOID argument) {
     HANDLE done;
+    HMODULE library;
     {
         const std::unique_ptr<WorkerStart> start(static_cast<WorkerStart*>(argument));
         done = start->Done;
+        library = Leave(start->Beginning);
+        if (library != nullptr && GiveReferenceBackElsewhere(library)) library = nullptr;
         // It ends requests on the layer's own sockets as well.
         const LayerCall call;
         start->Procedure(start->Argument);
     }
     SetEvent(done);
+    // Without a thread to give it back meanwhile.
+    if (library != nullptr) FreeLibraryAndExitThread(library, 0);
     return 0;
 }
 
@@ -35,13 +59,29 @@ constexpr DWORD kLastInstructionsMilliseconds = 10;
 
 }  // namespace
 
-bool StartWorkerThread(LPTHREAD_START_ROUTINE procedure, LPVOID argument, WorkerThread* worker) {
+ThreadStarter::ThreadStarter() : beginning_(new (std::nothrow) BeginningThreads) {
+    if (beginning_ == nullptr) return;
+    beginning_->Library = ReferenceThisLibrary();
+    beginning_->Count.Increment();
+    if (beginning_->Library == nullptr) delete std::exchange(beginning_, nullptr);
+}
+
+ThreadStarter::~ThreadStarter() {
+    const HMODULE library = beginning_ != nullptr ? Leave(beginning_) : nullptr;
+    if (library != nullptr) FreeLibrary(library);
+}
+
+bool ThreadStarter::Start(LPTHREAD_START_ROUTINE procedure, LPVOID argument, WorkerThread* worker) const {
+    if (beginning_ == nullptr) return false;
     const HANDLE done = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     if (done == nullptr) return false;
-    std::unique_ptr<WorkerStart> start(new (std::nothrow) WorkerStart{procedure, argument, done});
+    std::unique_ptr<WorkerStart> start(new (std::nothrow) WorkerStart{procedure, argument, done, beginning_});
+    beginning_->Count.Increment();
     const HANDLE thread =
         start != nullptr ? CreateThread(nullptr, 0, RunWorker, start.get(), 0, nullptr) : nullptr;
     if (thread == nullptr) {
+        // The starter is still there, so it is not the last one.
+        beginning_->Count.Decrement();
         SafeCloseHandle(done);
         return false;
     }

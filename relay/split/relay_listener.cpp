@@ -61,7 +61,8 @@ bool Listen(SOCKET s) {
 }
 
 bool StartWorker(WorkerThread* worker) {
-    if (StartWorkerThread(RelayWorker, RelayCompletionPort, worker)) return true;
+    const ThreadStarter starter;
+    if (starter.Start(RelayWorker, RelayCompletionPort, worker)) return true;
     Trace("ERROR:Failed to create the thread for accepting relay connections, error = %d\n",
           static_cast<int>(GetLastError()));
     return false;

@@ -7,6 +7,7 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "tests/provider/loaded_layer.h"
+#include "tests/support/loader_lock.h"
 #include "tests/support/scripted_layer_fixture.h"
 
 namespace {
@@ -62,7 +63,8 @@ class LayerLife : public ScriptedLayerFixture {
     }
     int Closes() { return static_cast<int>(Provider().Calls(Op::kCloseSocket).size()); }
 
-    /// With the last reference: that may be the one of the thread that collects the process's identity.
+    /// With the last reference: that may be the one of the thread that collects the process's identity, or
+    /// of the overlapped workers, which keep the library until they have begun.
     void ExpectLibraryGoes() {
         layer_->Unload();
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -109,21 +111,33 @@ TEST_F(LayerLife, ALowerProviderIsStartedOnceAndEndedByTheLastCleanUp) {
 }
 
 TEST_F(LayerLife, UnloadingWhileStartedEndsABaseProviderAndLeavesALayerAlone) {
-    for (const int chainLength : {1, 2}) {
-        SCOPED_TRACE(chainLength);
+    const struct {
+        int chainLength;
+        bool beforeThreadsBegin;  // the last reference of the test's, too
+    } rows[] = {{1, false}, {1, true}, {2, false}};
+    for (const auto& [chainLength, beforeThreadsBegin] : rows) {
+        SCOPED_TRACE(::testing::Message() << chainLength << " " << beforeThreadsBegin);
         LoadAbove(chainLength);
         if (IsSkipped()) return;
         Provider().Reset();
-        // A thread that has not begun by the time the library goes would begin in it.
-        platform::ArmFault({"CreateThread", 1, platform::FaultKind::kError, 0, true});
-        for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_STREAM})
-            ASSERT_EQ(StartLayer(type), 0);
-        platform::DisarmFaults();
-        const SOCKET s = MakeSocket();
+        SOCKET lowerSocket = INVALID_SOCKET;
         INT error = 0;
-        table_.lpWSPListen(s, 1, &error);
-        const SOCKET lowerSocket = Provider().Calls(Op::kListen).at(0).socket;
+        const auto startAndUnload = [&, early = beforeThreadsBegin] {
+            for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_STREAM}) {
+                // The first one collects the process's identity and would keep the library as well.
+                const platform::ScopedFault fault({"CreateThread"});
+                ASSERT_EQ(StartLayer(type), 0);
+            }
+            table_.lpWSPListen(MakeSocket(), 1, &error);
+            lowerSocket = Provider().Calls(Op::kListen).at(0).socket;
+            if (early) layer_->Unload();
+        };
         const platform::ScopedClockRate fast(10);
+        if (beforeThreadsBegin) {
+            WithLoaderLock(startAndUnload);
+        } else {
+            startAndUnload();
+        }
         ExpectLibraryGoes();
         const int told = chainLength == 1 ? 1 : 0;
         EXPECT_EQ(HardCloses(), told);

@@ -319,7 +319,9 @@ TEST_P(OverlappedRequests, TheLowerHandleIsToldOfALayeredProvidersSocket) {
 TEST_P(OverlappedRequests, WithoutAThreadOrEventToWaitForThemAreRefused) {
     // A completion port needs neither.
     if (GetParam() == RequestMode::kCompletionPort) return;
-    const platform::Fault faults[] = {{"CreateThread", 1}, {"CreateEventA", 1}, {"CreateEventA", 2}};
+    // The last worker to begin may want a thread, too.
+    const platform::Fault faults[] = {
+        {"CreateThread", 1, platform::FaultKind::kError, 0, true}, {"CreateEventA", 1}, {"CreateEventA", 2}};
     for (const platform::Fault& fault : faults) {
         SCOPED_TRACE(fault.function);
         const SOCKET s = Open();
@@ -327,7 +329,7 @@ TEST_P(OverlappedRequests, WithoutAThreadOrEventToWaitForThemAreRefused) {
         platform::ArmFault(fault);
         const int result = Start(OverlappedType::kTransmitFile, s, request);
         EXPECT_EQ(Ended(result, request, false), static_cast<DWORD>(WSAENOBUFS));
-        EXPECT_EQ(platform::FaultsStruck(), 1);
+        EXPECT_GT(platform::FaultsStruck(), 0);
         platform::DisarmFaults();
         CloseLetGo(s);
     }

@@ -2,9 +2,11 @@
 #include "tests/support/layer_fixture.h"
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <thread>
 
 #include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
@@ -24,6 +26,14 @@ std::string FreshDirectory() {
     std::filesystem::remove_all(path);
     std::filesystem::create_directories(path);
     return path.string();
+}
+
+/// A thread of the layer's that is about to end keeps the library, and with it what it has read of the
+/// settings.
+void WaitForLayerToGo(const std::string& path) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (GetModuleHandleA(path.c_str()) != nullptr && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
 }
 
 }  // namespace
@@ -92,6 +102,7 @@ void LayerFixture::RouteToNowhere(const std::string& destination) {
 }
 
 void LayerFixture::StartWinsock() {
+    if (stopped_) WaitForLayerToGo(machine_.layer);
     ApplyMachine();
     WSADATA data{};
     ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
@@ -103,6 +114,7 @@ void LayerFixture::StopWinsock() {
     platform::SetClockRate(kCleanupRate);
     EXPECT_EQ(WSACleanup(), 0);
     platform::ResetClock();
+    stopped_ = true;
 }
 
 std::size_t LayerFixture::CountDebugLines(const std::string& part) const {

@@ -48,6 +48,7 @@ class LayerFixture : public ::testing::Test {
     void RouteTo(const std::string& destination, std::uint16_t loopbackPort);
     void RouteToNowhere(const std::string& destination);
 
+    /// After a StopWinsock too: it waits until the layer of before has gone.
     void StartWinsock();
 
     /// The last clean-up of the process; its waits run at many times their speed.
@@ -68,6 +69,7 @@ class LayerFixture : public ::testing::Test {
     platform::ResourceCounts before_;
     std::optional<platform::DebugOutputCapture> debugOutput_;
     bool started_ = false;
+    bool stopped_ = false;
     bool expectLeftovers_ = false;
 };
 
