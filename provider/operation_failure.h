@@ -8,12 +8,6 @@ inline INT LowerError(INT error) {
     return error != 0 ? error : INT{WSAEINVAL};
 }
 
-/// The result of a lower call that stores its error in `*error`, which was 0 before.
-inline int LowerResult(int result, LPINT error) {
-    if (result == SOCKET_ERROR) *error = LowerError(*error);
-    return result;
-}
-
 /// Stores `code` as the operation's error, from which the socket library sets the thread's last error.
 /// Returns SOCKET_ERROR.
 inline int Fail(INT code, LPINT error) {

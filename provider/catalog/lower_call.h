@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "provider/catalog/lsp_entry.h"
+#include "provider/operation_failure.h"
 #include "provider/process_state.h"
 
 /// Scoped holder of the thread slot.
@@ -29,14 +30,25 @@ class LowerCall {
 };
 
 /// Runs `call()` as a call into the lower provider of `provider` and returns its result; `failure` with
-/// `*error` WSAEFAULT when it raised.
+/// `*error` WSAEFAULT when it raised. For the caller that makes something of a failure without an error; all
+/// others use CallLower.
 template <class Call, class Result = decltype(std::declval<Call&>()())>
-Result CallLower(LspEntry* provider, Result failure, LPINT error, Call call) {
+Result RunLowerCall(LspEntry* provider, Result failure, LPINT error, Call call) {
     Result result = failure;
     const LowerCall slot(provider);
     if (!GuardedCall([&]() noexcept { result = call(); })) {
         *error = WSAEFAULT;
         return failure;
     }
+    return result;
+}
+
+/// The same for a call that stores its error in `*error`: when the result is `failure`, there is one.
+template <class Call, class Result = decltype(std::declval<Call&>()())>
+Result CallLower(LspEntry* provider, Result failure, LPINT error, Call call) {
+    // What the caller's variable holds is not this call's error.
+    *error = 0;
+    const Result result = RunLowerCall(provider, failure, error, call);
+    if (result == failure) *error = LowerError(*error);
     return result;
 }

@@ -17,10 +17,12 @@ struct ConnectArguments {
     LPQOS GroupQos;
 };
 
+/// A failure may leave the error at 0.
 int ConnectLower(SocketContext* context, const ConnectTarget& target, const ConnectArguments& arguments,
                  LPINT error) {
     LspEntry* const provider = context->Provider;
-    return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+    *error = 0;
+    return RunLowerCall(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPConnect(
             context->ProviderSocket, reinterpret_cast<const sockaddr*>(&target.name), target.length,
             arguments.CallerData, arguments.CalleeData, arguments.SendQos, arguments.GroupQos, error);
@@ -48,7 +50,6 @@ bool IsPending(int error) {
 /// way. What an earlier connect has split stays so when this one fails.
 int ConnectToRelay(SocketContext* context, const ConnectTarget& relay, const ConnectArguments& arguments,
                    bool* established, LPINT error) {
-    *error = 0;
     const int result = ConnectLower(context, relay, arguments, error);
     *established = result != SOCKET_ERROR || IsPending(*error);
     if (result != SOCKET_ERROR) return result;
@@ -86,6 +87,7 @@ int WSPAPI WSPConnect(SOCKET s, const sockaddr* name, int namelen, LPWSABUF call
     const ConnectArguments arguments = {callerData, calleeData, sendQos, groupQos};
     if (target.way == ConnectTarget::Way::kDirect) {
         const int result = ConnectLower(context.Get(), target, arguments, error);
+        if (result == SOCKET_ERROR) *error = LowerError(*error);
         StoreLocalName(context.Get());
         return result;
     }

@@ -95,7 +95,7 @@ BOOL RunExtension(SOCKET s, const ExtensionFunction& function, OverlappedType ty
                 // What an earlier call has left is not this one's error.
                 WSASetLastError(0);
                 const BOOL done = direct(provider->Extensions, context->ProviderSocket) ? TRUE : FALSE;
-                if (!done) error = LowerError(WSAGetLastError());
+                if (!done) error = WSAGetLastError();
                 return done;
             });
             if (result && freesSocket) NotifyReuse(context.Get());

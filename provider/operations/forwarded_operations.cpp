@@ -1,5 +1,5 @@
 // The operations that only put the lower socket in place of the application's.
-#include "base/trace.h"
+#include "provider/operation_failure.h"
 #include "provider/operations/forward_operation.h"
 #include "provider/operations/operations.h"
 
@@ -61,8 +61,10 @@ int WSPAPI WSPCancelBlockingCall(LPINT error) {
     if (provider == nullptr) return 0;
     // A plain guard: the slot belongs to the call that is to be cancelled.
     int result = SOCKET_ERROR;
+    *error = 0;
     if (!GuardedCall([&]() noexcept { result = provider->LowerProcedures.lpWSPCancelBlockingCall(error); }))
         *error = WSAEFAULT;
+    if (result == SOCKET_ERROR) *error = LowerError(*error);
     return result;
 }
 

@@ -103,10 +103,9 @@ int WSPAPI WSPIoctl(SOCKET s, DWORD code, LPVOID input, DWORD inputLength, LPVOI
         if (bytesReturned != nullptr) GuardedCall([&]() noexcept { *bytesReturned = queued.Bytes; });
         return 0;
     }
-    const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
+    return CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPIoctl(context->ProviderSocket, code, input, inputLength, output,
                                                     outputLength, bytesReturned, nullptr, completionRoutine,
                                                     threadId, error);
     });
-    return LowerResult(result, error);
 }

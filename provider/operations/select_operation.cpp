@@ -131,7 +131,7 @@ int WSPAPI WSPSelect(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* except
         return provider->LowerProcedures.lpWSPSelect(nfds, reads.Lower(), writes.Lower(), excepts.Lower(),
                                                      timeout, error);
     });
-    if (result == SOCKET_ERROR) return LowerResult(result, error);
+    if (result == SOCKET_ERROR) return SOCKET_ERROR;
 
     std::array<SOCKET, 3 * kSetCapacity> reported;
     unsigned int reportedCount = 0;

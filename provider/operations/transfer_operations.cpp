@@ -125,7 +125,7 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
     });
     const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
     AnalyzeReceived(context.Get(), buffers, count, &received);
-    return context->Blocked ? FailBlocked(context.Get(), error) : LowerResult(result, error);
+    return context->Blocked ? FailBlocked(context.Get(), error) : result;
 }
 
 int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
@@ -154,7 +154,7 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     const bool hasSource = result != SOCKET_ERROR && StoreSource(context.Get(), from, fromLength, &source);
     AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
                         hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return context->Blocked ? FailBlocked(context.Get(), error) : LowerResult(result, error);
+    return context->Blocked ? FailBlocked(context.Get(), error) : result;
 }
 
 int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -180,7 +180,7 @@ int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, D
                                                    overlapped, completionRoutine, threadId, error);
     });
     CountMoved(&context->BytesSent, result, bytesSent);
-    return LowerResult(result, error);
+    return result;
 }
 
 int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -217,5 +217,5 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
                                                      error);
     });
     CountMoved(&context->BytesSent, result, bytesSent);
-    return LowerResult(result, error);
+    return result;
 }

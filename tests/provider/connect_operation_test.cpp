@@ -77,11 +77,13 @@ TEST_F(ConnectOperation, SplitGoesToTheRelayOrIsUndone) {
     } const cases[] = {{0, 0, 0, 7777},
                        {WSAEWOULDBLOCK, WSAEWOULDBLOCK, 0, 7777},
                        {WSA_IO_PENDING, WSAEWOULDBLOCK, 0, 7777},
+                       {FakeState::kUnnamed, WSAEWOULDBLOCK, 0, 7777},
                        {WSAECONNRESET, WSAECONNRESET, 1, 0}};
     for (const auto& row : cases) {
         Fake().connected.clear();
         context_->LocalAddress.Store(nullptr, 0);
         Fake().connectError = row.lowerError;
+        error_ = WSAEISCONN;  // what an earlier call has left
         EXPECT_EQ(Connect(), row.error);
         EXPECT_EQ(Fake().connected, (std::vector<std::string>{"127.0.0.1:48300 128"}));
         EXPECT_EQ(Fake().abandonedSplits, row.abandoned) << row.lowerError;

@@ -71,7 +71,7 @@ int WSPAPI LowerConnect(SOCKET, const sockaddr* name, int namelen, LPWSABUF, LPW
                         LPINT error) {
     Fake().connected.push_back(DescribeName(name, namelen));
     if (Fake().connectError == 0) return 0;
-    *error = Fake().connectError;
+    if (Fake().connectError != FakeState::kUnnamed) *error = Fake().connectError;
     return SOCKET_ERROR;
 }
 
