@@ -42,7 +42,7 @@ struct FakeState {
     DWORD socketFlags = 0;
     WSAPROTOCOL_INFOW socketInfo{};
     std::vector<std::string> connected;  // "address:port length"
-    int connectError = 0;  // kUnnamed: fails without one
+    int connectError = 0;                // kUnnamed: fails without one
     static constexpr int kUnnamed = -1;
 
     // The interception; unset ones do nothing.

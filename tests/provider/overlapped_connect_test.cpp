@@ -18,7 +18,6 @@ class ConnectExVerdict : public ConnectFixture, public ::testing::WithParamInter
   protected:
     void SetUp() override {
         ConnectFixture::SetUp();
-        RouteToNowhere("192.0.2.1:80");
         StartWinsock();
         StartLayerIn(GetParam());
     }
@@ -99,23 +98,6 @@ TEST_P(ConnectExVerdict, RefusedConnectionsGoNowhereAndRedirectedOnesElsewhere) 
     EXPECT_TRUE(otherOrigin_.HasConnection());
     EXPECT_FALSE(origin_.HasConnection());
     closesocket(redirected);
-}
-
-TEST_P(ConnectExVerdict, PendingAndRefusedConnectsEndAsWindowsEndsThem) {
-    if (GetParam() == Mode::kForeignPort) PutLowerSocketsOnAForeignPort();
-    const ClosedPort closed;
-    EventRequest refused;
-    const SOCKET toNobody = BoundSocket();
-    ASSERT_EQ(ConnectExTo(toNobody, Ipv4("127.0.0.1", closed.Port()), nullptr, 0, &refused.overlapped),
-              WSA_IO_PENDING);
-    EXPECT_EQ(refused.Wait(toNobody), static_cast<DWORD>(WSAECONNREFUSED));
-    closesocket(toNobody);
-    EventRequest pending;
-    const SOCKET toNowhere = BoundSocket();
-    ASSERT_EQ(ConnectExTo(toNowhere, Ipv4("192.0.2.1", 80), nullptr, 0, &pending.overlapped), WSA_IO_PENDING);
-    EXPECT_EQ(closesocket(toNowhere), 0);
-    EXPECT_EQ(WaitForSingleObject(pending.overlapped.hEvent, 20000), WAIT_OBJECT_0);
-    EXPECT_EQ(pending.overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
 }
 
 }  // namespace

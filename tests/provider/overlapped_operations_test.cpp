@@ -175,7 +175,6 @@ int StartDisconnectEx(Stage& stage) {
 
 struct OperationRow {
     const char* name;
-    const char* lowerCall;
     void (Stage::*prepare)();
     int (*start)(Stage&);
     void (Stage::*satisfy)();  ///< what it waits for; null: for nothing
@@ -183,18 +182,18 @@ struct OperationRow {
 };
 
 constexpr OperationRow kOperations[] = {
-    {"ioctl", "lower WSPIoctl", &Stage::Connect, StartIoctl, nullptr, 0},
-    {"recv", "lower WSPRecv", &Stage::Connect, StartRecv, &Stage::PeerSends, 5},
-    {"recvfrom", "lower WSPRecvFrom", &Stage::Datagrams, StartRecvFrom, &Stage::DatagramArrives, 5},
-    {"send", "lower WSPSend", &Stage::Connect, StartSend, nullptr, 5},
-    {"long send", "lower WSPSend", &Stage::Connect, StartLongSend, &Stage::PeerReads, kLongSend},
-    {"sendto", "lower WSPSendTo", &Stage::Datagrams, StartSendTo, nullptr, 5},
-    {"TransmitFile", "lower TransmitFile", &Stage::Connect, StartTransmitFile, nullptr, 5},
-    {"AcceptEx", "lower AcceptEx", &Stage::Listen, StartAcceptEx, &Stage::ClientArrives, 5},
-    {"ConnectEx", "lower ConnectEx", &Stage::Bind, StartConnectEx, nullptr, 3},
-    {"DisconnectEx", "lower DisconnectEx", &Stage::Connect, StartDisconnectEx, nullptr, 0},
-    {"TransmitPackets", "lower TransmitPackets", &Stage::Connect, StartTransmitPackets, nullptr, 5},
-    {"WSARecvMsg", "lower WSARecvMsg", &Stage::Datagrams, StartRecvMsg, &Stage::DatagramArrives, 5},
+    {"ioctl", &Stage::Connect, StartIoctl, nullptr, 0},
+    {"recv", &Stage::Connect, StartRecv, &Stage::PeerSends, 5},
+    {"recvfrom", &Stage::Datagrams, StartRecvFrom, &Stage::DatagramArrives, 5},
+    {"send", &Stage::Connect, StartSend, nullptr, 5},
+    {"long send", &Stage::Connect, StartLongSend, &Stage::PeerReads, kLongSend},
+    {"sendto", &Stage::Datagrams, StartSendTo, nullptr, 5},
+    {"TransmitFile", &Stage::Connect, StartTransmitFile, nullptr, 5},
+    {"AcceptEx", &Stage::Listen, StartAcceptEx, &Stage::ClientArrives, 5},
+    {"ConnectEx", &Stage::Bind, StartConnectEx, nullptr, 3},
+    {"DisconnectEx", &Stage::Connect, StartDisconnectEx, nullptr, 0},
+    {"TransmitPackets", &Stage::Connect, StartTransmitPackets, nullptr, 5},
+    {"WSARecvMsg", &Stage::Datagrams, StartRecvMsg, &Stage::DatagramArrives, 5},
 };
 
 /// A completion port of the application, on which every request is told.
@@ -234,16 +233,11 @@ class OverlappedOperations : public OverlappedTest {
     static void Prepare(Stage& stage, ApplicationPort& port, const OperationRow& row) {
         platform::DisarmFaults();
         (stage.*row.prepare)();
-        TellAt(stage, port);
+        port.Associate(stage.subject);
+        if (IsForeignPort()) PutLowerSocketsOnAForeignPort();
         if (GetParam() == Mode::kEveryPacket)
             FailCall("SetFileCompletionNotificationModes", ERROR_INVALID_FUNCTION, true);
         if (GetParam() == Mode::kStrayPackets) QueueStrayPackets();
-    }
-
-    /// Has the application's port told of the stage's requests.
-    static void TellAt(Stage& stage, ApplicationPort& port) {
-        port.Associate(stage.subject);
-        if (IsForeignPort()) PutLowerSocketsOnAForeignPort();
     }
 
     /// Takes the one telling of the stage's request, and its error.
@@ -332,27 +326,6 @@ TEST_P(OverlappedOperations, WhatSucceedsLaterIsToldOnce) {
     ExpectNothingElse(port);
 }
 
-TEST_P(OverlappedOperations, WhatIsRefusedBelowIsReportedOnce) {
-    ApplicationPort port;
-    for (const OperationRow& row : kOperations) {
-        SCOPED_TRACE(row.name);
-        Stage stage;
-        Prepare(stage, port, row);
-        FailCall(row.lowerCall, WSAENOBUFS);
-        const int result = row.start(stage);
-        if (GetParam() == Mode::kAlertable) {
-            EXPECT_EQ(result, WSA_IO_PENDING);
-            DWORD bytes = 0;
-            EXPECT_EQ(ToldError(stage, port, &bytes), static_cast<DWORD>(WSAENOBUFS));
-        } else {
-            EXPECT_EQ(result, WSAENOBUFS);
-            EXPECT_NE(stage.request.overlapped.Internal, 0x103u);
-        }
-        platform::DisarmFaults();
-    }
-    ExpectNothingElse(port);
-}
-
 TEST_P(OverlappedOperations, WhatIsPendingEndsWithItsSocket) {
     ApplicationPort port;
     for (const OperationRow& row : kOperations) {
@@ -367,30 +340,6 @@ TEST_P(OverlappedOperations, WhatIsPendingEndsWithItsSocket) {
         EXPECT_EQ(stage.request.overlapped.OffsetHigh, static_cast<DWORD>(WSA_OPERATION_ABORTED));
     }
     ExpectNothingElse(port);
-}
-
-TEST_P(OverlappedOperations, APendingReceiveIsToldOfTheReset) {
-    ApplicationPort port;
-    Stage stage;
-    stage.Connect();
-    TellAt(stage, port);
-    ASSERT_EQ(StartRecv(stage), WSA_IO_PENDING);
-    stage.peer.ResetPeer();
-    DWORD bytes = 0;
-    EXPECT_EQ(ToldError(stage, port, &bytes), static_cast<DWORD>(WSAECONNRESET));
-}
-
-TEST_P(OverlappedOperations, ATransmitWithoutAFileIsRefused) {
-    ApplicationPort port;
-    Stage stage;
-    stage.Connect();
-    TellAt(stage, port);
-    const auto transmit = Extension<LPFN_TRANSMITFILE>(stage.subject, WSAID_TRANSMITFILE);
-    const HANDLE none = reinterpret_cast<HANDLE>(ULONG_PTR{0x7ffffff0});
-    const int result = ErrorOf(transmit(stage.subject, none, 0, 0, &stage.request.overlapped, nullptr, 0));
-    DWORD bytes = 0;
-    EXPECT_EQ(result == WSA_IO_PENDING ? ToldError(stage, port, &bytes) : static_cast<DWORD>(result),
-              static_cast<DWORD>(WSA_INVALID_HANDLE));
 }
 
 }  // namespace

@@ -16,112 +16,86 @@ void LetFail(Result(WSPAPI*& operation)(Arguments...)) {
     operation = FailUnnamed<Result, Arguments...>;
 }
 
-void LetAllFail(WSPPROC_TABLE& lower) {
-    LetFail(lower.lpWSPAccept);
-    LetFail(lower.lpWSPAddressToString);
-    LetFail(lower.lpWSPBind);
-    LetFail(lower.lpWSPCancelBlockingCall);
-    LetFail(lower.lpWSPCloseSocket);
-    LetFail(lower.lpWSPConnect);
-    LetFail(lower.lpWSPDuplicateSocket);
-    LetFail(lower.lpWSPEnumNetworkEvents);
-    LetFail(lower.lpWSPEventSelect);
-    LetFail(lower.lpWSPGetPeerName);
-    LetFail(lower.lpWSPGetSockName);
-    LetFail(lower.lpWSPGetSockOpt);
-    lower.lpWSPGetQOSByName = Callback([](SOCKET, LPWSABUF, LPQOS, LPINT) -> BOOL { return FALSE; });
-    LetFail(lower.lpWSPIoctl);
-    LetFail(lower.lpWSPJoinLeaf);
-    LetFail(lower.lpWSPListen);
-    LetFail(lower.lpWSPRecv);
-    LetFail(lower.lpWSPRecvDisconnect);
-    LetFail(lower.lpWSPRecvFrom);
-    LetFail(lower.lpWSPSelect);
-    LetFail(lower.lpWSPSend);
-    LetFail(lower.lpWSPSendDisconnect);
-    LetFail(lower.lpWSPSendTo);
-    LetFail(lower.lpWSPSetSockOpt);
-    LetFail(lower.lpWSPShutdown);
-    LetFail(lower.lpWSPSocket);
-    LetFail(lower.lpWSPStringToAddress);
+/// An argument that asks for nothing, or the place of the error.
+template <class Argument>
+Argument Plain(LPINT error) {
+    if constexpr (std::is_same_v<Argument, LPINT>) return error;
+    return Argument{};
+}
+
+/// The error of an operation on a socket with such arguments, or 0.
+template <class Result, class... Arguments>
+INT ErrorOfCall(Result(WSPAPI* operation)(SOCKET, Arguments...), SOCKET s) {
+    INT error = WSAEISCONN;  // what an earlier call has left
+    return operation(s, Plain<Arguments>(&error)...) != static_cast<Result>(-1) ? 0 : error;
 }
 
 using UnnamedFailures = FakeSocket;
 
 TEST_F(UnnamedFailures, AreFailuresOfEveryOperation) {
-    sockaddr_in address = MakeAddress("203.0.113.10", 80);
-    auto* const name = reinterpret_cast<sockaddr*>(&address);
-    INT length = sizeof(address);
-    WSABUF buffer{};
-    QOS qos{};
-    WSANETWORKEVENTS events{};
-    WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
-    WCHAR text[4] = {};
-    DWORD bytes = 0;
-    DWORD flags = 0;
-    char value[4] = {};
-    fd_set set;
-    INT* const e = &error_;
+    WSPPROC_TABLE& lower = Lower();
+    const WSPPROC_TABLE working = lower;
+    const auto onSocket = [&](auto& lowerOperation, auto operation) {
+        LetFail(lowerOperation);
+        return ErrorOfCall(operation, s_);
+    };
     const struct {
         const char* what;
-        std::function<bool()> succeeds;
+        INT error;
     } rows[] = {
-        {"WSPAccept", [&] { return WSPAccept(s_, nullptr, nullptr, nullptr, 0, e) != INVALID_SOCKET; }},
-        {"WSPAddressToString", [&] { return WSPAddressToString(name, 16, &info, text, &bytes, e) == 0; }},
-        {"WSPBind", [&] { return WSPBind(s_, name, length, e) == 0; }},
-        {"WSPCancelBlockingCall",
-         [&] {
-             const LowerCall call(&Entry(SOCK_STREAM));
-             return WSPCancelBlockingCall(e) == 0;
-         }},
-        {"WSPCloseSocket", [&] { return WSPCloseSocket(s_, e) == 0; }},
-        {"WSPConnect",
-         [&] { return WSPConnect(s_, name, length, nullptr, nullptr, nullptr, nullptr, e) == 0; }},
-        {"WSPDuplicateSocket", [&] { return WSPDuplicateSocket(s_, 1, &info, e) == 0; }},
-        {"WSPEnumNetworkEvents", [&] { return WSPEnumNetworkEvents(s_, nullptr, &events, e) == 0; }},
-        {"WSPEventSelect", [&] { return WSPEventSelect(s_, nullptr, FD_READ, e) == 0; }},
-        {"WSPGetPeerName", [&] { return WSPGetPeerName(s_, name, &length, e) == 0; }},
-        {"WSPGetSockName", [&] { return WSPGetSockName(s_, name, &length, e) == 0; }},
-        {"WSPGetSockOpt", [&] { return WSPGetSockOpt(s_, SOL_SOCKET, SO_TYPE, value, &length, e) == 0; }},
-        {"WSPGetQOSByName", [&] { return WSPGetQOSByName(s_, &buffer, &qos, e) != FALSE; }},
-        {"WSPIoctl",
-         [&] {
-             return WSPIoctl(s_, FIONREAD, nullptr, 0, value, 4, &bytes, nullptr, nullptr, nullptr, e) == 0;
-         }},
-        {"WSPJoinLeaf",
-         [&] {
-             return WSPJoinLeaf(s_, name, length, nullptr, nullptr, nullptr, nullptr, JL_BOTH, e) !=
-                    INVALID_SOCKET;
-         }},
-        {"WSPListen", [&] { return WSPListen(s_, 5, e) == 0; }},
-        {"WSPRecv",
-         [&] { return WSPRecv(s_, &buffer, 1, &bytes, &flags, nullptr, nullptr, nullptr, e) == 0; }},
-        {"WSPRecvDisconnect", [&] { return WSPRecvDisconnect(s_, &buffer, e) == 0; }},
-        {"WSPRecvFrom",
-         [&] {
-             return WSPRecvFrom(s_, &buffer, 1, &bytes, &flags, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                e) == 0;
-         }},
-        {"WSPSelect", [&] { return WSPSelect(0, &set, nullptr, nullptr, nullptr, e) == 0; }},
-        {"WSPSend", [&] { return WSPSend(s_, &buffer, 1, &bytes, 0, nullptr, nullptr, nullptr, e) == 0; }},
-        {"WSPSendDisconnect", [&] { return WSPSendDisconnect(s_, &buffer, e) == 0; }},
-        {"WSPSendTo",
-         [&] { return WSPSendTo(s_, &buffer, 1, &bytes, 0, name, 16, nullptr, nullptr, nullptr, e) == 0; }},
-        {"WSPSetSockOpt", [&] { return WSPSetSockOpt(s_, SOL_SOCKET, SO_LINGER, value, 4, e) == 0; }},
-        {"WSPShutdown", [&] { return WSPShutdown(s_, SD_SEND, e) == 0; }},
-        {"WSPSocket", [&] { return WSPSocket(AF_INET, SOCK_STREAM, 0, nullptr, 0, 0, e) != INVALID_SOCKET; }},
-        {"WSPStringToAddress",
-         [&] { return WSPStringToAddress(text, AF_INET, &info, name, &length, e) == 0; }},
+        {"accept", onSocket(lower.lpWSPAccept, WSPAccept)},
+        {"bind", onSocket(lower.lpWSPBind, WSPBind)},
+        {"close", onSocket(lower.lpWSPCloseSocket, WSPCloseSocket)},
+        {"duplicate", onSocket(lower.lpWSPDuplicateSocket, WSPDuplicateSocket)},
+        {"enumerate events", onSocket(lower.lpWSPEnumNetworkEvents, WSPEnumNetworkEvents)},
+        {"select events", onSocket(lower.lpWSPEventSelect, WSPEventSelect)},
+        {"peer name", onSocket(lower.lpWSPGetPeerName, WSPGetPeerName)},
+        {"socket name", onSocket(lower.lpWSPGetSockName, WSPGetSockName)},
+        {"get option", onSocket(lower.lpWSPGetSockOpt, WSPGetSockOpt)},
+        {"ioctl", onSocket(lower.lpWSPIoctl, WSPIoctl)},
+        {"join", onSocket(lower.lpWSPJoinLeaf, WSPJoinLeaf)},
+        {"listen", onSocket(lower.lpWSPListen, WSPListen)},
+        {"receive", onSocket(lower.lpWSPRecv, WSPRecv)},
+        {"disconnect receives", onSocket(lower.lpWSPRecvDisconnect, WSPRecvDisconnect)},
+        {"receive from", onSocket(lower.lpWSPRecvFrom, WSPRecvFrom)},
+        {"send", onSocket(lower.lpWSPSend, WSPSend)},
+        {"disconnect sends", onSocket(lower.lpWSPSendDisconnect, WSPSendDisconnect)},
+        {"send to", onSocket(lower.lpWSPSendTo, WSPSendTo)},
+        {"set option", onSocket(lower.lpWSPSetSockOpt, WSPSetSockOpt)},
+        {"shutdown", onSocket(lower.lpWSPShutdown, WSPShutdown)},
     };
-    const WSPPROC_TABLE working = Lower();
-    LetAllFail(Lower());
-    for (const auto& row : rows) {
-        FD_ZERO(&set);
-        FD_SET(s_, &set);
-        error_ = WSAEISCONN;  // what an earlier call has left
-        EXPECT_EQ(ErrorOf(row.succeeds()), WSAEINVAL) << row.what;
-    }
-    Lower() = working;
+    for (const auto& row : rows)
+        EXPECT_EQ(row.error, WSAEINVAL) << row.what;
+
+    LetFail(lower.lpWSPConnect);
+    LetFail(lower.lpWSPSelect);
+    LetFail(lower.lpWSPSocket);
+    LetFail(lower.lpWSPCancelBlockingCall);
+    LetFail(lower.lpWSPAddressToString);
+    LetFail(lower.lpWSPStringToAddress);
+    lower.lpWSPGetQOSByName = Callback([](SOCKET, LPWSABUF, LPQOS, LPINT) -> BOOL { return FALSE; });
+    sockaddr_in address = MakeAddress("203.0.113.10", 80);
+    auto* const name = reinterpret_cast<sockaddr*>(&address);
+    WSAPROTOCOL_INFOW info = Entry(SOCK_STREAM).LayerProvider;
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(s_, &set);
+    const LowerCall call(&Entry(SOCK_STREAM));
+    INT* const e = &error_;
+    const auto expectNamed = [&](bool succeeded) {
+        EXPECT_EQ(ErrorOf(succeeded), WSAEINVAL);
+        error_ = WSAEISCONN;
+    };
+    error_ = WSAEISCONN;
+    expectNamed(WSPCancelBlockingCall(e) == 0);
+    expectNamed(WSPConnect(s_, name, sizeof(address), nullptr, nullptr, nullptr, nullptr, e) == 0);
+    expectNamed(WSPSelect(0, &set, nullptr, nullptr, nullptr, e) == 0);
+    expectNamed(WSPSocket(AF_INET, SOCK_STREAM, 0, nullptr, 0, 0, e) != INVALID_SOCKET);
+    expectNamed(WSPAddressToString(nullptr, 0, &info, nullptr, nullptr, e) == 0);
+    expectNamed(WSPStringToAddress(nullptr, AF_INET, &info, nullptr, nullptr, e) == 0);
+    expectNamed(WSPGetQOSByName(s_, nullptr, nullptr, e) != FALSE);
+    error_ = 0;
+    lower = working;
 }
 
 }  // namespace

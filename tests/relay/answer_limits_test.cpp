@@ -106,36 +106,4 @@ TEST_F(AnswerLimits, UnreadableAnswersAreNoAnswers) {
     }
 }
 
-TEST_F(AnswerLimits, TheAnswerIsFoundAmongOtherFrames) {
-    constexpr std::uint32_t kBlock = 1;
-    const auto append = [](Bytes& to, const Bytes& more) { to.insert(to.end(), more.begin(), more.end()); };
-    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
-        Bytes stream = Answer(request.messageId + 1, kBlock);
-        append(stream, Answer(request.messageId ^ 0x10000, kBlock));
-        append(stream, Answer(request.messageId));
-        append(stream, Answer(request.messageId, kBlock));
-        connection.Send(stream);
-    });
-    StartWinsock();
-    EXPECT_EQ(ConnectOnce(), 0);
-    EXPECT_EQ(CountDebugLines("ERROR:Skipped an answer to request"), 2u);
-
-    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
-        connection.Send(Answer(request.messageId + 1, kBlock));
-        connection.Send(Answer(0));
-    });
-    EXPECT_EQ(ConnectOnce(), 0) << "an answer to whatever was asked";
-
-    analyzer_.SetScript([&](const SeenRequest& request, AnalyzerConnection& connection) {
-        const Bytes answer = Answer(request.messageId);
-        std::size_t sent = 0;
-        for (const std::size_t cut : {std::size_t{3}, std::size_t{4}, std::size_t{9}, answer.size()}) {
-            connection.Send(Bytes(answer.begin() + static_cast<std::ptrdiff_t>(sent),
-                                  answer.begin() + static_cast<std::ptrdiff_t>(cut)));
-            sent = cut;
-        }
-    });
-    EXPECT_EQ(ConnectOnce(), 0) << "an answer in pieces";
-}
-
 }  // namespace
