@@ -1,5 +1,7 @@
 // What the overlapped manager's records and its alertable worker do when a clean-up or a close comes in
 // between, or something is missing.
+#include <algorithm>
+
 #include "platform/testing/clock.h"
 #include "provider/overlapped/overlapped_completion.h"
 #include "tests/provider/overlapped_requests.h"
@@ -97,6 +99,36 @@ TEST_P(OverlappedManager, OnlyARoutineNeedsAThreadAndWithoutOneAnEvent) {
     EXPECT_EQ(Start(OverlappedType::kTransmitFile, s, request), WSA_INVALID_HANDLE);
     request.record.hEvent = event;
     CloseLetGo(s);
+}
+
+TEST_P(OverlappedManager, OnlyABaseProvidersStreamsAreToQueueNoPacketOfSuccess) {
+    const struct {
+        const char* what;
+        int type;
+        int chainLength;
+        DWORD flags;
+        int asked;
+    } rows[] = {
+        {"a stream", SOCK_STREAM, BASE_PROTOCOL, XP1_IFS_HANDLES, 1},
+        {"datagrams", SOCK_DGRAM, BASE_PROTOCOL, XP1_IFS_HANDLES, 0},
+        {"a stream above a layer", SOCK_STREAM, 2, XP1_IFS_HANDLES, 0},
+        {"a stream whose socket is no handle", SOCK_STREAM, BASE_PROTOCOL, 0, 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Entry(row.type).NextProvider.ProtocolChain.ChainLen = row.chainLength;
+        Entry(row.type).NextProvider.dwServiceFlags1 = row.flags;
+        const SOCKET s = MakeSocket(row.type);
+        Request request;
+        platform::CountCalls();
+        EXPECT_EQ(Start(OverlappedType::kTransmitFile, s, request), WSA_IO_PENDING);
+        const std::vector<std::string> calls = platform::CountedCalls();
+        platform::DisarmFaults();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "SetFileCompletionNotificationModes"), row.asked);
+        lower_->End(lower_->Count() - 1, 1, 0);
+        EXPECT_EQ(ErrorTold(request, false), 0u);
+        CloseLetGo(s);
+    }
 }
 
 TEST_P(AlertableManager, AnAcceptWhoseSocketWasClosedWhileItWaitedIsNotHandedDown) {
