@@ -2,13 +2,14 @@
 // lower result; and the names of contexts in messages.
 #include <ws2tcpip.h>
 
+#include <tuple>
+
 #include "platform/testing/catalog.h"
 #include "tests/provider/fake_winsock.h"
-#include "tests/support/callback.h"
 
 namespace {
 
-/// What came down: the socket, and the arguments as numbers.
+/// What came down: the arguments behind the socket as numbers.
 struct Descent {
     SOCKET socket = INVALID_SOCKET;
     std::vector<ULONG_PTR> arguments;
@@ -25,101 +26,74 @@ class ForwardedOperations : public FakeSocket {
         }
     }
 
-    /// Writes the call down and fails with `lowerError_`, unless that is 0.
-    template <class... Arguments>
-    static bool Record(LPINT error, SOCKET s, Arguments... arguments) {
+    /// An argument unlike all others.
+    template <class Argument>
+    static Argument Numbered() {
+        lastArgument_ += 0x1000;
+        if constexpr (std::is_pointer_v<Argument>) {
+            return reinterpret_cast<Argument>(lastArgument_);
+        } else {
+            return static_cast<Argument>(lastArgument_);
+        }
+    }
+
+    /// Writes the call down and gives the lower result, with the lower error where that goes.
+    template <class Result, class... Arguments>
+    static Result WSPAPI Record(SOCKET s, Arguments... arguments) {
         descents_.push_back({s, {Bits(arguments)...}});
-        if (lowerError_ != 0) *error = lowerError_;
-        return lowerError_ == 0;
-    }
-    static int Status(bool succeeded) { return succeeded ? 0 : SOCKET_ERROR; }
-
-    void SetUp() override {
-        FakeSocket::SetUp();
-        WSPPROC_TABLE& lower = Lower();
-        lower.lpWSPEnumNetworkEvents =
-            Callback([](SOCKET s, WSAEVENT event, LPWSANETWORKEVENTS events, LPINT error) {
-                return Status(Record(error, s, event, events));
-            });
-        lower.lpWSPEventSelect = Callback([](SOCKET s, WSAEVENT event, LONG events, LPINT error) {
-            return Status(Record(error, s, event, events));
-        });
-        lower.lpWSPGetSockName = Callback([](SOCKET s, sockaddr* name, LPINT length, LPINT error) {
-            return Status(Record(error, s, name, length));
-        });
-        lower.lpWSPGetQOSByName = Callback([](SOCKET s, LPWSABUF name, LPQOS qos, LPINT error) -> BOOL {
-            return Record(error, s, name, qos) ? TRUE : FALSE;
-        });
-        lower.lpWSPListen =
-            Callback([](SOCKET s, int backlog, LPINT error) { return Status(Record(error, s, backlog)); });
-        lower.lpWSPRecvDisconnect =
-            Callback([](SOCKET s, LPWSABUF data, LPINT error) { return Status(Record(error, s, 1, data)); });
-        lower.lpWSPSendDisconnect =
-            Callback([](SOCKET s, LPWSABUF data, LPINT error) { return Status(Record(error, s, 2, data)); });
-        lower.lpWSPShutdown =
-            Callback([](SOCKET s, int how, LPINT error) { return Status(Record(error, s, how)); });
-        lower.lpWSPAsyncSelect = Callback(
-            [](SOCKET s, HWND, unsigned int, LONG, LPINT error) { return Status(Record(error, s)); });
+        *reinterpret_cast<LPINT>(descents_.back().arguments.back()) = lowerError_;
+        return static_cast<Result>(lowerResult_);
     }
 
-    static inline std::vector<Descent> descents_;
-    static inline int lowerError_;
-};
-
-TEST_F(ForwardedOperations, GoDownWithTheLowerSocketAndTheCallersArguments) {
-    WSABUF buffer{};
-    QOS qos{};
-    WSANETWORKEVENTS events{};
-    sockaddr name{};
-    INT length = sizeof(name);
-    const HANDLE event = &events;
-    const struct {
-        const char* what;
-        std::function<bool(SOCKET)> call;
-        std::vector<ULONG_PTR> arguments;
-    } rows[] = {
-        {"WSPEnumNetworkEvents",
-         [&](SOCKET s) { return WSPEnumNetworkEvents(s, event, &events, &error_) == 0; },
-         {Bits(event), Bits(&events)}},
-        {"WSPEventSelect",
-         [&](SOCKET s) { return WSPEventSelect(s, event, FD_READ, &error_) == 0; },
-         {Bits(event), FD_READ}},
-        {"WSPGetSockName",
-         [&](SOCKET s) { return WSPGetSockName(s, &name, &length, &error_) == 0; },
-         {Bits(&name), Bits(&length)}},
-        {"WSPGetQOSByName",
-         [&](SOCKET s) { return WSPGetQOSByName(s, &buffer, &qos, &error_) != FALSE; },
-         {Bits(&buffer), Bits(&qos)}},
-        {"WSPListen", [&](SOCKET s) { return WSPListen(s, 17, &error_) == 0; }, {17}},
-        {"WSPRecvDisconnect",
-         [&](SOCKET s) { return WSPRecvDisconnect(s, &buffer, &error_) == 0; },
-         {1, Bits(&buffer)}},
-        {"WSPSendDisconnect",
-         [&](SOCKET s) { return WSPSendDisconnect(s, &buffer, &error_) == 0; },
-         {2, Bits(&buffer)}},
-        {"WSPShutdown", [&](SOCKET s) { return WSPShutdown(s, SD_SEND, &error_) == 0; }, {SD_SEND}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    template <class Result, class... Arguments>
+    void ExpectForwarded(Result(WSPAPI*& below)(SOCKET, Arguments...),
+                         Result(WSPAPI* operation)(SOCKET, Arguments...), int success, int failure) {
+        below = Record<Result, Arguments...>;
+        std::tuple<Arguments...> arguments{Numbered<Arguments>()...};
+        std::get<sizeof...(Arguments) - 1>(arguments) = &error_;
+        const auto call = [&](SOCKET s) {
+            return std::apply([&](auto... each) { return operation(s, each...); }, arguments);
+        };
         for (const int lowerError : {0, WSAENETDOWN}) {
             descents_.clear();
             lowerError_ = lowerError;
-            EXPECT_EQ(ErrorOf(row.call(s_)), lowerError);
+            lowerResult_ = lowerError == 0 ? success : failure;
+            EXPECT_EQ(call(s_), lowerResult_);
+            EXPECT_EQ(std::exchange(error_, 0), lowerError);
             ASSERT_EQ(descents_.size(), 1u);
             EXPECT_EQ(descents_[0].socket, context_->ProviderSocket);
-            EXPECT_EQ(descents_[0].arguments, row.arguments);
+            EXPECT_EQ(
+                descents_[0].arguments,
+                std::apply([](auto... each) { return std::vector<ULONG_PTR>{Bits(each)...}; }, arguments));
             EXPECT_EQ(context_->RefCount, 0);
         }
-        EXPECT_EQ(ErrorOf(row.call(0x77)), WSAENOTSOCK);
+        EXPECT_EQ(call(0x77), failure);
+        EXPECT_EQ(std::exchange(error_, 0), WSAENOTSOCK);
         EXPECT_EQ(descents_.size(), 1u) << "nothing came down for a socket that is none";
     }
+
+    static inline std::vector<Descent> descents_;
+    static inline ULONG_PTR lastArgument_ = 0;
+    static inline int lowerError_;
+    static inline int lowerResult_;
+};
+
+TEST_F(ForwardedOperations, GoDownWithTheLowerSocketAndTheCallersArguments) {
+    WSPPROC_TABLE& lower = Lower();
+    ExpectForwarded(lower.lpWSPEnumNetworkEvents, WSPEnumNetworkEvents, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPEventSelect, WSPEventSelect, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPGetSockName, WSPGetSockName, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPGetQOSByName, WSPGetQOSByName, TRUE, FALSE);
+    ExpectForwarded(lower.lpWSPListen, WSPListen, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPRecvDisconnect, WSPRecvDisconnect, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPSendDisconnect, WSPSendDisconnect, 0, SOCKET_ERROR);
+    ExpectForwarded(lower.lpWSPShutdown, WSPShutdown, 0, SOCKET_ERROR);
 }
 
 TEST_F(ForwardedOperations, NoWindowIsToldOfTheLowerSocket) {
-    descents_.clear();
+    Lower().lpWSPAsyncSelect = nullptr;  // not called
     EXPECT_EQ(ErrorOf(WSPAsyncSelect(s_, nullptr, 0, FD_READ, &error_) == 0), WSAEOPNOTSUPP);
     EXPECT_EQ(ErrorOf(WSPAsyncSelect(0x77, nullptr, 0, FD_READ, &error_) == 0), WSAENOTSOCK);
-    EXPECT_TRUE(descents_.empty());
 }
 
 // With Winsock, which writes addresses, started or not.
