@@ -163,6 +163,7 @@ TEST_P(OverlappedRequests, ReceivesFoundToBeBlockedEndWithTheBlocksError) {
             lower_->WaitFor(before + 1);
             lower_->End(before, 9, 0);
             EXPECT_EQ(Ended(result, request, true), static_cast<DWORD>(WSAECONNABORTED));
+            EXPECT_EQ(request.record.InternalHigh + request.record.Offset, 0u) << "neither bytes nor flags";
             EXPECT_EQ(ContextOf(s)->BytesRecv, 0u);
             CloseLetGo(s);
         }
