@@ -27,7 +27,9 @@ int FailBlocked(const SocketContext* context, LPINT error) {
 
 /// A receive may be tried again after a verdict's block. False when the socket stays blocked.
 bool ClearVerdictBlock(SocketContext* context) {
-    if (context->Blocked && context->BlockError != 0) return false;
+    // Nothing is written where nothing is to be cleared: the relay may block the socket at this moment.
+    if (!context->Blocked) return true;
+    if (context->BlockError != 0) return false;
     context->Blocked = FALSE;
     return true;
 }

@@ -100,6 +100,16 @@ bool FreesSocket(const OverlappedOperation* operation) {
     }
 }
 
+/// A receive that got nothing more since the relay could not reach the server ends with the error of that,
+/// not as if the server had closed the connection.
+void TellBlockError(const OverlappedOperation* operation, const SocketContext* context, Outcome* outcome) {
+    if (operation->Operation != OverlappedType::kRecv && operation->Operation != OverlappedType::kRecvFrom)
+        return;
+    const int blockError = context->BlockError;
+    if (!context->Blocked || blockError == 0 || (outcome->Error == 0 && outcome->Bytes > 0)) return;
+    *outcome = {0, 0, blockError};
+}
+
 /// What the end of a request means for the split of its socket's connection.
 void TellInterception(const OverlappedOperation* operation, SocketContext* context, const Outcome& outcome) {
     if (outcome.Error == 0) {
@@ -218,6 +228,7 @@ Outcome Complete(OverlappedOperation* operation, Outcome outcome) {
     if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
     const INT refusedWith = operation->RefusedWith.Acquire();
     if (refusedWith != 0) outcome = {0, 0, refusedWith};
+    TellBlockError(operation, context, &outcome);
     Count(operation, context, &outcome);
     TellInterception(operation, context, outcome);
     context->LastError = outcome.Error;

@@ -135,8 +135,11 @@ bool GoToRelayAgain(const SocketContext* context, ConnectTarget* target) {
 }  // namespace
 
 void InterceptConnect(SocketContext* context, ConnectTarget* target) {
-    context->Blocked = FALSE;
-    context->BlockError = 0;
+    // A connect that is polled by calling it again may have learnt already that its server is out of reach.
+    if (context->RelayIndex == 0) {
+        context->Blocked = FALSE;
+        context->BlockError = 0;
+    }
     // Where an earlier connect of a stream went says nothing about this one.
     if (context->SocketType == SOCK_STREAM) context->LocalDestination = FALSE;
     if (IsSocketExempt(context) || context->SocketType != SOCK_STREAM) {

@@ -63,10 +63,20 @@ int ConnectPolled(SOCKET s, const sockaddr_in& destination) {
 
 }  // namespace
 
+struct ApplicationSocket::PostedReceive {
+    WaitedRequest request;
+    bool taken = false;
+    int callError = 0;
+};
+
 ApplicationSocket::ApplicationSocket(Kind kind)
     : kind_(kind),
       socket_(WSASocketA(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                          kind == Kind::kWithoutOverlapped ? 0 : WSA_FLAG_OVERLAPPED)) {}
+
+ApplicationSocket::~ApplicationSocket() {
+    Close();
+}
 
 int ApplicationSocket::Connect(const sockaddr_in& destination) {
     if (kind_ == Kind::kOverlapped) return ConnectOverlapped(socket_, destination);
@@ -82,10 +92,12 @@ bool ApplicationSocket::Send(const char* bytes, std::size_t size) {
         if (kind_ == Kind::kOverlapped) {
             WaitedRequest request;
             const int result = WSASend(socket_, &buffer, 1, nullptr, 0, request.Record(), nullptr);
-            if (request.End(socket_, result == 0, &sent) != 0) return false;
-        } else if (WSASend(socket_, &buffer, 1, &sent, 0, nullptr, nullptr) != 0) {
-            return false;
+            error_ = request.End(socket_, result == 0, &sent);
+        } else {
+            const int result = WSASend(socket_, &buffer, 1, &sent, 0, nullptr, nullptr);
+            error_ = result == 0 ? 0 : WSAGetLastError();
         }
+        if (error_ != 0) return false;
         bytes += sent;
         size -= sent;
     }
@@ -93,15 +105,28 @@ bool ApplicationSocket::Send(const char* bytes, std::size_t size) {
 }
 
 std::size_t ApplicationSocket::Receive(char* bytes, std::size_t size) {
+    BeginReceive(bytes, size);
+    return EndReceive();
+}
+
+void ApplicationSocket::BeginReceive(char* bytes, std::size_t size) {
+    receiving_ = {static_cast<ULONG>(size), bytes};
+    if (kind_ != Kind::kOverlapped) return;
+    DWORD flags = 0;
+    posted_ = std::make_unique<PostedReceive>();
+    posted_->taken =
+        WSARecv(socket_, &receiving_, 1, nullptr, &flags, posted_->request.Record(), nullptr) == 0;
+    posted_->callError = posted_->taken ? 0 : WSAGetLastError();
+}
+
+std::size_t ApplicationSocket::EndReceive() {
     DWORD received = 0;
     DWORD flags = 0;
-    WSABUF buffer = {static_cast<ULONG>(size), bytes};
     if (kind_ == Kind::kOverlapped) {
-        WaitedRequest request;
-        const int result = WSARecv(socket_, &buffer, 1, nullptr, &flags, request.Record(), nullptr);
-        error_ = request.End(socket_, result == 0, &received);
+        WSASetLastError(posted_->callError);
+        error_ = posted_->request.End(socket_, posted_->taken, &received);
     } else {
-        const int result = WSARecv(socket_, &buffer, 1, &received, &flags, nullptr, nullptr);
+        const int result = WSARecv(socket_, &receiving_, 1, &received, &flags, nullptr, nullptr);
         error_ = result == 0 ? 0 : WSAGetLastError();
     }
     return error_ == 0 ? received : 0;

@@ -3,7 +3,9 @@
 
 #include <winsock2.h>
 
+#include <atomic>
 #include <cstddef>
+#include <memory>
 
 class ApplicationSocket {
   public:
@@ -17,7 +19,7 @@ class ApplicationSocket {
                                       Kind::kOverlapped};
 
     explicit ApplicationSocket(Kind kind);
-    ~ApplicationSocket() { Close(); }
+    ~ApplicationSocket();
     ApplicationSocket(const ApplicationSocket&) = delete;
     ApplicationSocket& operator=(const ApplicationSocket&) = delete;
 
@@ -26,17 +28,25 @@ class ApplicationSocket {
     /// Waits until it is connected. The error, or 0.
     int Connect(const sockaddr_in& destination);
 
-    /// All of the bytes; false when a call fails.
+    /// All of the bytes; false when a call fails, with its error in LastError.
     bool Send(const char* bytes, std::size_t size);
 
     /// Up to `size` bytes; 0 at the end of the connection and for every error, which LastError then tells.
     std::size_t Receive(char* bytes, std::size_t size);
+    /// The same in two steps: an overlapped receive is under way after the first, others begin with the
+    /// second.
+    void BeginReceive(char* bytes, std::size_t size);
+    std::size_t EndReceive();
     int LastError() const { return error_; }
 
     void Close();
 
   private:
+    struct PostedReceive;
+
     Kind kind_;
     SOCKET socket_;
-    int error_ = 0;
+    WSABUF receiving_ = {0, nullptr};
+    std::unique_ptr<PostedReceive> posted_;  ///< overlapped
+    std::atomic<int> error_{0};
 };
