@@ -65,11 +65,12 @@ class Reactor final : private platform::ClockListener, private platform::IdleWor
     std::unordered_map<std::uint64_t, std::weak_ptr<Socket>> sockets_;
     std::vector<Timer> timers_;
     std::uint64_t lastTag_ = 0;
-    bool stopping_ = false;
+    std::atomic<bool> stopping_{false};  // written under lock_
     std::thread thread_;
 
-    std::condition_variable changed_;        // with lock_: to be told of a stop, or of a deep sleep's end
-    bool sleepsDeep_ = false;                // under lock_
+    std::mutex sleepLock_;             // leaf, of the next two
+    std::condition_variable changed_;  // to be told of a stop, or of a deep sleep's end
+    bool sleepsDeep_ = false;
     std::atomic<bool> helped_{false};        // a waiting thread is at the list
     std::atomic<unsigned> helps_{0};         // how often one has taken it up
     std::atomic<bool> threadAtList_{false};  // the reactor's own thread is
@@ -185,7 +186,7 @@ void Reactor::Begin() noexcept {
 
 void Reactor::End() noexcept {
     helped_ = false;
-    const std::lock_guard<std::mutex> guard(lock_);
+    const std::lock_guard<std::mutex> guard(sleepLock_);
     if (sleepsDeep_) changed_.notify_all();
 }
 
@@ -223,7 +224,7 @@ void Reactor::Run(platform::Deadline deadline) noexcept {
 bool Reactor::WaitWhileOthersWork() {
     constexpr std::chrono::milliseconds kMoment{1};
     constexpr int kMomentsToDeepSleep = 100;
-    std::unique_lock<std::mutex> lock(lock_);
+    std::unique_lock<std::mutex> lock(sleepLock_);
     int moments = 0;
     unsigned helps = helps_;
     while (!stopping_) {
@@ -283,7 +284,10 @@ void Reactor::Stop() {
         return;
     }
     platform::WithdrawIdleWork();
-    changed_.notify_all();
+    {
+        const std::lock_guard<std::mutex> guard(sleepLock_);
+        changed_.notify_all();
+    }
     ready_.Wake();
     thread.join();
     ready_.Close();
