@@ -68,7 +68,8 @@ ThreadStarter::ThreadStarter() : beginning_(new (std::nothrow) BeginningThreads)
 
 ThreadStarter::~ThreadStarter() {
     const HMODULE library = beginning_ != nullptr ? Leave(beginning_) : nullptr;
-    if (library != nullptr) FreeLibrary(library);
+    // Tried again: a reference that nobody gives back keeps the library for good.
+    if (library != nullptr && !FreeLibrary(library)) FreeLibrary(library);
 }
 
 bool ThreadStarter::Start(LPTHREAD_START_ROUTINE procedure, LPVOID argument, WorkerThread* worker) const {
