@@ -1,4 +1,5 @@
-// Top-level windows, scripted by the machine. A window's handle is made of its place in the machine's list.
+// Top-level windows: those that the machine scripts, then those that this process has made. A scripted
+// window's handle is made of its place in the machine's list.
 #include "platform/user/top_level_windows.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/last_error.h"
 #include "platform/system/machine.h"
+#include "platform/user/process_windows.h"
 
 namespace platform {
 
@@ -56,6 +58,10 @@ BOOL StandInEnumWindows(WNDENUMPROC procedure, LPARAM parameter) {
         const platform::ProviderBoundary boundary;
         if (procedure(platform::ToWindow(i), parameter) == FALSE) return FALSE;
     }
+    for (const HWND window : platform::TopLevelWindowsOfProcess()) {
+        const platform::ProviderBoundary boundary;
+        if (procedure(window, parameter) == FALSE) return FALSE;
+    }
     return TRUE;
 }
 
@@ -64,7 +70,11 @@ DWORD StandInGetWindowThreadProcessId(HWND window, LPDWORD processId) {
     if (call.Fails()) return 0;
     const auto machine = platform::TheMachine();
     const platform::MachineWindow* found = FromWindow(*machine, window);
-    if (found == nullptr) return Fail<DWORD>(ERROR_INVALID_WINDOW_HANDLE, 0);
+    if (found == nullptr) {
+        if (!platform::IsProcessWindow(window)) return Fail<DWORD>(ERROR_INVALID_WINDOW_HANDLE, 0);
+        if (processId != nullptr) *processId = GetCurrentProcessId();
+        return platform::ThreadOfProcessWindow(window);
+    }
     if (processId != nullptr) *processId = found->process != 0 ? found->process : GetCurrentProcessId();
     return platform::kForeignThread;
 }
@@ -74,11 +84,13 @@ HWND StandInGetAncestor(HWND window, UINT flags) {
     if (call.Fails()) return nullptr;
     const auto machine = platform::TheMachine();
     const platform::MachineWindow* found = FromWindow(*machine, window);
-    if (found == nullptr) return Fail<HWND>(ERROR_INVALID_WINDOW_HANDLE, nullptr);
+    const bool isReal = found == nullptr && platform::IsProcessWindow(window);
+    if (found == nullptr && !isReal) return Fail<HWND>(ERROR_INVALID_WINDOW_HANDLE, nullptr);
     // A top-level window's parent is the desktop, which the stand-in has no handle for.
     if (flags == GA_PARENT) return nullptr;
     if (flags == GA_ROOT) return window;
     if (flags != GA_ROOTOWNER) return Fail<HWND>(ERROR_INVALID_PARAMETER, nullptr);
+    if (isReal) return platform::RootOwnerOfProcessWindow(window);
     while (found->owner >= 0) {
         window = platform::ToWindow(static_cast<std::size_t>(found->owner));
         found = FromWindow(*machine, window);
@@ -93,17 +105,22 @@ LRESULT StandInSendMessageTimeoutA(HWND window, UINT message, WPARAM wParam, LPA
     if (call.Fails()) return 0;
     const auto machine = platform::TheMachine();
     const platform::MachineWindow* found = FromWindow(*machine, window);
-    if (found == nullptr) return Fail<LRESULT>(ERROR_INVALID_WINDOW_HANDLE, 0);
-    if (found->hung) {
+    LRESULT answer = 0;
+    if (found == nullptr) {
+        const MSG sent = {window, message, wParam, lParam, 0, {0, 0}};
+        const DWORD error = platform::SendToProcessWindow(sent, timeout, &answer);
+        if (error != 0) return Fail<LRESULT>(error, 0);
+    } else if (found->hung) {
         platform::SleepOnClock(timeout);
         return Fail<LRESULT>(ERROR_TIMEOUT, 0);
+    } else {
+        answer = platform::Answer(*found, message, wParam, lParam);
     }
-    const LRESULT answer = platform::Answer(*found, message, wParam, lParam);
     if (result != nullptr) *result = static_cast<DWORD_PTR>(answer);
     return 1;
 }
 
 BOOL StandInIsWindow(HWND window) {
     const auto machine = platform::TheMachine();
-    return FromWindow(*machine, window) != nullptr ? TRUE : FALSE;
+    return FromWindow(*machine, window) != nullptr || platform::IsProcessWindow(window) ? TRUE : FALSE;
 }

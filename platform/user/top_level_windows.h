@@ -1,5 +1,5 @@
-// The scripted top-level windows. The functions are those of Windows under names of their own, so that a
-// Windows program can carry them beside the system's; arguments, results and last errors are the same.
+// The top-level windows, scripted and real. The functions are those of Windows under names of their own, so
+// that a Windows program can carry them beside the system's; arguments, results and last errors are the same.
 #pragma once
 
 #include <windows.h>

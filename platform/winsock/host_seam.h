@@ -20,11 +20,6 @@ inline void CloseOwnHandle(HANDLE handle) {
     CloseHandle(handle);
 }
 
-/// PostMessageA.
-inline BOOL PostWindowMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
-    return PostMessageA(window, message, wParam, lParam);
-}
-
 }  // namespace winsock_host
 
 #define QX_HOST_TLS __thread
@@ -41,12 +36,6 @@ using platform::ProviderBoundary;
 /// Closes a handle where no call of an application or provider is under way; no fault point.
 inline void CloseOwnHandle(HANDLE handle) {
     platform::CloseOpenHandle(handle);
-}
-
-/// The stand-in has no window that a message could be posted to.
-inline BOOL PostWindowMessage(HWND, UINT, WPARAM, LPARAM) {
-    SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-    return FALSE;
 }
 
 }  // namespace winsock_host

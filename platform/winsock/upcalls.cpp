@@ -151,7 +151,7 @@ int WSPAPI HostWPUFDIsSet(SOCKET s, fd_set* set) {
 
 BOOL WSPAPI HostWPUPostMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
     HostCall call("WPUPostMessage", ERROR_INVALID_WINDOW_HANDLE);
-    return call.Fails() ? FALSE : PostWindowMessage(window, message, wParam, lParam);
+    return call.Fails() ? FALSE : PostMessageA(window, message, wParam, lParam);
 }
 
 // Blocking hooks are a matter of the first version of the interface; there is never one.

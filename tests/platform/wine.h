@@ -71,6 +71,13 @@ enum class Documented {
     // WideCharToMultiByte to UTF-8 that wants to know of a default character: 87. Wine: succeeds.
     kUtf8TakesNoDefault,
 
+    // Windows.
+
+    // 1407 for a window of a class that does not exist. Wine: 1411.
+    kUnknownClassIsNotFound,
+    // 10022 for network events to no window. Wine takes it.
+    kAsyncSelectChecksItsWindow,
+
     // Options and others.
 
     // 10042, 10057, 10038 for those that don't. Wine takes them, or fails with 10022.
