@@ -95,9 +95,11 @@ int AcceptConnection(Socket& listener, sockaddr* name, int* namelen, LPCONDITION
     int fd = -1;
     Endpoint peer;
     int error = TakeConnection(listener, &fd, &peer);
-    listener.RearmEvents(FD_ACCEPT);
-    if (error != 0) return error;
-    if (condition != nullptr) error = AskCondition(listener, peer, fd, condition, callbackData);
+    const bool taken = error == 0;
+    if (taken && condition != nullptr) error = AskCondition(listener, peer, fd, condition, callbackData);
+    // A connection that is put off has been told already.
+    if (error != WSATRY_AGAIN) listener.RearmEvents(FD_ACCEPT);
+    if (!taken) return error;
     if (error == WSATRY_AGAIN) {
         std::lock_guard<std::mutex> guard(listener.lock);
         if (listener.deferredFd < 0 && !listener.IsClosed()) {
@@ -115,16 +117,17 @@ int AcceptConnection(Socket& listener, sockaddr* name, int* namelen, LPCONDITION
     const std::shared_ptr<Socket> accepted = MakeAccepted(listener, fd, peer);
     if (accepted == nullptr) return WSAENOBUFS;
     if (name != nullptr) WriteAddress(peer, name, namelen);
-    const LONG mask = listener.eventMask.load();
-    if (mask != 0) {
-        HANDLE event;
-        {
-            std::lock_guard<std::mutex> guard(listener.lock);
-            event = listener.eventHandle;
-        }
-        SelectEvents(*accepted, event, mask & ~(FD_ACCEPT | FD_CONNECT));
+    error = PublishSocket(accepted, result);
+    const LONG mask = listener.eventMask.load() & ~(FD_ACCEPT | FD_CONNECT);
+    if (error != 0 || mask == 0) return error;
+    EventTarget target;
+    {
+        std::lock_guard<std::mutex> guard(listener.lock);
+        target = listener.eventTarget;
     }
-    return PublishSocket(accepted, result);
+    target.socket = *result;
+    SelectEvents(*accepted, target, mask);
+    return 0;
 }
 
 }  // namespace

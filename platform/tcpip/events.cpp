@@ -1,4 +1,5 @@
-// Network events: what WSPEventSelect asked for, recorded once each until the call that re-enables it.
+// Network events: what WSPEventSelect or WSPAsyncSelect asked for, told once each until the call that
+// re-enables it. For an event object they are recorded until they are read; to a window each is posted.
 //
 // Reading re-enables FD_READ and FD_OOB, accepting FD_ACCEPT, a send that found no room FD_WRITE, a connect
 // FD_CONNECT; FD_CLOSE comes once per connection.
@@ -12,9 +13,15 @@ namespace tcpip {
 void Socket::RecordEventLocked(LONG event, int bit, int error) {
     if ((eventMask.load() & eventArmed & event) == 0) return;
     eventArmed &= ~event;
+    if (eventTarget.window != nullptr) {
+        // A window that is gone or whose thread's queue is full loses the event.
+        PostMessageA(eventTarget.window, eventTarget.message, eventTarget.socket,
+                     WSAMAKESELECTREPLY(event, error));
+        return;
+    }
     eventRecord.lNetworkEvents |= event;
     eventRecord.iErrorCode[bit] = error;
-    SetEvent(eventHandle);
+    SetEvent(eventTarget.event);
 }
 
 void Socket::RecordEventsLocked() {
@@ -57,9 +64,10 @@ void Socket::RearmEvents(LONG events) {
     RecordEventsLocked();
 }
 
-int SelectEvents(Socket& socket, HANDLE event, LONG mask) {
+int SelectEvents(Socket& socket, const EventTarget& target, LONG mask) {
+    if ((mask & ~FD_ALL_EVENTS) != 0) return WSAEINVAL;
     std::lock_guard<std::mutex> guard(socket.lock);
-    socket.eventHandle = event;
+    socket.eventTarget = target;
     socket.eventRecord = {};
     socket.eventArmed = FD_READ | FD_OOB | FD_ACCEPT | FD_CONNECT | FD_CLOSE;
     if (!socket.IsStream() || socket.RefreshConnectLocked() == State::Connected)
@@ -80,7 +88,9 @@ int WSPAPI TcpipEventSelect(SOCKET s, WSAEVENT event, LONG mask, LPINT lpErrno) 
     return RunOnSocket("lower WSPEventSelect", WSAENETDOWN, s, lpErrno,
                        [&](platform::PlatformCall&, const SocketUse& socket) {
                            if (mask != 0 && event == nullptr) return WSAEINVAL;
-                           return SelectEvents(*socket, event, mask);
+                           EventTarget target;
+                           target.event = event;
+                           return SelectEvents(*socket, target, mask);
                        });
 }
 
@@ -99,13 +109,11 @@ int WSPAPI TcpipEnumNetworkEvents(SOCKET s, WSAEVENT event, LPWSANETWORKEVENTS e
                        });
 }
 
-int WSPAPI TcpipAsyncSelect(SOCKET s, HWND, unsigned int, LONG mask, LPINT lpErrno) {
+int WSPAPI TcpipAsyncSelect(SOCKET s, HWND window, unsigned int message, LONG mask, LPINT lpErrno) {
     return RunOnSocket("lower WSPAsyncSelect", WSAENETDOWN, s, lpErrno,
                        [&](platform::PlatformCall&, const SocketUse& socket) {
-                           // Cancelling what was never asked for is no error; window messages are not
-                           // provided.
-                           if (mask != 0) return WSAEOPNOTSUPP;
-                           return SelectEvents(*socket, nullptr, 0);
+                           if (mask != 0 && !IsWindow(window)) return WSAEINVAL;
+                           return SelectEvents(*socket, {nullptr, window, message, s}, mask);
                        });
 }
 

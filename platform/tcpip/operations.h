@@ -62,8 +62,9 @@ int WSPAPI TcpipAsyncSelect(SOCKET s, HWND window, unsigned int message, LONG ma
 int WSPAPI TcpipEventSelect(SOCKET s, WSAEVENT event, LONG mask, LPINT lpErrno);
 int WSPAPI TcpipEnumNetworkEvents(SOCKET s, WSAEVENT event, LPWSANETWORKEVENTS events, LPINT lpErrno);
 
-/// What WSPEventSelect does, also for a socket accepted from one with events. 0 or a Winsock error.
-int SelectEvents(Socket& socket, HANDLE event, LONG mask);
+/// What WSPEventSelect and WSPAsyncSelect do, also for a socket accepted from one with events. 0 or a
+/// Winsock error.
+int SelectEvents(Socket& socket, const EventTarget& target, LONG mask);
 
 // option_operations.cpp
 int WSPAPI TcpipGetSockOpt(SOCKET s, int level, int name, char* value, LPINT length, LPINT lpErrno);

@@ -51,6 +51,14 @@ struct SocketOptions {
     USHORT lingerSeconds = 0;
 };
 
+/// Who is told of network events: an event object, or a window by a message that names the socket.
+struct EventTarget {
+    HANDLE event = nullptr;
+    HWND window = nullptr;
+    UINT message = 0;
+    SOCKET socket = INVALID_SOCKET;
+};
+
 struct AppliedOption {
     kernel::Option option;
     int value;
@@ -86,7 +94,7 @@ class alignas(64) Socket final : public platform::FileObject {
     std::atomic<bool> hasRoutes{false};        // `routes` is not empty
     std::atomic<DWORD> sendTimeout{0};         // milliseconds, 0: none
     std::atomic<DWORD> receiveTimeout{0};
-    std::atomic<LONG> eventMask{0};  // of WSPEventSelect
+    std::atomic<LONG> eventMask{0};  // of WSPEventSelect or WSPAsyncSelect
 
     /// Remembers a reset of a stream's connection. The kernel tells it once, to whichever call comes first;
     /// on Windows every later receive fails.
@@ -138,8 +146,8 @@ class alignas(64) Socket final : public platform::FileObject {
     /// Accepting sockets: the listener where the request waits.
     std::weak_ptr<Socket> acceptListener;
 
-    // WSPEventSelect.
-    HANDLE eventHandle = nullptr;
+    // WSPEventSelect and WSPAsyncSelect: the one replaces the other.
+    EventTarget eventTarget;
     LONG eventArmed = 0;  // may still be recorded
     WSANETWORKEVENTS eventRecord = {};
 
@@ -168,7 +176,7 @@ class alignas(64) Socket final : public platform::FileObject {
     /// Attempts the requests of a direction in order. The lock is held.
     void DriveLocked(Direction direction);
 
-    /// Lets `events` be recorded again, and records those that hold already. Nothing without WSPEventSelect.
+    /// Lets `events` be told again, and tells those that hold already. Nothing while none are asked for.
     void RearmEvents(LONG events);
     void RecordEventsLocked();
 

@@ -69,7 +69,9 @@ int Receive(PlatformCall& call, const SocketUse& socket, LPWSABUF buffers, DWORD
     request->flags = kernelFlags;
     request->from = from;
     request->fromLength = fromLength;
-    return StartRequest(*socket, kRead, std::move(request), received, flags);
+    error = StartRequest(*socket, kRead, std::move(request), received, flags);
+    socket->RearmEvents(FD_READ | FD_OOB);
+    return error;
 }
 
 }  // namespace
