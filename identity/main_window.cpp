@@ -32,8 +32,9 @@ bool AskForTitle(HWND window, UINT milliseconds, DWORD_PTR& answer) {
 
 BOOL CALLBACK FindMainWindowProc(HWND window, LPARAM found) {
     DWORD owner = 0;
-    GetWindowThreadProcessId(window, &owner);
-    if (owner != CurrentProcessId) return TRUE;
+    const DWORD thread = GetWindowThreadProcessId(window, &owner);
+    // The layer's own window, and what the system makes beside it, say nothing about the application.
+    if (owner != CurrentProcessId || thread == HiddenWindowThread) return TRUE;
     const HWND root = GetAncestor(window, GA_ROOTOWNER);
     if (root == nullptr) return TRUE;
 

@@ -5,7 +5,8 @@ DWORD ThreadSlot = TLS_OUT_OF_INDEXES;
 HINSTANCE ModuleHandle = nullptr;
 Atomic<HANDLE> PrivateHeap;
 WSPUPCALLTABLE UpcallTable = {};
-HANDLE ContextAddedEvent = nullptr;
+Atomic<HANDLE> ContextAddedEvent;
+Atomic<DWORD> HiddenWindowThread;
 
 Atomic<bool> Detaching;
 

@@ -22,7 +22,9 @@ extern Atomic<HANDLE> PrivateHeap;
 /// The upcalls given to the first start-up.
 extern WSPUPCALLTABLE UpcallTable;
 /// Manual-reset; set each time a context joins a list. Null between clean-up and start-up.
-extern HANDLE ContextAddedEvent;
+extern Atomic<HANDLE> ContextAddedEvent;
+/// Id of the thread with the layer's own window, to which lower providers post network events; 0: none.
+extern Atomic<DWORD> HiddenWindowThread;
 
 /// The library is being detached; a clean-up then does nothing.
 extern Atomic<bool> Detaching;

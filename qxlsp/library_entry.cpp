@@ -9,6 +9,7 @@
 #include "messages/message_pool.h"
 #include "provider/contexts/handle_locks.h"
 #include "provider/process_state.h"
+#include "provider/window/async_window.h"
 #include "qxlsp/startup.h"
 #include "relay/split/relay_life.h"
 
@@ -19,6 +20,7 @@ void Attach(HINSTANCE instance) {
     // A module that is attached again without having left memory finds its values from before.
     Detaching = false;
     StartRelay();
+    ForgetAsyncWindow();
     InitializeLocks();
     InitializeHandleLocks();
     ThreadSlot = TlsAlloc();

@@ -1,6 +1,6 @@
 // WSPStartup and WSPCleanup: what is started by the first start-up of the process and stopped by the last
-// clean-up, in their fixed orders. Both run under GlobalLock, which the clean-up leaves only while the relay
-// and the overlapped workers end; start-ups wait for the end of a clean-up.
+// clean-up, in their fixed orders. Both run under GlobalLock, which the clean-up leaves only while the relay,
+// the window and the overlapped workers end; start-ups wait for the end of a clean-up.
 #include "qxlsp/startup.h"
 
 #include <ws2spi.h>
@@ -20,6 +20,7 @@
 #include "provider/operations/operations.h"
 #include "provider/overlapped/overlapped_manager.h"
 #include "provider/process_state.h"
+#include "provider/window/async_window.h"
 #include "relay/split/relay_life.h"
 
 namespace {
@@ -91,6 +92,7 @@ bool BuildLayer(const WSPUPCALLTABLE& upcalls) {
         if (!EnumerateLspCatalog(&CatalogEntries, &CatalogCount, &error)) return false;
     }
     StartOverlappedManager();
+    AllowAsyncWindow();
     return true;
 }
 
@@ -195,6 +197,7 @@ int WSPAPI WSPCleanup(LPINT error) {
     StopProcessInfoCollection();
     global.Leave();
     const bool relayEnded = StopRelay();
+    StopAsyncWindow();
     const bool workersEnded = StopWorkers() && relayEnded;
     global.Enter();
     FreeOverlappedRecords();
@@ -220,6 +223,7 @@ void ReleaseLayerAtDetach(bool unloading) {
         if (StartupCount != 0) {
             StartupCount = 0;
             global.Leave();
+            StopAsyncWindow();
             StopWorkers();
             global.Enter();
             INT ignored = 0;

@@ -75,7 +75,6 @@ bool FreeLspCatalog(bool detaching, LPINT error) {
         const AllHandleGroups groups;
         lifetime = DetachCatalog();
     }
-    SafeCloseHandle(ContextAddedEvent);
-    ContextAddedEvent = nullptr;
+    SafeCloseHandle(ContextAddedEvent.Exchange(nullptr));
     return ReleaseCatalogLifetime(lifetime);
 }

@@ -79,9 +79,10 @@ SocketContext* CreateSocketContext(LspEntry* provider, SOCKET providerSocket,
     context->ProviderSocket = providerSocket;
     context->Provider = provider;
     context->SpySocket = INVALID_SOCKET;
-    if (inheritFrom != nullptr) {
-        context->AsyncWindow = inheritFrom->AsyncWindow;
-        context->AsyncMessage = inheritFrom->AsyncMessage;
+    if (inheritFrom != nullptr && inheritFrom->AsyncWindow != nullptr) {
+        const Locker lock(qx::GlobalLock);
+        context->AsyncWindow = static_cast<HWND>(inheritFrom->AsyncWindow);
+        context->AsyncMessage = static_cast<UINT>(inheritFrom->AsyncMessage);
     }
     if (insert && !InsertSocketContext(provider, context)) {
         FreeSocketContext(context);
@@ -191,6 +192,19 @@ SocketContext* FindSocketContextByProviderSocket(LspEntry* provider, SOCKET prov
         if (context != nullptr) return context;
     }
     return nullptr;
+}
+
+bool IsSocketArriving() {
+    const Locker global(qx::GlobalLock);
+    const Locker catalog(CatalogLock);
+    for (LONG i = 0; i < CatalogCount; ++i) {
+        const Locker list(CatalogEntries[i].ListLock);
+        for (const SocketContext* context = CatalogEntries[i].FirstSocket; context != nullptr;
+             context = context->Link.Next) {
+            if (context->AsyncWindow != nullptr && context->Arrivals.Acquire() != 0) return true;
+        }
+    }
+    return false;
 }
 
 void MarkSocketAsOwn(SOCKET s, DWORD relayIndex) {

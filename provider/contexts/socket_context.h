@@ -43,11 +43,13 @@ struct SocketContext {
     Atomic<std::uint64_t> BytesSent;
     Atomic<std::uint64_t> BytesRecv;
     HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock
-    bool SkipsPackets = false;   ///< requests that succeed inside the lower call queue none; guarded by Lock
-    Atomic<int> LastError;       ///< of the last completed overlapped operation
-    HWND AsyncWindow = nullptr;  ///< as given to WSPAsyncSelect
-    UINT AsyncMessage = 0;
-    Atomic<BOOL> Dead;  ///< about to be freed: the lock can't be taken any more
+    bool SkipsPackets = false;  ///< requests that succeed inside the lower call queue none; guarded by Lock
+    Atomic<int> LastError;      ///< of the last completed overlapped operation
+    /// As given to WSPAsyncSelect. Both are written, and read to be used together, under GlobalLock.
+    Atomic<HWND> AsyncWindow;
+    Atomic<UINT> AsyncMessage;
+    Atomic<LONG> Arrivals;  ///< threads that may be bringing a socket out of this one; see SocketArrival
+    Atomic<BOOL> Dead;      ///< about to be freed: the lock can't be taken any more
     CriticalSection Lock QX_ACQUIRED_AFTER(qx::GlobalLock) QX_ACQUIRED_BEFORE(OverlappedLock);
     LspEntry* Provider = nullptr;
     struct {
@@ -95,7 +97,8 @@ struct SocketContext {
 };
 
 /// Makes a context for a lower socket of `provider`, in the heap that holds the entry. With `inheritFrom` the
-/// new socket gets its window and message. With `insert` it joins the provider's list at once. Null with
+/// new socket gets its window and message, for which GlobalLock is taken. With `insert` it joins the
+/// provider's list at once. Null with
 /// `*error` WSAENOBUFS when there is no memory (or the lock can't be made), WSANOTINITIALISED when the
 /// catalog is gone.
 SocketContext* CreateSocketContext(LspEntry* provider, SOCKET providerSocket,
@@ -141,6 +144,23 @@ void MarkSocketAsOwn(SOCKET s, DWORD relayIndex);
 
 /// Whether nothing of this socket (or of this process) is to be intercepted. True without a context.
 bool IsSocketExempt(const SocketContext* context);
+
+/// Marks, for a scope, that the lower provider may give the thread a socket out of another one, which is
+/// referenced: from before the lower call until the new socket's context has joined its list.
+class SocketArrival {
+  public:
+    explicit SocketArrival(SocketContext* parent) : parent_(parent) { parent_->Arrivals.Increment(); }
+    ~SocketArrival() { parent_->Arrivals.Decrement(); }
+    SocketArrival(const SocketArrival&) = delete;
+    SocketArrival& operator=(const SocketArrival&) = delete;
+
+  private:
+    SocketContext* const parent_;
+};
+
+/// Whether any thread may be bringing a socket that has its parent's window. When none is, a lower socket
+/// that has no context by the next lookup never will. Takes GlobalLock and CatalogLock.
+bool IsSocketArriving();
 
 /// A text of its own that needs no memory from anywhere.
 class ContextText {

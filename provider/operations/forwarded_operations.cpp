@@ -67,10 +67,3 @@ int WSPAPI WSPCancelBlockingCall(LPINT error) {
     if (result == SOCKET_ERROR) *error = LowerError(*error);
     return result;
 }
-
-int WSPAPI WSPAsyncSelect(SOCKET s, HWND, unsigned int, LONG, LPINT error) {
-    // The lower provider would name its own socket to the application's window, so nothing is forwarded.
-    const ContextReference context(s, error);
-    if (context) *error = WSAEOPNOTSUPP;
-    return SOCKET_ERROR;
-}

@@ -176,6 +176,7 @@ SOCKET WSPAPI WSPAccept(SOCKET s, sockaddr* address, LPINT addressLength, LPCOND
                         DWORD_PTR callbackData, LPINT error) {
     const ContextReference context(s, error);
     if (!context) return INVALID_SOCKET;
+    const SocketArrival arrival(context.Get());
     LspEntry* const provider = context->Provider;
     const SOCKET lowerSocket = CallLower(provider, INVALID_SOCKET, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPAccept(context->ProviderSocket, address, addressLength,
@@ -189,6 +190,7 @@ SOCKET WSPAPI WSPJoinLeaf(SOCKET s, const sockaddr* name, int namelen, LPWSABUF 
                           LPWSABUF calleeData, LPQOS sendQos, LPQOS groupQos, DWORD flags, LPINT error) {
     const ContextReference context(s, error);
     if (!context) return INVALID_SOCKET;
+    const SocketArrival arrival(context.Get());
     LspEntry* const provider = context->Provider;
     const SOCKET socketOfRoot = context->ProviderSocket;
     const SOCKET lowerSocket = CallLower(provider, INVALID_SOCKET, error, [&]() noexcept {

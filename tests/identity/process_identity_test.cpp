@@ -104,6 +104,58 @@ TEST_F(ProcessIdentity, TheFirstWindowOfTheProcessDecidesTheTitle) {
     }
 }
 
+/// A window of a thread that answers when it looks for messages, which it does only when told to.
+class SleepyWindow {
+  public:
+    SleepyWindow(const char* title, bool looks) {
+        std::promise<HWND> made;
+        thread_ = std::thread([this, title, looks, &made] {
+            WNDCLASSA windowClass{};
+            windowClass.lpfnWndProc = DefWindowProcA;
+            windowClass.hInstance = GetModuleHandleA(nullptr);
+            windowClass.lpszClassName = "window with a title";
+            RegisterClassA(&windowClass);
+            const HWND window = CreateWindowExA(0, windowClass.lpszClassName, title, WS_OVERLAPPEDWINDOW, 0,
+                                                0, 10, 10, nullptr, nullptr, windowClass.hInstance, nullptr);
+            made.set_value(window);
+            MSG message;
+            if (!looks) mayLook_.get_future().wait();
+            while (GetMessageA(&message, nullptr, 0, 0) > 0)
+                DispatchMessageA(&message);
+            DestroyWindow(window);
+        });
+        window_ = made.get_future().get();
+    }
+    ~SleepyWindow() {
+        mayLook_.set_value();
+        PostMessageA(window_, WM_QUIT, 0, 0);
+        thread_.join();
+    }
+    SleepyWindow(const SleepyWindow&) = delete;
+    SleepyWindow& operator=(const SleepyWindow&) = delete;
+
+    HWND handle() const { return window_; }
+
+  private:
+    std::promise<void> mayLook_;
+    std::thread thread_;
+    HWND window_ = nullptr;
+};
+
+TEST_F(ProcessIdentity, WindowsThatTheProcessHasMadeCount) {
+    {
+        const SleepyWindow window("Real", true);
+        EXPECT_EQ(GetMainWindowTitle(), "Real");
+        HiddenWindowThread = GetWindowThreadProcessId(window.handle(), nullptr);
+        EXPECT_EQ(GetMainWindowTitle(), "<Unknown>") << "the layer's own is not the application's";
+        HiddenWindowThread = 0;
+    }
+    const platform::ScopedClockRate fast(100);
+    const SleepyWindow hung("Hung", false);
+    EXPECT_EQ(GetMainWindowTitle(), "<Unknown>");
+    EXPECT_TRUE(debugOutput_.Contains("ERROR:Didn't get text of window title."));
+}
+
 TEST_F(ProcessIdentity, ATitleThatCannotBeReadIsUnknown) {
     SetWindows({{"Main"}});
     {

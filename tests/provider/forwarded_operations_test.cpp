@@ -90,12 +90,6 @@ TEST_F(ForwardedOperations, GoDownWithTheLowerSocketAndTheCallersArguments) {
     ExpectForwarded(lower.lpWSPShutdown, WSPShutdown, 0, SOCKET_ERROR);
 }
 
-TEST_F(ForwardedOperations, NoWindowIsToldOfTheLowerSocket) {
-    Lower().lpWSPAsyncSelect = nullptr;  // not called
-    EXPECT_EQ(ErrorOf(WSPAsyncSelect(s_, nullptr, 0, FD_READ, &error_) == 0), WSAEOPNOTSUPP);
-    EXPECT_EQ(ErrorOf(WSPAsyncSelect(0x77, nullptr, 0, FD_READ, &error_) == 0), WSAENOTSOCK);
-}
-
 // With Winsock, which writes addresses, started or not.
 TEST_F(ForwardedOperations, ContextsAreDescribedInOneLine) {
     const sockaddr_in four = MakeAddress("203.0.113.10", 80);

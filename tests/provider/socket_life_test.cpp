@@ -184,8 +184,10 @@ TEST_F(SocketLife, FailuresAfterTheLowerSocketCloseIt) {
     EXPECT_EQ(Fake().closed.back(), 0x6000u);
     Fake().createHandleError = 0;
 
+    ContextOf(listener)->AsyncWindow = reinterpret_cast<HWND>(0x1234);
     ContextOf(listener)->AsyncMessage = 1234;
     const SOCKET accepted = WSPAccept(listener, nullptr, nullptr, nullptr, 0, &error_);
+    EXPECT_EQ(ContextOf(accepted)->AsyncWindow, reinterpret_cast<HWND>(0x1234));
     EXPECT_EQ(ContextOf(accepted)->AsyncMessage, 1234u)
         << "an accepted socket reports to its listener's window";
     Close(accepted);

@@ -58,6 +58,8 @@ struct ProviderCallRecord {
     std::string address;  // the sockaddr given
     LPWSAOVERLAPPED overlapped = nullptr;
     bool hasThreadId = false;
+    HWND window = nullptr;        // asynchronous select
+    UINT message = 0;             // the same
     WSAPROTOCOL_INFOW info{};     // socket, address conversions
     std::vector<SOCKET> readSet;  // select
 };
@@ -72,4 +74,5 @@ struct ProviderReply {
     int result = 0;                // select: the count
     std::vector<SOCKET> writeSet;  // select: what is ready
     std::function<void(const ProviderCallRecord&)> during;  // runs inside the operation, before it answers
+    std::function<void(SOCKET)> made;  // runs inside an operation that makes a socket, with that socket
 };

@@ -79,8 +79,12 @@ int GivesBack(const Record& record, std::string Reply::*field, void* out, LPINT 
 
 // An operation that makes a socket.
 SOCKET MakesSocket(const Record& record, LPINT lpErrno, sockaddr* address = nullptr, LPINT length = nullptr) {
-    const int result = GivesBack(record, &Reply::address, address, length, lpErrno);
-    return result == 0 ? TheProvider.OpenSocket(lpErrno) : INVALID_SOCKET;
+    const Reply reply = TheProvider.Answer(record);
+    if (Conclude(reply.error, lpErrno) != 0) return INVALID_SOCKET;
+    CopyOut(reply.address, address, length);
+    const SOCKET s = TheProvider.OpenSocket(lpErrno);
+    if (s != INVALID_SOCKET && reply.made) reply.made(s);
+    return s;
 }
 
 // The common part of receives: what is delivered at once, and what was agreed for later.
@@ -290,9 +294,13 @@ void FillState(WSPPROC_TABLE& table) {
     table.lpWSPGetQOSByName = Callback([](SOCKET s, LPWSABUF, LPQOS, LPINT error) -> BOOL {
         return Simple(OnSocket(Op::kGetQosByName, s), error) == 0;
     });
-    table.lpWSPAsyncSelect = Callback([](SOCKET s, HWND, unsigned int, LONG events, LPINT error) {
-        return Simple(OnSocket(Op::kAsyncSelect, s, static_cast<DWORD>(events)), error);
-    });
+    table.lpWSPAsyncSelect =
+        Callback([](SOCKET s, HWND window, unsigned int message, LONG events, LPINT error) {
+            Record record = OnSocket(Op::kAsyncSelect, s, static_cast<DWORD>(events));
+            record.window = window;
+            record.message = message;
+            return Simple(record, error);
+        });
     table.lpWSPEventSelect = Callback([](SOCKET s, WSAEVENT, LONG events, LPINT error) {
         return Simple(OnSocket(Op::kEventSelect, s, static_cast<DWORD>(events)), error);
     });
