@@ -45,6 +45,8 @@ EndedContext EndContext(SocketContext* context, LPINT error) {
 /// before it drops its own reference, or with the lock of the handle's group held.
 bool DropReferenceOfLiving(SocketContext* context) {
     const SOCKET handle = context->LayeredSocket;
+    // A clean-up has taken it away, under a lock that is not known any more.
+    if (handle == INVALID_SOCKET) return false;
     const Locker lock(GroupOf(handle).Lock);
     // The clean-up takes the handle away, and then it is another group's lock that counts.
     if (context->LayeredSocket != handle || context->Closing || context->Abandoned != nullptr) return false;
