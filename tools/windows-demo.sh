@@ -8,7 +8,7 @@ tests/windows/get-wine32.sh
 cmake --preset native >/dev/null
 cmake --build --preset native --target qxdemo
 cmake --preset windows >/dev/null
-cmake --build --preset windows --target qxhttp qxlaunch qxhost qxlower qxlsp
+cmake --build --preset windows --target qxhttp qxwindow qxlaunch qxhost qxlower qxlsp
 # The first run makes the prefix and starts the services; the demo's times should not show that.
 "$wine" cmd /c exit 0 >/dev/null 2>&1
 exec build/native/bin/qxdemo --windows-programs build/windows/bin --wine "$wine" "$@"

@@ -86,23 +86,11 @@ int ReceiveAnswer(SOCKET socket, AnswerReader* answer, const ExchangeOptions& op
     }
 }
 
-/// Notes the outcome of a step; true when the exchange can go on.
-bool Passed(const char* step, int error, ExchangeResult* result) {
-    if (error == 0) return true;
-    result->failedStep = step;
-    result->error = error;
-    return false;
-}
-
 void ExchangeStream(SOCKET socket, const sockaddr_in& server, const std::string& path,
                     const ExchangeOptions& options, ExchangeResult* result) {
     if (!Passed("connect", Connect(socket, server, options), result)) return;
 
-    sockaddr_in peer = {};
-    int length = sizeof(peer);
-    if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) == 0)
-        result->peer = FormatEndpoint(peer);
-
+    result->peer = PeerOf(socket);
     const std::string request = "GET " + path + " HTTP/1.0\r\nHost: " + FormatEndpoint(server) + "\r\n\r\n";
     if (!Passed("send", SendAll(socket, request, options), result)) return;
 

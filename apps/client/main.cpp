@@ -2,68 +2,17 @@
 // server it is given, prints one line per request, and exits with 0 when all were answered, 1 when one
 // failed, 2 for wrong usage.
 #include "apps/client/exchange.h"
-#include "apps/shared/endpoint.h"
+#include "apps/shared/exchange_report.h"
 #include "apps/shared/run_main.h"
 #include "apps/shared/winsock_session.h"
 
-#include <windows.h>
-
-#include <nlohmann/json.hpp>
-
 #include <iostream>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
 
 constexpr unsigned short kHttpPort = 80;
-
-struct Target {
-    std::string text;
-    sockaddr_in server;
-    std::string path;
-};
-
-/// Reads "http://A.B.C.D[:PORT][/PATH]", the scheme being optional.
-Target ParseTarget(const std::string& text) {
-    const std::string scheme = "http://";
-    const std::string rest = text.rfind(scheme, 0) == 0 ? text.substr(scheme.size()) : text;
-    const std::size_t slash = rest.find('/');
-    const auto server = ParseEndpoint(rest.substr(0, slash), kHttpPort);
-    if (!server)
-        throw std::runtime_error("\"" + text + "\" is not a numeric address: http://A.B.C.D[:PORT][/PATH]");
-    return {text, *server, slash == std::string::npos ? "/" : rest.substr(slash)};
-}
-
-void PrintJson(const Target& target, const ExchangeResult& result) {
-    // Bytes that are no UTF-8 are replaced: a server may answer anything.
-    const nlohmann::ordered_json line = {
-        {"target", FormatEndpoint(target.server)},
-        {"failed", result.failedStep},
-        {"error", result.error},
-        {"peer", result.peer},
-        {"status", result.status},
-        {"bytes", result.bytes},
-        {"body", result.firstBodyLine},
-        {"checksum", result.checksum},
-        {"elapsed_ms", static_cast<unsigned long>(result.elapsedMilliseconds)},
-        {"process_id", static_cast<unsigned long>(GetCurrentProcessId())},
-    };
-    std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
-}
-
-void PrintText(const Target& target, const ExchangeResult& result) {
-    std::cout << target.text << ": ";
-    if (result.Succeeded()) {
-        std::cout << "status " << result.status << ", " << result.bytes << " bytes from " << result.peer
-                  << ": " << result.firstBodyLine;
-    } else {
-        std::cout << result.failedStep << " failed with " << DescribeWinsockError(result.error);
-    }
-    std::cout << " (" << result.elapsedMilliseconds << " ms)" << std::endl;
-}
 
 int Run(CLI::App& app, const std::function<void()>& parse) {
     std::vector<std::string> targetTexts;
@@ -92,7 +41,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     std::vector<Target> targets;
     targets.reserve(targetTexts.size());
     for (const std::string& text : targetTexts)
-        targets.push_back(ParseTarget(text));
+        targets.push_back(ParseTarget(text, kHttpPort));
 
     const WinsockSession winsock;
     bool allAnswered = true;
@@ -103,7 +52,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
             if (step && !first && !std::getline(std::cin, line)) return 1;
             first = false;
             const ExchangeResult result = Exchange(target.server, target.path, options);
-            (json ? PrintJson : PrintText)(target, result);
+            PrintResult(target, result, json);
             allAnswered = allAnswered && result.Succeeded();
         }
     }

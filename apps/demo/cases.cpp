@@ -169,6 +169,13 @@ std::vector<Case> MakeCases() {
         c.answeredBy = kEcho;
         c.questions = 0;
     }
+    {
+        Case& c = add("window messages", "203.0.113.90:7", "action = 'allow'");
+        c.server = kStreamEcho;
+        c.transport = Transport::Messages;
+        c.answeredBy = kStreamEcho;
+        c.verdict = "allow";
+    }
     AddSplitCases(&cases);
     return cases;
 }

@@ -6,7 +6,8 @@
 #include <string>
 #include <vector>
 
-enum class Transport { Stream, Datagram };
+/// Messages: a stream, used by a program that lives in a message loop, to a server that echoes.
+enum class Transport { Stream, Datagram, Messages };
 
 /// Where the port that the application's machine names leads to.
 enum class AnalyzerState {

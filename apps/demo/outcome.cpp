@@ -32,6 +32,8 @@ void JudgeAnswer(const Case& scene, const ClientRun& run, const ClientLine& line
     if (scene.transport == Transport::Stream) {
         Expect("status", 200, line.status, problems);
         Expect("server", scene.body.value_or(scene.answeredBy), line.body, problems);
+    } else if (scene.transport == Transport::Messages) {
+        Expect<std::string>("echo", "/hello", line.body, problems);
     } else {
         Expect("echo", scene.answeredBy + " /hello", line.body, problems);
     }

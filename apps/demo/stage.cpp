@@ -203,7 +203,7 @@ std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
         all.insert(all.end(), {"--close-after", std::to_string(scene.closeAfterBytes)});
     if (scene.transport == Transport::Datagram) all.emplace_back("--datagram");
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return StartApplication(scene, "qxhttp", all);
+    return StartApplication(scene, scene.transport == Transport::Messages ? "qxwindow" : "qxhttp", all);
 }
 
 ClientRun Stage::Finish(const Case& scene, ChildProcess* client) {
