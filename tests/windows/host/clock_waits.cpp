@@ -1,6 +1,7 @@
 // Waits in slices of real time, and the end of a thread in one of them.
 #include "tests/windows/host/clock_waits.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -49,17 +50,23 @@ void SleepOnClock(DWORD milliseconds) noexcept {
         Sleep(1);
 }
 
-DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept {
+DWORD WaitForSeveralOnClock(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) noexcept {
     // A thread needs real time to end, however fast the clock runs; one that is ended by force in the middle
     // of the system's code takes the process with it.
-    if (milliseconds == 0 || milliseconds == INFINITE || GetThreadId(handle) != 0)
-        return WaitForSingleObject(handle, milliseconds);
+    const bool hasThread =
+        std::any_of(handles, handles + count, [](HANDLE handle) { return GetThreadId(handle) != 0; });
+    if (milliseconds == 0 || milliseconds == INFINITE || hasThread)
+        return WaitForMultipleObjects(count, handles, all, milliseconds);
     const Deadline deadline = DeadlineAfter(milliseconds);
     TimedWait registered;
     for (;; registered.EndIfAsked()) {
-        const DWORD result = WaitForSingleObject(handle, kSliceMilliseconds);
+        const DWORD result = WaitForMultipleObjects(count, handles, all, kSliceMilliseconds);
         if (result != WAIT_TIMEOUT || HasPassed(deadline)) return result;
     }
+}
+
+DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept {
+    return WaitForSeveralOnClock(1, &handle, FALSE, milliseconds);
 }
 
 int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) noexcept {

@@ -13,6 +13,9 @@ namespace platform {
 
 DWORD WaitOnClock(HANDLE handle, DWORD milliseconds) noexcept;
 
+/// WaitForMultipleObjects.
+DWORD WaitForSeveralOnClock(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) noexcept;
+
 /// The system's select with a limit on the clock. Null `timeout`: none.
 int SelectOnClock(fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) noexcept;
 

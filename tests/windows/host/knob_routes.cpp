@@ -80,6 +80,12 @@ QX_POINT(ResetEvent, ERROR_INVALID_HANDLE)
 QX_POINT(DuplicateHandle, ERROR_INVALID_HANDLE)
 QX_POINT(QueueUserAPC, ERROR_NOT_ENOUGH_MEMORY)
 QX_POINT(CancelIoEx, ERROR_NOT_FOUND)
+QX_POINT(GetModuleHandleExW, ERROR_MOD_NOT_FOUND)
+QX_POINT(RegisterClassA, ERROR_NOT_ENOUGH_MEMORY)
+QX_POINT(UnregisterClassA, ERROR_CLASS_DOES_NOT_EXIST)
+QX_POINT(CreateWindowExA, ERROR_NOT_ENOUGH_MEMORY)
+QX_POINT(DestroyWindow, ERROR_INVALID_WINDOW_HANDLE)
+QX_POINT(PostMessageA, ERROR_NOT_ENOUGH_QUOTA)
 
 QX_TRACKED(CreateEventA, ERROR_NOT_ENOUGH_MEMORY,
            (LPSECURITY_ATTRIBUTES security, BOOL manual, BOOL initial, LPCSTR name),
@@ -147,6 +153,16 @@ DWORD WINAPI WaitForOne(HANDLE handle, DWORD milliseconds) {
     return call.Fails() ? WAIT_FAILED : WaitOnClock(handle, milliseconds);
 }
 
+DWORD WINAPI WaitForSeveral(DWORD count, const HANDLE* handles, BOOL all, DWORD milliseconds) {
+    PlatformCall call("WaitForMultipleObjects", ERROR_INVALID_HANDLE);
+    return call.Fails() ? WAIT_FAILED : WaitForSeveralOnClock(count, handles, all, milliseconds);
+}
+
+BOOL WINAPI TakeMessage(LPMSG message, HWND window, UINT first, UINT last) {
+    PlatformCall call("GetMessageA", ERROR_INVALID_WINDOW_HANDLE);
+    return call.Fails() ? -1 : GetMessageA(message, window, first, last);
+}
+
 void WINAPI SleepAwhile(DWORD milliseconds) {
     const PlatformScope scope;
     SleepOnClock(milliseconds);
@@ -172,6 +188,7 @@ Route To(const char* library, const char* name) {
 std::vector<Route> KnobRoutes(bool waits) {
     std::vector<Route> routes = {
         At<GetModuleHandleWPoint>(),
+        At<GetModuleHandleExWPoint>(),
         At<GetModuleFileNameWPoint>(),
         At<LoadLibraryAPoint>(),
         At<LoadLibraryWPoint>(),
@@ -202,6 +219,12 @@ std::vector<Route> KnobRoutes(bool waits) {
         To<StandInGetAncestor>("user32.dll", "GetAncestor"),
         To<StandInSendMessageTimeoutA>("user32.dll", "SendMessageTimeoutA"),
         To<StandInIsWindow>("user32.dll", "IsWindow"),
+        At<RegisterClassAPoint>("user32.dll"),
+        At<UnregisterClassAPoint>("user32.dll"),
+        At<CreateWindowExAPoint>("user32.dll"),
+        At<DestroyWindowPoint>("user32.dll"),
+        At<PostMessageAPoint>("user32.dll"),
+        {"user32.dll", "GetMessageA", Address(TakeMessage)},
         To<StandInCryptQueryObject>("crypt32.dll", "CryptQueryObject"),
         To<StandInCryptMsgGetParam>("crypt32.dll", "CryptMsgGetParam"),
         To<StandInCryptMsgClose>("crypt32.dll", "CryptMsgClose"),
@@ -226,6 +249,7 @@ std::vector<Route> KnobRoutes(bool waits) {
         At<CancelIoExPoint>(),
         {"kernel32.dll", "SetFileCompletionNotificationModes", Address(SetNotificationModes)},
         {"kernel32.dll", "WaitForSingleObject", Address(WaitForOne)},
+        {"kernel32.dll", "WaitForMultipleObjects", Address(WaitForSeveral)},
         {"kernel32.dll", "Sleep", Address(SleepAwhile)},
         // The Winsock routes came first: these slots lead to the host by now.
         {"", "CreateIoCompletionPort", Address(MakeCompletionPort),
