@@ -188,8 +188,8 @@ TEST_F(AsyncSelect, ACleanUpEndsTheWindowAndAStartUpMakesAnother) {
 TEST_F(AsyncSelect, ACleanUpOvertakesThreadsThatAskForMore) {
     ExpectLeftovers();  // the library, for a call that was under way
     MessageWindow window;
+    StartWinsock();
     for (int round = 0; round < 3; ++round) {
-        StartWinsock();
         sockaddr_in address;
         const SOCKET listener = Listen(window, FD_ACCEPT, &address);
         std::atomic<bool> stopping{false};
@@ -204,11 +204,13 @@ TEST_F(AsyncSelect, ACleanUpOvertakesThreadsThatAskForMore) {
         });
         for (int events = 0; events < 20; ++events)
             window.Next();
-        StopWinsock();
+        EXPECT_EQ(WSACleanup(), 0);
         stopping = true;
         asking.join();
         EXPECT_EQ(HiddenWindow(), nullptr);
         window.Pending();
+        WSADATA data{};
+        ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
     }
 }
 

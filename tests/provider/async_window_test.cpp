@@ -185,18 +185,19 @@ TEST_F(AsyncWindow, AStartThatFailsIsNotTriedAgainButForAThread) {
     StopWinsock();
 
     for (const char* function : {"RegisterClassA", "CreateWindowExA"}) {
-        const LoadedLayer kept(Settings().layer);
+        StartAbove(1);
         {
-            StartAbove(1);
+            const LoadedLayer kept(Settings().layer);
             const platform::ScopedFault fault({function});
             EXPECT_EQ(window.Select(Stream(), FD_READ), SOCKET_ERROR) << function;
             EXPECT_EQ(platform::FaultsStruck(), 1) << function;
-        }
-        for (int lives = 0; lives < 2; ++lives) {
-            EXPECT_EQ(window.Select(Stream(), FD_READ), SOCKET_ERROR) << function;
-            EXPECT_EQ(WSAGetLastError(), WSAEINVAL) << function;
-            StopWinsock();
-            StartAbove(1);
+            for (int lives = 0; lives < 2; ++lives) {
+                EXPECT_EQ(window.Select(Stream(), FD_READ), SOCKET_ERROR) << function;
+                EXPECT_EQ(WSAGetLastError(), WSAEINVAL) << function;
+                WSADATA data{};
+                EXPECT_EQ(WSACleanup(), 0);
+                EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+            }
         }
         StopWinsock();
     }
