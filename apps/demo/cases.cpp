@@ -170,7 +170,7 @@ std::vector<Case> MakeCases() {
         c.questions = 0;
     }
     {
-        Case& c = add("window messages", "203.0.113.90:7", "action = 'allow'");
+        Case& c = add("window messages", "203.0.113.85:7", "action = 'allow'");
         c.server = kStreamEcho;
         c.transport = Transport::Messages;
         c.answeredBy = kStreamEcho;
