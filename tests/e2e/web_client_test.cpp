@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
+#include <string>
 #include <tuple>
 
 namespace {
@@ -19,13 +21,14 @@ TEST_P(WebClient, ObeysTheVerdict) {
     const auto& [library, name] = GetParam();
     const Case& scene = CaseNamed(name);
     Stage stage({scene});
-    const auto client = stage.StartApplication(scene, "web_client",
-                                               {library, "http://" + stage.DestinationOf(scene) + "/hello"});
+    const auto client = stage.StartApplication(
+        scene, "web_client", {library, "http://" + stage.DestinationOf(scene) + scene.path});
     const bool answered = !scene.answeredBy.empty();
     EXPECT_EQ(client->Wait(After(kLimit)), answered ? 0 : 1);
     const std::vector<std::string> output = client->Output();
     ASSERT_FALSE(output.empty()) << stage.ErrorOutput();
-    EXPECT_EQ(output[0].rfind(answered ? "200 " + scene.answeredBy : "failed ", 0), 0u) << output[0];
+    EXPECT_EQ(output[0].rfind(answered ? "200 " + scene.body.value_or(scene.answeredBy) : "failed ", 0), 0u)
+        << output[0];
 
     // A library may try again what was refused.
     const std::vector<Question>& questions = stage.AllQuestions();
@@ -45,9 +48,13 @@ TEST_P(WebClient, ObeysTheVerdict) {
 
 INSTANTIATE_TEST_SUITE_P(Through, WebClient,
                          testing::Combine(testing::Values("winhttp", "wininet"),
-                                          testing::Values("allowed", "refused", "redirected")),
+                                          testing::Values("allowed", "refused", "redirected", "inspected",
+                                                          "inspected and changed", "served by the analyzer")),
                          [](const auto& play) {
-                             return std::string(std::get<0>(play.param)) + "_" + std::get<1>(play.param);
+                             std::string name =
+                                 std::string(std::get<0>(play.param)) + "_" + std::get<1>(play.param);
+                             std::replace(name.begin(), name.end(), ' ', '_');
+                             return name;
                          });
 
 }  // namespace
