@@ -25,8 +25,6 @@ constexpr const char* kEndNames[] = {
     "server resets",      "analyzer closes",         "analyzer resets",    "last clean-up"};
 constexpr int kEnds = 8;
 
-constexpr std::uint32_t kConnectReport = 12;
-
 /// A split connection, bytes of which have gone both ways, with a thread of the application that receives.
 class SplitEnds : public SplitFixture {
   protected:
@@ -39,10 +37,9 @@ class SplitEnds : public SplitFixture {
     void Establish(const Mode& mode) {
         const ScriptedAnalyzer::Script others =
             Splitting(mode.flags, mode.flags == kServe ? Inspector::kServe : Inspector::kPassOn);
-        analyzer_.SetScript([this, others, mode](const SeenRequest& request, AnalyzerConnection& connection) {
+        analyzer_.SetScript([others, mode](const SeenRequest& request, AnalyzerConnection& connection) {
             const bool isEnd = request.operation == 7 || request.operation == 8;
             if (isEnd && !mode.answersEnds) return;
-            if (request.operation == kConnectReport) atAnalyzer_ = &connection;
             others(request, connection);
         });
         ASSERT_NO_FATAL_FAILURE(StartWinsock());
@@ -90,10 +87,10 @@ class SplitEnds : public SplitFixture {
                 server_.reset();
                 break;
             case End::kAnalyzerCloses:
-                atAnalyzer_->Close();
+                analyzer_.CloseConnections();
                 break;
             case End::kAnalyzerResets:
-                atAnalyzer_->Reset();
+                analyzer_.ResetConnections();
                 break;
             case End::kLastCleanUp:
                 if (!cleanedUp_) StopWinsock();
@@ -118,7 +115,6 @@ class SplitEnds : public SplitFixture {
     platform::ResourceCounts idle_;
     SOCKET socket_ = INVALID_SOCKET;
     std::optional<LoopbackStream> server_;
-    AnalyzerConnection* atAnalyzer_ = nullptr;
     std::future<std::string> receiver_;
     bool cleanedUp_ = false;
 };

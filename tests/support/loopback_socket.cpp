@@ -65,6 +65,10 @@ void Shutdown(int descriptor) {
     shutdown(descriptor, SHUT_RDWR);
 }
 
+void StopReading(int descriptor) {
+    shutdown(descriptor, SHUT_RD);
+}
+
 int Reset(int descriptor) {
     const linger abort{1, 0};
     setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));

@@ -21,6 +21,9 @@ std::size_t Send(int descriptor, const void* source, std::size_t size);
 /// Whoever reads or writes is told of the end.
 void Shutdown(int descriptor);
 
+/// Whoever reads is told of an end; the peer is told nothing.
+void StopReading(int descriptor);
+
 /// Ends the connection by a reset. What is left to close afterwards, or -1.
 int Reset(int descriptor);
 

@@ -129,6 +129,10 @@ void Shutdown(int descriptor) {
     System().shutdown(ToSocket(descriptor), SD_BOTH);
 }
 
+void StopReading(int descriptor) {
+    System().shutdown(ToSocket(descriptor), SD_RECEIVE);
+}
+
 int Reset(int descriptor) {
     const linger abort{1, 0};
     System().setsockopt(ToSocket(descriptor), SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&abort),

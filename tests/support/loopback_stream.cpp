@@ -48,6 +48,11 @@ void LoopbackStream::Interrupt() {
     loopback_socket::Shutdown(descriptor_);
 }
 
+void LoopbackStream::StopReading() {
+    const std::lock_guard<std::mutex> lock(resetting_);
+    loopback_socket::StopReading(descriptor_);
+}
+
 void LoopbackStream::ResetPeer() {
     const std::lock_guard<std::mutex> lock(resetting_);
     descriptor_ = loopback_socket::Reset(descriptor_);

@@ -29,6 +29,9 @@ class LoopbackStream {
     /// Wakes the thread that reads or writes: both then fail.
     void Interrupt();
 
+    /// Wakes the thread that reads, as at an end. Any thread may call.
+    void StopReading();
+
     /// The peer sees a reset instead of an orderly end.
     void ResetPeer();
 

@@ -199,6 +199,20 @@ std::size_t ScriptedAnalyzer::Accepted() const {
     return peers_.size();
 }
 
+void ScriptedAnalyzer::CloseConnections() {
+    const std::lock_guard lock(lock_);
+    for (auto& peer : peers_)
+        peer->stream.Interrupt();
+}
+
+void ScriptedAnalyzer::ResetConnections() {
+    const std::lock_guard lock(lock_);
+    for (auto& peer : peers_) {
+        peer->endsByReset = true;
+        peer->stream.StopReading();
+    }
+}
+
 bool ScriptedAnalyzer::WaitUntil(const std::function<bool()>& condition) const {
     std::unique_lock lock(lock_);
     return changed_.wait_for(lock, kPatience, condition);
@@ -230,7 +244,11 @@ void ScriptedAnalyzer::Serve(Peer& peer, std::size_t number) {
         changed_.notify_all();
         script(*request, connection);
     }
-    peer.stream.Interrupt();
+    if (peer.endsByReset) {
+        peer.stream.ResetPeer();
+    } else {
+        peer.stream.Interrupt();
+    }
     const std::lock_guard lock(lock_);
     ++ended_;
     changed_.notify_all();

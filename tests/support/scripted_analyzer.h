@@ -103,9 +103,14 @@ class ScriptedAnalyzer {
 
     std::size_t Accepted() const;
 
+    /// Ends every connection that there is, in order or with a reset, as soon as its script has returned.
+    void CloseConnections();
+    void ResetConnections();
+
   private:
     struct Peer {
         LoopbackStream stream;
+        std::atomic<bool> endsByReset{false};
         std::thread thread;
     };
 
