@@ -12,6 +12,8 @@ namespace {
 /// Takes a side's socket out of the connection, which is held exclusively.
 SOCKET TakeSocket(RelayConnection& connection, const RelaySide& side) {
     connection.*side.Connected = FALSE;
+    // What it has not taken holds the analyzer up no longer.
+    connection.*side.PendingBytes = 0;
     return std::exchange(connection.*side.Socket, INVALID_SOCKET);
 }
 

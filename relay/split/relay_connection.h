@@ -67,7 +67,8 @@ struct RelayConnection {
     Atomic<DWORD> PendingServerSends;
     Atomic<DWORD> PendingClientSends;
     Atomic<DWORD> PendingSpySends;
-    Atomic<DWORD> PendingAnswerBytes;  ///< of the analyzer's, on their way to the two sides
+    Atomic<DWORD> PendingServerBytes;  ///< of the analyzer's answers, on their way to the server; so the next
+    Atomic<DWORD> PendingClientBytes;
     Atomic<bool> ServerReceiveWanted;  ///< to be posted when the limits allow; so the next one
     Atomic<bool> ClientReceiveWanted;
     Atomic<bool> ServerReceivePosted;  ///< its packet has not been handled; so the next two
@@ -86,6 +87,7 @@ struct RelaySide {
     SOCKET RelayConnection::*Socket;
     BOOL RelayConnection::*Connected;
     Atomic<DWORD> RelayConnection::*PendingSends;
+    Atomic<DWORD> RelayConnection::*PendingBytes;
     Atomic<bool> RelayConnection::*ReceiveWanted;
     Atomic<bool> RelayConnection::*ReceivePosted;
     RelayOperation Receive;

@@ -32,7 +32,8 @@ void RepostSide(RelayHold& connection, const RelaySide& side) {
 }
 
 bool MayReadAnswers(const RelayConnection& connection) {
-    return connection.PendingAnswerBytes < kMostAnswerBytes || HasResponseWaiters(connection.SpySocket);
+    const DWORD pending = connection.PendingServerBytes + connection.PendingClientBytes;
+    return pending < kMostAnswerBytes || HasResponseWaiters(connection.SpySocket);
 }
 
 }  // namespace
@@ -51,7 +52,7 @@ void WantReceive(RelayHold& connection, const RelaySide& side) {
 
 void RemovePendingSend(DWORD operation, DWORD answerBytes, RelayHold& connection) {
     UncountPendingSend(operation, *connection);
-    connection->PendingAnswerBytes.FetchAdd(0 - answerBytes);
+    ((*connection).*SideOf(operation).PendingBytes).FetchAdd(0 - answerBytes);
     RepostRelayReceives(connection);
 }
 

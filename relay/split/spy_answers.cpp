@@ -65,9 +65,9 @@ bool SendToSide(PooledResponse response, const RelaySide& side, RelayHold& conne
     record->Bytes = static_cast<DWORD>(response->DataLength);
     record->Response = std::move(response);
     const DWORD bytes = record->Bytes;
-    connection->PendingAnswerBytes.FetchAdd(bytes);
+    ((*connection).*side.PendingBytes).FetchAdd(bytes);
     if (PostRelaySend(std::move(record), *connection)) return true;
-    connection->PendingAnswerBytes.FetchAdd(0 - bytes);
+    ((*connection).*side.PendingBytes).FetchAdd(0 - bytes);
     return false;
 }
 
