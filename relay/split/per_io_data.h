@@ -25,6 +25,7 @@ enum RelayOperation : DWORD {
     RelayOpServerSend = 5,
     RelayOpSpySend = 6,
     RelayOpConnect = 7,
+    RelayOpLeave = 8,  ///< none of the lower provider's: the application closes its socket
 };
 
 struct PerIOData {

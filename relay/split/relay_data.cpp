@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "base/trace.h"
-#include "provider/contexts/socket_context.h"
+#include "relay/split/original_context.h"
 #include "relay/split/relay_close.h"
 #include "relay/split/relay_flow.h"
 #include "relay/split/relay_requests.h"
@@ -14,15 +14,13 @@ namespace {
 
 /// The application's socket was refused further traffic, as an answer to one of its reports.
 bool IsOriginalBlocked(const RelayConnection& connection) {
-    INT ignored = 0;
-    const ContextReference original(connection.OriginalSocket, &ignored);
+    const OriginalContext original(connection);
     return original && original->Blocked;
 }
 
 /// What was received so far is being reported by the relay itself.
 void ForgetCounts(const RelayConnection& connection) {
-    INT ignored = 0;
-    const ContextReference original(connection.OriginalSocket, &ignored);
+    const OriginalContext original(connection);
     if (!original) return;
     original->BytesSent = 0;
     original->BytesRecv = 0;

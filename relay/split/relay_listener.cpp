@@ -16,7 +16,8 @@ Atomic<DWORD> RelayListenPort;
 namespace {
 
 constexpr int kBufferBytes = 32768;
-/// Accepts that fail one after the other: beyond this, a next split or an idle moment tries again.
+/// Accepts that fail one after the other for no fault of the peer's: beyond this, a next split or the next
+/// second tries again.
 constexpr LONG kMostFailures = 16;
 
 struct ListenerState {
@@ -148,10 +149,18 @@ bool EnsureRelayAccepts() {
     return AcceptsPosted > 0;
 }
 
-void AcceptEnded(bool succeeded) {
+void AcceptEnded(DWORD error) {
     AcceptsPosted.Decrement();
-    if (succeeded) FailedAccepts = 0;
-    if (RelayShutdown || (!succeeded && FailedAccepts.Increment() > kMostFailures)) return;
+    // Peers that have gone again before they were accepted.
+    const bool peersDoing =
+        error == ERROR_NETNAME_DELETED || error == ERROR_CONNECTION_ABORTED || error == ERROR_SEM_TIMEOUT;
+    if (error == 0) FailedAccepts = 0;
+    if (RelayShutdown || (error != 0 && !peersDoing && FailedAccepts.Increment() > kMostFailures)) return;
+    EnsureRelayAccepts();
+}
+
+void RetryRelayAccepts() {
+    FailedAccepts = 0;
     EnsureRelayAccepts();
 }
 

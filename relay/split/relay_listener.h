@@ -28,8 +28,11 @@ SOCKET PostRelayAccept();
 /// stranger. False when none is.
 bool EnsureRelayAccepts();
 
-/// The packet of an accept has come.
-void AcceptEnded(bool succeeded);
+/// The packet of an accept has come, with the system's `error` or 0: another one takes its place.
+void AcceptEnded(DWORD error);
+
+/// Makes sure again after accepts that failed.
+void RetryRelayAccepts();
 
 /// Closes the listener and takes the worker's thread, which the caller is to tell and to wait for.
 WorkerThread CloseRelayListener();

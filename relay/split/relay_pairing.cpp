@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "base/trace.h"
-#include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
+#include "relay/split/original_context.h"
 #include "relay/split/relay_close.h"
 #include "relay/split/relay_flow.h"
 #include "relay/split/relay_listener.h"
@@ -49,6 +49,26 @@ bool IsClient(const RelayConnection& connection, const sockaddr_in& remote) {
     return address == htonl(INADDR_ANY) || address == remote.sin_addr.s_addr;
 }
 
+/// Looks up the name of the application's socket unless it is known. False when it can't be known yet. The
+/// connection is held exclusively.
+bool LookUpClientName(RelayConnection& connection) {
+    if (connection.ClientPort != 0) return true;
+    const OriginalContext original(connection);
+    if (!original) return false;
+    SOCKADDR_STORAGE name{};
+    int length = sizeof(name);
+    if (SafeGetSockName(connection.OriginalSocket, reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+        Trace("ERROR:Error get sock name, on socket %d: %d, relayIndex:%d",
+              static_cast<int>(connection.OriginalSocket), WSAGetLastError(),
+              static_cast<int>(connection.RelayIndex));
+        return false;
+    }
+    connection.ClientPort = ntohs(InternetName(name).sin_port);
+    if (connection.ClientPort == 0) return false;
+    connection.ClientAddress = name;
+    return true;
+}
+
 /// Whether the accepted socket became the client of this connection, or was closed with it.
 bool TryPair(DWORD relayIndex, SOCKET accepted, const sockaddr_in& remote) {
     RelayHold connection = FindRelayConnection(relayIndex, DataAccess::kExclusive);
@@ -77,8 +97,7 @@ bool Pair(const PerIOData& record) {
 }
 
 void BlockOriginal(const RelayConnection& connection, int error) {
-    INT ignored = 0;
-    const ContextReference original(connection.OriginalSocket, &ignored);
+    const OriginalContext original(connection);
     if (!original) return;
     original->BlockError = error;
     original->Blocked = TRUE;
@@ -93,9 +112,9 @@ void UpdateContext(SOCKET s, int option, const char* value, int length) {
 
 }  // namespace
 
-void OnRelayAccepted(PooledPerIOData record, bool succeeded) {
+void OnRelayAccepted(PooledPerIOData record, DWORD error) {
     bool paired = false;
-    if (succeeded) {
+    if (error == 0) {
         const SOCKET listener = RelayListenSocket;
         UpdateContext(record->Socket, SO_UPDATE_ACCEPT_CONTEXT, reinterpret_cast<const char*>(&listener),
                       sizeof(listener));
@@ -106,7 +125,7 @@ void OnRelayAccepted(PooledPerIOData record, bool succeeded) {
         }
     }
     if (!paired) SafeCloseSocket(record->Socket);
-    AcceptEnded(succeeded);
+    AcceptEnded(error);
 }
 
 bool SetClientSocket(SOCKET clientSocket, RelayHold& connection) {
@@ -120,17 +139,6 @@ bool SetClientSocket(SOCKET clientSocket, RelayHold& connection) {
         return false;
     }
     connection.UpgradeDataLock();
-    INT ignored = 0;
-    // One that the application has closed already may have sent something first.
-    if (connection->OriginalSocket != INVALID_SOCKET) {
-        const ContextReference original(connection->OriginalSocket, &ignored);
-        if (!original) {
-            Trace("ERROR:Could not find client socket's context for relaying connection.\n");
-            connection.DowngradeDataLock();
-            return false;
-        }
-        original->RelayIndex = connection->RelayIndex;
-    }
     connection->ClientSocket = clientSocket;
     connection->ClientConnected = TRUE;
     connection->ClientExpected = FALSE;
@@ -167,23 +175,6 @@ void OnServerConnected(PooledPerIOData record, RelayHold& connection) {
     const int error = WSAGetLastError();
     BlockOriginal(*connection, error);
     CloseEntireRelayConnection(connection, connection->OriginalSocket == INVALID_SOCKET);
-}
-
-bool LookUpClientName(RelayConnection& connection) {
-    if (connection.ClientPort != 0) return true;
-    if (connection.OriginalSocket == INVALID_SOCKET) return false;
-    SOCKADDR_STORAGE name{};
-    int length = sizeof(name);
-    if (SafeGetSockName(connection.OriginalSocket, reinterpret_cast<sockaddr*>(&name), &length) != 0) {
-        Trace("ERROR:Error get sock name, on socket %d: %d, relayIndex:%d",
-              static_cast<int>(connection.OriginalSocket), WSAGetLastError(),
-              static_cast<int>(connection.RelayIndex));
-        return false;
-    }
-    connection.ClientPort = ntohs(InternetName(name).sin_port);
-    if (connection.ClientPort == 0) return false;
-    connection.ClientAddress = name;
-    return true;
 }
 
 void ForgetOverdueClients() {

@@ -4,9 +4,9 @@
 
 #include "relay/split/relay_connection_table.h"
 
-/// An accept has ended. Whoever was accepted and is none of the application's sockets that are waited for is
-/// closed.
-void OnRelayAccepted(PooledPerIOData record, bool succeeded);
+/// An accept has ended, with the system's `error` or 0. Whoever was accepted and is none of the application's
+/// sockets that are waited for is closed.
+void OnRelayAccepted(PooledPerIOData record, DWORD error);
 
 /// The connect of the server socket has ended; `record` is its request. A failure blocks the application's
 /// socket with the connect's error.
@@ -18,10 +18,6 @@ bool SetClientSocket(SOCKET clientSocket, RelayHold& connection);
 
 /// Stores that the server socket is connected, and begins to receive when the client is there.
 void SetServerConnected(RelayHold& connection);
-
-/// Looks up the name of the application's socket unless it is known. False when it can't be known yet. The
-/// connection is held exclusively.
-bool LookUpClientName(RelayConnection& connection);
 
 /// Gives up waiting for the sockets of applications that have closed them before they were accepted.
 void ForgetOverdueClients();

@@ -10,6 +10,7 @@
 #include "relay/split/relay_close.h"
 #include "relay/split/relay_data.h"
 #include "relay/split/relay_flow.h"
+#include "relay/split/relay_leave.h"
 #include "relay/split/relay_life.h"
 #include "relay/split/relay_listener.h"
 #include "relay/split/relay_pairing.h"
@@ -24,6 +25,7 @@ constexpr DWORD kFailedWaitMilliseconds = 10;
 
 struct Packet {
     bool succeeded;
+    DWORD error;  // when it has not
     DWORD bytes;
     ULONG_PTR key;
     OVERLAPPED* overlapped;
@@ -33,6 +35,7 @@ Packet TakePacket(HANDLE port, DWORD milliseconds) {
     Packet packet = {};
     packet.succeeded = GetQueuedCompletionStatus(port, &packet.bytes, &packet.key, &packet.overlapped,
                                                  milliseconds) != FALSE;
+    packet.error = packet.succeeded ? 0 : GetLastError();
     return packet;
 }
 
@@ -90,7 +93,11 @@ void Handle(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
 
 void Dispatch(PooledPerIOData record, const Packet& packet) {
     if (record->Operation == RelayOpAccept) {
-        OnRelayAccepted(std::move(record), packet.succeeded);
+        OnRelayAccepted(std::move(record), packet.error);
+        return;
+    }
+    if (record->Operation == RelayOpLeave) {
+        OnLeavePacket(std::move(record));
         return;
     }
     RelayHold connection = FindRelayConnection(record->RelayIndex);
@@ -109,7 +116,7 @@ void Dispatch(PooledPerIOData record, const Packet& packet) {
 void Tend() {
     CloseOverdueSockets();
     ForgetOverdueClients();
-    if (RelayListenSocket != INVALID_SOCKET) EnsureRelayAccepts();
+    if (RelayListenSocket != INVALID_SOCKET) RetryRelayAccepts();
 }
 
 /// Takes back what was posted: the sockets have been closed, so that everything ends.
@@ -139,8 +146,8 @@ DWORD WINAPI RelayWorker(LPVOID port) {
                 Dispatch(std::move(record), packet);
             } else if (packet.succeeded) {
                 Trace("LSP PerIOData is NULL! breturn is %d, bytes:%d. Error = %d.", 1,
-                      static_cast<int>(packet.bytes), static_cast<int>(GetLastError()));
-            } else if (GetLastError() != WAIT_TIMEOUT) {
+                      static_cast<int>(packet.bytes), static_cast<int>(packet.error));
+            } else if (packet.error != WAIT_TIMEOUT) {
                 Sleep(kFailedWaitMilliseconds);
             }
             if (GetTickCount() - lastTended >= kTendMilliseconds) {

@@ -8,10 +8,9 @@
 #include "base/trace.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
-#include "relay/channel/pending_responses.h"
 #include "relay/split/relay_close.h"
+#include "relay/split/relay_leave.h"
 #include "relay/split/relay_listener.h"
-#include "relay/split/relay_pairing.h"
 
 namespace {
 
@@ -191,18 +190,12 @@ void CloseSplit(SocketContext* context) {
 
 void LeaveSplit(SocketContext* context) {
     if (context->RelayIndex == 0) return;
-    RelayHold connection = FindRelayConnectionOf(*context, DataAccess::kExclusive);
-    if (connection) {
-        // Under this name its client may still come: what was sent before the close is on its way.
-        if (connection->ClientExpected && !LookUpClientName(*connection)) connection->ClientExpected = FALSE;
-        const bool neverConnected =
-            connection->ClientSocket == INVALID_SOCKET && !connection->ClientExpected && !connection->Begun;
-        connection->OriginalSocket = INVALID_SOCKET;
-        connection->ClosedTicks = GetTickCount();
-        WakeResponseWaiters(connection->SpySocket);
-        connection.DowngradeDataLock();
-        if (neverConnected) CloseEntireRelayConnection(connection, true);
-        ReleaseRelayConnection(connection);
+    const SOCKADDR_STORAGE name = context->LocalAddress.Load();
+    const auto& clientName = reinterpret_cast<const sockaddr_in&>(name);
+    // The relay worker does it, so that no close waits for what that has in hand.
+    if (!TellWorkerOfLeave(context->LayeredSocket, context->RelayIndex, clientName)) {
+        RelayHold connection = FindRelayConnectionOf(*context);
+        if (connection) OnOriginalLeft(clientName, connection);
     }
     ForgetSplit(context);
     context->RelayWanted = FALSE;
