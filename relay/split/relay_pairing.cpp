@@ -5,6 +5,7 @@
 
 #include <mswsock.h>
 
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -34,7 +35,8 @@ bool ReadRemoteName(const PerIOData& record, sockaddr_in* remote) {
     GetAcceptExSockaddrs(record.Buffer.data, 0, kAcceptNameBytes, kAcceptNameBytes, &localName, &localLength,
                          &remoteName, &remoteLength);
     if (remoteName != nullptr && remoteLength >= static_cast<int>(sizeof(*remote))) {
-        *remote = *reinterpret_cast<const sockaddr_in*>(remoteName);
+        // A buffer of the arena's is aligned to nothing.
+        std::memcpy(remote, remoteName, sizeof(*remote));
         if (remote->sin_port != 0) return true;
     }
     Trace("ERROR:Error while getting remote port: %d, relayIndex:%d", WSAGetLastError(),
