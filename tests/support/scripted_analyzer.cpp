@@ -168,8 +168,7 @@ ScriptedAnalyzer::~ScriptedAnalyzer() {
     listener_.Interrupt();
     acceptor_.join();
     // No connection is added any more, and the threads don't touch the list.
-    for (auto& peer : peers_)
-        peer->stream.Interrupt();
+    CloseConnections();
     for (auto& peer : peers_)
         peer->thread.join();
 }
@@ -250,6 +249,8 @@ void ScriptedAnalyzer::Serve(Peer& peer, std::size_t number) {
         peer.stream.Interrupt();
     }
     const std::lock_guard lock(lock_);
+    // A test may have more connections, one after the other, than a process can have sockets.
+    peer.stream = LoopbackStream();
     ++ended_;
     changed_.notify_all();
 }
