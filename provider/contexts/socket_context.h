@@ -73,8 +73,9 @@ struct SocketContext {
     Atomic<BOOL> ReportTraffic;
     Atomic<BOOL> InspectData;
     Atomic<BOOL> CountTraffic;
-    Atomic<BOOL> RelayWanted;  ///< the connection is to be split
-    Atomic<DWORD> RelayIndex;  ///< of the relay connection; 0: none
+    Atomic<BOOL> RelayWanted;    ///< the connection is to be split
+    Atomic<DWORD> RelayIndex;    ///< of the relay connection; 0: none
+    Atomic<BOOL> RelayAccepted;  ///< the relay has its end of that connection
     Atomic<BOOL> AnalyzerServes;
     /// This and the next four: as the application made the socket; what it left open, or took from a catalog
     /// entry, is the chosen entry's.

@@ -8,12 +8,11 @@
 #include "relay/split/relay_completion_port.h"
 #include "relay/split/relay_requests.h"
 
-bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex, const sockaddr_in& clientName) {
+bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex) {
     PooledPerIOData record = AcquirePerIOData(RelayOpLeave, originalSocket, relayIndex);
-    if (record == nullptr || !AllocateBuffer(record.get(), sizeof(clientName))) return false;
-    std::memcpy(record->Buffer.data, &clientName, sizeof(clientName));
+    if (record == nullptr) return false;
     PostedRequests.Increment();
-    if (PostQueuedCompletionStatus(RelayCompletionPort, sizeof(clientName), 0, &record->Overlapped)) {
+    if (PostQueuedCompletionStatus(RelayCompletionPort, 0, 0, &record->Overlapped)) {
         (void)record.release();
         return true;
     }
@@ -22,11 +21,9 @@ bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex, const sockaddr_i
 }
 
 void OnLeavePacket(PooledPerIOData record) {
-    sockaddr_in clientName{};
-    std::memcpy(&clientName, record->Buffer.data, sizeof(clientName));
     RelayHold connection = FindRelayConnection(record->RelayIndex);
     // The index may be another connection's by now.
-    if (connection && connection->OriginalSocket == record->Socket) OnOriginalLeft(clientName, connection);
+    if (connection && connection->OriginalSocket == record->Socket) OnOriginalLeft({}, connection);
 }
 
 void OnOriginalLeft(const sockaddr_in& clientName, RelayHold& connection) {

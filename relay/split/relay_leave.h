@@ -4,8 +4,9 @@
 
 #include "relay/split/relay_connection_table.h"
 
-/// Queues the packet. False when that can't be done: the caller does what the worker would have done.
-bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex, const sockaddr_in& clientName);
+/// Queues the packet, for a connection whose client has been accepted. False when that can't be done: the
+/// caller does what the worker would have done.
+bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex);
 
 /// The packet has come.
 void OnLeavePacket(PooledPerIOData record);

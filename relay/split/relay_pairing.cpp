@@ -141,6 +141,7 @@ bool SetClientSocket(SOCKET clientSocket, RelayHold& connection) {
         return false;
     }
     connection.UpgradeDataLock();
+    if (const OriginalContext original(*connection); original) original->RelayAccepted = TRUE;
     connection->ClientSocket = clientSocket;
     connection->ClientConnected = TRUE;
     connection->ClientExpected = FALSE;

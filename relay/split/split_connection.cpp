@@ -67,6 +67,7 @@ DWORD Insert(SocketContext* context, const ConnectTarget& target) {
     connection->SpySocket = spySocket;
     const DWORD relayIndex = InsertRelayConnection(std::move(connection));
     if (relayIndex == 0) SafeCloseSocket(spySocket);
+    context->RelayAccepted = FALSE;
     context->RelayIndex = relayIndex;
     return relayIndex;
 }
@@ -154,6 +155,19 @@ bool TryBuild(SocketContext* context, DWORD relayIndex, const ConnectTarget& tar
     }
 }
 
+/// The name by which the listener knows the socket's connection, blank when it has none. An overlapped
+/// connect does not store it.
+sockaddr_in ClientNameOf(const SocketContext* context) {
+    SOCKADDR_STORAGE name = context->LocalAddress.Load();
+    auto& internetName = reinterpret_cast<sockaddr_in&>(name);
+    int length = sizeof(name);
+    if (internetName.sin_port == 0 &&
+        SafeGetSockName(context->LayeredSocket, reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+        return {};
+    }
+    return internetName;
+}
+
 void ForgetSplit(SocketContext* context) {
     context->RelayIndex = 0;
     context->Split = FALSE;
@@ -190,10 +204,10 @@ void CloseSplit(SocketContext* context) {
 
 void LeaveSplit(SocketContext* context) {
     if (context->RelayIndex == 0) return;
-    const SOCKADDR_STORAGE name = context->LocalAddress.Load();
-    const auto& clientName = reinterpret_cast<const sockaddr_in&>(name);
-    // The relay worker does it, so that no close waits for what that has in hand.
-    if (!TellWorkerOfLeave(context->LayeredSocket, context->RelayIndex, clientName)) {
+    // The relay worker does it, so that no close waits for what that has in hand. But a client that it has
+    // still to find must have a name by then.
+    if (!context->RelayAccepted || !TellWorkerOfLeave(context->LayeredSocket, context->RelayIndex)) {
+        const sockaddr_in clientName = ClientNameOf(context);
         RelayHold connection = FindRelayConnectionOf(*context);
         if (connection) OnOriginalLeft(clientName, connection);
     }
