@@ -12,16 +12,13 @@ namespace platform {
 
 void CompletionPort::EndWait(Waiter* waiter, Result result) noexcept {
     Parker* const parker = waiter->parker;
+    const bool working = waiter->working;
     waiter->result = result;
+    waiter->waiting.store(false, std::memory_order_release);
     // A thread that ends its own wait, in the course of the work that it does meanwhile, notices by itself.
-    const bool own = parker == &CurrentParker();
-    if (!own && waiter->work != nullptr) {
-        // It stays at the work, which may go once it leaves it, until that has been interrupted.
-        waiter->state.store(Wait::kEnding, std::memory_order_release);
-        waiter->work->Interrupt();
-    }
-    waiter->state.store(Wait::kEnded, std::memory_order_release);
-    if (!own) parker->Unpark();
+    if (parker == &CurrentParker()) return;
+    if (working) InterruptIdleWork();
+    parker->Unpark();
 }
 
 /// The waiter for a packet, off the stack: the calling thread itself if it is one, else the last that came.
@@ -81,10 +78,10 @@ bool CompletionPort::EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept {
 }
 
 void CompletionPort::ParkUntilPacket(Waiter* waiter, Deadline deadline) noexcept {
-    bool ended = waiter->Has(Wait::kEnded);
+    bool ended = !waiter->waiting.load(std::memory_order_acquire);
     while (!ended) {
         const bool unparked = CurrentThreadIsTerminated() || waiter->parker->ParkUntil(deadline);
-        ended = waiter->Has(Wait::kEnded);
+        ended = !waiter->waiting.load(std::memory_order_acquire);
         if (ended || (unparked && !CurrentThreadIsTerminated())) continue;
         if (RemoveWaiter(waiter)) {
             waiter->result = unparked ? Result::kTerminated : Result::kTimeout;
@@ -97,22 +94,21 @@ void CompletionPort::ParkUntilPacket(Waiter* waiter, Deadline deadline) noexcept
 
 /// Works until the wait has ended, its time is up, or the work is withdrawn.
 void CompletionPort::WorkUntilPacket(Waiter* waiter, Deadline deadline, const IdleWorkUse& work) noexcept {
-    SetWork(waiter, work.Get());
-    while (waiter->Has(Wait::kOnStack) && work.IsOffered() && !HasPassed(deadline) &&
-           !CurrentThreadIsTerminated())
+    SetWorking(waiter, true);
+    while (waiter->waiting.load(std::memory_order_acquire) && work.IsOffered() && !HasPassed(deadline) &&
+           !CurrentThreadIsTerminated()) {
         work->Run(deadline);
-    SetWork(waiter, nullptr);
-    while (waiter->Has(Wait::kEnding))
-        waiter->parker->ParkUntil(kNoDeadline);
+    }
+    SetWorking(waiter, false);
 }
 
 /// Says on the stack what the thread does; without effect once it has been taken off.
-void CompletionPort::SetWork(Waiter* waiter, IdleWork* work) noexcept {
+void CompletionPort::SetWorking(Waiter* waiter, bool working) noexcept {
     const std::lock_guard<std::mutex> holder(mutex_);
     Waiter* at = waiters_;
     while (at != nullptr && at != waiter)
         at = at->below;
-    if (at != nullptr) at->work = work;
+    if (at != nullptr) at->working = working;
 }
 
 /// Waits for the end of a wait that is on the stack.

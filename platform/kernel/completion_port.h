@@ -41,26 +41,21 @@ class CompletionPort final : public Object {
     void OnLastHandleClosed() noexcept override;
 
   private:
-    /// How far a wait is. From kEnding on, only the thread that ends it changes anything.
-    enum class Wait { kOnStack, kEnding, kEnded };
-
-    /// A waiting thread, on its own stack: gone as soon as `state` is kEnded, so that is written last.
+    /// A waiting thread, on its own stack: gone as soon as `waiting` is false, so that is written last.
     struct Waiter {
         Parker* parker;
         Waiter* below = nullptr;
         CompletionPacket packet{};
         Result result = Result::kPacket;
-        IdleWork* work = nullptr;  // that the thread does instead of sleeping; set while on the stack
-        std::atomic<Wait> state{Wait::kOnStack};
-
-        bool Has(Wait wait) const noexcept { return state.load(std::memory_order_acquire) == wait; }
+        bool working = false;  // the thread does idle work instead of sleeping; set while on the stack
+        std::atomic<bool> waiting{true};
     };
     static void EndWait(Waiter* waiter, Result result) noexcept;
     bool RemoveWaiter(Waiter* waiter) noexcept;
     bool EndedAtOnce(Waiter* waiter, Deadline deadline) noexcept;
     void AwaitPacket(Waiter* waiter, Deadline deadline) noexcept;
     void WorkUntilPacket(Waiter* waiter, Deadline deadline, const IdleWorkUse& work) noexcept;
-    void SetWork(Waiter* waiter, IdleWork* work) noexcept;
+    void SetWorking(Waiter* waiter, bool working) noexcept;
     void ParkUntilPacket(Waiter* waiter, Deadline deadline) noexcept;
     Waiter* TakeWaiter() noexcept;
 

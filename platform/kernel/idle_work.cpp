@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 namespace platform {
 namespace {
@@ -12,6 +13,7 @@ std::mutex OfferLock;  // guards what follows; Begin and End are called with it 
 std::condition_variable Left;
 std::atomic<IdleWork*> Offered{nullptr};
 bool InUse = false;
+std::atomic<int> Interrupting{0};  // threads that may be using what was offered, without the lock
 
 }  // namespace
 
@@ -28,11 +30,14 @@ void WithdrawIdleWork() noexcept {
         work->Interrupt();
         Left.wait(lock);
     }
+    while (Interrupting != 0)
+        std::this_thread::yield();
 }
 
 void InterruptIdleWork() noexcept {
-    const std::lock_guard<std::mutex> guard(OfferLock);
-    if (IdleWork* const work = Offered; work != nullptr && InUse) work->Interrupt();
+    ++Interrupting;
+    if (IdleWork* const work = Offered; work != nullptr) work->Interrupt();
+    --Interrupting;
 }
 
 IdleWorkUse::IdleWorkUse() noexcept : work_(nullptr) {

@@ -34,7 +34,8 @@ void OfferIdleWork(IdleWork* work) noexcept;
 /// Withdraws it, and waits until no thread is at it.
 void WithdrawIdleWork() noexcept;
 
-/// Makes the thread that is at it return, to look at why.
+/// Makes the thread that is at it return, to look at why. Without a lock: the thread that is woken may run
+/// first.
 void InterruptIdleWork() noexcept;
 
 /// The work, taken up by the calling thread for the scope; none when there is none, or another thread is at
@@ -48,7 +49,6 @@ class IdleWorkUse {
 
     explicit operator bool() const noexcept { return work_ != nullptr; }
     IdleWork* operator->() const noexcept { return work_; }
-    IdleWork* Get() const noexcept { return work_; }
 
     /// Whether it is still offered: the thread is to stop when it is not.
     bool IsOffered() const noexcept;

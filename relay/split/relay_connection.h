@@ -50,8 +50,8 @@ struct RelayConnection {
     SOCKET ClientSocket = INVALID_SOCKET;  ///< accepted from the application
     SOCKET ServerSocket = INVALID_SOCKET;  ///< to the destination
     SOCKET SpySocket = INVALID_SOCKET;     ///< to the analyzer
-    BOOL ServerConnected = FALSE;
-    BOOL ClientConnected = FALSE;
+    Atomic<BOOL> ServerConnected;
+    Atomic<BOOL> ClientConnected;
     BOOL ClientExpected = TRUE;  ///< not accepted yet, and may still come
     Atomic<BOOL> InspectData;
     Atomic<BOOL> CountTraffic;
@@ -85,7 +85,7 @@ struct RelayConnection {
 /// What is particular to one of the two sides that bytes come from and go to.
 struct RelaySide {
     SOCKET RelayConnection::*Socket;
-    BOOL RelayConnection::*Connected;
+    Atomic<BOOL> RelayConnection::*Connected;
     Atomic<DWORD> RelayConnection::*PendingSends;
     Atomic<DWORD> RelayConnection::*PendingBytes;
     Atomic<bool> RelayConnection::*ReceiveWanted;

@@ -158,11 +158,10 @@ bool SetClientSocket(SOCKET clientSocket, RelayHold& connection) {
 }
 
 void SetServerConnected(RelayHold& connection) {
-    connection.UpgradeDataLock();
+    // With the shared hold alone: the thread that has begun the connect may have the connection still.
     if (connection->ServerSocket != INVALID_SOCKET) connection->ServerConnected = TRUE;
     if (connection->ConnectWait != nullptr)
         connection->ConnectWait->End(connection->ServerConnected != FALSE);
-    connection.DowngradeDataLock();
     BeginToReceive(connection);
 }
 

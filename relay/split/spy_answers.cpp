@@ -4,7 +4,6 @@
 #include "relay/split/spy_answers.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "base/trace.h"
@@ -18,6 +17,8 @@
 namespace {
 
 constexpr std::int32_t kSuspiciousLength = 0x100000;
+/// What a receive asks for while answers come faster than they are read. An idle connection waits with less.
+constexpr DWORD kBusyReadBytes = 16384;
 
 /// A response that what is received can be put into; empty without memory.
 PooledResponse TakeEmptyFrame() {
@@ -33,22 +34,18 @@ struct ReceivedSoFar {
     bool FillsBuffer = true;       ///< in the buffer of the receive, whose rest lies behind it
 };
 
-/// Takes the bytes behind a frame along as the beginning of the next one. False without memory.
-bool BeginNext(const unsigned char* bytes, DWORD count, ReceivedSoFar* next) {
-    next->FillsBuffer = false;
+/// Takes the bytes behind a frame along as the beginning of the next one: a part of the buffer that becomes a
+/// buffer of its own. False without memory.
+bool BeginNext(unsigned char* bytes, DWORD count, ReceivedSoFar* next) {
     PooledResponse frame = TakeEmptyFrame();
-    unsigned char* const copy = ArenaAlloc(count);
-    if (frame == nullptr || copy == nullptr) {
-        ArenaFree(copy);
-        return false;
-    }
-    std::memcpy(copy, bytes, count);
-    if (!frame->AddDataBuffer({count, copy}, true)) {
-        ArenaFree(copy);
+    if (frame == nullptr || !ArenaMarkAllocated(bytes)) return false;
+    if (!frame->AddDataBuffer({count, bytes}, true)) {
+        ArenaFree(bytes);
         return false;
     }
     next->Frame = std::move(frame);
-    next->End = copy + count;
+    next->End = bytes + count;
+    next->FillsBuffer = false;
     return true;
 }
 
@@ -120,14 +117,20 @@ bool HandleFrames(ReceivedSoFar* received, RelayHold& connection) {
     return true;
 }
 
+/// Bytes to ask for. After a receive that was filled there is more, perhaps several frames.
+DWORD NextSize(LSPAnalyzerMessageResponse* current, bool filled) {
+    if (filled) return kBusyReadBytes;
+    if (current == nullptr) return kMaxReadSize;
+    return std::min(static_cast<DWORD>(-current->GetExcessLength()), DWORD{kMaxReadSize});
+}
+
 /// The record for the next receive: into the rest of the buffer that `current` has not filled, or a buffer of
 /// its own. Empty without memory.
-PooledPerIOData NextReceive(const RelayConnection& connection, PooledResponse current, BufferPiece rest) {
+PooledPerIOData NextReceive(const RelayConnection& connection, PooledResponse current, BufferPiece rest,
+                            bool filled) {
     PooledPerIOData record = AcquirePerIOData(RelayOpSpyRecv, connection.SpySocket, connection.RelayIndex);
     if (record == nullptr) return nullptr;
-    DWORD wanted = kMaxReadSize;
-    if (current != nullptr)
-        wanted = std::min(static_cast<DWORD>(-current->GetExcessLength()), DWORD{kMaxReadSize});
+    const DWORD wanted = NextSize(current.get(), filled);
     if (current != nullptr && rest.length > 0) {
         record->Buffer = {std::min(wanted, DWORD{rest.length}), rest.data};
         record->BufferSize = rest.length;
@@ -179,6 +182,7 @@ bool PostFirstSpyReceive(RelayHold& connection) {
 
 void OnSpyData(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
     const DWORD room = record->BufferSize - bytes;
+    const bool filled = bytes == record->Buffer.length;
     ReceivedSoFar received;
     if (!Append(record.get(), bytes, &received) || !HandleFrames(&received, connection)) {
         GiveUp(connection);
@@ -187,7 +191,7 @@ void OnSpyData(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
     if (connection->SpySocket == INVALID_SOCKET) return;
     // The rest of a buffer whose frames have all been handled went with them.
     const BufferPiece rest = {received.FillsBuffer ? room : 0, received.End};
-    PooledPerIOData next = NextReceive(*connection, std::move(received.Frame), rest);
+    PooledPerIOData next = NextReceive(*connection, std::move(received.Frame), rest, filled);
     if (next == nullptr) {
         GiveUp(connection);
         return;
