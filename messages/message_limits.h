@@ -27,6 +27,9 @@ constexpr std::uint32_t kDirectWaitTimeouts = 5;
 /// application's thread.
 constexpr std::uint32_t kDirectWaitMilliseconds = 60000;
 
+/// A send that goes out in parts may take so long in all.
+constexpr std::uint32_t kSendMilliseconds = 10000;
+
 /// Idle messages of each kind that the pool keeps.
 constexpr std::uint32_t kPoolLimit = 128;
 

@@ -185,6 +185,60 @@ bool ReceiveWithin(MessageBase& message, SOCKET s, Wait& wait) noexcept {
     }
 }
 
+/// What is still to be sent of a message.
+class Remainder {
+  public:
+    Remainder(WSABUF* pieces, std::uint32_t count) : pieces_(pieces), count_(count) {}
+
+    WSABUF* Pieces() const { return pieces_; }
+    std::uint32_t Count() const { return count_; }
+
+    void TakeOff(DWORD sent) {
+        for (; count_ > 0 && sent >= pieces_->len; --count_)
+            sent -= pieces_++->len;
+        if (count_ == 0) return;
+        pieces_->buf += sent;
+        pieces_->len -= sent;
+    }
+
+  private:
+    WSABUF* pieces_;
+    std::uint32_t count_;
+};
+
+/// Waits until a non-blocking socket takes more. False when the time is over.
+bool WaitForRoom(SOCKET s, DWORD begin) {
+    const DWORD elapsed = GetTickCount() - begin;
+    if (elapsed >= kSendMilliseconds) return false;
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(s, &writable);
+    const DWORD left = kSendMilliseconds - elapsed;
+    timeval timeout;
+    timeout.tv_sec = static_cast<long>(left / 1000);
+    timeout.tv_usec = static_cast<long>(left % 1000 * 1000);
+    return GuardedSelect(nullptr, &writable, nullptr, &timeout) > 0;
+}
+
+/// Sends all of it, whether the socket blocks or not: whoever reads half a message can't read anything after
+/// it. SOCKET_ERROR with the reason in the last error.
+int SendWhole(SOCKET s, Remainder rest) {
+    const DWORD begin = GetTickCount();
+    for (;;) {
+        DWORD sent = 0;
+        const int result = GuardedWSASend(s, rest.Pieces(), rest.Count(), &sent, 0, nullptr, nullptr);
+        if (result == 0) {
+            rest.TakeOff(sent);
+            if (rest.Count() == 0) return 0;
+        } else if (WSAGetLastError() != WSAEWOULDBLOCK) {
+            return result;
+        }
+        if (WaitForRoom(s, begin)) continue;
+        WSASetLastError(WSAETIMEDOUT);
+        return SOCKET_ERROR;
+    }
+}
+
 /// Throws what the message throws.
 bool SendSerialized(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, bool* completed) {
     if (s == INVALID_SOCKET) {
@@ -203,9 +257,10 @@ bool SendSerialized(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped, b
     }
     // Winsock takes its own copy of the array; the pieces stay with the message.
     const std::unique_ptr<BufferPiece[]> releaseArray(array);
-    DWORD bytesSent = 0;
-    const int result = GuardedWSASend(s, reinterpret_cast<WSABUF*>(array), count,
-                                      overlapped == nullptr ? &bytesSent : nullptr, 0, overlapped, nullptr);
+    auto* const pieces = reinterpret_cast<WSABUF*>(array);
+    const int result = overlapped == nullptr
+                           ? SendWhole(s, {pieces, count})
+                           : GuardedWSASend(s, pieces, count, nullptr, 0, overlapped, nullptr);
     if (result == 0) {
         if (completed != nullptr) *completed = true;
         return true;

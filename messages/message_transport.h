@@ -20,7 +20,9 @@
 #undef SendMessage
 
 /// Serialises the message and sends it. True when it was sent or, with `overlapped`, is pending: `completed`
-/// (may be null) tells which. A pending message must live until its completion arrives.
+/// (may be null) tells which. A pending message must live until its completion arrives. Without `overlapped`
+/// the whole message is sent, within kSendMilliseconds on a non-blocking socket; after a failure a part of it
+/// may have been, and the connection is of no use any more.
 bool SendMessage(MessageBase& message, SOCKET s, WSAOVERLAPPED* overlapped = nullptr,
                  bool* completed = nullptr) noexcept;
 

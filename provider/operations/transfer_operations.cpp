@@ -1,5 +1,6 @@
 // Sends and receives. Overlapped ones go to the overlapped manager; the others are carried out here, counted,
-// and shown to the analysis: a send before it leaves, a receive after it came.
+// and shown to the analysis: a send before it leaves, a receive after it came. What is peeked at comes again
+// and is neither counted nor shown.
 //
 // A verdict's block ends with the next receive, which may be answered differently. A block that carries an
 // error of its own (the server could not be reached) stays: nothing will change it.
@@ -83,6 +84,12 @@ int QueueReceive(SocketContext* context, OverlappedType type, const CallerBuffer
     return QueueTransfer(operation, context, arguments.BytesReceived, arguments.Flags, error);
 }
 
+/// Whether a receive leaves what it reads to the next one.
+bool IsPeek(const DWORD* flags) {
+    DWORD given = 0;
+    return ReadOptional(flags, &given) && (given & MSG_PEEK) != 0;
+}
+
 /// Counts what a call has moved: nothing when it failed, whatever the application's variable holds. That may
 /// be gone by now.
 DWORD CountMoved(Atomic<std::uint64_t>* counter, int result, const DWORD* transferred) {
@@ -93,9 +100,10 @@ DWORD CountMoved(Atomic<std::uint64_t>* counter, int result, const DWORD* transf
 }
 
 /// The peer that a datagram came from becomes the socket's destination. `*source` is a copy of its address;
-/// false when there is none.
+/// false when there is none, or the socket is a stream, which keeps the one that it is connected to.
 bool StoreSource(SocketContext* context, const sockaddr* from, const INT* fromLength,
                  SOCKADDR_STORAGE* source) {
+    if (context->SocketType == SOCK_STREAM) return false;
     if (from == nullptr || fromLength == nullptr) return false;
     INT length = 0;
     if (!GuardedCall([&]() noexcept { length = *fromLength; })) return false;
@@ -103,6 +111,15 @@ bool StoreSource(SocketContext* context, const sockaddr* from, const INT* fromLe
     if (!CopyCallerName(from, length, source)) return false;
     context->StoreDestination(*source, length);
     return true;
+}
+
+/// What the application gets of a receive that has been looked at: nothing when it was refused.
+int EndReceive(const SocketContext* context, int result, LPDWORD bytesReceived, LPINT error) {
+    if (!context->Blocked) return result;
+    GuardedCall([&]() noexcept {
+        if (bytesReceived != nullptr) *bytesReceived = 0;
+    });
+    return FailBlocked(context, error);
 }
 
 }  // namespace
@@ -120,14 +137,15 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
     }
     if (!mayReceive) return FailBlocked(context.Get(), error);
 
+    const bool peeks = IsPeek(flags);
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPRecv(context->ProviderSocket, buffers, count, bytesReceived,
                                                    flags, overlapped, completionRoutine, threadId, error);
     });
-    const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
+    const DWORD received = peeks ? 0 : CountMoved(&context->BytesRecv, result, bytesReceived);
     AnalyzeReceived(context.Get(), buffers, count, &received);
-    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+    return EndReceive(context.Get(), result, bytesReceived, error);
 }
 
 int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
@@ -145,18 +163,19 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     }
     if (!mayReceive) return FailBlocked(context.Get(), error);
 
+    const bool peeks = IsPeek(flags);
     LspEntry* const provider = context->Provider;
     const int result = CallLower(provider, SOCKET_ERROR, error, [&]() noexcept {
         return provider->LowerProcedures.lpWSPRecvFrom(context->ProviderSocket, buffers, count, bytesReceived,
                                                        flags, from, fromLength, overlapped, completionRoutine,
                                                        threadId, error);
     });
-    const DWORD received = CountMoved(&context->BytesRecv, result, bytesReceived);
+    const DWORD received = peeks ? 0 : CountMoved(&context->BytesRecv, result, bytesReceived);
     SOCKADDR_STORAGE source;
     const bool hasSource = result != SOCKET_ERROR && StoreSource(context.Get(), from, fromLength, &source);
     AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
                         hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return context->Blocked ? FailBlocked(context.Get(), error) : result;
+    return EndReceive(context.Get(), result, bytesReceived, error);
 }
 
 int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,
@@ -206,7 +225,8 @@ int WSPAPI WSPSendTo(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent,
         if (target != nullptr) operation->Transfer.To = destination;
         return QueueTransfer(operation, context.Get(), bytesSent, nullptr, error);
     }
-    if (target != nullptr) {
+    // A stream goes where it is connected to.
+    if (target != nullptr && context->SocketType != SOCK_STREAM) {
         context->StoreDestination(destination, toLength);
     }
     AnalyzeSentTo(context.Get(), buffers, count, target);

@@ -84,12 +84,14 @@ int Receive(OverlappedOperation* operation, SocketContext* context, const Comple
                                &transfer.Bytes, &transfer.Flags, &operation->ProviderOverlapped,
                                notice.Routine, notice.Thread, error);
     });
-    AnalyzeReceived(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes);
+    const DWORD arrived = result == 0 ? transfer.Bytes : 0;
+    AnalyzeReceived(context, transfer.Buffers, transfer.BufferCount, &arrived);
     return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
 
 /// The sender's address, when it is there already.
 bool StoreSource(const TransferArguments& transfer, SocketContext* context, SOCKADDR_STORAGE* source) {
+    if (context->SocketType == SOCK_STREAM) return false;
     if (transfer.From == nullptr || transfer.FromLength == nullptr) return false;
     INT length = 0;
     if (!GuardedCall([&]() noexcept {
@@ -117,7 +119,8 @@ int ReceiveFrom(OverlappedOperation* operation, SocketContext* context, const Co
     // While the request is under way the application's address buffer holds nothing yet.
     SOCKADDR_STORAGE source;
     const bool hasSource = result == 0 && StoreSource(transfer, context, &source);
-    AnalyzeReceivedFrom(context, transfer.Buffers, transfer.BufferCount, &transfer.Bytes,
+    const DWORD arrived = result == 0 ? transfer.Bytes : 0;
+    AnalyzeReceivedFrom(context, transfer.Buffers, transfer.BufferCount, &arrived,
                         hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
     return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
@@ -136,7 +139,7 @@ int Send(OverlappedOperation* operation, SocketContext* context, const Completio
 int SendTo(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
     TransferArguments& transfer = operation->Transfer;
     const auto* const to = transfer.ToLength > 0 ? reinterpret_cast<const sockaddr*>(&transfer.To) : nullptr;
-    if (to != nullptr) {
+    if (to != nullptr && context->SocketType != SOCK_STREAM) {
         context->StoreDestination(transfer.To, transfer.ToLength);
     }
     AnalyzeSentTo(context, transfer.Buffers, transfer.BufferCount, to);
@@ -163,7 +166,10 @@ int Connect(OverlappedOperation* operation, SocketContext* context, const Comple
     target.name = connect.Name;
     target.length = connect.NameLength;
     constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAECONNREFUSED};
-    if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) return refusal;
+    if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) {
+        // The close ends it as it ends every request.
+        return target.way == ConnectTarget::Way::kSocketClosed ? WSA_OPERATION_ABORTED : refusal;
+    }
     connect.Name = target.name;
     connect.NameLength = target.length;
     connect.MadeSplit = target.way == ConnectTarget::Way::kThroughRelay;

@@ -21,8 +21,17 @@ PooledResponse ReceiveDirectly(DWORD messageId, SocketContext* context, const At
         limits.stop = abandoned;
         if (ReceiveAnswer(*response, context->SpySocket, messageId, limits)) return response;
     }
-    CloseSpySocket(context);
+    // A close that ends the wait has still something to say on the spy socket, and closes it.
+    if (abandoned == nullptr || !*abandoned) CloseSpySocket(context);
     return nullptr;
+}
+
+/// Takes what has been reported off a count, which others may have ended meanwhile.
+void TakeOff(Atomic<std::uint64_t>* counter, std::uint64_t reported) {
+    for (;;) {
+        const std::uint64_t count = *counter;
+        if (counter->StoreIfStill(count, count > reported ? count - reported : 0)) return;
+    }
 }
 
 bool Has(std::uint32_t flags, std::uint32_t bit) {
@@ -34,8 +43,8 @@ void ApplyAnswer(SocketContext* context, const SentRequest& request,
                  const LSPAnalyzerMessageResponse& response) {
     if (context->CountTraffic) {
         // What has passed since the request was made is for the next one.
-        context->BytesSent.FetchAdd(0 - request.BytesSent);
-        context->BytesRecv.FetchAdd(0 - request.BytesReceived);
+        TakeOff(&context->BytesSent, request.BytesSent);
+        TakeOff(&context->BytesRecv, request.BytesReceived);
     }
     if (response.ExemptProcessId != 0) ExemptProcessId = response.ExemptProcessId;
     if (Has(response.Flags, kFlagKeepFlags)) return;

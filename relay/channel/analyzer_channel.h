@@ -29,6 +29,7 @@ struct SentRequest {
 /// Waits for the answer to a request: for the relay worker when `event` is a registered waiter's, otherwise
 /// by reading the spy socket directly, for which the caller holds the context's SpyExchange; `abandoned` (may
 /// be null) then ends the wait early. Applies what every answer carries: traffic flags, exempt process, and
-/// that what the request reported has been counted. Null means no answer: the spy socket has been closed.
+/// that what the request reported has been counted. Null means no answer: a spy socket that was read directly
+/// has been closed, unless the wait was abandoned.
 PooledResponse WaitForResponse(const SentRequest& request, SocketContext* context, HANDLE event,
                                const Atomic<bool>* abandoned = nullptr);

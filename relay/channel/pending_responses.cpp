@@ -71,13 +71,13 @@ void TraceNoAnswer(const char* what, DWORD messageId, const SocketContext* conte
 
 }  // namespace
 
-HANDLE CreateResponseWait(DWORD messageId, SocketContext* context) {
-    if (context == nullptr || !context->RelayWanted) return INVALID_HANDLE_VALUE;
+HANDLE CreateResponseWait(DWORD messageId, SOCKET spySocket) {
+    if (spySocket == INVALID_SOCKET) return INVALID_HANDLE_VALUE;
     const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     if (event == nullptr) return INVALID_HANDLE_VALUE;
     PendingResponse waiter;
     waiter.Event = event;
-    waiter.SpySocket = context->SpySocket;
+    waiter.SpySocket = spySocket;
     try {
         const Locker lock(PendingResponseLock);
         // An older waiter of the same id keeps its event; its answer goes back to the pool after the lock.

@@ -13,10 +13,10 @@ struct SocketContext;
 /// How long an answer that the relay worker reads is waited for, in milliseconds.
 constexpr DWORD kResponseWaitMilliseconds = 60000;
 
-/// Registers a waiter for the answer to a request of a relayed context. Returns its event, which
-/// FetchDeliveredResponse closes, or INVALID_HANDLE_VALUE when the context is null or not relayed, or memory
-/// or handles ran out.
-HANDLE CreateResponseWait(DWORD messageId, SocketContext* context);
+/// Registers a waiter for the answer to a request that goes out on the spy socket of a relay connection, on
+/// which the caller has a hold. Returns its event, which FetchDeliveredResponse closes, or
+/// INVALID_HANDLE_VALUE when there is no spy socket, or memory or handles ran out.
+HANDLE CreateResponseWait(DWORD messageId, SOCKET spySocket);
 
 /// Waits for the answer handed to this waiter, at most a minute; removes the waiter and closes `event` in
 /// every case. Null means that there was none; the connection must then be given up.

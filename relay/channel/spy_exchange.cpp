@@ -5,7 +5,6 @@
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "provider/process_state.h"
-#include "relay/channel/pending_responses.h"
 
 namespace {
 
@@ -15,14 +14,14 @@ SpyExchange* Newest = nullptr;
 
 }  // namespace
 
-SpyExchange::SpyExchange(const SocketContext* context) : context_(context) {
-    Enter();
+SpyExchange::SpyExchange(const SocketContext* context, DWORD patience) : context_(context) {
+    Enter(patience);
     // The close abandons the exchanges that it finds; one that enters later finds the mark that it set
     // before.
     if (context->Closing) abandoned_ = true;
 }
 
-void SpyExchange::Enter() {
+void SpyExchange::Enter(DWORD patience) {
     {
         Locker lock(PendingResponseLock);
         if (First(context_) == nullptr) {
@@ -31,7 +30,7 @@ void SpyExchange::Enter() {
             return;
         }
     }
-    WaitForTurn();
+    WaitForTurn(patience);
 }
 
 SpyExchange::~SpyExchange() {
@@ -47,7 +46,7 @@ SpyExchange::~SpyExchange() {
     SafeCloseHandle(turn_);
 }
 
-void SpyExchange::WaitForTurn() {
+void SpyExchange::WaitForTurn(DWORD patience) {
     turn_ = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     if (turn_ == nullptr) return;
     {
@@ -56,17 +55,21 @@ void SpyExchange::WaitForTurn() {
         Append();
         if (entered_) return;
     }
-    WaitForSingleObject(turn_, kResponseWaitMilliseconds);
+    WaitForSingleObject(turn_, patience);
     // The turn may have come just after the time was up; whoever gave it has let go of this exchange by now.
     Locker lock(PendingResponseLock);
     if (!entered_) Unlink();
 }
 
-void SpyExchange::Abandon(const SocketContext* context) {
+bool SpyExchange::Abandon(const SocketContext* context) {
     Locker lock(PendingResponseLock);
+    bool found = false;
     for (SpyExchange* exchange = Oldest; exchange != nullptr; exchange = exchange->next_) {
-        if (exchange->context_ == context) exchange->abandoned_ = true;
+        if (exchange->context_ != context) continue;
+        exchange->abandoned_ = true;
+        found = true;
     }
+    return found;
 }
 
 SpyExchange* SpyExchange::First(const SocketContext* context) {

@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include "base/atomic.h"
+#include "relay/channel/pending_responses.h"
 
 struct SocketContext;
 
@@ -17,9 +18,9 @@ struct SocketContext;
 /// library.
 class SpyExchange {
   public:
-    /// Waits for the turn, at most as long as an answer is waited for. After that, or without the means to
-    /// wait, the exchange isn't entered.
-    explicit SpyExchange(const SocketContext* context);
+    /// Waits for the turn, at most as long as an answer is waited for, or `patience` milliseconds. After
+    /// that, or without the means to wait, the exchange isn't entered.
+    explicit SpyExchange(const SocketContext* context, DWORD patience = kResponseWaitMilliseconds);
 
     /// Ends the turn; the thread that has waited longest for this context is next.
     ~SpyExchange();
@@ -33,15 +34,15 @@ class SpyExchange {
     const Atomic<bool>& Abandoned() const { return abandoned_; }
 
     /// Ends the waits of all exchanges of a context, so that closing a socket frees the thread that connects
-    /// it.
-    static void Abandon(const SocketContext* context);
+    /// it. True when there was one.
+    static bool Abandon(const SocketContext* context);
 
   private:
     static SpyExchange* First(const SocketContext* context);
-    void Enter();
+    void Enter(DWORD patience);
     void Append();
     void Unlink();
-    void WaitForTurn();
+    void WaitForTurn(DWORD patience);
 
     const SocketContext* const context_;
     SpyExchange* previous_ = nullptr;

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include "base/locker.h"
 #include "base/trace.h"
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
@@ -121,4 +122,10 @@ bool ConnectSpySocket(SocketContext* context) {
 
 void CloseSpySocket(SocketContext* context) {
     SafeCloseSocket(context->SpySocket.Exchange(INVALID_SOCKET));
+}
+
+void InterruptSpySocket(const SocketContext* context) {
+    // Nobody closes a socket of the layer's meanwhile: one that the context still has is this one.
+    const Locker lock(SocketCreateCloseLock);
+    SafeShutdown(context->SpySocket, SD_RECEIVE);
 }

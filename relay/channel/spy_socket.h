@@ -25,3 +25,6 @@ bool ConnectSpySocket(SocketContext* context);
 
 /// Closes the context's spy socket, if it holds one, and stores INVALID_SOCKET.
 void CloseSpySocket(SocketContext* context);
+
+/// Ends the wait of a thread that reads an answer on the context's spy socket; sends still go out.
+void InterruptSpySocket(const SocketContext* context);

@@ -29,7 +29,6 @@ ClosingState StateOf(RelayConnection& connection, const RelaySide& side, SideEnd
 void CloseSpy(RelayConnection& connection) {
     const SOCKET spySocket = std::exchange(connection.SpySocket, INVALID_SOCKET);
     if (spySocket == INVALID_SOCKET) return;
-    WakeResponseWaiters(spySocket);
     connection.HeldSpyReceive.reset();
     ClosingState state;
     state.PendingSends = connection.PendingSpySends.Exchange(0);
@@ -60,6 +59,8 @@ void CloseEntireRelayConnection(RelayHold& connection, bool closeSpy) {
     if (connection->ConnectWait != nullptr) connection->ConnectWait->End(false);
     if (client != INVALID_SOCKET) CloseSocketCompletely(client);
     if (server != INVALID_SOCKET) CloseSocketCompletely(server);
+    // What an answer would say matters to nobody, and nobody may be there to read it.
+    WakeResponseWaiters(connection->SpySocket);
     if (closeSpy) CloseSpy(*connection);
     connection.DowngradeDataLock();
     ForgetUnpaired(connection->RelayIndex);

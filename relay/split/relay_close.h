@@ -15,7 +15,7 @@ enum class SideEnd {
 bool CloseRelaySide(RelayHold& connection, const RelaySide& side, SideEnd end);
 
 /// Closes both sides at once and, with `closeSpy`, the spy socket behind what is under way to the analyzer;
-/// whoever waits for an answer on it is woken. The connection stays in the table.
+/// whoever waits for an answer is woken in any case. The connection stays in the table.
 void CloseEntireRelayConnection(RelayHold& connection, bool closeSpy);
 
 /// Whether nobody needs the connection any more: both sides have ended and so has the application's socket.

@@ -58,9 +58,12 @@ PooledRequest MakeRequest(const RelayConnection& connection, OperationCode opera
 
 bool SendSpyMessage(RelayConnection& connection, OperationCode operation, PerIOData* dataRecord,
                     DWORD bytes) {
+    return SendSpyReport(connection, MakeRequest(connection, operation, dataRecord, bytes));
+}
+
+bool SendSpyReport(RelayConnection& connection, PooledRequest request) {
     const SOCKET spySocket = connection.SpySocket;
     PooledPerIOData record = AcquirePerIOData(RelayOpSpySend, spySocket, connection.RelayIndex);
-    PooledRequest request = MakeRequest(connection, operation, dataRecord, bytes);
     if (record != nullptr && request != nullptr) {
         record->Request = std::move(request);
         AddPendingSend(RelayOpSpySend, connection);

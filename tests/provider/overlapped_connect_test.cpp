@@ -73,7 +73,7 @@ TEST_P(ConnectExVerdict, AllowedConnectionsAreCountedAndTheSocketConnectsAgain) 
         EXPECT_TRUE(WasTaken(result)) << result;
         EXPECT_EQ(disconnecting.Wait(s), 0u);
     }
-    const auto requests = analyzer_.Requests();
+    const auto requests = ConnectRequests();
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0].Destination(), "203.0.113.10:80");
     EXPECT_EQ(requests[0].bytesSent + requests[0].bytesReceived, 0u);

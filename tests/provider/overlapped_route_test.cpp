@@ -16,7 +16,8 @@ TEST_P(OverlappedRequests, ConnectExGoesWhereItsVerdictSays) {
     } kRows[] = {
         {"allowed", ConnectTarget::Way::kDirect, Split::kNone, 0, 0, "198.51.100.8:54 16"},
         {"refused", ConnectTarget::Way::kRefused, Split::kNone, 0, WSAECONNREFUSED, nullptr},
-        {"closed meanwhile", ConnectTarget::Way::kSocketClosed, Split::kNone, 0, WSAENOTSOCK, nullptr},
+        {"closed meanwhile", ConnectTarget::Way::kSocketClosed, Split::kNone, 0, WSA_OPERATION_ABORTED,
+         nullptr},
         {"a split that fails", ConnectTarget::Way::kThroughRelay, Split::kFailed, 0, WSAECONNREFUSED,
          nullptr},
         {"split", ConnectTarget::Way::kThroughRelay, Split::kMade, 0, 0, "127.0.0.1:48300 128"},

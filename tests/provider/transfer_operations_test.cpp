@@ -99,6 +99,11 @@ TEST_F(TransferOperations, ACountThatIsGoneIsNone) {
 TEST_F(TransferOperations, AddressesOfDatagramsBecomeTheDestination) {
     sockaddr_in from{};
     INT length = sizeof(from);
+    context_->SocketType = SOCK_STREAM;
+    EXPECT_EQ(RecvFrom(reinterpret_cast<sockaddr*>(&from), &length), 0);
+    EXPECT_EQ(SendTo(MakeAddress("198.51.100.8", 54)), 0);
+    EXPECT_EQ(context_->DestinationAddress.Port(), 0) << "a stream keeps the one that it is connected to";
+    context_->SocketType = SOCK_DGRAM;
     EXPECT_EQ(RecvFrom(reinterpret_cast<sockaddr*>(&from), &length), 0);
     EXPECT_EQ(context_->DestinationAddress.Port(), 53);
     EXPECT_EQ(context_->DestinationAddressLength, 16);

@@ -44,9 +44,9 @@ TEST_F(ConnectVerdict, TheRequestTellsWhoConnectsWhere) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (title != "Main window" && std::chrono::steady_clock::now() < deadline) {
         ASSERT_EQ(ConnectOnce(), 0);
-        title = analyzer_.Requests().back().windowTitle;
+        title = ConnectRequests().back().windowTitle;
     }
-    const SeenRequest request = analyzer_.Requests().back();
+    const SeenRequest request = ConnectRequests().back();
     EXPECT_EQ(request.operation, kOpConnect);
     EXPECT_EQ(request.Destination(), "203.0.113.10:80");
     EXPECT_EQ(request.processId, GetCurrentProcessId());
@@ -77,7 +77,7 @@ TEST_F(ConnectVerdict, AllowedConnectsGoThroughAndTheChannelEndsWithTheSocket) {
         EXPECT_EQ(closesocket(s), 0);
         EXPECT_TRUE(analyzer_.WaitForEnded(round));
     }
-    EXPECT_EQ(analyzer_.Requests().size(), 3u);
+    EXPECT_EQ(ConnectRequests().size(), 3u);
 }
 
 TEST_F(ConnectVerdict, BlockedConnectsAreRefusedAndANewAttemptIsAskedAnew) {
@@ -160,7 +160,7 @@ TEST_F(ConnectVerdict, FlagsFollowTheVerdicts) {
     EXPECT_EQ(ConnectToPublic(s), 0);
     EXPECT_EQ(closesocket(s), 0);
 
-    const std::vector<SeenRequest> requests = analyzer_.Requests();
+    const std::vector<SeenRequest> requests = ConnectRequests();
     ASSERT_EQ(requests.size(), std::size(attempts) + 1);
     for (std::size_t i = 0; i < std::size(attempts); ++i) {
         EXPECT_EQ(requests[i + 1].flags, attempts[i].flagsAfter) << "after attempt " << i;
@@ -201,7 +201,7 @@ TEST_F(ConnectVerdict, ALocalConnectThatFailsOpensNoWayPastARefusal) {
     EXPECT_EQ(Connect(s, Ipv4("127.0.0.1", nobody.Port())), WSAECONNREFUSED);
     EXPECT_EQ(ConnectToPublic(s), WSAECONNREFUSED);
     EXPECT_FALSE(origin_.HasConnection());
-    EXPECT_EQ(analyzer_.Requests().size(), 1u);
+    EXPECT_EQ(ConnectRequests().size(), 1u);
     EXPECT_EQ(closesocket(s), 0);
 }
 
@@ -215,7 +215,7 @@ TEST_F(ConnectVerdict, AnExemptedProcessIsLeftAlone) {
     EXPECT_EQ(ConnectOnce(), 0);
     EXPECT_EQ(ConnectOnce(), WSAECONNREFUSED) << "this connect's own verdict still holds";
     EXPECT_EQ(ConnectOnce(), 0);
-    EXPECT_EQ(analyzer_.Requests().size(), 2u);
+    EXPECT_EQ(ConnectRequests().size(), 2u);
 }
 
 }  // namespace

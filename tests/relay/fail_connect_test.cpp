@@ -96,7 +96,7 @@ TEST_F(FailConnect, ASocketRefusedMeanwhileIsAskedAboutOnceTheAnalyzerIsBack) {
     SetAnalyzerPort(analyzer_.Port());
     platform::AdvanceClock(301 * 1000);  // the port is kept for five minutes
     EXPECT_EQ(ConnectToPublic(s), 0);
-    EXPECT_EQ(analyzer_.Requests().size(), 1u);
+    EXPECT_EQ(ConnectRequests().size(), 1u);
     EXPECT_EQ(closesocket(s), 0);
 }
 
@@ -134,7 +134,7 @@ TEST_F(FailConnect, TheWaitForAStuckAnalyzerIsShortAfterTheFirst) {
     RouteTo(channel, analyzer_.Port());
     ApplyMachine();
     EXPECT_EQ(ConnectOnce(), 0);
-    EXPECT_EQ(analyzer_.Requests().size(), 1u);
+    EXPECT_EQ(ConnectRequests().size(), 1u);
 
     Settings().routes.pop_back();
     RouteToNowhere(channel);

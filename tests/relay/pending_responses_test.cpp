@@ -17,13 +17,13 @@
 namespace {
 
 constexpr DWORD kId = 0x00420007;
+constexpr SOCKET kSpySocket = 4711;
 
 class PendingResponses : public ::testing::Test {
   protected:
     void SetUp() override {
         before_ = platform::CountResources();
         InitializeLocks();
-        context_.SpySocket = 4711;
         context_.RelayWanted = TRUE;
     }
 
@@ -46,18 +46,15 @@ class PendingResponses : public ::testing::Test {
     platform::ResourceCounts before_;
 };
 
-TEST_F(PendingResponses, OnlyRelayedContextsRegister) {
-    EXPECT_EQ(CreateResponseWait(kId, nullptr), INVALID_HANDLE_VALUE);
-    context_.RelayWanted = FALSE;
-    EXPECT_EQ(CreateResponseWait(kId, &context_), INVALID_HANDLE_VALUE);
-    context_.RelayWanted = TRUE;
+TEST_F(PendingResponses, NobodyRegistersWithoutASpySocketOrAnEvent) {
+    EXPECT_EQ(CreateResponseWait(kId, INVALID_SOCKET), INVALID_HANDLE_VALUE);
     const platform::ScopedFault noEvents({"CreateEventA"});
-    EXPECT_EQ(CreateResponseWait(kId, &context_), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(CreateResponseWait(kId, kSpySocket), INVALID_HANDLE_VALUE);
 }
 
 TEST_F(PendingResponses, AnAnswerThatComesFirstIsTakenWithoutWaiting) {
     const platform::ScopedClockRate stopped(0);
-    const HANDLE event = CreateResponseWait(kId, &context_);
+    const HANDLE event = CreateResponseWait(kId, kSpySocket);
     PooledResponse response = ResponseTo(kId, ActionBlock);
     PooledResponse earlier = ResponseTo(kId, ActionAllow);
     EXPECT_TRUE(DeliverResponse(earlier));
@@ -73,8 +70,8 @@ TEST_F(PendingResponses, AnAnswerThatComesFirstIsTakenWithoutWaiting) {
 }
 
 TEST_F(PendingResponses, EachWaiterGetsItsOwnAnswer) {
-    const HANDLE first = CreateResponseWait(kId, &context_);
-    const HANDLE second = CreateResponseWait(kId + 1, &context_);
+    const HANDLE first = CreateResponseWait(kId, kSpySocket);
+    const HANDLE second = CreateResponseWait(kId + 1, kSpySocket);
     std::thread worker([] {
         PooledResponse two = ResponseTo(kId + 1, ActionBlock);
         DeliverResponse(two);
@@ -92,12 +89,11 @@ TEST_F(PendingResponses, EachWaiterGetsItsOwnAnswer) {
 TEST_F(PendingResponses, WakingEndsTheWaitsOfOneSpySocketOnly) {
     const platform::ScopedClockRate stopped(0);
     SocketContext other;
-    other.SpySocket = 4712;
     other.RelayWanted = TRUE;
-    const HANDLE event = CreateResponseWait(kId, &context_);
-    const HANDLE otherEvent = CreateResponseWait(kId + 1, &other);
-    WakeResponseWaiters(4710);
-    WakeResponseWaiters(4711);
+    const HANDLE event = CreateResponseWait(kId, kSpySocket);
+    const HANDLE otherEvent = CreateResponseWait(kId + 1, kSpySocket + 1);
+    WakeResponseWaiters(kSpySocket - 1);
+    WakeResponseWaiters(kSpySocket);
     EXPECT_EQ(WaitForResponse({kId}, &context_, event), nullptr);
     PooledResponse response = ResponseTo(kId + 1);
     DeliverResponse(response);
@@ -106,7 +102,7 @@ TEST_F(PendingResponses, WakingEndsTheWaitsOfOneSpySocketOnly) {
 
 TEST_F(PendingResponses, TheWaitEndsAfterAMinute) {
     const platform::ScopedClockRate stopped(0);
-    const HANDLE event = CreateResponseWait(kId, &context_);
+    const HANDLE event = CreateResponseWait(kId, kSpySocket);
     auto waiter = std::async(std::launch::async, [&] { return WaitForResponse({kId}, &context_, event); });
     ASSERT_TRUE(platform::WaitForTimedWaits(1));
     platform::AdvanceClock(59999);
@@ -116,8 +112,8 @@ TEST_F(PendingResponses, TheWaitEndsAfterAMinute) {
 }
 
 TEST_F(PendingResponses, AWaiterWhoseIdCameRoundLeavesTheNewOneAlone) {
-    const HANDLE old = CreateResponseWait(kId, &context_);
-    const HANDLE young = CreateResponseWait(kId, &context_);
+    const HANDLE old = CreateResponseWait(kId, kSpySocket);
+    const HANDLE young = CreateResponseWait(kId, kSpySocket);
     {
         const platform::ScopedClockRate fast(100000);
         EXPECT_EQ(WaitForResponse({kId}, &context_, old), nullptr);
@@ -128,8 +124,8 @@ TEST_F(PendingResponses, AWaiterWhoseIdCameRoundLeavesTheNewOneAlone) {
 }
 
 TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
-    CreateResponseWait(kId, &context_);
-    CreateResponseWait(kId + 1, &context_);
+    CreateResponseWait(kId, kSpySocket);
+    CreateResponseWait(kId + 1, kSpySocket);
     PooledResponse response = ResponseTo(kId + 1);
     DeliverResponse(response);
     // TearDown clears and counts.
@@ -137,7 +133,7 @@ TEST_F(PendingResponses, ClearingReleasesWaitersAndUnfetchedAnswers) {
 
 TEST_F(PendingResponses, AWaiterOvertakenByAClearingLeavesTheHandleAlone) {
     const platform::ScopedClockRate stopped(0);
-    const HANDLE event = CreateResponseWait(kId, &context_);
+    const HANDLE event = CreateResponseWait(kId, kSpySocket);
     ClearPendingResponses();
     // It has the value of the event that the clearing closed; a wait for it would never end.
     const HANDLE other = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -149,7 +145,7 @@ TEST_F(PendingResponses, AWaiterOvertakenByAClearingLeavesTheHandleAlone) {
 
 TEST_F(PendingResponses, AClearingFreesAThreadThatWaits) {
     const platform::ScopedClockRate stopped(0);
-    const HANDLE event = CreateResponseWait(kId, &context_);
+    const HANDLE event = CreateResponseWait(kId, kSpySocket);
     auto waiter = std::async(std::launch::async, [&] { return WaitForResponse({kId}, &context_, event); });
     ASSERT_TRUE(platform::WaitForTimedWaits(1));
     ClearPendingResponses();
@@ -158,7 +154,7 @@ TEST_F(PendingResponses, AClearingFreesAThreadThatWaits) {
 
 TEST_F(PendingResponses, AnAnswerEndsTheCountThatWasReportedAndExemptsAProcess) {
     const auto answerWith = [&](DWORD flags, DWORD exempt) {
-        const HANDLE event = CreateResponseWait(kId, &context_);
+        const HANDLE event = CreateResponseWait(kId, kSpySocket);
         PooledResponse response = ResponseTo(kId);
         response->Flags = flags;
         response->ExemptProcessId = exempt;

@@ -6,11 +6,13 @@
 
 namespace {
 
+constexpr std::uint32_t kCloseSocket = 2;
 constexpr std::uint32_t kClientClosed = 7;
 constexpr std::uint32_t kServerClosed = 8;
 constexpr std::uint32_t kClientData = 9;
 constexpr std::uint32_t kServerData = 10;
 constexpr std::uint32_t kConnect = 12;
+constexpr std::uint32_t kKeepFlags = 0x10;
 constexpr std::uint32_t kSendToClient = 3;
 constexpr std::uint32_t kSendToServer = 4;
 constexpr std::uint32_t kCloseClient = 5;
@@ -68,8 +70,13 @@ ScriptedAnalyzer::Script SplitFixture::Splitting(std::uint32_t flags, Inspector 
             case kServerClosed:
                 connection.Answer(request, Answer(kCloseClient));
                 break;
-            default:
+            case kCloseSocket:
                 break;
+            default: {
+                ScriptedAnswer answer;
+                answer.flags = kKeepFlags;
+                connection.Answer(request, answer);
+            }
         }
     };
 }
@@ -115,11 +122,4 @@ std::string SplitFixture::ReadText(LoopbackStream& stream, std::size_t size) {
     }
     text.resize(read);
     return text;
-}
-
-std::size_t SplitFixture::CountRequests(std::uint32_t operation) const {
-    const std::vector<SeenRequest> requests = analyzer_.Requests();
-    return static_cast<std::size_t>(
-        std::count_if(requests.begin(), requests.end(),
-                      [&](const SeenRequest& request) { return request.operation == operation; }));
 }

@@ -38,7 +38,4 @@ class SplitFixture : public ConnectFixture {
     /// Exactly `size` bytes, or what came before the end, or before the error behind it in brackets.
     static std::string ReceiveText(SOCKET s, std::size_t size);
     static std::string ReadText(LoopbackStream& stream, std::size_t size);
-
-    /// How often a request with this operation has come.
-    std::size_t CountRequests(std::uint32_t operation) const;
 };

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tests/support/layer_fixture.h"
 #include "tests/support/loopback_stream.h"
@@ -50,10 +51,15 @@ class ConnectFixture : public LayerFixture {
         return std::string(inet_ntoa(peer.sin_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
     }
 
+    /// The requests about connects, and how often a request with an operation has come.
+    std::vector<SeenRequest> ConnectRequests() const;
+    std::size_t CountRequests(std::uint32_t operation) const;
+
     ScriptedAnalyzer analyzer_;
     LoopbackListener origin_;
     LoopbackListener otherOrigin_;
 };
 
-/// A script that answers with these one after the other, and with the last for ever.
+/// A script that answers connects with these one after the other, and with the last for ever. What else is
+/// asked is allowed and leaves the flags as they are.
 ScriptedAnalyzer::Script AnswerInOrder(std::vector<ScriptedAnswer> answers);
