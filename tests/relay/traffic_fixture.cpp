@@ -65,8 +65,12 @@ std::vector<std::string> TrafficFixture::Told(std::size_t first) const {
 }
 
 bool TrafficFixture::WaitForCloses(std::size_t count) const {
-    while (CountRequests(kCloseSocket) < count) {
-        if (!analyzer_.WaitForRequests(analyzer_.Requests().size() + 1)) return false;
+    for (;;) {
+        const std::vector<SeenRequest> requests = analyzer_.Requests();
+        const auto closes = std::count_if(requests.begin(), requests.end(), [](const SeenRequest& request) {
+            return request.operation == kCloseSocket;
+        });
+        if (static_cast<std::size_t>(closes) >= count) return true;
+        if (!analyzer_.WaitForRequests(requests.size() + 1)) return false;
     }
-    return true;
 }
