@@ -3,7 +3,8 @@
 // connections take is the caller's choice: a loopback port is connected to without a question, the public
 // address 203.0.113.10:80 is asked about and leads to the destination's port.
 //
-//   relay_load bulk|ping|conn|idle PORT|public --analyzer PORT --destination PORT [--count N] [--milliseconds N]
+//   relay_load bulk|ping|conn|idle PORT|public --analyzer PORT --destination PORT [--count N] [--milliseconds
+//   N]
 //
 // The destination's first byte says what it does: 'B' counts until a 'Z' and answers with eight bytes, 'E'
 // echoes, 'C' answers with one byte and closes, 'I' holds. One line of JSON is printed for each run.
@@ -39,8 +40,9 @@ double SecondsSince(Clock::time_point start) {
 }
 
 sockaddr_in TargetOf(const Options& options) {
-    return options.target == "public" ? PublicAddress()
-                                      : LoopbackAddress(static_cast<std::uint16_t>(std::stoi(options.target)));
+    return options.target == "public"
+               ? PublicAddress()
+               : LoopbackAddress(static_cast<std::uint16_t>(std::stoi(options.target)));
 }
 
 SOCKET ConnectTo(const sockaddr_in& address) {
