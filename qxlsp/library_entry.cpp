@@ -29,12 +29,14 @@ void Attach(HINSTANCE instance) {
 
 void Detach(bool unloading) {
     Detaching = true;
-    ReleaseLayerAtDetach(unloading);
+    RelayShutdown = true;
+    // A process that ends has ended its other threads where they were, with locks in their hands perhaps, and
+    // takes everything with it: the safest is to touch nothing.
+    if (!unloading) return;
+    ReleaseLayerAtDetach();
     DeleteHandleLocks();
     DeleteLocks();
     DestroyMessagePool();
-    // A process that ends takes the slots with it.
-    if (!unloading) return;
     LayerCall::FreeSlot();
     if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsFree(ThreadSlot);
     ThreadSlot = TLS_OUT_OF_INDEXES;

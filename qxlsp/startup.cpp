@@ -212,11 +212,8 @@ int WSPAPI WSPCleanup(LPINT error) {
     return 0;
 }
 
-void ReleaseLayerAtDetach(bool unloading) {
-    // A process that ends has ended its threads where they were, with the relay's locks in their hands
-    // perhaps; its sockets end with it.
-    RelayShutdown = true;
-    const bool relayEnded = unloading && StopRelay();
+void ReleaseLayerAtDetach() {
+    const bool relayEnded = StopRelay();
     ForgetProcessInfoCollection();
     {
         Locker global(qx::GlobalLock);

@@ -5,6 +5,5 @@
 
 #include <windows.h>
 
-/// Ends everything that still runs when the library is detached; unless it is being unloaded, because the
-/// process ends.
-void ReleaseLayerAtDetach(bool unloading);
+/// Ends everything that still runs when the library is unloaded.
+void ReleaseLayerAtDetach();
