@@ -12,19 +12,14 @@
 #include "messages/message_transport.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
+#include "relay/channel/own_socket_options.h"
 #include "relay/channel/settings.h"
 
 Atomic<DWORD> SpyConnectTimeout{kSpyConnectTimeout};
 
 namespace {
 
-constexpr int kBufferBytes = 32768;
 constexpr DWORD kTransferMilliseconds = 10000;
-
-template <class Value>
-void SetOption(SOCKET s, int level, int option, Value value) {
-    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
-}
 
 /// Waits for the connect of a non-blocking socket.
 bool WaitForConnect(SOCKET s, const SocketContext* context) {
@@ -107,9 +102,7 @@ bool ConnectSpySocket(SocketContext* context) {
         return false;
     }
     context->SpySocket = s;
-    SetOption(s, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
-    SetOption(s, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
-    SetOption(s, IPPROTO_TCP, TCP_NODELAY, 1);
+    PrepareForTraffic(s);
     MarkSocketAsOwn(s, 0);
     if (!ConnectToAnalyzer(s, context)) {
         CloseSpySocket(context);

@@ -7,6 +7,7 @@
 #include "base/trace.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
+#include "relay/channel/own_socket_options.h"
 #include "relay/split/relay_connection_table.h"
 #include "relay/split/relay_life.h"
 #include "relay/split/relay_worker.h"
@@ -15,7 +16,6 @@ Atomic<DWORD> RelayListenPort;
 
 namespace {
 
-constexpr int kBufferBytes = 32768;
 /// Accepts that fail one after the other for no fault of the peer's: beyond this, a next split or the next
 /// second tries again.
 constexpr LONG kMostFailures = 16;
@@ -82,11 +82,6 @@ bool Start(WorkerThread* worker) {
     return false;
 }
 
-template <class Value>
-void SetOption(SOCKET s, int level, int option, Value value) {
-    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
 /// Hands an accept down; false, traced, when it failed. Its record is the port's on success.
 bool Accept(PooledPerIOData record) {
     const SOCKET accepting = record->Socket;
@@ -124,9 +119,7 @@ SOCKET PostRelayAccept() {
         return INVALID_SOCKET;
     }
     MarkSocketAsOwn(s, 0);
-    SetOption(s, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
-    SetOption(s, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
-    SetOption(s, IPPROTO_TCP, TCP_NODELAY, 1);
+    PrepareForTraffic(s);
     bool posted = false;
     if (!AssociateWithRelayCompletionPort(s, 0)) {
         Trace("ERROR:Failed to create completion port for the relay socket:%d\n", WSAGetLastError());

@@ -8,18 +8,12 @@
 #include "base/trace.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
+#include "relay/channel/own_socket_options.h"
 #include "relay/split/relay_close.h"
 #include "relay/split/relay_leave.h"
 #include "relay/split/relay_listener.h"
 
 namespace {
-
-constexpr int kBufferBytes = 32768;
-
-template <class Value>
-void SetOption(SOCKET s, int level, int option, Value value) {
-    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
-}
 
 bool SetNonBlocking(SOCKET s) {
     u_long nonBlocking = 1;
@@ -91,10 +85,7 @@ bool MakeServerSocket(const SocketContext* context, RelayHold& connection) {
               DescribeContext(context).c_str());
         return false;
     }
-    SetOption(server, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
-    SetOption(server, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
-    // Whether small pieces wait is the application's decision, which its own socket has carried out.
-    SetOption(server, IPPROTO_TCP, TCP_NODELAY, 1);
+    PrepareForTraffic(server);
     MarkSocketAsOwn(server, connection->RelayIndex);
     connection.UpgradeDataLock();
     // The analyzer may have closed the spy socket, and with it the connection, meanwhile.

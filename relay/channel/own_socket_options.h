@@ -1,0 +1,21 @@
+// Options of the sockets that the layer makes for itself. A failure leaves a socket slower, not unusable, and
+// is passed over.
+#pragma once
+
+#include <winsock2.h>
+
+#include "provider/guarded_sockets.h"
+
+template <class Value>
+void SetOption(SOCKET s, int level, int option, Value value) {
+    SafeSetSockOpt(s, level, option, reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+/// Buffers of 32 KiB in both directions, and small pieces sent at once: whether they wait is the
+/// application's decision, which its own socket has carried out.
+inline void PrepareForTraffic(SOCKET s) {
+    constexpr int kBufferBytes = 32768;
+    SetOption(s, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
+    SetOption(s, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
+    SetOption(s, IPPROTO_TCP, TCP_NODELAY, 1);
+}
