@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -49,6 +50,7 @@ class Reactor final : private platform::ClockListener, private platform::IdleWor
     int StartLocked();
     std::shared_ptr<Socket> Find(std::uint64_t tag);
     void RunTimers();
+    void ListenWhileTimed();
     platform::Deadline NextDeadline();
     void OnClockChanged() noexcept override { ready_.Wake(); }
 
@@ -61,9 +63,10 @@ class Reactor final : private platform::ClockListener, private platform::IdleWor
     bool WaitWhileOthersWork();
     void HandleEvents(std::int64_t nanoseconds);
 
-    std::mutex lock_;  // leaf; guards the fields below
+    std::mutex lock_;  // guards the fields below; only the clock's is taken inside it
     std::unordered_map<std::uint64_t, std::weak_ptr<Socket>> sockets_;
     std::vector<Timer> timers_;
+    bool listening_ = false;  // to the clock: while there are timers
     std::uint64_t lastTag_ = 0;
     std::atomic<bool> stopping_{false};  // written under lock_
     std::thread thread_;
@@ -127,12 +130,21 @@ void Reactor::Forget(std::uint64_t tag) {
     timers_.erase(std::remove_if(timers_.begin(), timers_.end(),
                                  [tag](const Timer& timer) { return timer.tag == tag; }),
                   timers_.end());
+    ListenWhileTimed();
+}
+
+/// One timed wait, whichever threads look after the list meanwhile. With lock_ held.
+void Reactor::ListenWhileTimed() {
+    if (listening_ == !timers_.empty()) return;
+    listening_ = !listening_;
+    listening_ ? Register() : Unregister();
 }
 
 void Reactor::LookAt(std::uint64_t tag, platform::Deadline deadline) {
     {
         std::lock_guard<std::mutex> guard(lock_);
         timers_.push_back({deadline, tag});
+        ListenWhileTimed();
     }
     ready_.Wake();
 }
@@ -154,6 +166,7 @@ void Reactor::RunTimers() {
             if (due == timers_.end()) return;
             tag = due->tag;
             timers_.erase(due);
+            ListenWhileTimed();
         }
         if (const std::shared_ptr<Socket> socket = Find(tag)) socket->OnReady();
     }
@@ -211,13 +224,9 @@ class ReturnOnClockChange final : private platform::ClockListener {
 }  // namespace
 
 void Reactor::Run(platform::Deadline deadline) noexcept {
-    const platform::Deadline first = std::min(deadline, NextDeadline());
-    if (first == platform::kNoDeadline) {
-        HandleEvents(-1);
-        return;
-    }
-    const ReturnOnClockChange listener(*this);
-    HandleEvents(TimeoutUntil(first));
+    std::optional<ReturnOnClockChange> listener;
+    if (deadline != platform::kNoDeadline) listener.emplace(static_cast<platform::IdleWork&>(*this));
+    HandleEvents(TimeoutUntil(std::min(deadline, NextDeadline())));
 }
 
 /// Sleeps while waiting threads look after the list. False when the reactor is to stop.
@@ -247,16 +256,10 @@ void Reactor::RunThread() {
     // What this thread calls of the platform is never a call of the layer or the application.
     platform::CurrentCallDepth().calls = 1;
     platform::LetThreadBeHeld();
-    bool listening = false;  // to the clock; only while some socket has a deadline
     for (;;) {
-        const platform::Deadline deadline = NextDeadline();
-        if ((deadline != platform::kNoDeadline) != listening) {
-            listening = !listening;
-            listening ? Register() : Unregister();
-        }
         threadAtList_ = true;
         if (!helped_) {
-            ready_.WaitForEvents(yield_, TimeoutUntil(deadline));
+            ready_.WaitForEvents(yield_, TimeoutUntil(NextDeadline()));
             if (!helped_) HandleEvents(0);
             // What came meanwhile to wake the thread that helps may have been taken here.
             if (helped_) ready_.Wake();
@@ -267,7 +270,6 @@ void Reactor::RunThread() {
         std::lock_guard<std::mutex> guard(lock_);
         if (stopping_) break;
     }
-    if (listening) Unregister();
 }
 
 void Reactor::Stop() {
@@ -296,6 +298,7 @@ void Reactor::Stop() {
     stopping_ = false;
     sockets_.clear();
     timers_.clear();
+    ListenWhileTimed();
 }
 
 /// Runs something that may throw for want of memory.
