@@ -27,13 +27,14 @@ constexpr int kEnds = 8;
 
 /// A split connection, bytes of which have gone both ways, with a thread of the application that receives.
 class SplitEnds : public SplitFixture {
-  protected:
+  public:
     struct Mode {
         const char* name;
         std::uint32_t flags;
         bool answersEnds;
     };
 
+  protected:
     void Establish(const Mode& mode) {
         const ScriptedAnalyzer::Script others =
             Splitting(mode.flags, mode.flags == kServe ? Inspector::kServe : Inspector::kPassOn);
@@ -121,28 +122,29 @@ class SplitEnds : public SplitFixture {
     bool cleanedUp_ = false;
 };
 
-TEST_F(SplitEnds, EveryOrderLeavesNothing) {
-    const Mode modes[] = {
-        {"forwarded", kForward, true},
-        {"inspected", kInspect, true},
-        {"inspected in silence", kInspect, false},
-        {"served", kServe, true},
-    };
-    for (const Mode& mode : modes) {
-        for (int first = 0; first < kEnds; ++first) {
-            for (int second = 0; second < kEnds; ++second) {
-                SCOPED_TRACE(std::string(mode.name) + ": " + kEndNames[first] + ", " + kEndNames[second]);
-                const platform::ResourceCounts before = platform::CountResources();
-                ASSERT_NO_FATAL_FAILURE(Establish(mode));
-                Make(static_cast<End>(first));
-                Make(static_cast<End>(second));
-                EndRest();
-                ASSERT_EQ(platform::SettleTo(before), "");
-                if (HasFailure()) return;
-            }
+class SplitEndsOf : public SplitEnds, public ::testing::WithParamInterface<SplitEnds::Mode> {};
+
+TEST_P(SplitEndsOf, EveryOrderLeavesNothing) {
+    for (int first = 0; first < kEnds; ++first) {
+        for (int second = 0; second < kEnds; ++second) {
+            SCOPED_TRACE(std::string(kEndNames[first]) + ", " + kEndNames[second]);
+            const platform::ResourceCounts before = platform::CountResources();
+            ASSERT_NO_FATAL_FAILURE(Establish(GetParam()));
+            Make(static_cast<End>(first));
+            Make(static_cast<End>(second));
+            EndRest();
+            ASSERT_EQ(platform::SettleTo(before), "");
+            if (HasFailure()) return;
         }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Connections, SplitEndsOf,
+                         ::testing::Values(SplitEnds::Mode{"Forwarded", SplitEnds::kForward, true},
+                                           SplitEnds::Mode{"Inspected", SplitEnds::kInspect, true},
+                                           SplitEnds::Mode{"InspectedInSilence", SplitEnds::kInspect, false},
+                                           SplitEnds::Mode{"Served", SplitEnds::kServe, true}),
+                         [](const auto& mode) { return std::string(mode.param.name); });
 
 /// What comes back from a server that refuses, and from one that never answers: to a receive that is under
 /// way, and then to a send and another receive.
@@ -154,7 +156,12 @@ TEST_F(SplitEnds, AServerOutOfReachIsToldByTheNextCall) {
     const struct {
         const char* server;
         int error;
-    } rows[] = {{"198.51.100.30", WSAECONNREFUSED}, {"198.51.100.31", WSAETIMEDOUT}};
+    } rows[] = {
+        {"198.51.100.30", WSAECONNREFUSED},
+#ifndef _WIN32  // whose own provider takes its real time to give up
+        {"198.51.100.31", WSAETIMEDOUT},
+#endif
+    };
     using Kind = ApplicationSocket::Kind;
     for (const auto& row : rows) {
         for (const Kind kind : {Kind::kBlocking, Kind::kPolled, Kind::kOverlapped}) {

@@ -17,11 +17,12 @@ enum class Inspector {
 };
 
 class SplitFixture : public ConnectFixture {
-  protected:
+  public:
     static constexpr std::uint32_t kForward = 0x08;
     static constexpr std::uint32_t kInspect = 0x04;
     static constexpr std::uint32_t kServe = 0x20;
 
+  protected:
     /// A script that answers connects with "allow" and `flags`, treats data as `inspector` says, and mirrors
     /// the end of a side by closing the other.
     static ScriptedAnalyzer::Script Splitting(std::uint32_t flags, Inspector inspector = Inspector::kPassOn);

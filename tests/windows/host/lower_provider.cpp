@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/winsock/socket_table.h"
 #include "tests/windows/host/lower_route.h"
 
 namespace lower {
@@ -27,8 +28,11 @@ Provider& TheProvider() {
     return provider;
 }
 
+/// Before the handle is closed: its value may be given out anew at once. A layer's call comes here without
+/// Winsock, which then still knows it.
 bool Forget(SOCKET s) {
     ForgetNames(s);
+    winsock_host::Sockets.Remove(s, false);
     const std::lock_guard<std::mutex> lock(TheProvider().mutex);
     return TheProvider().sockets.erase(s) != 0;
 }

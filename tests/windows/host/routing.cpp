@@ -112,8 +112,10 @@ void WatchLoads() {
 
 void ResolveRoutes(std::vector<Route>* routes) {
     for (Route& route : *routes) {
-        const HMODULE library = route.real == nullptr ? GetModuleHandleA(route.library) : nullptr;
-        if (library == nullptr) continue;
+        if (route.real != nullptr) continue;
+        // It stays where it is, even when the last module under test that uses it goes.
+        HMODULE library = nullptr;
+        if (!GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN, route.library, &library)) continue;
         route.real = reinterpret_cast<void*>(GetProcAddress(library, route.function));
     }
 }
