@@ -35,30 +35,44 @@ bool IsTaken(int error) {
     return error == WSAEADDRINUSE || error == WSAEACCES;
 }
 
-/// Binds to the first port that is free. 0 or the error of the last try.
-int BindListener(SOCKET s) {
+SOCKET MakeListener() {
+    const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    if (s != INVALID_SOCKET) MarkSocketAsOwn(s, 0);
+    return s;
+}
+
+/// 0 or the error, traced unless the next port may be tried. Two processes may both be bound to a
+/// port on some systems, and learn from listen who has it.
+int ListenOn(SOCKET s, DWORD port) {
     sockaddr_in name{};
     name.sin_family = AF_INET;
     name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (DWORD port = kFirstRelayPort;; ++port) {
-        RelayListenPort = port;
-        name.sin_port = htons(static_cast<u_short>(port));
-        if (SafeBind(s, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0) return 0;
-        const int error = WSAGetLastError();
-        if (!IsTaken(error) || port + 1 == kRelayPortLimit) return error;
+    name.sin_port = htons(static_cast<u_short>(port));
+    RelayListenPort = port;
+    const bool bound = SafeBind(s, reinterpret_cast<const sockaddr*>(&name), sizeof(name)) == 0;
+    if (bound && SafeListen(s, SOMAXCONN) == 0) return 0;
+    const int error = WSAGetLastError();
+    if (IsTaken(error) && port + 1 < kRelayPortLimit) return error;
+    if (bound) {
+        Trace("ERROR:Failed to listen to relay connections, error = %d\n", error);
+    } else {
+        Trace("ERROR:Failed to bind to port %d for lsp relay socket, error = %d\n", static_cast<int>(port),
+              error);
     }
+    return error;
 }
 
-/// Binds the listener and listens; false, traced, when it can't be.
-bool Listen(SOCKET s) {
-    if (const int error = BindListener(s); error != 0) {
-        Trace("ERROR:Failed to bind to port %d for lsp relay socket, error = %d\n",
-              static_cast<int>(DWORD{RelayListenPort}), error);
-        return false;
+/// A socket that listens on the first port that is free; INVALID_SOCKET when there is none.
+SOCKET ListenOnFreePort() {
+    for (DWORD port = kFirstRelayPort; port < kRelayPortLimit; ++port) {
+        const SOCKET s = MakeListener();
+        if (s == INVALID_SOCKET) break;
+        const int error = ListenOn(s, port);
+        if (error == 0) return s;
+        SafeCloseSocket(s);
+        if (!IsTaken(error)) break;
     }
-    if (SafeListen(s, SOMAXCONN) == 0) return true;
-    Trace("ERROR:Failed to listen to relay connections, error = %d\n", WSAGetLastError());
-    return false;
+    return INVALID_SOCKET;
 }
 
 bool StartWorker(WorkerThread* worker) {
@@ -71,11 +85,9 @@ bool StartWorker(WorkerThread* worker) {
 
 /// Makes everything, or leaves nothing.
 bool Start(WorkerThread* worker) {
-    const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
-    if (s == INVALID_SOCKET) return false;
+    const SOCKET s = ListenOnFreePort();
     RelayListenSocket = s;
-    MarkSocketAsOwn(s, 0);
-    if (Listen(s) && AssociateWithRelayCompletionPort(s, 0) && StartWorker(worker)) return true;
+    if (s != INVALID_SOCKET && AssociateWithRelayCompletionPort(s, 0) && StartWorker(worker)) return true;
     SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
     SafeCloseHandle(RelayCompletionPort.Exchange(nullptr));
     RelayListenPort = kFirstRelayPort;
