@@ -14,6 +14,7 @@
 #include "relay/split/relay_life.h"
 #include "relay/split/relay_listener.h"
 #include "relay/split/relay_pairing.h"
+#include "relay/split/relay_requests.h"
 #include "relay/split/spy_answers.h"
 
 namespace {
@@ -69,6 +70,7 @@ void Handle(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
             break;
         case RelayOpSpySend:
             if (bytes == 0) {
+                UncountPendingSend(operation, *connection);
                 OnSpyClosed(connection);
             } else {
                 RemovePendingSend(operation, 0, connection);
@@ -77,6 +79,7 @@ void Handle(PooledPerIOData record, DWORD bytes, RelayHold& connection) {
         case RelayOpClientSend:
         case RelayOpServerSend:
             if (bytes == 0) {
+                UncountPendingSend(operation, *connection);
                 OnRelayPeerClosed(operation, connection);
             } else {
                 RemovePendingSend(operation, record->Response != nullptr ? record->Bytes : 0, connection);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "platform/kernel/fault_points.h"
 #include "platform/testing/clock.h"
 #include "tests/relay/application_socket.h"
 #include "tests/relay/split_fixture.h"
@@ -145,6 +146,18 @@ INSTANTIATE_TEST_SUITE_P(Connections, SplitEndsOf,
                                            SplitEnds::Mode{"InspectedInSilence", SplitEnds::kInspect, false},
                                            SplitEnds::Mode{"Served", SplitEnds::kServe, true}),
                          [](const auto& mode) { return std::string(mode.param.name); });
+
+TEST_F(SplitEnds, ASendThatHasFailedIsNotWaitedFor) {
+    ASSERT_NO_FATAL_FAILURE(Establish({"forwarded", kForward, true}));
+    const platform::ScopedClockRate stopped(0);
+    {
+        const platform::ScopedFault fault({"WSASend", 1});
+        ASSERT_TRUE(SendAll(socket_, "lost"));
+        EXPECT_EQ(ReadText(*server_, 4), "") << "the server's side ends";
+        EXPECT_EQ(platform::FaultsStruck(), 1);
+    }
+    EndRest();
+}
 
 /// What comes back from a server that refuses, and from one that never answers: to a receive that is under
 /// way, and then to a send and another receive.
