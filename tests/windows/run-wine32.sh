@@ -30,4 +30,13 @@ flock 9
 } </dev/null >/dev/null 2>&1 9>&-
 exec 9>&-
 
-exec "$WINELOADER" "$@"
+# A program that needs a desktop has Wine start one, which inherits its error output and outlives it by seconds, or as
+# long as other programs need it: whoever reads that output to its end, as ctest does, would wait as long. So errors go
+# through a file without a name, and are shown when the program has ended.
+errors=$(mktemp)
+exec 7<"$errors" 8>"$errors"
+rm "$errors"
+status=0
+setpriv --pdeathsig KILL "$WINELOADER" "$@" 2>&8 7<&- 8>&- || status=$?
+cat <&7 >&2
+exit "$status"
