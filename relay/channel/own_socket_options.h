@@ -1,5 +1,5 @@
-// Options of the sockets that the layer makes for itself. A failure leaves a socket slower, not unusable, and
-// is passed over.
+// Options of the sockets that the layer makes for itself. Where nothing is reported, a failure leaves a
+// socket slower, not unusable, and is passed over.
 #pragma once
 
 #include <winsock2.h>
@@ -18,4 +18,10 @@ inline void PrepareForTraffic(SOCKET s) {
     SetOption(s, SOL_SOCKET, SO_SNDBUF, kBufferBytes);
     SetOption(s, SOL_SOCKET, SO_RCVBUF, kBufferBytes);
     SetOption(s, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
+/// False when the socket's calls still wait.
+inline bool SetNonBlocking(SOCKET s) {
+    u_long nonBlocking = 1;
+    return SafeIoctlSocket(s, static_cast<LONG>(FIONBIO), &nonBlocking) == 0;
 }

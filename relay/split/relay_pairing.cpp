@@ -11,6 +11,7 @@
 
 #include "base/trace.h"
 #include "provider/guarded_sockets.h"
+#include "relay/channel/own_socket_options.h"
 #include "relay/split/original_context.h"
 #include "relay/split/relay_close.h"
 #include "relay/split/relay_flow.h"
@@ -51,6 +52,19 @@ bool IsClient(const RelayConnection& connection, const sockaddr_in& remote) {
     return address == htonl(INADDR_ANY) || address == remote.sin_addr.s_addr;
 }
 
+/// Whether the accepted connection was broken while it waited to be accepted. The system may have given its
+/// port to another socket since.
+bool IsBroken(SOCKET accepted) {
+    if (!SetNonBlocking(accepted)) return false;
+    char byte = 0;
+    WSABUF buffer = {sizeof(byte), &byte};
+    DWORD bytes = 0;
+    DWORD flags = MSG_PEEK;
+    if (SafeWSARecv(accepted, &buffer, 1, &bytes, &flags, nullptr, nullptr) == 0) return false;
+    const int error = WSAGetLastError();
+    return error == WSAECONNRESET || error == WSAECONNABORTED;
+}
+
 /// Looks up the name of the application's socket unless it is known. False when it can't be known yet. The
 /// connection is held exclusively.
 bool LookUpClientName(RelayConnection& connection) {
@@ -76,6 +90,8 @@ bool TryPair(DWORD relayIndex, SOCKET accepted, const sockaddr_in& remote) {
     RelayHold connection = FindRelayConnection(relayIndex, DataAccess::kExclusive);
     if (!connection) return false;
     if (!LookUpClientName(*connection) || !IsClient(*connection, remote)) return false;
+    // The application's own connection breaks when it closes its socket, which the relay knows before that.
+    if (connection->OriginalSocket != INVALID_SOCKET && IsBroken(accepted)) return false;
     connection.DowngradeDataLock();
     if (!SetClientSocket(accepted, connection)) {
         Trace(
@@ -105,6 +121,13 @@ void BlockOriginal(const RelayConnection& connection, int error) {
     original->Blocked = TRUE;
 }
 
+/// Closes the connection of a stranger, by a reset: an orderly end would keep its port in use for minutes,
+/// and many of them the ports that the application needs to reach the relay.
+void TurnAway(SOCKET s) {
+    SetOption(s, SOL_SOCKET, SO_LINGER, linger{1, 0});
+    SafeCloseSocket(s);
+}
+
 void UpdateContext(SOCKET s, int option, const char* value, int length) {
     if (SafeSetSockOpt(s, SOL_SOCKET, option, value, length) == 0 || option != SO_UPDATE_CONNECT_CONTEXT)
         return;
@@ -126,7 +149,7 @@ void OnRelayAccepted(PooledPerIOData record, DWORD error) {
             // Out of memory: as if it were a stranger.
         }
     }
-    if (!paired) SafeCloseSocket(record->Socket);
+    if (!paired) TurnAway(record->Socket);
     AcceptEnded(error);
 }
 

@@ -15,11 +15,6 @@
 
 namespace {
 
-bool SetNonBlocking(SOCKET s) {
-    u_long nonBlocking = 1;
-    return SafeIoctlSocket(s, static_cast<LONG>(FIONBIO), &nonBlocking) == 0;
-}
-
 void PointToListener(SocketContext* context, ConnectTarget* target) {
     SOCKADDR_STORAGE listener{};
     auto& name = reinterpret_cast<sockaddr_in&>(listener);

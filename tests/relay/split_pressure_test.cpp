@@ -7,7 +7,9 @@
 #include <mutex>
 #include <thread>
 
+#include "tests/relay/application_socket.h"
 #include "tests/relay/split_fixture.h"
+#include "tests/support/loopback_socket.h"
 
 namespace {
 
@@ -122,6 +124,69 @@ TEST_F(SplitPressure, WhoeverStopsReadingStopsTheOtherSide) {
         EXPECT_EQ(closesocket(s), 0);
         EXPECT_EQ(ReadText(server, 1), "");
     }
+    EXPECT_EQ(closesocket(bystander), 0);
+}
+
+/// Threads that connect to the relay's port, one connection after the other, and have no business there.
+/// Those that reset give their port back at once: the next socket that gets it may be the application's.
+class Strangers {
+  public:
+    explicit Strangers(std::uint16_t port) : port_(port) {
+        for (const Conduct conduct : {Conduct::kWaits, Conduct::kTalks, Conduct::kResets, Conduct::kGoes})
+            threads_.push_back(std::async(std::launch::async, [=] { Visit(conduct); }));
+    }
+    ~Strangers() {
+        over_ = true;
+        for (auto& thread : threads_)
+            thread.wait();
+    }
+    Strangers(const Strangers&) = delete;
+    Strangers& operator=(const Strangers&) = delete;
+
+    int Count() const { return count_; }
+    /// Those that got bytes.
+    int Served() const { return served_; }
+
+  private:
+    enum class Conduct { kWaits, kTalks, kResets, kGoes };
+
+    void Visit(Conduct conduct) {
+        while (!over_) {
+            const int descriptor = loopback_socket::Connect(port_);
+            if (descriptor < 0) continue;
+            LoopbackStream stream(descriptor);
+            if (conduct == Conduct::kTalks) stream.WriteAll("question", 8);
+            if (conduct == Conduct::kResets) stream.ResetPeer();
+            char byte = 0;
+            if (conduct <= Conduct::kTalks && stream.ReadSome(&byte, 1) != 0) ++served_;
+            ++count_;
+        }
+    }
+
+    const std::uint16_t port_;
+    std::atomic<bool> over_{false};
+    std::atomic<int> count_{0};
+    std::atomic<int> served_{0};
+    std::vector<std::future<void>> threads_;
+};
+
+TEST_F(SplitPressure, StrangersAtTheRelaysPortDisturbNobody) {
+    StartWinsock();
+    LoopbackStream bystandersServer;
+    const SOCKET bystander = ConnectSplit(bystandersServer);
+    Strangers strangers(loopback_socket::FindOwnListener(48300, 51300));
+    for (int i = 0; i < 100 || strangers.Count() < 2000; ++i) {
+        ApplicationSocket application(ApplicationSocket::kKinds[i % 4]);
+        ASSERT_EQ(application.Connect(Ipv4(kPublic, kPort)), 0);
+        LoopbackStream server;
+        ASSERT_TRUE(origin_.Accept(server));
+        ASSERT_TRUE(application.Send("ping", 4));
+        ASSERT_EQ(ReadText(server, 4), "ping");
+        ASSERT_NO_FATAL_FAILURE(RoundTrips(1, bystander, bystandersServer));
+        application.Close();
+        EXPECT_EQ(ReadText(server, 1), "");
+    }
+    EXPECT_EQ(strangers.Served(), 0);
     EXPECT_EQ(closesocket(bystander), 0);
 }
 

@@ -16,12 +16,23 @@ namespace loopback_socket {
 
 namespace {
 
+/// Nobody here has more open at once.
+constexpr int kMostDescriptors = 1024;
+
 int Require(int result, const char* what) {
     if (result < 0) {
         std::perror(what);
         std::abort();
     }
     return result;
+}
+
+sockaddr_in Loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
 }
 
 }  // namespace
@@ -31,14 +42,35 @@ int Bind(std::uint16_t& port) {
     // Ports on which old connections linger may be had too: a busy test machine has few others.
     const int on = 1;
     Require(setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)), "setsockopt");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = Loopback(0);
     Require(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), "bind");
     socklen_t length = sizeof(address);
     Require(getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
     port = ntohs(address.sin_port);
     return descriptor;
+}
+
+int Connect(std::uint16_t port) {
+    const int descriptor = Require(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket");
+    const sockaddr_in address = Loopback(port);
+    if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
+        return descriptor;
+    close(descriptor);
+    return -1;
+}
+
+std::uint16_t FindOwnListener(std::uint16_t first, std::uint16_t limit) {
+    for (int descriptor = 0; descriptor < kMostDescriptors; ++descriptor) {
+        int listens = 0;
+        socklen_t size = sizeof(listens);
+        if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) != 0 || listens == 0) continue;
+        sockaddr_in address{};
+        size = sizeof(address);
+        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
+        const std::uint16_t port = ntohs(address.sin_port);
+        if (port >= first && port < limit) return port;
+    }
+    return 0;
 }
 
 void Close(int descriptor) {

@@ -11,6 +11,12 @@ namespace loopback_socket {
 /// none: a test can't go on without its other side.
 int Bind(std::uint16_t& port);
 
+/// A stream connected to a port of 127.0.0.1; -1 when nobody listens there.
+int Connect(std::uint16_t port);
+
+/// The port, from `first` on and below `limit`, on which this process listens; 0 when it does on none.
+std::uint16_t FindOwnListener(std::uint16_t first, std::uint16_t limit);
+
 /// Closes a descriptor; -1 is none.
 void Close(int descriptor);
 

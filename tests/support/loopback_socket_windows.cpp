@@ -15,6 +15,10 @@ namespace loopback_socket {
 
 namespace {
 
+/// Handles are multiples of the first; nobody here has one beyond the second.
+constexpr SOCKET kHandleStep = 4;
+constexpr SOCKET kMostHandles = 8192;
+
 HMODULE SystemWinsock() {
     static const HMODULE module = LoadLibraryA("ws2_32.dll");
     return module;
@@ -37,6 +41,7 @@ struct Sockets {
     decltype(&::accept) accept = REAL(accept);
     decltype(&::connect) connect = REAL(connect);
     decltype(&::getsockname) getsockname = REAL(getsockname);
+    decltype(&::getsockopt) getsockopt = REAL(getsockopt);
     decltype(&::setsockopt) setsockopt = REAL(setsockopt);
     decltype(&::shutdown) shutdown = REAL(shutdown);
     decltype(&::select) select = REAL(select);
@@ -102,6 +107,31 @@ int Bind(std::uint16_t& port) {
     Require(System().getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0, "getsockname");
     port = ntohs(address.sin_port);
     return static_cast<int>(s);
+}
+
+int Connect(std::uint16_t port) {
+    const SOCKET s = System().socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    Require(s != INVALID_SOCKET, "socket");
+    const sockaddr_in address = Loopback(port);
+    if (System().connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0)
+        return static_cast<int>(s);
+    System().closesocket(s);
+    return -1;
+}
+
+std::uint16_t FindOwnListener(std::uint16_t first, std::uint16_t limit) {
+    for (SOCKET s = kHandleStep; s < kMostHandles; s += kHandleStep) {
+        BOOL listens = FALSE;
+        int size = sizeof(listens);
+        auto* const value = reinterpret_cast<char*>(&listens);
+        if (System().getsockopt(s, SOL_SOCKET, SO_ACCEPTCONN, value, &size) != 0 || !listens) continue;
+        sockaddr_in address{};
+        size = sizeof(address);
+        System().getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+        const std::uint16_t port = ntohs(address.sin_port);
+        if (port >= first && port < limit) return port;
+    }
+    return 0;
 }
 
 void Close(int descriptor) {
