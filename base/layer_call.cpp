@@ -18,9 +18,14 @@ void* ReadSlot() {
     return value;
 }
 
-/// A mark that stays would exempt the application's next socket, so a failure is not taken at its word.
+/// A mark that stays would exempt the application's next socket, so a failure is not taken at its word. The
+/// last error may be that of the call that the scope was made for.
 void WriteSlot(void* value) {
-    if (Slot != TLS_OUT_OF_INDEXES && !TlsSetValue(Slot, value)) TlsSetValue(Slot, value);
+    if (Slot == TLS_OUT_OF_INDEXES) return;
+    const DWORD lastError = GetLastError();
+    if (TlsSetValue(Slot, value)) return;
+    TlsSetValue(Slot, value);
+    SetLastError(lastError);
 }
 
 void* ValueOf(LayerCall::Kind kind) {

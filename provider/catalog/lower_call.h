@@ -19,14 +19,18 @@
 /// Scoped holder of the thread slot.
 class LowerCall {
   public:
-    explicit LowerCall(LspEntry* provider) {
-        if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsSetValue(ThreadSlot, provider);
-    }
-    ~LowerCall() {
-        if (ThreadSlot != TLS_OUT_OF_INDEXES) TlsSetValue(ThreadSlot, nullptr);
-    }
+    explicit LowerCall(LspEntry* provider) { Store(provider); }
+    ~LowerCall() { Store(nullptr); }
     LowerCall(const LowerCall&) = delete;
     LowerCall& operator=(const LowerCall&) = delete;
+
+  private:
+    /// The last error stays: it may be the lower call's, and say that a request is under way.
+    static void Store(LspEntry* provider) {
+        if (ThreadSlot == TLS_OUT_OF_INDEXES) return;
+        const DWORD lastError = GetLastError();
+        if (!TlsSetValue(ThreadSlot, provider)) SetLastError(lastError);
+    }
 };
 
 /// Runs `call()` as a call into the lower provider of `provider` and returns its result; `failure` with
