@@ -97,6 +97,8 @@ bool PostRelaySend(PooledPerIOData record, RelayConnection& connection) {
     }
     Trace("ERROR:Send to client failed on socket %d. relayIndex:%d. Error:%d\n",
           static_cast<int>(record->Socket), static_cast<int>(record->RelayIndex), error);
+    // Nothing may follow what is missing, until its packet closes the side.
+    connection.*SideOf(operation).Connected = FALSE;
     if (EndAtOnce(record)) return true;
     PostedRequests.Decrement();
     UncountPendingSend(operation, connection);
