@@ -89,10 +89,14 @@ bool Forget(SOCKET s) {
 
 }  // namespace
 
+void CloseRelaySocket(SOCKET s) {
+    if (SafeCloseSocket(s) != 0) SafeCloseSocket(s);
+}
+
 void CloseWhenSent(SOCKET s, const ClosingState& state) {
     if (s == INVALID_SOCKET) return;
     const bool nothingToAwait = state.PeerHasEnded && state.PendingSends == 0;
-    if (nothingToAwait || !TakeOver(s, state)) SafeCloseSocket(s);
+    if (nothingToAwait || !TakeOver(s, state)) CloseRelaySocket(s);
 }
 
 void ContinueClosing(PooledPerIOData record, DWORD bytes) {
@@ -104,19 +108,19 @@ void ContinueClosing(PooledPerIOData record, DWORD bytes) {
         if (record->Buffer.data != nullptr && PostRelayReceive(std::move(record))) return;
         if (Forget(s)) what = AfterPacket::kClose;
     }
-    if (what == AfterPacket::kClose) SafeCloseSocket(s);
+    if (what == AfterPacket::kClose) CloseRelaySocket(s);
 }
 
 void CloseOverdueSockets() {
     for (SOCKET s = TakeOlderThan(kClosingMilliseconds); s != INVALID_SOCKET;
          s = TakeOlderThan(kClosingMilliseconds)) {
-        SafeCloseSocket(s);
+        CloseRelaySocket(s);
     }
 }
 
 void CloseRemainingSockets() {
     for (SOCKET s = TakeOlderThan(0); s != INVALID_SOCKET; s = TakeOlderThan(0))
-        SafeCloseSocket(s);
+        CloseRelaySocket(s);
 }
 
 DWORD ClosingSocketCount() {

@@ -19,6 +19,10 @@ struct ClosingState {
     bool ReceiveIsPosted = false;  ///< a receive's packet is still to come
 };
 
+/// Closes a socket for good: the requests of one that stays open never end, and their memory is never free
+/// again. So a close that fails is tried once more.
+void CloseRelaySocket(SOCKET s);
+
 /// Takes the socket over from its connection, where no name of it may be left.
 void CloseWhenSent(SOCKET s, const ClosingState& state);
 

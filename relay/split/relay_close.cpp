@@ -30,6 +30,10 @@ void CloseSpy(RelayConnection& connection) {
     const SOCKET spySocket = std::exchange(connection.SpySocket, INVALID_SOCKET);
     if (spySocket == INVALID_SOCKET) return;
     connection.HeldSpyReceive.reset();
+    if (!connection.SpyIsOnPort) {
+        CloseRelaySocket(spySocket);
+        return;
+    }
     ClosingState state;
     state.PendingSends = connection.PendingSpySends.Exchange(0);
     state.ReceiveIsPosted = connection.SpyReceivePosted;
@@ -52,13 +56,15 @@ bool CloseRelaySide(RelayHold& connection, const RelaySide& side, SideEnd end) {
 void CloseEntireRelayConnection(RelayHold& connection, bool closeSpy) {
     connection.UpgradeDataLock();
     connection->ClientExpected = FALSE;
-    SOCKET client = TakeSocket(*connection, kClientSide);
-    SOCKET server = TakeSocket(*connection, kServerSide);
+    const SOCKET client = TakeSocket(*connection, kClientSide);
+    const SOCKET server = TakeSocket(*connection, kServerSide);
     connection->PendingClientSends = 0;
     connection->PendingServerSends = 0;
     if (connection->ConnectWait != nullptr) connection->ConnectWait->End(false);
-    if (client != INVALID_SOCKET) CloseSocketCompletely(client);
-    if (server != INVALID_SOCKET) CloseSocketCompletely(server);
+    for (const SOCKET s : {client, server}) {
+        SafeShutdown(s, SD_BOTH);
+        CloseRelaySocket(s);
+    }
     // What an answer would say matters to nobody, and nobody may be there to read it.
     WakeResponseWaiters(connection->SpySocket);
     if (closeSpy) CloseSpy(*connection);

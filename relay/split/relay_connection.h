@@ -74,6 +74,7 @@ struct RelayConnection {
     Atomic<bool> ServerReceivePosted;  ///< its packet has not been handled; so the next two
     Atomic<bool> ClientReceivePosted;
     Atomic<bool> SpyReceivePosted;
+    Atomic<bool> SpyIsOnPort;  ///< so that packets tell of its requests
     Atomic<bool> Begun;  ///< the first receives have been posted
     /// The next receive on the spy socket, while the answers before wait to be sent on. The relay worker's.
     PooledPerIOData HeldSpyReceive;

@@ -157,6 +157,21 @@ void ForgetUnpaired(DWORD relayIndex) {
     if (found != table.Unpaired.end()) table.Unpaired.erase(found);
 }
 
+OpenTableHold::OpenTableHold() QX_NO_THREAD_SAFETY_ANALYSIS {
+    RelayConnectionTable* const table = Table.Acquire();
+    if (table == nullptr) return;
+    table->RelayTableLock.EnterShared();
+    if (table->Closed) {
+        table->RelayTableLock.LeaveShared();
+    } else {
+        lock_ = &table->RelayTableLock;
+    }
+}
+
+OpenTableHold::~OpenTableHold() QX_NO_THREAD_SAFETY_ANALYSIS {
+    if (lock_ != nullptr) lock_->LeaveShared();
+}
+
 void CloseRelayTable() {
     if (Table.Acquire() == nullptr) return;
     RelayConnectionTable& table = *Table.Acquire();

@@ -66,6 +66,21 @@ DWORD UnpairedCount();
 /// The connection waits for no accept any more.
 void ForgetUnpaired(DWORD relayIndex);
 
+/// Keeps the table from being closed for a scope; converts to false when it has been. What is posted meanwhile
+/// reaches the worker, which is told to end only afterwards. The caller has no hold on any connection.
+class OpenTableHold {
+  public:
+    OpenTableHold();
+    ~OpenTableHold();
+    OpenTableHold(const OpenTableHold&) = delete;
+    OpenTableHold& operator=(const OpenTableHold&) = delete;
+
+    explicit operator bool() const { return lock_ != nullptr; }
+
+  private:
+    ReaderWriterLock* lock_ = nullptr;
+};
+
 /// From now on none can be inserted; until OpenRelayTable.
 void CloseRelayTable();
 void OpenRelayTable();

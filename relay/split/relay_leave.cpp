@@ -10,7 +10,8 @@
 
 bool TellWorkerOfLeave(SOCKET originalSocket, DWORD relayIndex) {
     PooledPerIOData record = AcquirePerIOData(RelayOpLeave, originalSocket, relayIndex);
-    if (record == nullptr) return false;
+    const OpenTableHold table;
+    if (record == nullptr || !table) return false;
     PostedRequests.Increment();
     if (PostQueuedCompletionStatus(RelayCompletionPort, 0, 0, &record->Overlapped)) {
         (void)record.release();

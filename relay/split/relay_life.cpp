@@ -11,6 +11,7 @@
 #include "relay/split/relay_worker.h"
 
 Atomic<bool> RelayShutdown;
+Atomic<bool> RelaySocketsClosed;
 
 namespace {
 
@@ -29,6 +30,7 @@ void CloseAllConnections() {
 
 /// Tells the worker to end and waits for it. False when it has not.
 bool EndWorker(WorkerThread worker) {
+    RelaySocketsClosed = true;
     const HANDLE port = RelayCompletionPort;
     if (port != nullptr) PostQueuedCompletionStatus(port, kStopPacket, 0, nullptr);
     const StopDeadline deadline(kStopMilliseconds);
@@ -39,6 +41,7 @@ bool EndWorker(WorkerThread worker) {
 
 void StartRelay() {
     RelayShutdown = false;
+    RelaySocketsClosed = false;
     OpenRelayTable();
 }
 
@@ -46,13 +49,13 @@ bool StopRelay() {
     RelayShutdown = true;
     WorkerThread worker = CloseRelayListener();
     CloseAllConnections();
-    bool ended = EndWorker(worker);
+    const bool workerEnded = EndWorker(worker);
     // Sockets that the worker took over in its last moments.
     CloseRemainingSockets();
     ClearPendingResponses();
-    ended = ended && PostedRequests == 0;
     const HANDLE port = RelayCompletionPort.Exchange(nullptr);
-    if (!ended) return false;
+    // The next start counts from none: what comes now comes to a port that nobody looks at any more.
+    if (!workerEnded || PostedRequests.Exchange(0) != 0) return false;
     SafeCloseHandle(port);
     FreePerIODataPool();
     return true;

@@ -3,8 +3,10 @@
 
 #include "base/atomic.h"
 
-/// Tells the relay worker to end.
+/// Tells the relay worker that no connection is served any more.
 extern Atomic<bool> RelayShutdown;
+/// And that nothing more will be posted.
+extern Atomic<bool> RelaySocketsClosed;
 
 /// Lets connections be split again after a stop. Called at attach and by the first start-up.
 void StartRelay();

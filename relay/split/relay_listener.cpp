@@ -8,6 +8,7 @@
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "relay/channel/own_socket_options.h"
+#include "relay/split/closing_sockets.h"
 #include "relay/split/relay_connection_table.h"
 #include "relay/split/relay_life.h"
 #include "relay/split/relay_worker.h"
@@ -172,7 +173,7 @@ void RetryRelayAccepts() {
 WorkerThread CloseRelayListener() {
     ListenerState& state = State.Get();
     const Locker lock(state.RelayStartLock);
-    SafeCloseSocket(RelayListenSocket.Exchange(INVALID_SOCKET));
+    CloseRelaySocket(RelayListenSocket.Exchange(INVALID_SOCKET));
     RelayListenPort = 0;
     return std::exchange(state.Worker, WorkerThread{});
 }

@@ -5,6 +5,8 @@
 
 #include <mswsock.h>
 
+#include <guarded_call.h>
+
 #include <cstring>
 #include <exception>
 #include <utility>
@@ -33,9 +35,11 @@ bool ReadRemoteName(const PerIOData& record, sockaddr_in* remote) {
     sockaddr* remoteName = nullptr;
     int localLength = 0;
     int remoteLength = 0;
-    GetAcceptExSockaddrs(record.Buffer.data, 0, kAcceptNameBytes, kAcceptNameBytes, &localName, &localLength,
-                         &remoteName, &remoteLength);
-    if (remoteName != nullptr && remoteLength >= static_cast<int>(sizeof(*remote))) {
+    const bool read = GuardedCall([&]() noexcept {
+        GetAcceptExSockaddrs(record.Buffer.data, 0, kAcceptNameBytes, kAcceptNameBytes, &localName,
+                             &localLength, &remoteName, &remoteLength);
+    });
+    if (read && remoteName != nullptr && remoteLength >= static_cast<int>(sizeof(*remote))) {
         // A buffer of the arena's is aligned to nothing.
         std::memcpy(remote, remoteName, sizeof(*remote));
         if (remote->sin_port != 0) return true;

@@ -122,14 +122,19 @@ void Tend() {
     if (RelayListenSocket != INVALID_SOCKET) RetryRelayAccepts();
 }
 
-/// Takes back what was posted: the sockets have been closed, so that everything ends.
+/// Takes back what was posted. Sockets are closed meanwhile, some with a last receive that makes sure of it;
+/// once all of them are, everything ends.
 void TakeBackRequests(HANDLE port) {
-    while (PostedRequests > 0) {
+    DWORD lastPacket = GetTickCount();
+    while (!RelaySocketsClosed || PostedRequests > 0) {
         const Packet packet = TakePacket(port, kLastPacketMilliseconds);
-        if (packet.overlapped == nullptr) {
-            if (!packet.succeeded) return;
+        if (packet.overlapped == nullptr && !packet.succeeded) {
+            if (RelaySocketsClosed && GetTickCount() - lastPacket >= kLastPacketMilliseconds) return;
+            if (packet.error != WAIT_TIMEOUT) Sleep(kFailedWaitMilliseconds);
             continue;
         }
+        lastPacket = GetTickCount();
+        if (packet.overlapped == nullptr) continue;
         const PooledPerIOData record = TakeFromPort(packet.overlapped);
         if (record->Operation == RelayOpAccept) SafeCloseSocket(record->Socket);
     }

@@ -64,7 +64,8 @@ DWORD Insert(SocketContext* context, const ConnectTarget& target) {
 bool PrepareSpySocket(RelayHold& connection) {
     const SOCKET spySocket = connection->SpySocket;
     MarkSocketAsOwn(spySocket, connection->RelayIndex);
-    if (SetNonBlocking(spySocket) && AssociateWithRelayCompletionPort(spySocket, 0)) return true;
+    connection->SpyIsOnPort = SetNonBlocking(spySocket) && AssociateWithRelayCompletionPort(spySocket, 0);
+    if (connection->SpyIsOnPort) return true;
     Trace("ERROR:Failed to set completion port on lsp socket %d.\n", static_cast<int>(spySocket));
     return false;
 }
