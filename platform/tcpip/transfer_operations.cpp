@@ -18,7 +18,9 @@ int Send(PlatformCall& call, const SocketUse& socket, LPWSABUF buffers, DWORD co
          DWORD flags, const Endpoint* to, const OverlappedCall& overlapped) {
     BufferList list;
     unsigned kernelFlags = 0;
-    int error = list.Assign(buffers, count, call.LimitCount(0xFFFFFFFF));
+    // An overlapped send on a stream ends with all of its bytes or with an error.
+    const bool isWhole = IsOverlapped(*socket, overlapped) && socket->IsStream();
+    int error = list.Assign(buffers, count, isWhole ? 0xFFFFFFFF : call.LimitCount(0xFFFFFFFF));
     if (error == 0) error = SendFlags(*socket, flags, &kernelFlags);
     if (error == 0) error = CheckSendState(*socket, to != nullptr);
     Endpoint target;

@@ -11,8 +11,9 @@ namespace {
 // Providers need the list no longer than the call.
 class LimitedBuffers {
   public:
-    LimitedBuffers(const HostCall& call, LPWSABUF buffers, DWORD count) : buffers_(buffers), count_(count) {
-        DWORD left = call.LimitCount(0xFFFFFFFF);
+    LimitedBuffers(const HostCall& call, LPWSABUF buffers, DWORD count, bool isWhole = false)
+        : buffers_(buffers), count_(count) {
+        DWORD left = isWhole ? 0xFFFFFFFF : call.LimitCount(0xFFFFFFFF);
         if (left == 0xFFFFFFFF || buffers == nullptr) return;
         for (DWORD i = 0; i < count && left > 0; ++i) {
             shortened_.push_back({buffers[i].len < left ? buffers[i].len : left, buffers[i].buf});
@@ -50,7 +51,8 @@ int ReceivedCount(int result, DWORD bytes, DWORD flags) {
 int WSAAPI HostWSASend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD sent, DWORD flags,
                        LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
     HostCall call("WSASend", WSAECONNRESET);
-    const LimitedBuffers limited(call, buffers, count);
+    // An overlapped send ends with all of its bytes or with an error.
+    const LimitedBuffers limited(call, buffers, count, overlapped != nullptr);
     return CallOnSocket(call, s, SOCKET_ERROR, [&](const WSPPROC_TABLE& table, LPINT error) {
         return table.lpWSPSend(s, limited.list(), limited.count(), sent, flags, overlapped, routine,
                                ThreadIdFor(overlapped, routine), error);

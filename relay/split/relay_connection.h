@@ -75,7 +75,7 @@ struct RelayConnection {
     Atomic<bool> ClientReceivePosted;
     Atomic<bool> SpyReceivePosted;
     Atomic<bool> SpyIsOnPort;  ///< so that packets tell of its requests
-    Atomic<bool> Begun;  ///< the first receives have been posted
+    Atomic<bool> Begun;        ///< the first receives have been posted
     /// The next receive on the spy socket, while the answers before wait to be sent on. The relay worker's.
     PooledPerIOData HeldSpyReceive;
     DWORD SocketType = SOCK_STREAM;

@@ -66,8 +66,9 @@ DWORD UnpairedCount();
 /// The connection waits for no accept any more.
 void ForgetUnpaired(DWORD relayIndex);
 
-/// Keeps the table from being closed for a scope; converts to false when it has been. What is posted meanwhile
-/// reaches the worker, which is told to end only afterwards. The caller has no hold on any connection.
+/// Keeps the table from being closed for a scope; converts to false when it has been. What is posted
+/// meanwhile reaches the worker, which is told to end only afterwards. The caller has no hold on any
+/// connection.
 class OpenTableHold {
   public:
     OpenTableHold();

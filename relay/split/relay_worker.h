@@ -7,7 +7,7 @@
 /// Byte count of the packet, without a record, that ends the worker.
 constexpr DWORD kStopPacket = 0xFFFFFFFF;
 
-/// The thread's procedure; its argument is the port. With RelayShutdown it does nothing more but take back the
-/// records of all posted requests. It ends when RelaySocketsClosed is set as well and they have come, for
+/// The thread's procedure; its argument is the port. With RelayShutdown it does nothing more but take back
+/// the records of all posted requests. It ends when RelaySocketsClosed is set as well and they have come, for
 /// which it waits a second at most after the last one.
 DWORD WINAPI RelayWorker(LPVOID port);

@@ -64,11 +64,13 @@ SweepScenario LayerSweep::Scenario() const {
     };
 }
 
-SweepResult LayerSweep::SweepExceptions(const std::set<std::string>& own) const {
+SweepResult LayerSweep::SweepExceptions(const std::set<std::string>& own,
+                                        const std::set<std::string>& others) const {
     constexpr DWORD kException = 0xE0000001;
     SweepResult all;
     for (const std::string& function : FunctionsCalledBy(Scenario())) {
         if (function.rfind("lower ", 0) != 0 && own.count(function) == 0) continue;
+        if (others.count(function) != 0) continue;
         const SweepResult result =
             SweepFaultsOf(function, platform::FaultKind::kException, kException, Scenario());
         all.runs += result.runs;

@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tests/faults/origin.h"
 #include "tests/faults/sweep.h"
@@ -18,8 +19,10 @@ class LayerSweep : public LayerFixture {
     /// Uses the socket until a call fails. What was wrong, empty when every failure was a documented one.
     using SocketUse = std::string (*)(SOCKET);
 
-    /// The clock runs `clockRate` times as fast as real time, for what waits after a failure.
-    LayerSweep(SocketUse use, double clockRate) : use_(use), clockRate_(clockRate) {}
+    /// The clock runs `clockRate` times as fast as real time, for what waits after a failure. Without a
+    /// script the analyzer allows everything.
+    LayerSweep(SocketUse use, double clockRate, ScriptedAnalyzer::Script script = {})
+        : use_(use), clockRate_(clockRate), analyzer_(std::move(script)) {}
 
     /// Goes through the scenario once, so that what is made once is there.
     void SetUp() override;
@@ -27,8 +30,10 @@ class LayerSweep : public LayerFixture {
 
     SweepScenario Scenario() const;
 
-    /// Has every call of the lower provider, and of the functions in `own`, raise an exception in turn.
-    SweepResult SweepExceptions(const std::set<std::string>& own) const;
+    /// Has every call of the lower provider, and of the functions in `own`, raise an exception in turn. Not
+    /// of those in `others`, which somebody else calls as well.
+    SweepResult SweepExceptions(const std::set<std::string>& own,
+                                const std::set<std::string>& others = {}) const;
 
     static void Report(const SweepResult& result, const char* what);
 

@@ -2,12 +2,13 @@
 // outside Winsock.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <thread>
 
 #include "tests/support/loopback_stream.h"
 
-/// An origin that answers each connection's first bytes with four bytes, then waits for its end.
+/// An origin that sends everything back, one connection after the other.
 class Origin {
   public:
     Origin() : thread_([this] { Serve(); }) {}
@@ -24,10 +25,11 @@ class Origin {
     void Serve() {
         LoopbackStream stream;
         while (listener_.Accept(stream)) {
-            char bytes[16];
-            if (stream.ReadSome(bytes, sizeof(bytes)) > 0 && stream.WriteAll("pong", 4)) {
-                stream.ReadSome(bytes, sizeof(bytes));
-            }
+            char bytes[16384];
+            std::size_t count = 0;
+            do {
+                count = stream.ReadSome(bytes, sizeof(bytes));
+            } while (count > 0 && stream.WriteAll(bytes, count));
         }
     }
 
