@@ -74,6 +74,7 @@ std::shared_ptr<Socket> MakeAccepted(Socket& listener, int fd, const Endpoint& p
         MakeSocket(listener.info, listener.v6, listener.kind, listener.overlapped, fd);
     if (accepted == nullptr) return nullptr;
     accepted->nonBlocking.store(listener.nonBlocking.load());
+    accepted->kernelRules.store(listener.kernelRules.load());
     accepted->sendTimeout.store(listener.sendTimeout.load());
     accepted->receiveTimeout.store(listener.receiveTimeout.load());
     {

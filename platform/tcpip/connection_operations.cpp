@@ -22,9 +22,10 @@ constexpr DWORD kConnectTimeoutMilliseconds = 21000;
 int BindSocket(Socket& socket, const Endpoint& local) {
     std::lock_guard<std::mutex> guard(socket.lock);
     if (socket.bound.load()) return WSAEINVAL;
+    const bool ownRules = !socket.kernelRules;
     if (socket.options.reuseAddress) kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
     int error = kernel::Bind(socket.fd(), local);
-    if (error == EADDRINUSE && socket.IsStream() && !socket.options.reuseAddress) {
+    if (error == EADDRINUSE && ownRules && socket.IsStream() && !socket.options.reuseAddress) {
         // Closed connections that still fade away do not keep a port busy on Windows. The kernel makes that
         // distinction only for sockets that ask to share.
         const PortTurn turn;
@@ -43,8 +44,9 @@ int ListenOn(Socket& socket, int backlog) {
     if (!socket.IsStream()) return WSAEOPNOTSUPP;
     if (socket.RefreshConnectLocked() == State::Connected) return WSAEISCONN;
     if (!socket.bound.load() || socket.state.load() == State::Connecting) return WSAEINVAL;
-    int error = kernel::Listen(socket.fd(), std::max(backlog, 1));
-    if (error == EADDRINUSE) {
+    const bool ownRules = !socket.kernelRules;
+    int error = kernel::Listen(socket.fd(), ownRules ? std::max(backlog, 1) : backlog);
+    if (error == EADDRINUSE && ownRules) {
         // The kernel asks once more what keeps the port busy, see BindSocket.
         const PortTurn turn;
         kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
@@ -54,7 +56,7 @@ int ListenOn(Socket& socket, int backlog) {
     }
     if (error != 0) return WinsockErrorFromErrno(error);
     // Its connections shall not keep the port busy after its close, see BindSocket.
-    kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
+    if (ownRules) kernel::SetOption(socket.fd(), kernel::Option::ReuseAddress, 1);
     socket.state.store(State::Listening, std::memory_order_release);
     socket.RecordEventsLocked();
     return 0;

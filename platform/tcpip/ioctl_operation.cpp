@@ -4,6 +4,7 @@
 #include <mstcpip.h>
 
 #include "platform/tcpip/error_table.h"
+#include "platform/tcpip/kernel_descriptor.h"
 #include "platform/tcpip/operations.h"
 #include "platform/tcpip/overlapped.h"
 
@@ -89,6 +90,9 @@ int Control(const SocketUse& socket, SOCKET handle, DWORD code, Buffers* buffers
             return error != 0 ? WinsockErrorFromErrno(error)
                               : buffers->Write(static_cast<ULONG>(atMark ? 0 : 1));
         }
+        case kHandOutDescriptor:
+            socket->kernelRules.store(true);
+            return buffers->Write(socket.fd());
         case SIO_KEEPALIVE_VALS:
             return SetKeepAlive(*socket, *buffers);
         case SIO_GET_EXTENSION_FUNCTION_POINTER:

@@ -100,7 +100,7 @@ void Socket::CancelAccept(const Socket* accepting) {
 }
 
 void Socket::NoteReset(int error) {
-    if ((error == ECONNRESET || error == EPIPE) && IsStream()) connectionReset.store(true);
+    if ((error == ECONNRESET || error == EPIPE) && IsStream() && !kernelRules) connectionReset.store(true);
 }
 
 State Socket::RefreshConnect() {

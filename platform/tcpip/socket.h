@@ -86,6 +86,7 @@ class alignas(64) Socket final : public platform::FileObject {
     std::atomic<MissingContext> missingContext{MissingContext::None};
     std::atomic<bool> nonBlocking{false};  // what the application asked for
     std::atomic<bool> bound{false};
+    std::atomic<bool> kernelRules{false};  // see kernel_descriptor.h
     std::atomic<bool> sendShut{false};
     std::atomic<bool> receiveShut{false};
     std::atomic<bool> likelyReadable{false};   // the last receive filled its buffer, or select found bytes

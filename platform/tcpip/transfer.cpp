@@ -95,13 +95,14 @@ int ReceiveFlags(const Socket& socket, DWORD flags, unsigned* kernelFlags) {
 }
 
 int CheckSendState(Socket& socket, bool hasDestination) {
-    if (socket.sendShut.load(std::memory_order_relaxed)) return WSAESHUTDOWN;
+    if (socket.sendShut.load(std::memory_order_relaxed) && !socket.kernelRules) return WSAESHUTDOWN;
     if (!socket.IsStream() && hasDestination) return 0;
     return socket.RefreshConnect() == State::Connected ? 0 : WSAENOTCONN;
 }
 
 int CheckReceiveState(Socket& socket) {
-    if (socket.receiveShut.load(std::memory_order_relaxed)) return WSAESHUTDOWN;
+    if (socket.kernelRules.load(std::memory_order_relaxed) && !socket.IsStream()) return 0;
+    if (socket.receiveShut.load(std::memory_order_relaxed) && !socket.kernelRules) return WSAESHUTDOWN;
     if (!socket.IsStream()) return socket.bound.load(std::memory_order_relaxed) ? 0 : WSAEINVAL;
     return socket.RefreshConnect() == State::Connected ? 0 : WSAENOTCONN;
 }

@@ -26,7 +26,7 @@ int ReceiveError(Socket& socket, const kernel::Transfer& transfer, unsigned flag
 kernel::Transfer SendOnce(Socket& socket, const kernel::IoBuffer* buffers, std::size_t count, unsigned flags,
                           const Endpoint* to) {
     kernel::Transfer transfer = kernel::Send(socket.fd(), buffers, count, flags, to);
-    if (transfer.error == ECONNREFUSED && !socket.IsStream()) {
+    if (transfer.error == ECONNREFUSED && !socket.IsStream() && !socket.kernelRules) {
         socket.resetPending.store(true);
         transfer = kernel::Send(socket.fd(), buffers, count, flags, to);
     }
