@@ -19,6 +19,7 @@ namespace {
 
 std::atomic<ThreadObject*> ExitingThread{nullptr};
 int ExitStatus = 0;
+std::atomic<bool> LeftAlone{false};
 
 void OnExit(int status, void*) {
     ThreadObject* none = nullptr;
@@ -33,7 +34,11 @@ void OnExit(int status, void*) {
 }  // namespace
 
 void RegisterProcessExit() noexcept {
-    on_exit(OnExit, nullptr);
+    if (!LeftAlone) on_exit(OnExit, nullptr);
+}
+
+void LeaveProcessEndAlone() noexcept {
+    LeftAlone = true;
 }
 
 bool IsExitingThread() noexcept {

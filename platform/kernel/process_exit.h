@@ -8,6 +8,10 @@ namespace platform {
 /// before the static objects of everything loaded until then are destroyed.
 void RegisterProcessExit() noexcept;
 
+/// From now on modules are not registered: for a host inside a program that knows nothing of it, whose
+/// threads go on while the program ends, and which ends its modules by itself or not at all.
+void LeaveProcessEndAlone() noexcept;
+
 /// Never returns on any thread but the exiting one, once the process ends.
 void FreezeIfProcessEnds() noexcept;
 
