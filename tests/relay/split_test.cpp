@@ -28,6 +28,9 @@ TEST_F(Split, BytesGoBothWaysAsTheVerdictSays) {
         EXPECT_EQ(ReadText(server, 8), row.atServer);
         EXPECT_TRUE(server.WriteAll("answer", 6));
         EXPECT_EQ(ReceiveText(s, 6), row.atClient);
+        // The relay has one order of bytes only: what was urgent is in its place among them.
+        EXPECT_EQ(send(s, "urgent", 6, MSG_OOB), 6);
+        EXPECT_EQ(ReadText(server, 6), row.inspector == Inspector::kChange ? "URGENT" : "urgent");
         EXPECT_EQ(closesocket(s), 0);
         EXPECT_EQ(ReadText(server, 1), "");
     }
