@@ -74,6 +74,22 @@ int ExtensionFunction(Buffers* buffers) {
     return function == nullptr ? WSAEINVAL : buffers->Write(function);
 }
 
+int TakeDescriptor(Socket& socket, const Buffers& buffers) {
+    int descriptor = -1;
+    int error = buffers.Read(&descriptor);
+    if (error != 0) return error;
+    std::lock_guard<std::mutex> guard(socket.lock);
+    error = socket.ReplaceFdLocked(descriptor);
+    if (error != 0) return error;
+    Endpoint local = AnyEndpoint(socket.v6);
+    kernel::LocalName(socket.fd(), &local);
+    socket.bound.store(local.port != 0);
+    int listens = 0;
+    kernel::GetOption(socket.fd(), kernel::Option::Listens, &listens);
+    if (listens != 0) socket.state.store(State::Listening, std::memory_order_release);
+    return 0;
+}
+
 int Control(const SocketUse& socket, SOCKET handle, DWORD code, Buffers* buffers) {
     switch (code) {
         case FIONBIO:
@@ -93,6 +109,8 @@ int Control(const SocketUse& socket, SOCKET handle, DWORD code, Buffers* buffers
         case kHandOutDescriptor:
             socket->kernelRules.store(true);
             return buffers->Write(socket.fd());
+        case kTakeDescriptor:
+            return TakeDescriptor(*socket, *buffers);
         case SIO_KEEPALIVE_VALS:
             return SetKeepAlive(*socket, *buffers);
         case SIO_GET_EXTENSION_FUNCTION_POINTER:

@@ -135,6 +135,8 @@ OptionName NameOf(Option option) {
             return {IPPROTO_IP, IP_MTU_DISCOVER};
         case Option::V6Only:
             return {IPPROTO_IPV6, IPV6_V6ONLY};
+        case Option::Listens:
+            return {SOL_SOCKET, SO_ACCEPTCONN};
     }
     return {-1, -1};
 }

@@ -63,6 +63,7 @@ enum class Option {
     TypeOfService,
     DontFragment,
     V6Only,
+    Listens,  ///< read only
 };
 
 /// The new descriptor (closed on exec), or -1 with `*error`. IPv6 sockets are IPv6 only: one more call.
