@@ -180,7 +180,29 @@ std::vector<Case> MakeCases() {
     return cases;
 }
 
+/// What everybody asks of the layer, for each program in turn.
+std::vector<Case> MakeProgramCases() {
+    std::vector<Case> cases;
+    int number = 110;
+    for (const char* const program : {"curl", "wget", "python3"}) {
+        for (const char* const name :
+             {"allowed", "refused", "redirected", "inspected and changed", "served by the analyzer"}) {
+            Case& added = cases.emplace_back(CaseNamed(name));
+            added.name = std::string(program) + ", " + name;
+            added.program = program;
+            added.destination = "203.0.113." + std::to_string(number++) + ":80";
+            added.path += "/" + std::string(program);
+        }
+    }
+    return cases;
+}
+
 }  // namespace
+
+const std::vector<Case>& ProgramCases() {
+    static const std::vector<Case> cases = MakeProgramCases();
+    return cases;
+}
 
 const std::vector<Case>& Cases() {
     static const std::vector<Case> cases = MakeCases();

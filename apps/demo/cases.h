@@ -29,6 +29,8 @@ constexpr const char* kBeta = "beta";
 constexpr const char* kEcho = "echo";
 /// A server that echoes streams, many at a time.
 constexpr const char* kStreamEcho = "stream echo";
+/// Any port of this machine: what an application finds there is its own.
+constexpr const char* kItself = "itself";
 /// A server's address at which nobody listens.
 constexpr const char* kNobody = "nobody";
 
@@ -48,6 +50,7 @@ struct Case {
     int clockRate = 1;            ///< how much faster than real time the application's clock runs
     std::string path = "/hello";  ///< what is asked for; a case that looks at `visits` has its own
     int closeAfterBytes = 0;      ///< the application closes once so much has come; 0: when the server does
+    std::string program;          ///< not empty: an unmodified program instead, run by qxrun
     int connections = 0;          ///< not 0: instead of that, so many echo a message, all at once
 
     /// The promise.
@@ -71,6 +74,9 @@ constexpr const char* kLocalDestination = "local";
 constexpr const char* kBetaAddress = "203.0.113.200:80";
 
 const std::vector<Case>& Cases();
+
+/// Cases with programs that know nothing of the layer; they need the programs, and native applications.
+const std::vector<Case>& ProgramCases();
 
 /// Throws std::runtime_error when there is none of that name.
 const Case& CaseNamed(const std::string& name);

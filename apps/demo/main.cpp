@@ -25,17 +25,26 @@ constexpr int kInterruptedStatus = 130;
 
 struct Wishes {
     ApplicationPrograms applications = ApplicationPrograms::FromEnvironment();
+    bool ownProgramsOnly = false;
     bool json = false;
     bool verbose = false;
 };
 
-std::vector<Case> SelectCases(const std::vector<std::string>& names) {
-    if (names.empty()) return Cases();
+std::vector<Case> AllCases(const Wishes& wishes) {
+    std::vector<Case> all = Cases();
+    if (wishes.applications.AreNative() && !wishes.ownProgramsOnly)
+        all.insert(all.end(), ProgramCases().begin(), ProgramCases().end());
+    return all;
+}
+
+std::vector<Case> SelectCases(const std::vector<std::string>& names, const Wishes& wishes) {
+    const std::vector<Case> all = AllCases(wishes);
+    if (names.empty()) return all;
     std::vector<Case> selected;
     for (const std::string& name : names) {
-        const auto found = std::find_if(Cases().begin(), Cases().end(),
+        const auto found = std::find_if(all.begin(), all.end(),
                                         [&](const Case& candidate) { return candidate.name == name; });
-        if (found == Cases().end()) throw std::runtime_error("there is no case \"" + name + "\"; see --list");
+        if (found == all.end()) throw std::runtime_error("there is no case \"" + name + "\"; see --list");
         selected.push_back(*found);
     }
     return selected;
@@ -75,8 +84,8 @@ std::vector<Outcome> PlayAll(const std::vector<Case>& cases, const Wishes& wishe
     return outcomes;
 }
 
-int ListCases() {
-    for (const Case& scene : Cases())
+int ListCases(const Wishes& wishes) {
+    for (const Case& scene : AllCases(wishes))
         std::cout << scene.name << "\n";
     return 0;
 }
@@ -92,14 +101,17 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     app.add_flag("--verbose", wishes.verbose,
                  "print the processes as they start, and what they wrote to their standard errors");
 
+    app.add_flag("--own-programs-only", wishes.ownProgramsOnly,
+                 "leave out the cases with programs that know nothing of the layer");
+
     app.add_option("--windows-programs", wishes.applications.windowsFolder,
                    "the applications are the Windows programs of this folder, run by Wine");
     app.add_option("--wine", wishes.applications.wine, "what runs a Windows program")->capture_default_str();
 
     parse();
 
-    if (list) return ListCases();
-    const std::vector<Case> cases = SelectCases(names);
+    if (list) return ListCases(wishes);
+    const std::vector<Case> cases = SelectCases(names, wishes);
     const Interruption interruption;
     std::string errorOutput;
     std::vector<Outcome> outcomes;

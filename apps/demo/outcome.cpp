@@ -19,7 +19,15 @@ void Expect(const std::string& what, const Value& promised, const Value& seen, P
         problems->push_back(what + ": promised " + ToText(promised) + ", saw " + ToText(seen));
 }
 
+/// A program that knows nothing of the layer has error numbers of its own, and prints the page alone.
+void JudgeProgram(const Case& scene, const ClientRun& run, const ClientLine& line, Problems* problems) {
+    const bool promised = !scene.answeredBy.empty();
+    Expect("success", promised ? 1 : 0, run.exitStatus == 0 ? 1 : 0, problems);
+    if (promised) Expect("server", scene.body.value_or(scene.answeredBy), line.body, problems);
+}
+
 void JudgeAnswer(const Case& scene, const ClientRun& run, const ClientLine& line, Problems* problems) {
+    if (!scene.program.empty()) return JudgeProgram(scene, run, line, problems);
     Expect("error", scene.error, line.error, problems);
     if (scene.answeredBy.empty()) {
         if (line.failedStep.empty() || scene.connects == (line.failedStep == "connect"))
@@ -74,7 +82,8 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
     outcome.inspected = QuestionsOf(kInspected, outcome.told);
     Problems* const problems = &outcome.problems;
 
-    Expect("exit status", scene.answeredBy.empty() ? 1 : 0, run.exitStatus, problems);
+    if (scene.program.empty())
+        Expect("exit status", scene.answeredBy.empty() ? 1 : 0, run.exitStatus, problems);
     Expect<std::size_t>("requests", static_cast<std::size_t>(scene.requests), run.lines.size(), problems);
     for (const ClientLine& line : run.lines) {
         JudgeAnswer(scene, run, line, problems);

@@ -36,14 +36,17 @@ std::string WhatWasSeen(const Outcome& outcome) {
     if (outcome.run.lines.empty()) return "nothing, exit status " + std::to_string(outcome.run.exitStatus);
     const ClientLine& line = outcome.run.lines.back();
     const std::string times = Times(outcome.run.lines.size());
+    if (!outcome.scene->program.empty() && !line.failedStep.empty())
+        return "exit status " + std::to_string(outcome.run.exitStatus);
     if (!line.failedStep.empty())
         return times + line.failedStep + " failed with " + std::to_string(line.error);
     if (outcome.scene->connections != 0) return line.body;
     // Beta is behind one public address alone, so its name in the answer says where the connection really
     // went.
     const bool redirected = line.body == kBeta && outcome.scene->server != kBeta;
+    const std::string from = line.peer.empty() ? "" : " from " + line.peer;
     return times + "\"" + line.body + "\"" +
-           (redirected ? std::string(", redirected to ") + kBetaAddress : " from " + line.peer);
+           (redirected ? std::string(", redirected to ") + kBetaAddress : from);
 }
 
 /// As long as the application waited, by its own clock.
@@ -51,6 +54,7 @@ std::string Duration(const Outcome& outcome) {
     int milliseconds = 0;
     for (const ClientLine& line : outcome.run.lines)
         milliseconds += line.elapsedMilliseconds;
+    if (!outcome.scene->program.empty()) milliseconds = static_cast<int>(outcome.run.realTime.count());
     std::ostringstream text;
     if (milliseconds < 1000) {
         text << milliseconds << " ms";

@@ -68,6 +68,22 @@ ClientLine ParseClientLine(const std::string& line) {
     return parsed;
 }
 
+/// How qxrun runs a program that prints the page behind a URL, which comes last.
+std::vector<std::string> ProgramCommand(const std::string& program) {
+    if (program == "curl") return {"--", program, "-sS"};
+    if (program == "wget") return {"--", program, "-nv", "-O-", "--tries=1"};
+    return {"--", "/usr/bin/" + program, "-c",
+            "import sys, urllib.request as r; print(r.urlopen(sys.argv[1]).read().decode())"};
+}
+
+/// Such a program tells little of itself: what it printed, or that it failed.
+ClientLine LineOfProgram(int exitStatus, const std::vector<std::string>& output) {
+    ClientLine line;
+    if (exitStatus != 0) line.failedStep = "connect";
+    if (!output.empty()) line.body = output.front();
+    return line;
+}
+
 }  // namespace
 
 Stage::Stage(const std::vector<Case>& cases, ApplicationPrograms applications)
@@ -101,6 +117,7 @@ void Stage::StartServers() {
     auto datagram = StartProgram(NativeCommand("qxorigin"), {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
     auto echo = StartProgram(NativeCommand("qxecho"), {"server"}, {}, "qxecho");
     serverAddresses_[kStreamEcho] = ListeningAddress(echo.get(), 0, "qxecho");
+    serverAddresses_[kItself] = "127.0.0.1:0";
     serverAddresses_[kNobody] = "127.0.0.1:" + std::to_string(closedPort_.Number());
     servers_.push_back(std::move(echo));
     serverAddresses_[kAlpha] = ListeningAddress(http.get(), 0, "qxorigin");
@@ -192,6 +209,11 @@ std::unique_ptr<ChildProcess> Stage::StartApplication(const Case& scene, const s
 
 std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
                                                  const std::vector<std::string>& arguments) {
+    if (!scene.program.empty()) {
+        std::vector<std::string> command = ProgramCommand(scene.program);
+        command.push_back("http://" + DestinationOf(scene) + scene.path);
+        return StartApplication(scene, "qxrun", command);
+    }
     if (scene.connections != 0) {
         return StartApplication(scene, "qxecho",
                                 {"client", DestinationOf(scene), "--json", "--rounds", "5", "--connections",
@@ -210,8 +232,12 @@ ClientRun Stage::Finish(const Case& scene, ChildProcess* client) {
     ClientRun run;
     run.destination = DestinationOf(scene);
     run.exitStatus = client->Wait(After(kClientLimit));
-    for (const std::string& line : client->Output())
-        run.lines.push_back(ParseClientLine(line));
+    if (!scene.program.empty()) {
+        run.lines.push_back(LineOfProgram(run.exitStatus, client->Output()));
+    } else {
+        for (const std::string& line : client->Output())
+            run.lines.push_back(ParseClientLine(line));
+    }
     if (applications_.AreNative()) {
         run.processId = client->Id();
     } else if (!run.lines.empty()) {

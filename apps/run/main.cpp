@@ -106,6 +106,9 @@ int main(int, char** argv) {
     if (!reason.empty()) return CannotRun(program, reason);
 
     const std::string folder = OwnFolder();
+    // The loader takes these between two names.
+    if (folder.find_first_of(" :") != std::string::npos)
+        return CannotRun(program, "a space or colon in the path " + folder);
     char* const present = std::getenv("QX_MACHINE");
     if (wishes.machine.empty() && (present == nullptr || *present == 0))
         wishes.machine = folder + "qxrun-machine.toml";

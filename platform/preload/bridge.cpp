@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -105,6 +106,31 @@ class WinsockAddress {
     sockaddr_storage storage_ = {};
 };
 
+/// 127.0.0.1 as the layer sees it, or 0. The layer asks nobody about loopback; with another address in its
+/// place, which a route of the machine leads back, a program's traffic with itself is judged like any other.
+ULONG LoopbackAlias() {
+    static const ULONG alias = [] {
+        const char* const text = std::getenv("QX_RUN_LOOPBACK_AS");
+        return text != nullptr ? inet_addr(text) : 0;
+    }();
+    return alias;
+}
+
+void Exchange(sockaddr* address, ULONG from, ULONG to) {
+    if (LoopbackAlias() == 0 || address->sa_family != AF_INET) return;
+    auto& v4 = reinterpret_cast<sockaddr_in&>(*address);
+    if (v4.sin_addr.s_addr == from) v4.sin_addr.s_addr = to;
+}
+
+/// A destination, as the layer is to see it.
+void ShowToLayer(WinsockAddress* address) {
+    Exchange(address->Get(), htonl(INADDR_LOOPBACK), LoopbackAlias());
+}
+
+void ShowToProgram(WinsockAddress* address) {
+    Exchange(address->Get(), LoopbackAlias(), htonl(INADDR_LOOPBACK));
+}
+
 int HandOut(SOCKET s, MadeSocket* made) {
     int descriptor = -1;
     DWORD written = 0;
@@ -154,6 +180,12 @@ int Make(bool v6, bool stream, MadeSocket* made) {
     return HandOut(s, made);
 }
 
+int Adopt(WinsockSocket socket, int duplicate) {
+    DWORD written = 0;
+    return LastErrno(WSAIoctl(socket, tcpip::kTakeDescriptor, &duplicate, sizeof(duplicate), nullptr, 0,
+                              &written, nullptr, nullptr));
+}
+
 void Close(WinsockSocket socket) {
     closesocket(socket);
 }
@@ -165,6 +197,7 @@ int Bind(WinsockSocket socket, const Address& local) {
 
 int Connect(WinsockSocket socket, const Address& peer) {
     WinsockAddress address(peer);
+    ShowToLayer(&address);
     return LastErrno(connect(socket, address.Get(), address.length));
 }
 
@@ -195,6 +228,7 @@ int LocalName(WinsockSocket socket, Address* name) {
 int PeerName(WinsockSocket socket, Address* name) {
     WinsockAddress address;
     const int error = LastErrno(getpeername(socket, address.Get(), &address.length));
+    ShowToProgram(&address);
     if (error == 0) address.CopyTo(name);
     return error;
 }
@@ -257,6 +291,7 @@ Transfer Send(WinsockSocket socket, const Piece* pieces, std::size_t count, unsi
     int result;
     if (to != nullptr) {
         WinsockAddress address(*to);
+        ShowToLayer(&address);
         result = WSASendTo(socket, buffers.Get(), buffers.count(), &sent, winsockFlags, address.Get(),
                            address.length, nullptr, nullptr);
     } else {
@@ -285,12 +320,16 @@ Transfer Receive(WinsockSocket socket, const Piece* pieces, std::size_t count, u
     transfer.truncated = winsockError == WSAEMSGSIZE || (winsockFlags & MSG_PARTIAL) != 0;
     transfer.error = winsockError == WSAEMSGSIZE ? 0 : ErrnoOf(winsockError);
     transfer.bytes = received;
-    if (transfer.error == 0 && from != nullptr) address.CopyTo(from);
+    if (transfer.error == 0 && from != nullptr) {
+        ShowToProgram(&address);
+        address.CopyTo(from);
+    }
     return transfer;
 }
 
-constexpr Bridge kBridge = {Load,     Start,     Make,     Close,     Bind,      Connect,   Listen, Accept,
-                            Shutdown, LocalName, PeerName, TakeError, SetOption, SetLinger, Send,   Receive};
+constexpr Bridge kBridge = {Load,      Start,     Make,      Adopt,    Close,     Bind,
+                            Connect,   Listen,    Accept,    Shutdown, LocalName, PeerName,
+                            TakeError, SetOption, SetLinger, Send,     Receive};
 
 }  // namespace
 }  // namespace preload

@@ -56,6 +56,8 @@ struct Bridge {
     std::size_t (*load)(const void** addresses, std::size_t capacity);
     int (*start)();
     int (*make)(bool v6, bool stream, MadeSocket* made);
+    /// Puts a duplicate of a descriptor, which is closed, in the place of the made socket's kernel socket.
+    int (*adopt)(WinsockSocket socket, int duplicate);
     void (*close)(WinsockSocket socket);
     int (*bind)(WinsockSocket socket, const Address& local);
     int (*connect)(WinsockSocket socket, const Address& peer);  ///< EAGAIN: it is under way

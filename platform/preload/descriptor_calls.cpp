@@ -102,11 +102,9 @@ int Control(int fd, int command, long argument) {
 }  // namespace
 
 QX_REPLACES int close(int fd) {
-    if (preload::IsInside()) {
-        preload::UnmarkInternal(fd);
-        return Real().close(fd);
-    }
-    return preload::IsInternal(fd) ? Result(EBADF) : CloseAndRelease(fd);
+    if (!preload::IsInside()) return preload::IsInternal(fd) ? Result(EBADF) : CloseAndRelease(fd);
+    preload::UnmarkInternal(fd);
+    return CloseAndRelease(fd);
 }
 
 QX_REPLACES int close_range(unsigned first, unsigned last, int flags) noexcept {

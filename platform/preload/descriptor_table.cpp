@@ -21,6 +21,7 @@ std::atomic<int> Highest{-1};
 
 std::atomic_flag FreeListLock = ATOMIC_FLAG_INIT;  // held for a few instructions, never by a signal handler
 SocketRecord* FreeList = nullptr;
+std::atomic<SocketRecord*> Deferred{nullptr};  // to be ended, linked like the free ones
 
 std::atomic<std::uintptr_t>* SlotOf(int descriptor) {
     return descriptor >= 0 && descriptor < kDescriptors ? &Slots[descriptor] : nullptr;
@@ -41,9 +42,26 @@ class FreeListHolder {
     ~FreeListHolder() { FreeListLock.clear(std::memory_order_release); }
 };
 
+void End(SocketRecord* record) {
+    CloseWinsockSocket(record->socket);
+    const FreeListHolder holder;
+    record->nextFree = FreeList;
+    FreeList = record;
+}
+
+void EndDeferred() {
+    SocketRecord* record = Deferred.load() != nullptr ? Deferred.exchange(nullptr) : nullptr;
+    while (record != nullptr) {
+        SocketRecord* const next = record->nextFree;
+        End(record);
+        record = next;
+    }
+}
+
 }  // namespace
 
 SocketRecord* NewRecord() {
+    EndDeferred();
     SocketRecord* record = nullptr;
     {
         const FreeListHolder holder;
@@ -63,10 +81,13 @@ SocketRecord* NewRecord() {
 
 void Release(SocketRecord* record) {
     if (record->references.fetch_sub(1) != 1) return;
-    CloseWinsockSocket(record->socket);
-    const FreeListHolder holder;
-    record->nextFree = FreeList;
-    FreeList = record;
+    if (!IsInside()) {
+        End(record);
+        return;
+    }
+    record->nextFree = Deferred.load();
+    while (!Deferred.compare_exchange_weak(record->nextFree, record)) {
+    }
 }
 
 void Enter(int descriptor, SocketRecord* record) {
@@ -104,6 +125,11 @@ bool IsInternal(int descriptor) {
     return slot != nullptr && slot->load() == kInternal;
 }
 
+bool IsKnown(int descriptor) {
+    const std::atomic<std::uintptr_t>* const slot = SlotOf(descriptor);
+    return slot == nullptr || slot->load() != 0;
+}
+
 int HighestKnown() {
     return Highest.load();
 }
@@ -134,6 +160,7 @@ void ForgetAfterFork() {
         if (word == kInternal) Real().close(descriptor);
     }
     FreeListLock.clear();
+    Deferred.store(nullptr);
     Highest.store(-1);
 }
 

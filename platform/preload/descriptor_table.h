@@ -35,7 +35,8 @@ struct SocketRecord {
 /// A new record, held by nobody but the caller; null without memory.
 SocketRecord* NewRecord();
 
-/// Gives a reference back. The last one closes the Winsock socket.
+/// Gives a reference back. The last one closes the Winsock socket; inside, where only a handler of the
+/// program's can come by, the next record that is made does it.
 void Release(SocketRecord* record);
 
 /// Makes `descriptor` one of the record's; the caller's reference becomes the descriptor's.
@@ -49,6 +50,9 @@ SocketRecord* Leave(int descriptor);
 void MarkInternal(int descriptor);
 void UnmarkInternal(int descriptor);
 bool IsInternal(int descriptor);
+
+/// Whether the descriptor is a record's or the layer's own.
+bool IsKnown(int descriptor);
 
 /// The highest descriptor that was ever marked or entered.
 int HighestKnown();

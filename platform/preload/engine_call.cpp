@@ -8,17 +8,19 @@ namespace {
 constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS};
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
-/// Every signal that has, or may have, a handler of the program.
-void HoldBackSignals(sigset_t* before) {
+bool HasHandler(int signal) {
+    struct sigaction action;
+    return sigaction(signal, nullptr, &action) == 0 &&
+           ((action.sa_flags & SA_SIGINFO) != 0 || action.sa_handler != SIG_DFL);
+}
+
+void HoldBack(Signals signals, sigset_t* before) {
     sigset_t held;
     sigfillset(&held);
     for (const int fault : kFaultSignals)
         sigdelset(&held, fault);
     for (const int ending : kEndingSignals) {
-        struct sigaction action;
-        if (sigaction(ending, nullptr, &action) == 0 && (action.sa_flags & SA_SIGINFO) == 0 &&
-            action.sa_handler == SIG_DFL)
-            sigdelset(&held, ending);
+        if (signals == Signals::Brief || !HasHandler(ending)) sigdelset(&held, ending);
     }
     pthread_sigmask(SIG_BLOCK, &held, before);
 }
@@ -27,10 +29,9 @@ void HoldBackSignals(sigset_t* before) {
 
 __thread ThreadState ThisThread __attribute__((tls_model("initial-exec")));
 
-EngineCall::EngineCall(int descriptor, Signals signals)
-    : errno_(errno), heldBack_(signals == Signals::HeldBack) {
+EngineCall::EngineCall(int descriptor, Signals signals) : errno_(errno) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_);
-    if (heldBack_) HoldBackSignals(&signals_);
+    HoldBack(signals, &signals_);
     ++ThisThread.inside;
     ThisThread.descriptor = descriptor;
     ThisThread.kernelError = 0;
@@ -39,7 +40,7 @@ EngineCall::EngineCall(int descriptor, Signals signals)
 EngineCall::~EngineCall() {
     ThisThread.descriptor = -1;
     --ThisThread.inside;
-    if (heldBack_) pthread_sigmask(SIG_SETMASK, &signals_, nullptr);
+    pthread_sigmask(SIG_SETMASK, &signals_, nullptr);
     pthread_setcancelstate(cancelState_, nullptr);
     errno = errno_;
 }

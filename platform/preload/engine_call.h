@@ -28,15 +28,15 @@ Result Noted(int descriptor, Result result) {
     return result;
 }
 
-/// Whether a call may have to wait for the analyzer, or holds locks for which others do. While it runs, no
-/// handler of the program does: one that makes a call of its own, or leaves by a jump, would find or leave
-/// the layer's locks taken. A signal that ends the program without a handler still does so.
-enum class Signals { Open, HeldBack };
+/// While a call runs, no handler of the program does: one that makes a call of its own, or leaves by a jump,
+/// would find or leave the layer's locks taken. The signals that users end programs with get through: always
+/// in a brief call, and in one that may wait for the analyzer if they have no handler.
+enum class Signals { Brief, HeldBack };
 
 /// One call of the bridge. The thread can't be cancelled in it, and errno is afterwards what it was.
 class EngineCall {
   public:
-    explicit EngineCall(int descriptor, Signals signals = Signals::Open);
+    explicit EngineCall(int descriptor, Signals signals = Signals::Brief);
     ~EngineCall();
     EngineCall(const EngineCall&) = delete;
     EngineCall& operator=(const EngineCall&) = delete;
@@ -49,7 +49,6 @@ class EngineCall {
   private:
     const int errno_;
     int cancelState_ = 0;
-    bool heldBack_;
     sigset_t signals_;
 };
 

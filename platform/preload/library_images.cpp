@@ -24,6 +24,7 @@ Range Ranges[kMostRanges];
 std::size_t RangeCount = 0;
 std::uintptr_t Libraries[kMostLibraries];  // where they are loaded
 std::size_t LibraryCount = 0;
+unsigned Generation = 0;  // written in a child of fork, while it has one thread
 
 struct Wanted {
     const void* const* addresses;
@@ -104,6 +105,11 @@ void RestoreLibraryImages() {
     for (std::size_t i = 0; i < RangeCount; ++i)
         memcpy(Ranges[i].memory, Ranges[i].copy, Ranges[i].size);
     dl_iterate_phdr(RestoreThreadMemory, nullptr);
+    ++Generation;
+}
+
+unsigned ImageGeneration() {
+    return Generation;
 }
 
 }  // namespace preload

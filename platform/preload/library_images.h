@@ -13,4 +13,7 @@ void SaveLibraryImages(const void* const* addresses, std::size_t count);
 /// Writes it back, and gives the calling thread, which is the only one, its thread-local memory anew.
 void RestoreLibraryImages();
 
+/// How often they were written back.
+unsigned ImageGeneration();
+
 }  // namespace preload

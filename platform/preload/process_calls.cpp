@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "platform/preload/engine_call.h"
+#include "platform/preload/library_images.h"
 #include "platform/preload/real_calls.h"
 #include "platform/preload/sockets.h"
 
@@ -44,10 +45,27 @@ int CreateInside(pthread_t* thread, const pthread_attr_t* attributes, const Begi
     return error;
 }
 
+// ---- Ends of threads
+
+/// A destructor of a thread-local object of the layer's.
+struct Ending {
+    void (*function)(void*);
+    void* object;
+    unsigned generation;
+};
+
+/// In a child of fork the object is another one since, in the same place, with a destructor of its own.
+void RunEnding(void* argument) {
+    const Ending ending = *static_cast<Ending*>(argument);
+    free(argument);
+    if (ending.generation == preload::ImageGeneration()) ending.function(ending.object);
+}
+
 // ---- Programs that are started
 
 constexpr const char* kPreload = "LD_PRELOAD=";
-constexpr const char* kKept[] = {"QX_MACHINE=", "QX_RUN_WITHOUT_LAYER=", "QX_CLOCK_SCALE="};
+constexpr const char* kKept[] = {
+    "QX_MACHINE=", "QX_RUN_WITHOUT_LAYER=", "QX_CLOCK_SCALE=", "QX_RUN_LOOPBACK_AS="};
 constexpr std::size_t kAdded = 1 + sizeof(kKept) / sizeof(kKept[0]);
 
 bool Begins(const char* text, const char* with) {
@@ -114,6 +132,17 @@ QX_REPLACES int pthread_create(pthread_t* thread, const pthread_attr_t* attribut
                                void* argument) noexcept {
     return preload::IsInside() ? CreateInside(thread, attributes, {function, argument})
                                : Real().pthread_create(thread, attributes, function, argument);
+}
+
+extern "C" int __cxa_thread_atexit_impl(void (*function)(void*), void* object, void* library);
+
+QX_REPLACES int __cxa_thread_atexit_impl(void (*function)(void*), void* object, void* library) {
+    static const auto real =
+        reinterpret_cast<decltype(&__cxa_thread_atexit_impl)>(dlsym(RTLD_NEXT, "__cxa_thread_atexit_impl"));
+    auto* const ending = preload::IsInside() ? static_cast<Ending*>(malloc(sizeof(Ending))) : nullptr;
+    if (ending == nullptr) return real(function, object, library);
+    *ending = {function, object, preload::ImageGeneration()};
+    return real(RunEnding, ending, library);
 }
 
 // On the stack, since a child of fork calls these: it has whatever heap the fork left.

@@ -35,14 +35,12 @@ bool IsLayered(int domain, int type, int protocol) {
     }
 }
 
-int MakeSocket(const preload::Bridge& bridge, bool v6, bool stream, int flags) {
-    preload::MadeSocket made;
-    int error;
-    {
-        const EngineCall call(-1, Signals::HeldBack);
-        error = bridge.make(v6, stream, &made);
-    }
-    if (error != 0) return Result(error);
+int MakeWithEngine(const preload::Bridge& bridge, bool v6, bool stream, preload::MadeSocket* made) {
+    const EngineCall call(-1, Signals::HeldBack);
+    return bridge.make(v6, stream, made);
+}
+
+int PublishNew(const preload::MadeSocket& made, bool v6, bool stream, int flags) {
     const int descriptor = preload::Publish(made, v6, stream, flags);
     // Winsock's IPv6 sockets take no IPv4 traffic before they are told to.
     const int off = 0;
@@ -178,7 +176,26 @@ void NoteOption(SocketRecord& record, int level, int name, const void* value, so
     }
 }
 
-// ---- Accepting
+// ---- Binding, listening, accepting
+
+Address AnyAddress(bool v6) {
+    Address any;
+    any.length = v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    std::memset(any.bytes, 0, any.length);
+    const sa_family_t family = v6 ? AF_INET6 : AF_INET;
+    std::memcpy(any.bytes, &family, sizeof(family));
+    return any;
+}
+
+int BindWithEngine(const preload::Bridge& bridge, SocketRecord& record, const Address& local) {
+    const EngineCall call(record.lowerDescriptor, Signals::HeldBack);
+    return EngineCall::ErrorOf(bridge.bind(record.socket, local));
+}
+
+int ListenWithEngine(const preload::Bridge& bridge, SocketRecord& record, int backlog) {
+    const EngineCall call(record.lowerDescriptor, Signals::HeldBack);
+    return EngineCall::ErrorOf(bridge.listen(record.socket, backlog));
+}
 
 int AcceptWithEngine(int fd, SocketRecord& listener, sockaddr* name, socklen_t* length, int flags) {
     const bool waits = !listener.nonBlocking.load();
@@ -213,8 +230,10 @@ QX_REPLACES int socket(int domain, int type, int protocol) noexcept {
     const preload::Bridge* const bridge = TheBridge();
     if (bridge == nullptr) return Real().socket(domain, type, protocol);
     const bool stream = (type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) == SOCK_STREAM;
-    const int descriptor = MakeSocket(*bridge, domain == AF_INET6, stream, type);
-    if (descriptor >= 0 || errno > 0) return descriptor;
+    preload::MadeSocket made;
+    const int error = MakeWithEngine(*bridge, domain == AF_INET6, stream, &made);
+    if (error == 0) return PublishNew(made, domain == AF_INET6, stream, type);
+    if (error != preload::kCannotStart) return Result(error);
     preload::GiveUpEngine();
     return Real().socket(domain, type, protocol);
 }
@@ -227,12 +246,13 @@ QX_REPLACES int bind(int fd, const sockaddr* name, socklen_t length) noexcept {
     if (!use || preload::ReadAddress(*use, name, length, &local) != 0) return Real().bind(fd, name, length);
     const preload::Bridge* const bridge = TheBridge();
     if (bridge == nullptr) return Real().bind(fd, name, length);
-    const EngineCall call(use->lowerDescriptor, Signals::HeldBack);
-    return Result(EngineCall::ErrorOf(bridge->bind(use->socket, local)));
+    return Result(BindWithEngine(*bridge, *use, local));
 }
 
 QX_REPLACES int connect(int fd, const sockaddr* name, socklen_t length) {
     if (preload::IsInside()) return preload::Noted(fd, Real().connect(fd, name, length));
+    if (name != nullptr && length >= sizeof(sa_family_t) && preload::IsInternet(name))
+        preload::AdoptInherited(fd);
     const Use use(fd);
     if (!use || TheBridge() == nullptr) return Real().connect(fd, name, length);
     Address peer;
@@ -253,22 +273,16 @@ QX_REPLACES int listen(int fd, int backlog) noexcept {
     const Use use(fd);
     const preload::Bridge* const bridge = use ? TheBridge() : nullptr;
     if (bridge == nullptr) return Real().listen(fd, backlog);
-    const EngineCall call(use->lowerDescriptor, Signals::HeldBack);
-    int error = EngineCall::ErrorOf(bridge->listen(use->socket, backlog));
-    if (error == EINVAL && use->stream) {
-        // Winsock wants an address first; the kernel finds one by itself.
-        Address any;
-        any.length = use->v6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        std::memset(any.bytes, 0, any.length);
-        const sa_family_t family = use->v6 ? AF_INET6 : AF_INET;
-        std::memcpy(any.bytes, &family, sizeof(family));
-        if (bridge->bind(use->socket, any) == 0) error = bridge->listen(use->socket, backlog);
-    }
+    int error = ListenWithEngine(*bridge, *use, backlog);
+    // Winsock wants an address first; the kernel finds one by itself.
+    if (error == EINVAL && use->stream && BindWithEngine(*bridge, *use, AnyAddress(use->v6)) == 0)
+        error = ListenWithEngine(*bridge, *use, backlog);
     return Result(error);
 }
 
 QX_REPLACES int accept4(int fd, sockaddr* name, socklen_t* length, int flags) {
     if (preload::IsInside()) return preload::KeepInternal(Real().accept4(fd, name, length, flags));
+    preload::AdoptInherited(fd);
     const Use use(fd);
     if (!use || !use->stream || TheBridge() == nullptr || (flags & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != 0)
         return Real().accept4(fd, name, length, flags);
@@ -315,6 +329,10 @@ QX_REPLACES int getpeername(int fd, sockaddr* name, socklen_t* length) noexcept 
     const Use use(preload::IsInside() ? -1 : fd);
     const preload::Bridge* const bridge = use ? preload::RunningBridge() : nullptr;
     if (bridge == nullptr || name == nullptr) return Real().getpeername(fd, name, length);
+    // Winsock remembers the peer of a connection that was reset; for the kernel it has none any more.
+    sockaddr_storage ignored;
+    socklen_t room = sizeof(ignored);
+    if (Real().getpeername(fd, reinterpret_cast<sockaddr*>(&ignored), &room) != 0) return -1;
     Address peer;
     int error;
     {

@@ -3,7 +3,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cstring>
@@ -62,6 +64,75 @@ int Publish(const MadeSocket& made, bool v6, bool stream, int flags) {
     }
     Enter(descriptor, record);
     return descriptor;
+}
+
+namespace {
+
+bool IsConnected(int descriptor) {
+    sockaddr_storage peer;
+    socklen_t length = sizeof(peer);
+    return Real().getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+}
+
+int OptionOf(int descriptor, int name) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    return Real().getsockopt(descriptor, SOL_SOCKET, name, &value, &length) == 0 ? value : -1;
+}
+
+std::int64_t TimeoutOf(int descriptor, int name) {
+    timeval time = {};
+    socklen_t length = sizeof(time);
+    Real().getsockopt(descriptor, SOL_SOCKET, name, &time, &length);
+    return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_usec * 1000;
+}
+
+/// The kind of an inherited socket is TCP's or UDP's.
+bool IsInherited(int descriptor, bool* v6, bool* stream) {
+    const int domain = OptionOf(descriptor, SO_DOMAIN);
+    const int protocol = OptionOf(descriptor, SO_PROTOCOL);
+    *v6 = domain == AF_INET6;
+    *stream = protocol == IPPROTO_TCP;
+    return (domain == AF_INET || *v6) && (*stream || protocol == IPPROTO_UDP) && !IsConnected(descriptor);
+}
+
+int MakeOn(const Bridge& bridge, int descriptor, bool v6, bool stream, MadeSocket* made) {
+    const EngineCall call(-1, Signals::HeldBack);
+    const int error = bridge.make(v6, stream, made);
+    if (error != 0) return error;
+    const int duplicate = Real().fcntl(descriptor, F_DUPFD_CLOEXEC, LeastInternal());
+    const int adopted = duplicate >= 0 ? bridge.adopt(made->socket, duplicate) : EMFILE;
+    if (adopted != 0) bridge.close(made->socket);
+    return adopted;
+}
+
+}  // namespace
+
+void AdoptInherited(int descriptor) {
+    static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    bool v6 = false;
+    bool stream = false;
+    const int before = errno;
+    if (IsInside() || IsKnown(descriptor) || !IsInherited(descriptor, &v6, &stream)) {
+        errno = before;
+        return;
+    }
+    pthread_mutex_lock(&lock);
+    const Bridge* const bridge = IsKnown(descriptor) ? nullptr : TheBridge();
+    MadeSocket made;
+    SocketRecord* const record = bridge != nullptr ? NewRecord() : nullptr;
+    if (record != nullptr && MakeOn(*bridge, descriptor, v6, stream, &made) == 0) {
+        record->socket = made.socket;
+        record->lowerDescriptor = made.descriptor;
+        record->v6 = v6;
+        record->stream = stream;
+        record->nonBlocking.store((Real().fcntl(descriptor, F_GETFL) & O_NONBLOCK) != 0);
+        record->receiveTimeout.store(TimeoutOf(descriptor, SO_RCVTIMEO));
+        record->sendTimeout.store(TimeoutOf(descriptor, SO_SNDTIMEO));
+        Enter(descriptor, record);
+    }
+    pthread_mutex_unlock(&lock);
+    errno = before;
 }
 
 int ReadAddress(const SocketRecord& record, const sockaddr* name, socklen_t length, Address* address) {

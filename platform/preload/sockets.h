@@ -28,12 +28,19 @@ int KeepInternal(int descriptor);
 /// -1 with errno; then the socket is closed.
 int Publish(const MadeSocket& made, bool v6, bool stream, int flags);
 
+/// A TCP or UDP socket without a connection that this process did not make, but was born or started with,
+/// goes through the engine from now on. Does nothing for any other descriptor.
+void AdoptInherited(int descriptor);
+
 /// 0, or the error of an address that is no address of the socket's family. `*address` is a copy.
 int ReadAddress(const SocketRecord& record, const sockaddr* name, socklen_t length, Address* address);
 
 /// Copies what there is room for, and tells the whole length, as the kernel does. 0 or the error.
 int WriteAddress(const Address& address, sockaddr* name, socklen_t* length);
 
+inline bool IsInternet(const sockaddr* name) {
+    return name->sa_family == AF_INET || name->sa_family == AF_INET6;
+}
 unsigned short FamilyOf(const Address& address);
 unsigned short PortOf(const Address& address);
 bool IsLoopback(const Address& address);

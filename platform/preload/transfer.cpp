@@ -8,6 +8,7 @@
 
 #include "platform/preload/engine.h"
 #include "platform/preload/engine_call.h"
+#include "platform/preload/real_calls.h"
 #include "platform/preload/sockets.h"
 #include "platform/preload/waits.h"
 
@@ -79,6 +80,11 @@ ssize_t FailedSend(const SocketRecord& record, int flags, int error) {
     return Result(error);
 }
 
+/// A stream without a connection: which error that is, the kernel says, and raises the signal.
+ssize_t RefusedByKernel(int descriptor, const SendRequest& request) {
+    return Real().send(descriptor, request.pieces->data, request.pieces->size, request.flags | MSG_DONTWAIT);
+}
+
 int ReceiveOnce(SocketRecord& record, const Rest& rest, ReceiveRequest* request, std::size_t* bytes) {
     const Bridge* const bridge = TheBridge();
     if (bridge == nullptr) return ENETDOWN;
@@ -132,7 +138,10 @@ ssize_t Send(int descriptor, SocketRecord& record, const SendRequest& request) {
             error = WaitFor(descriptor, POLLOUT, record.sendTimeout.load());
             if (error == 0) continue;
         }
-        return sent > 0 ? static_cast<ssize_t>(sent) : FailedSend(record, request.flags, error);
+        if (sent > 0) return static_cast<ssize_t>(sent);
+        if (error == ENOTCONN && record.stream && request.count > 0)
+            return RefusedByKernel(descriptor, request);
+        return FailedSend(record, request.flags, error);
     }
 }
 
@@ -156,7 +165,11 @@ ssize_t Receive(int descriptor, SocketRecord& record, ReceiveRequest* request) {
             error = WaitFor(descriptor, POLLIN, record.receiveTimeout.load());
             if (error == 0) continue;
         }
-        return received > 0 ? static_cast<ssize_t>(received) : Result(error);
+        if (received > 0) return static_cast<ssize_t>(received);
+        // Where Winsock has no connection, the kernel may know of an end.
+        if (error == ENOTCONN && record.stream && request->count > 0)
+            return Real().recv(descriptor, rest.Get()->data, rest.Get()->size, request->flags | MSG_DONTWAIT);
+        return Result(error);
     }
 }
 

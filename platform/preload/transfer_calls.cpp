@@ -183,6 +183,8 @@ int OneByOne(mmsghdr* messages, unsigned count, One one) {
 
 QX_REPLACES ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* name,
                            socklen_t length) {
+    if (name != nullptr && length >= sizeof(sa_family_t) && preload::IsInternet(name))
+        preload::AdoptInherited(fd);
     const Use use(Layered(fd));
     if (!use) return Noted(fd, Real().sendto(fd, data, size, flags, name, length));
     const iovec piece = {const_cast<void*>(data), size};
@@ -201,6 +203,9 @@ QX_REPLACES ssize_t send(int fd, const void* data, size_t size, int flags) {
 }
 
 QX_REPLACES ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    if (message != nullptr && message->msg_name != nullptr && message->msg_namelen >= sizeof(sa_family_t) &&
+        preload::IsInternet(static_cast<const sockaddr*>(message->msg_name)))
+        preload::AdoptInherited(fd);
     const Use use(Layered(fd));
     if (!use || message == nullptr) return Noted(fd, Real().sendmsg(fd, message, flags));
     return SendMessage(fd, *use, *message, flags);
