@@ -127,8 +127,10 @@ int ShutdownSocket(Socket& socket, int how) {
         if (socket.missingContext.load() != MissingContext::None) return WSAENOTCONN;
         const bool again = socket.sendShut.load() || socket.receiveShut.load();
         int error = how != SD_RECEIVE ? socket.ShutSendLocked() : 0;
+        // The peer may answer the end of one direction with its own, and then nothing is left to be ended.
+        const bool mayBeOver = again || (how == SD_BOTH && error == 0);
         if (error == 0 && how != SD_SEND) error = kernel::Shutdown(socket.fd(), kernel::Direction::Receive);
-        if (error != 0 && !(error == ENOTCONN && again)) return WinsockErrorFromErrno(error);
+        if (error != 0 && !(error == ENOTCONN && mayBeOver)) return WinsockErrorFromErrno(error);
     }
     if (how != SD_SEND) socket.receiveShut.store(true);
     if (how != SD_RECEIVE) socket.sendShut.store(true);
