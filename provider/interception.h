@@ -1,6 +1,6 @@
 // What the provider asks of the interception when an application's call needs a verdict or a look at its
 // data. The relay folder defines these functions; the provider includes nothing of it. All of them run on the
-// application's thread (or an overlapped worker) with one reference on the context held by the caller and no
+// application's thread (or a look thread) with one reference on the context held by the caller and no
 // other lock of the library held.
 #pragma once
 
@@ -40,14 +40,18 @@ void InterceptConnect(SocketContext* context, ConnectTarget* target);
 /// Closes and removes the relay connection of a split whose connect to the relay listener failed.
 void AbandonSplit(SocketContext* context);
 
-/// A look at received data of a stream socket; `bytesReceived` may be null. May set `Blocked`.
-void AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived);
+/// Whether received data of the socket is to be looked at, as things stand. Does not wait.
+bool IsReceiveLookedAt(const SocketContext* context);
+
+/// A look at received data of a stream socket, which may wait for the analyzer; `bytesReceived` may be null.
+/// True when it is refused: `Blocked` is then set, too.
+bool AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived);
 
 /// A look at data about to be sent on a stream socket. May set `Blocked`.
 void AnalyzeSent(SocketContext* context, const WSABUF* buffers, DWORD count);
 
 /// As `AnalyzeReceived` for datagram sockets; `from` is a 128-byte copy of the peer's address or null.
-void AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
+bool AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
                          const DWORD* bytesReceived, const sockaddr* from);
 
 /// As `AnalyzeSent` for datagram sockets; `to` is a 128-byte copy of the destination or null.
@@ -63,5 +67,6 @@ void NotifyClose(SocketContext* context);
 /// connected to.
 void NotifyReuse(SocketContext* context);
 
-/// Ends every wait for the analyzer on a socket that has been marked as closing: no later one begins.
+/// Ends every wait for the analyzer on a socket that has been marked as closing, or WaitsEnd: no later one
+/// begins.
 void AbandonWaits(SocketContext* context);

@@ -23,6 +23,7 @@
 
 struct LspEntry;
 struct CatalogLifetime;
+struct OverlappedOperation;
 
 /// Bits of SocketContext::ProtocolProbed.
 constexpr DWORD kProbedReceived = 1;
@@ -37,7 +38,9 @@ struct SocketContext {
     Atomic<SOCKET> LayeredSocket;   ///< the application's handle; INVALID_SOCKET once given back
     DWORD OutstandingAsync = 0;     ///< overlapped operations under way; guarded by Lock
     Atomic<BOOL> Closing;           ///< the application closed the socket; the last user frees the context
-    Atomic<LONG> RefCount;  ///< threads using the context; raised under the lock of the handle's group
+    /// Threads using the context; raised under the lock of the handle's group, or by one that has a
+    /// reference.
+    Atomic<LONG> RefCount;
     Atomic<LONG>
         LowerSocketUses;  ///< overlapped requests being handed to the lower provider; see LowerSocketUse
     Atomic<std::uint64_t> BytesSent;
@@ -45,6 +48,15 @@ struct SocketContext {
     HANDLE CompletionPort = nullptr;  ///< the layer's, once the lower socket belongs to it; guarded by Lock
     bool SkipsPackets = false;  ///< requests that succeed inside the lower call queue none; guarded by Lock
     Atomic<int> LastError;      ///< of the last completed overlapped operation
+    /// Ends of overlapped requests that are told in turn, since the data of one is being looked at, and the
+    /// next of the sockets that have such; see look_threads.h. Guarded by OverlappedLock.
+    struct {
+        OverlappedOperation* First = nullptr;
+        OverlappedOperation* Last = nullptr;
+        SocketContext* NextReady = nullptr;
+    } WaitingEnds;
+    Atomic<BOOL> EndsWait;  ///< there are such ends, or one is just being told; written under OverlappedLock
+    Atomic<BOOL> WaitsEnd;  ///< the last clean-up lets nobody wait for the analyzer any more
     /// As given to WSPAsyncSelect. Both are written, and read to be used together, under GlobalLock.
     Atomic<HWND> AsyncWindow;
     Atomic<UINT> AsyncMessage;
@@ -85,6 +97,12 @@ struct SocketContext {
     GROUP SocketGroup = 0;
     DWORD SocketFlags = 0;
     Atomic<int> BlockError;  ///< while Blocked; 0 means WSAECONNABORTED
+
+    /// What a refused send or receive ends with.
+    int RefusalError() const {
+        const int blockError = BlockError;
+        return blockError != 0 ? blockError : WSAECONNABORTED;
+    }
 
     /// Where the socket is connected to, or its datagrams go to or come from.
     void StoreDestination(const SOCKADDR_STORAGE& name, int length) {

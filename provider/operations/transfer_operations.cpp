@@ -11,6 +11,7 @@
 #include "provider/interception.h"
 #include "provider/operation_failure.h"
 #include "provider/operations/operations.h"
+#include "provider/overlapped/look_threads.h"
 #include "provider/overlapped/overlapped_manager.h"
 
 namespace {
@@ -22,8 +23,7 @@ bool IsManaged(const SocketContext* context, const WSAOVERLAPPED* overlapped) {
 }
 
 int FailBlocked(const SocketContext* context, LPINT error) {
-    const int blockError = context->BlockError;
-    return FailWithLastError(blockError != 0 ? blockError : WSAECONNABORTED, error);
+    return FailWithLastError(context->RefusalError(), error);
 }
 
 /// A receive may be tried again after a verdict's block. False when the socket stays blocked.
@@ -81,6 +81,8 @@ int QueueReceive(SocketContext* context, OverlappedType type, const CallerBuffer
     operation->Transfer.Flags = givenFlags;
     operation->Transfer.From = arguments.From;
     operation->Transfer.FromLength = arguments.FromLength;
+    operation->Transfer.Peeks = (givenFlags & MSG_PEEK) != 0;
+    PrepareToLook(context);
     return QueueTransfer(operation, context, arguments.BytesReceived, arguments.Flags, error);
 }
 
@@ -114,8 +116,9 @@ bool StoreSource(SocketContext* context, const sockaddr* from, const INT* fromLe
 }
 
 /// What the application gets of a receive that has been looked at: nothing when it was refused.
-int EndReceive(const SocketContext* context, int result, LPDWORD bytesReceived, LPINT error) {
-    if (!context->Blocked) return result;
+int EndReceive(const SocketContext* context, bool refused, int result, LPDWORD bytesReceived, LPINT error) {
+    // The mark may be another thread's, which may as well have taken this one's away.
+    if (!refused && !context->Blocked) return result;
     GuardedCall([&]() noexcept {
         if (bytesReceived != nullptr) *bytesReceived = 0;
     });
@@ -144,8 +147,8 @@ int WSPAPI WSPRecv(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceive
                                                    flags, overlapped, completionRoutine, threadId, error);
     });
     const DWORD received = peeks ? 0 : CountMoved(&context->BytesRecv, result, bytesReceived);
-    AnalyzeReceived(context.Get(), buffers, count, &received);
-    return EndReceive(context.Get(), result, bytesReceived, error);
+    const bool refused = AnalyzeReceived(context.Get(), buffers, count, &received);
+    return EndReceive(context.Get(), refused, result, bytesReceived, error);
 }
 
 int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesReceived, LPDWORD flags,
@@ -173,9 +176,10 @@ int WSPAPI WSPRecvFrom(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesRec
     const DWORD received = peeks ? 0 : CountMoved(&context->BytesRecv, result, bytesReceived);
     SOCKADDR_STORAGE source;
     const bool hasSource = result != SOCKET_ERROR && StoreSource(context.Get(), from, fromLength, &source);
-    AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
-                        hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return EndReceive(context.Get(), result, bytesReceived, error);
+    const bool refused =
+        AnalyzeReceivedFrom(context.Get(), buffers, count, &received,
+                            hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
+    return EndReceive(context.Get(), refused, result, bytesReceived, error);
 }
 
 int WSPAPI WSPSend(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytesSent, DWORD flags,

@@ -2,7 +2,9 @@
 // application's record, the application is told in the way it asked for, and the context is let go.
 //
 // A request is reported once: either here, or by FailOverlappedOperation when nothing of it reached the lower
-// provider. After the application has been told, its record is its own again and is not touched any more.
+// provider. A receive whose data is to be looked at is reported by a thread that may wait for that
+// (look_threads.h). After the application has been told, its record is its own again and is not touched any
+// more.
 #include "provider/overlapped/overlapped_completion.h"
 
 #include <guarded_call.h>
@@ -11,8 +13,10 @@
 #include "provider/catalog/lower_call.h"
 #include "provider/interception.h"
 #include "provider/operation_failure.h"
+#include "provider/overlapped/look_threads.h"
 #include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"
+#include "provider/overlapped/received_data.h"
 
 namespace {
 
@@ -81,7 +85,7 @@ void Count(const OverlappedOperation* operation, SocketContext* context, Outcome
     const auto counter = RowOf(operation->Operation).Counter;
     if (operation->Operation == OverlappedType::kAcceptEx) {
         if (!ReleaseAcceptingSocket(operation, *outcome) && outcome->Error == 0) outcome->Error = WSAENOTSOCK;
-    } else if (counter != nullptr && outcome->Error == 0) {
+    } else if (counter != nullptr && outcome->Error == 0 && !IsPeek(*operation)) {
         (context->*counter).FetchAdd(outcome->Bytes);
     }
 }
@@ -103,8 +107,7 @@ bool FreesSocket(const OverlappedOperation* operation) {
 /// A receive that got nothing more since the relay could not reach the server ends with the error of that,
 /// not as if the server had closed the connection.
 void TellBlockError(const OverlappedOperation* operation, const SocketContext* context, Outcome* outcome) {
-    if (operation->Operation != OverlappedType::kRecv && operation->Operation != OverlappedType::kRecvFrom)
-        return;
+    if (!IsReceive(operation->Operation)) return;
     const int blockError = context->BlockError;
     if (!context->Blocked || blockError == 0 || (outcome->Error == 0 && outcome->Bytes > 0)) return;
     *outcome = {0, 0, blockError};
@@ -206,16 +209,19 @@ void Tell(OverlappedOperation* operation, SocketContext* context, const Outcome&
     if (closeThread) CloseThreadId(&thread);
 }
 
-/// Leaves the end of a receive to the thread that shows its data to the analysis. False when there is none.
-bool LeaveToAnalysis(OverlappedOperation* operation, const Outcome& outcome) {
-    if (operation->Analysis.Acquire() != AnalysisState::kUnderWay) return false;
-    operation->EndedWith = outcome;
-    return operation->Analysis.StoreIfStill(AnalysisState::kUnderWay, AnalysisState::kEndedMeanwhile);
+/// Reports how a request has ended. `context`'s reference is dropped.
+Outcome Report(OverlappedOperation* operation, SocketContext* context, Outcome outcome, Look look) {
+    Count(operation, context, &outcome);
+    if (BringsData(*operation, outcome)) JudgeReceived(operation, context, look, &outcome);
+    TellInterception(operation, context, outcome);
+    context->LastError = outcome.Error;
+    Tell(operation, context, outcome);
+    return outcome;
 }
 
-/// Reports a request that has ended as said, or as the lower provider says when that is WSA_IO_PENDING.
+/// Reports a request that has ended as said, or as the lower provider says when that is WSA_IO_PENDING; or
+/// leaves it to a thread that may wait for the analyzer, and reports WSA_IO_PENDING.
 Outcome Complete(OverlappedOperation* operation, Outcome outcome) {
-    if (LeaveToAnalysis(operation, outcome)) return {0, 0, WSA_IO_PENDING};
     SocketContext* const context = ReferenceContext(operation);
     if (context == nullptr) {
         ReleaseOverlappedRecord(operation);
@@ -226,17 +232,21 @@ Outcome Complete(OverlappedOperation* operation, Outcome outcome) {
     // A lower provider that no longer knows the socket speaks of one that the application has closed: the
     // request ends like any other that the close has cut short.
     if (error == WSAENOTSOCK && context->Closing) outcome = {0, 0, WSA_OPERATION_ABORTED};
-    const INT refusedWith = operation->RefusedWith.Acquire();
-    if (refusedWith != 0) outcome = {0, 0, refusedWith};
     TellBlockError(operation, context, &outcome);
-    Count(operation, context, &outcome);
-    TellInterception(operation, context, outcome);
-    context->LastError = outcome.Error;
-    Tell(operation, context, outcome);
-    return outcome;
+    if (LeaveToLookThread(operation, context, outcome)) return {0, 0, WSA_IO_PENDING};
+    return Report(operation, context, outcome, Look::kNone);
 }
 
 }  // namespace
+
+void TellEnd(OverlappedOperation* operation, SocketContext* context, Look look) {
+    // A clean-up that did not wait longer has given the handle back: it may be somebody else's.
+    if (context->LayeredSocket == operation->CallerSocket) {
+        Report(operation, context, operation->EndedWith, look);
+        return;
+    }
+    LetGo(operation, context);
+}
 
 void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags) {
     if (overlapped != nullptr) Complete(OperationOf(overlapped), {bytes, flags, static_cast<INT>(error)});

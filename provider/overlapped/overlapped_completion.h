@@ -2,6 +2,7 @@
 #pragma once
 
 #include "provider/overlapped/overlapped_operation.h"
+#include "provider/overlapped/received_data.h"
 
 /// Reports a request as done: writes its state into the application's record, tells the application and frees
 /// the layer's. With the error WSA_IO_PENDING the lower provider is asked for the result. Null is ignored.
@@ -11,6 +12,10 @@ void CALLBACK CompleteOverlappedOperation(DWORD error, DWORD bytes, LPWSAOVERLAP
 
 /// Reports a request that succeeded inside its lower call in the same way. What the application was told.
 Outcome CompleteInsideCall(OverlappedOperation* operation);
+
+/// Reports a request that has ended as its record says, on a look thread. The record, and the context's
+/// reference, are given up.
+void TellEnd(OverlappedOperation* operation, SocketContext* context, Look look);
 
 /// Ends a request of which nothing has reached the lower provider (or which it refused) inside the
 /// application's call: writes its state and frees the record; the application learns the error from the

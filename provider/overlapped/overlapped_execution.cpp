@@ -1,8 +1,7 @@
-// A lower call that receives may have been made when a block is found: the request is then cancelled below,
-// and ends with the block's error when the lower provider has let go of the application's buffers.
+// What a request asks the interception comes before its lower call, which then waits for nobody; what a
+// receive has brought is looked at when it has ended (received_data.h).
 #include "provider/overlapped/overlapped_execution.h"
 
-#include <cstring>
 #include <iterator>
 
 #include "provider/catalog/lower_call.h"
@@ -13,11 +12,6 @@
 #include "provider/overlapped/overlapped_completion.h"
 
 namespace {
-
-int BlockErrorOf(const SocketContext* context) {
-    const int blockError = context->BlockError;
-    return blockError != 0 ? blockError : WSAECONNABORTED;
-}
 
 /// 0 for success, else the error of a call in the style of the provider interface.
 int ResultOf(int result, INT error) {
@@ -53,82 +47,70 @@ int CallExtension(OverlappedOperation* operation, Call call) {
     return ResultOf(result, error);
 }
 
-/// A receive that the analysis blocked after the lower call had been made. Its completion reports the block's
-/// error; that one under way is cancelled only makes this soon.
-int RefuseReceive(OverlappedOperation* operation, const SocketContext* context, int lowerResult) {
-    const int blockError = BlockErrorOf(context);
-    if (lowerResult != 0 && lowerResult != WSA_IO_PENDING) return blockError;
-    operation->RefusedWith.Publish(blockError);
-    if (lowerResult == WSA_IO_PENDING) {
-        CancelIoEx(reinterpret_cast<HANDLE>(operation->ProviderSocket), &operation->ProviderOverlapped);
+int JudgeNothing(OverlappedOperation*, SocketContext*) {
+    return 0;
+}
+
+int JudgeReceive(OverlappedOperation*, SocketContext* context) {
+    return context->Blocked ? context->RefusalError() : 0;
+}
+
+int JudgeSend(OverlappedOperation* operation, SocketContext* context) {
+    const TransferArguments& transfer = operation->Transfer;
+    AnalyzeSent(context, transfer.Buffers, transfer.BufferCount);
+    return context->Blocked ? context->RefusalError() : 0;
+}
+
+const sockaddr* DestinationOf(const TransferArguments& transfer) {
+    return transfer.ToLength > 0 ? reinterpret_cast<const sockaddr*>(&transfer.To) : nullptr;
+}
+
+int JudgeSendTo(OverlappedOperation* operation, SocketContext* context) {
+    const TransferArguments& transfer = operation->Transfer;
+    const sockaddr* const to = DestinationOf(transfer);
+    if (to != nullptr && context->SocketType != SOCK_STREAM) {
+        context->StoreDestination(transfer.To, transfer.ToLength);
     }
-    return lowerResult;
+    AnalyzeSentTo(context, transfer.Buffers, transfer.BufferCount, to);
+    return context->Blocked ? WSAECONNREFUSED : 0;
 }
 
-/// The result of a receive after the look at its data. One that has ended meanwhile is ended now.
-int EndAnalysis(OverlappedOperation* operation, int result) {
-    if (operation->Analysis.StoreIfStill(AnalysisState::kUnderWay, AnalysisState::kNone)) return result;
-    const Outcome& outcome = operation->EndedWith;
-    CompleteOverlappedOperation(static_cast<DWORD>(outcome.Error), outcome.Bytes,
-                                &operation->ProviderOverlapped, outcome.Flags);
-    return WSA_IO_PENDING;
+int JudgeConnect(OverlappedOperation* operation, SocketContext* context) {
+    ConnectExArguments& connect = operation->ConnectEx;
+    ConnectTarget target;
+    target.name = connect.Name;
+    target.length = connect.NameLength;
+    constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAECONNREFUSED};
+    if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) {
+        // The close ends it as it ends every request.
+        return target.way == ConnectTarget::Way::kSocketClosed ? WSA_OPERATION_ABORTED : refusal;
+    }
+    connect.Name = target.name;
+    connect.NameLength = target.length;
+    connect.MadeSplit = target.way == ConnectTarget::Way::kThroughRelay;
+    return 0;
 }
 
-int Receive(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
-    if (context->Blocked) return BlockErrorOf(context);
-    const RecordHold hold(operation);
-    operation->Analysis.Publish(AnalysisState::kUnderWay);
+int Receive(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     TransferArguments& transfer = operation->Transfer;
-    const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+    return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPRecv(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
                                &transfer.Bytes, &transfer.Flags, &operation->ProviderOverlapped,
                                notice.Routine, notice.Thread, error);
     });
-    const DWORD arrived = result == 0 ? transfer.Bytes : 0;
-    AnalyzeReceived(context, transfer.Buffers, transfer.BufferCount, &arrived);
-    return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
 
-/// The sender's address, when it is there already.
-bool StoreSource(const TransferArguments& transfer, SocketContext* context, SOCKADDR_STORAGE* source) {
-    if (context->SocketType == SOCK_STREAM) return false;
-    if (transfer.From == nullptr || transfer.FromLength == nullptr) return false;
-    INT length = 0;
-    if (!GuardedCall([&]() noexcept {
-            length = *transfer.FromLength < 0 ? 0 : *transfer.FromLength;
-            if (length > static_cast<INT>(sizeof(*source))) length = sizeof(*source);
-            std::memset(source, 0, sizeof(*source));
-            std::memcpy(source, transfer.From, static_cast<std::size_t>(length));
-        })) {
-        return false;
-    }
-    context->StoreDestination(*source, length);
-    return true;
-}
-
-int ReceiveFrom(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
-    if (context->Blocked) return BlockErrorOf(context);
-    const RecordHold hold(operation);
-    operation->Analysis.Publish(AnalysisState::kUnderWay);
+int ReceiveFrom(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     TransferArguments& transfer = operation->Transfer;
-    const int result = CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
+    return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPRecvFrom(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
                                    &transfer.Bytes, &transfer.Flags, transfer.From, transfer.FromLength,
                                    &operation->ProviderOverlapped, notice.Routine, notice.Thread, error);
     });
-    // While the request is under way the application's address buffer holds nothing yet.
-    SOCKADDR_STORAGE source;
-    const bool hasSource = result == 0 && StoreSource(transfer, context, &source);
-    const DWORD arrived = result == 0 ? transfer.Bytes : 0;
-    AnalyzeReceivedFrom(context, transfer.Buffers, transfer.BufferCount, &arrived,
-                        hasSource ? reinterpret_cast<const sockaddr*>(&source) : nullptr);
-    return EndAnalysis(operation, context->Blocked ? RefuseReceive(operation, context, result) : result);
 }
 
-int Send(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+int Send(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     TransferArguments& transfer = operation->Transfer;
-    AnalyzeSent(context, transfer.Buffers, transfer.BufferCount);
-    if (context->Blocked) return BlockErrorOf(context);
     return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPSend(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
                                &transfer.Bytes, transfer.Flags, &operation->ProviderOverlapped,
@@ -136,17 +118,11 @@ int Send(OverlappedOperation* operation, SocketContext* context, const Completio
     });
 }
 
-int SendTo(OverlappedOperation* operation, SocketContext* context, const CompletionNotice& notice) {
+int SendTo(OverlappedOperation* operation, SocketContext*, const CompletionNotice& notice) {
     TransferArguments& transfer = operation->Transfer;
-    const auto* const to = transfer.ToLength > 0 ? reinterpret_cast<const sockaddr*>(&transfer.To) : nullptr;
-    if (to != nullptr && context->SocketType != SOCK_STREAM) {
-        context->StoreDestination(transfer.To, transfer.ToLength);
-    }
-    AnalyzeSentTo(context, transfer.Buffers, transfer.BufferCount, to);
-    if (context->Blocked) return WSAECONNREFUSED;
     return CallProcedure(operation, [&](const WSPPROC_TABLE& lower, LPINT error) {
         return lower.lpWSPSendTo(operation->ProviderSocket, transfer.Buffers, transfer.BufferCount,
-                                 &transfer.Bytes, transfer.Flags, to, transfer.ToLength,
+                                 &transfer.Bytes, transfer.Flags, DestinationOf(transfer), transfer.ToLength,
                                  &operation->ProviderOverlapped, notice.Routine, notice.Thread, error);
     });
 }
@@ -162,17 +138,6 @@ int Ioctl(OverlappedOperation* operation, SocketContext*, const CompletionNotice
 
 int Connect(OverlappedOperation* operation, SocketContext* context, const CompletionNotice&) {
     ConnectExArguments& connect = operation->ConnectEx;
-    ConnectTarget target;
-    target.name = connect.Name;
-    target.length = connect.NameLength;
-    constexpr ConnectErrors kErrors = {WSAECONNREFUSED, WSAECONNREFUSED};
-    if (const int refusal = RouteConnect(context, kErrors, &target); refusal != 0) {
-        // The close ends it as it ends every request.
-        return target.way == ConnectTarget::Way::kSocketClosed ? WSA_OPERATION_ABORTED : refusal;
-    }
-    connect.Name = target.name;
-    connect.NameLength = target.length;
-    connect.MadeSplit = target.way == ConnectTarget::Way::kThroughRelay;
     const bool madeSplit = connect.MadeSplit != FALSE;
     // Once it is under way, the record may be gone.
     const int result = CallExtension(operation, [&](const LowerExtensions& lower) {
@@ -236,17 +201,17 @@ constexpr auto kReceived = &SocketContext::BytesRecv;
 
 /// In the order of the numbers.
 constexpr OverlappedTypeRow kTypes[] = {
-    {OverlappedType::kIoctl, true, Ioctl, nullptr},
-    {OverlappedType::kRecv, true, Receive, kReceived},
-    {OverlappedType::kRecvFrom, true, ReceiveFrom, kReceived},
-    {OverlappedType::kSend, true, Send, kSent},
-    {OverlappedType::kSendTo, true, SendTo, kSent},
-    {OverlappedType::kTransmitFile, false, TransmitFileBelow, kSent},
-    {OverlappedType::kAcceptEx, false, Accept, kReceived},
-    {OverlappedType::kConnectEx, false, Connect, kSent},
-    {OverlappedType::kDisconnectEx, false, Disconnect, nullptr},
-    {OverlappedType::kTransmitPackets, false, TransmitPacketsBelow, kSent},
-    {OverlappedType::kWsaRecvMsg, true, ReceiveMessageBelow, kReceived},
+    {OverlappedType::kIoctl, true, JudgeNothing, Ioctl, nullptr},
+    {OverlappedType::kRecv, true, JudgeReceive, Receive, kReceived},
+    {OverlappedType::kRecvFrom, true, JudgeReceive, ReceiveFrom, kReceived},
+    {OverlappedType::kSend, true, JudgeSend, Send, kSent},
+    {OverlappedType::kSendTo, true, JudgeSendTo, SendTo, kSent},
+    {OverlappedType::kTransmitFile, false, JudgeNothing, TransmitFileBelow, kSent},
+    {OverlappedType::kAcceptEx, false, JudgeNothing, Accept, kReceived},
+    {OverlappedType::kConnectEx, false, JudgeConnect, Connect, kSent},
+    {OverlappedType::kDisconnectEx, false, JudgeNothing, Disconnect, nullptr},
+    {OverlappedType::kTransmitPackets, false, JudgeNothing, TransmitPacketsBelow, kSent},
+    {OverlappedType::kWsaRecvMsg, true, JudgeNothing, ReceiveMessageBelow, kReceived},
 };
 
 constexpr std::size_t PlaceOf(OverlappedType type) {
@@ -267,7 +232,14 @@ const OverlappedTypeRow& RowOf(OverlappedType type) {
     return kTypes[PlaceOf(type)];
 }
 
+int JudgeOverlapped(OverlappedOperation* operation, SocketContext* context) {
+    if (operation->Judged) return 0;
+    operation->Judged = TRUE;
+    return RowOf(operation->Operation).Judge(operation, context);
+}
+
 int CallLowerOverlapped(OverlappedOperation* operation, SocketContext* context,
                         const CompletionNotice& notice) {
+    if (const int refusal = JudgeOverlapped(operation, context); refusal != 0) return refusal;
     return RowOf(operation->Operation).Execute(operation, context, notice);
 }

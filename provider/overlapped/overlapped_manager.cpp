@@ -10,10 +10,13 @@
 #include "provider/guarded_sockets.h"
 #include "provider/overlapped/alertable_worker.h"
 #include "provider/overlapped/event_waiter.h"
+#include "provider/overlapped/look_threads.h"
 #include "provider/overlapped/manager_handles.h"
 #include "provider/overlapped/overlapped_completion.h"
+#include "provider/overlapped/overlapped_execution.h"
 #include "provider/overlapped/overlapped_records.h"
 #include "provider/overlapped/port_worker.h"
+#include "provider/overlapped/received_data.h"
 #include "provider/overlapped/worker_thread.h"
 
 Atomic<HANDLE> ManagerPort;
@@ -64,22 +67,28 @@ INT SetCallerThread(OverlappedOperation* operation, LPWSATHREADID threadId) {
     return 0;
 }
 
-/// Keeps the application's buffers: with a completion port the lower call is made before the application's
-/// call returns, so its array is used as it is; the alertable worker comes later and needs a copy.
+/// Room for a copy of the application's array; null without memory.
+LPWSABUF RoomForBuffers(OverlappedOperation* operation, DWORD count) {
+    TransferArguments& transfer = operation->Transfer;
+    if (count <= TransferArguments::kFewBuffers) return transfer.FewBuffers;
+    if (count > 0x00FFFFFF) return nullptr;
+    auto* const room = static_cast<LPWSABUF>(HeapAlloc(operation->Lifetime->Heap, 0, count * sizeof(WSABUF)));
+    operation->OwnsBuffers = room != nullptr;
+    return room;
+}
+
+/// Keeps the application's buffers. The array may be gone when its call has returned: the alertable worker
+/// comes later, and what a receive brings is looked at when it has ended. Only a send above a port uses it as
+/// it is.
 INT SetBuffers(OverlappedOperation* operation, const CallerBuffers& buffers) {
     const DWORD count = buffers.Count;
     if (buffers.Array == nullptr || count == 0) return 0;
     operation->Transfer.BufferCount = count;
-    if (ManagerPort != nullptr) {
-        operation->Transfer.Buffers = buffers.Array;
-        return 0;
-    }
-    if (count > 0x00FFFFFF) return WSAENOBUFS;
-    const HANDLE heap = operation->Lifetime->Heap;
-    auto* const copy = static_cast<LPWSABUF>(HeapAlloc(heap, 0, count * sizeof(WSABUF)));
+    operation->Transfer.Buffers = buffers.Array;
+    if (ManagerPort != nullptr && !IsReceive(operation->Operation)) return 0;
+    const LPWSABUF copy = RoomForBuffers(operation, count);
     if (copy == nullptr) return WSAENOBUFS;
     operation->Transfer.Buffers = copy;
-    operation->OwnsBuffers = TRUE;
     return GuardedCall([&]() noexcept { std::memcpy(copy, buffers.Array, count * sizeof(WSABUF)); })
                ? 0
                : WSAEFAULT;
@@ -138,6 +147,7 @@ bool StopOverlappedManager() {
     }
     // After that, so that no request comes down unseen between the two.
     CancelOverlappedRecords();
+    InterruptLooks();
     // Outside the lock: the workers take it, and others, until they end. Losing their port ends them too,
     // though with whatever is still queued in it.
     if (port != nullptr && !PostStopPackets(port, count)) SafeCloseHandle(std::exchange(port, nullptr));
@@ -148,6 +158,8 @@ bool StopOverlappedManager() {
     for (DWORD i = 0; i < count; ++i)
         ended = deadline.Await(&workers[i]) && ended;
     if (workers != nullptr) HeapFree(PrivateHeap, 0, workers);
+    // Behind the others, which leave ends to them.
+    ended = EndLookThreads(deadline) && ended;
     while (OverlappedOperation* const operation = TakePendingRecord()) {
         CompleteOverlappedOperation(WSA_OPERATION_ABORTED, 0, &operation->ProviderOverlapped, 0);
     }
@@ -182,6 +194,9 @@ OverlappedOperation* PrepareOverlappedOperation(SocketContext* context, Overlapp
 Outcome QueueOverlappedOperation(OverlappedOperation* operation, SocketContext* context) {
     const HANDLE semaphore = ManagerSemaphore;
     if (semaphore != nullptr) {
+        // Here, since the worker waits for no analyzer.
+        const int refusal = JudgeOverlapped(operation, context);
+        if (refusal != 0) return Fail(operation, context, refusal);
         QueueForAlertableWorker(operation, semaphore);
         return {0, 0, WSA_IO_PENDING};
     }

@@ -63,10 +63,14 @@ struct IoctlArguments {
 
 /// Send, receive, and both with an address.
 struct TransferArguments {
-    LPWSABUF Buffers;  ///< the application's array, or a copy in the private heap that the record owns
+    static constexpr DWORD kFewBuffers = 2;
+
+    LPWSABUF Buffers;  ///< the application's array, or a copy: FewBuffers, or one that the record owns
+    WSABUF FewBuffers[kFewBuffers];
     DWORD BufferCount;
     DWORD Bytes;
     DWORD Flags;
+    BOOL Peeks;      ///< a receive that leaves what it reads to the next one
     sockaddr* From;  ///< RECVFROM: the application's own, with its length
     LPINT FromLength;
     SOCKADDR_STORAGE To;  ///< SENDTO: a copy of the destination
@@ -117,13 +121,6 @@ struct WsaRecvMsgArguments {
     DWORD BytesReceived;
 };
 
-/// Who ends a receive whose data is being shown to the analysis, and may be found to be blocked.
-enum class AnalysisState : LONG {
-    kNone,
-    kUnderWay,        ///< whoever learns of the end leaves it to the thread that shows the data
-    kEndedMeanwhile,  ///< that thread is to end the request
-};
-
 /// Zero-filled when taken, but for AwaitedEnd; given back when its completion has been reported.
 struct OverlappedOperation {
     WSAOVERLAPPED ProviderOverlapped;  ///< given to the lower provider; the record is found from its address
@@ -150,14 +147,14 @@ struct OverlappedOperation {
     struct {
         OverlappedOperation* Next;
         OverlappedOperation* Previous;
-    } Link;                            ///< membership in the free list or that of the records in use
-    OverlappedOperation* NextPending;  ///< the one that the alertable worker executes next
-    CatalogLifetime* Lifetime;         ///< keeps the heap with this record
-    BOOL OwnsBuffers;                  ///< Transfer.Buffers is a copy in the private heap
-    Atomic<LONG> Holds;                ///< who may still look at the record
-    Atomic<LONG> RefusedWith;          ///< not 0: the error to report whatever the lower provider says
-    Atomic<AnalysisState> Analysis;
-    Outcome EndedWith;  ///< what kEndedMeanwhile has left
+    } Link;  ///< membership in the free list or that of the records in use
+    OverlappedOperation*
+        NextPending;            ///< the one that the alertable worker executes, or a look thread tells, next
+    CatalogLifetime* Lifetime;  ///< keeps the heap with this record
+    BOOL OwnsBuffers;           ///< Transfer.Buffers is a copy in the private heap
+    Atomic<LONG> Holds;         ///< who may still look at the record
+    BOOL Judged;                ///< the interception has said what it says before the lower call
+    Outcome EndedWith;          ///< while the end waits to be told
     /// Above the port: odd while the request's end is awaited; who makes it even ends the request. It counts
     /// on through all uses of the record, so that a late packet cannot end the request of a later use. The
     /// last field: what comes before it is cleared with the record.

@@ -16,9 +16,9 @@ SpyExchange* Newest = nullptr;
 
 SpyExchange::SpyExchange(const SocketContext* context, DWORD patience) : context_(context) {
     Enter(patience);
-    // The close abandons the exchanges that it finds; one that enters later finds the mark that it set
-    // before.
-    if (context->Closing) abandoned_ = true;
+    // A close, or the last clean-up, abandons the exchanges that it finds; one that enters later finds the
+    // mark that it set before.
+    if (context->Closing || context->WaitsEnd) abandoned_ = true;
 }
 
 void SpyExchange::Enter(DWORD patience) {

@@ -162,7 +162,7 @@ void NotifyClose(SocketContext* context) {
     // The relay closes its own with its connection's locks held.
     if (context->OwnedByLayer) return;
     // Another thread's exchange gives its turn up, and leaves the spy socket to the close.
-    if (SpyExchange::Abandon(context)) InterruptSpySocket(context);
+    AbandonWaits(context);
     if (!IsSocketExempt(context)) TellClose(context);
     LeaveSplit(context);
 }
@@ -174,5 +174,5 @@ void NotifyReuse(SocketContext* context) {
 }
 
 void AbandonWaits(SocketContext* context) {
-    SpyExchange::Abandon(context);
+    if (SpyExchange::Abandon(context)) InterruptSpySocket(context);
 }

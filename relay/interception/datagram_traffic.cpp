@@ -19,31 +19,33 @@ ProtocolNews TryProtocol(const Traffic& traffic, const DataSample& sample, std::
     return protocol != kProtocolNone ? ProtocolNews::kRecognised : ProtocolNews::kGivenUp;
 }
 
-bool IsUntried(const Traffic& traffic) {
-    const SocketContext& context = *traffic.Context;
+bool IsUntried(const SocketContext& context, const TrafficDirection& direction) {
     if (context.Protocol == kProtocolNone) return true;
-    return context.Protocol == kProtocolGivenUp &&
-           (context.ProtocolProbed & traffic.Direction.ProbedBit) == 0;
+    return context.Protocol == kProtocolGivenUp && (context.ProtocolProbed & direction.ProbedBit) == 0;
 }
 
 }  // namespace
 
-void LookAtDatagram(const Traffic& traffic, const sockaddr* peer) {
+bool IsDatagramLookedAt(const SocketContext& context, const TrafficDirection& direction) {
+    return context.CountTraffic || IsUntried(context, direction);
+}
+
+bool LookAtDatagram(const Traffic& traffic, const sockaddr* peer) {
     SocketContext* const context = traffic.Context;
     const SOCKADDR_STORAGE address = peer != nullptr ? *reinterpret_cast<const SOCKADDR_STORAGE*>(peer)
                                                      : context->DestinationAddress.Load();
     // Neither told nor connected: the datagram goes nowhere, or nobody knows where it came from.
-    if (address.ss_family == 0) return;
+    if (address.ss_family == 0) return false;
     if (IsLocalDestination(context, address)) {
         context->LocalDestination = TRUE;
-        return;
+        return false;
     }
     DataSample sample;
     ProtocolNews news = ProtocolNews::kNone;
-    if (IsUntried(traffic)) {
-        if (!traffic.CopyTo(&sample)) return;
+    if (IsUntried(*context, traffic.Direction)) {
+        if (!traffic.CopyTo(&sample)) return false;
         news = TryProtocol(traffic, sample, ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port));
     }
-    if (news == ProtocolNews::kNone && !context->CountTraffic) return;
-    ReportDatagram(traffic, news, &sample, address);
+    if (news == ProtocolNews::kNone && !context->CountTraffic) return false;
+    return ReportDatagram(traffic, news, &sample, address);
 }

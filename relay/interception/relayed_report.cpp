@@ -49,7 +49,8 @@ void CloseUnanswered(const SocketContext& context, DWORD messageId) {
         static_cast<int>(messageId), static_cast<int>(SOCKET{context.LayeredSocket}),
         static_cast<int>(DWORD{context.RelayIndex}), DescribeContext(&context).c_str());
     RelayHold connection = FindRelayConnectionOf(context);
-    if (!connection) return;
+    // Its application has closed the socket, and so ended the wait: what is still to be passed on is.
+    if (!connection || connection->OriginalSocket == INVALID_SOCKET) return;
     // The close of the application's socket is still to be told.
     CloseEntireRelayConnection(connection, false);
     ReleaseRelayConnection(connection);

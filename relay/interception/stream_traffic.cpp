@@ -19,6 +19,11 @@ void SetRelayProtocol(const SocketContext& context) {
     if (connection) connection->Protocol = DWORD{context.Protocol};
 }
 
+bool IsTried(const SocketContext& context, const TrafficDirection& direction) {
+    const DWORD protocol = context.Protocol;
+    return protocol == kProtocolNone || (protocol == kProtocolHttp && !direction.Received);
+}
+
 /// Tries to recognise the protocol. A connection may carry something else after HTTP, so its sends are looked
 /// at again and again.
 ProtocolNews TryProtocol(const Traffic& traffic, const DataSample& sample) {
@@ -36,17 +41,20 @@ ProtocolNews TryProtocol(const Traffic& traffic, const DataSample& sample) {
 
 }  // namespace
 
-void LookAtStream(const Traffic& traffic) {
+bool IsStreamLookedAt(const SocketContext& context, const TrafficDirection& direction) {
+    return HasChannel(context) && (IsTried(context, direction) || TrafficReportDue(context));
+}
+
+bool LookAtStream(const Traffic& traffic) {
     SocketContext* const context = traffic.Context;
-    if (!HasChannel(*context)) return;
-    const DWORD protocol = context->Protocol;
+    if (!HasChannel(*context)) return false;
     DataSample sample;
     ProtocolNews news = ProtocolNews::kNone;
-    if (protocol == kProtocolNone || (protocol == kProtocolHttp && !traffic.Direction.Received)) {
+    if (IsTried(*context, traffic.Direction)) {
         // The operation will find out for itself that the memory is gone.
-        if (!traffic.CopyTo(&sample)) return;
+        if (!traffic.CopyTo(&sample)) return false;
         news = TryProtocol(traffic, sample);
     }
-    if (news == ProtocolNews::kNone && !TrafficReportDue(*context)) return;
-    ReportStreamTraffic(traffic, news, &sample);
+    if (news == ProtocolNews::kNone && !TrafficReportDue(*context)) return false;
+    return ReportStreamTraffic(traffic, news, &sample);
 }

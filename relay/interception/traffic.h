@@ -43,8 +43,13 @@ std::uint32_t RecogniseProtocol(const Traffic& traffic, const DataSample& sample
 /// send to.
 void AllowSending(const Traffic& traffic);
 
-/// Recognises the protocol and reports what is to be reported; may set the context's `Blocked`.
-void LookAtStream(const Traffic& traffic);
+/// Recognises the protocol and reports what is to be reported. True when that is refused; the context's
+/// `Blocked` is then set.
+bool LookAtStream(const Traffic& traffic);
 
 /// The same for a datagram to or from `peer`, or where the socket is connected to when it is null.
-void LookAtDatagram(const Traffic& traffic, const sockaddr* peer);
+bool LookAtDatagram(const Traffic& traffic, const sockaddr* peer);
+
+/// Whether a look at bytes of a direction would find anything to do, as the context stands.
+bool IsStreamLookedAt(const SocketContext& context, const TrafficDirection& direction);
+bool IsDatagramLookedAt(const SocketContext& context, const TrafficDirection& direction);

@@ -15,25 +15,22 @@ const TrafficDirection kReceiving = {true, kProbedReceived, OpRecv, OpRecvProtoc
 
 namespace {
 
-void LookAt(const Traffic& traffic, const sockaddr* peer) {
+bool LookAt(const Traffic& traffic, const sockaddr* peer) {
     SocketContext* const context = traffic.Context;
-    if (context->SocketType == SOCK_STREAM) {
-        if (!IsSocketExempt(context)) LookAtStream(traffic);
-        return;
-    }
+    if (context->SocketType == SOCK_STREAM) return !IsSocketExempt(context) && LookAtStream(traffic);
     if (IsSocketExempt(context)) {
         ClearTrafficFlags(context);
-        return;
+        return false;
     }
-    LookAtDatagram(traffic, peer);
+    return LookAtDatagram(traffic, peer);
 }
 
 /// A receive that has brought nothing leaves the memory of the application as it was, and shows nothing of
 /// what the peer says.
-void LookAtReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived,
+bool LookAtReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived,
                     const sockaddr* from) {
-    if (context->OwnedByLayer || bytesReceived == nullptr || *bytesReceived == 0) return;
-    LookAt({context, kReceiving, buffers, count, *bytesReceived}, from);
+    if (context->OwnedByLayer || bytesReceived == nullptr || *bytesReceived == 0) return false;
+    return LookAt({context, kReceiving, buffers, count, *bytesReceived}, from);
 }
 
 void LookAtSent(SocketContext* context, const WSABUF* buffers, DWORD count, const sockaddr* to) {
@@ -64,17 +61,23 @@ void AllowSending(const Traffic& traffic) {
     if (context->BlockError != 0) context->Blocked = TRUE;
 }
 
-void AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived) {
-    LookAtReceived(context, buffers, count, bytesReceived, nullptr);
+bool IsReceiveLookedAt(const SocketContext* context) {
+    if (context->OwnedByLayer || IsSocketExempt(context)) return false;
+    return context->SocketType == SOCK_STREAM ? IsStreamLookedAt(*context, kReceiving)
+                                              : IsDatagramLookedAt(*context, kReceiving);
+}
+
+bool AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived) {
+    return LookAtReceived(context, buffers, count, bytesReceived, nullptr);
 }
 
 void AnalyzeSent(SocketContext* context, const WSABUF* buffers, DWORD count) {
     LookAtSent(context, buffers, count, nullptr);
 }
 
-void AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
+bool AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
                          const DWORD* bytesReceived, const sockaddr* from) {
-    LookAtReceived(context, buffers, count, bytesReceived, from);
+    return LookAtReceived(context, buffers, count, bytesReceived, from);
 }
 
 void AnalyzeSentTo(SocketContext* context, const WSABUF* buffers, DWORD count, const sockaddr* to) {

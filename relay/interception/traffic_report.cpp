@@ -50,8 +50,10 @@ PooledResponse AskDirectly(SocketContext* context, const PooledRequest& request,
     return WaitForResponse(sent, context, INVALID_HANDLE_VALUE, &exchange.Abandoned());
 }
 
-void ApplyVerdict(SocketContext* context, const PooledResponse& answer) {
-    if (answer != nullptr && answer->Action == ActionBlock) context->Blocked = TRUE;
+bool ApplyVerdict(SocketContext* context, const PooledResponse& answer) {
+    if (answer == nullptr || answer->Action != ActionBlock) return false;
+    context->Blocked = TRUE;
+    return true;
 }
 
 /// The request is made in the turn: its counts are what is left when the exchange before has ended. False
@@ -73,7 +75,7 @@ bool HasChannel(const SocketContext& context) {
     return context.RelayIndex != 0 || context.SpySocket != INVALID_SOCKET;
 }
 
-void ReportStreamTraffic(const Traffic& traffic, ProtocolNews news, DataSample* sample) {
+bool ReportStreamTraffic(const Traffic& traffic, ProtocolNews news, DataSample* sample) {
     // One mark for the many calls on the spy socket.
     const LayerCall call;
     SocketContext* const context = traffic.Context;
@@ -87,23 +89,24 @@ void ReportStreamTraffic(const Traffic& traffic, ProtocolNews news, DataSample* 
     } else {
         asked = AskInTurn(traffic, news, sample, &answer);
     }
-    ApplyVerdict(context, answer);
     if (asked && answer == nullptr && traffic.Direction.Received) {
         Trace("ERROR: Could not get response for WSPRecvLSP.#Details: %s #!!!",
               DescribeContext(context).c_str());
     }
+    return ApplyVerdict(context, answer);
 }
 
-void ReportDatagram(const Traffic& traffic, ProtocolNews news, DataSample* sample,
+bool ReportDatagram(const Traffic& traffic, ProtocolNews news, DataSample* sample,
                     const SOCKADDR_STORAGE& peer) {
     const LayerCall call;
     SocketContext* const context = traffic.Context;
     const SpyExchange exchange(context);
-    if (!exchange.Entered() || exchange.Abandoned()) return;
+    if (!exchange.Entered() || exchange.Abandoned()) return false;
+    // Without a channel the fail-connect policy may have refused it.
     if (context->SpySocket == INVALID_SOCKET && !PrepareAnalyzerChannel(context, &peer, sizeof(sockaddr_in)))
-        return;
-    if (context->SpySocket == INVALID_SOCKET) return;
+        return context->Blocked != FALSE;
+    if (context->SpySocket == INVALID_SOCKET) return false;
     AllowSending(traffic);
     const PooledRequest request = MakeRequest(traffic, news, sample, &peer);
-    ApplyVerdict(context, AskDirectly(context, request, exchange, traffic.Direction.DatagramFailure));
+    return ApplyVerdict(context, AskDirectly(context, request, exchange, traffic.Direction.DatagramFailure));
 }

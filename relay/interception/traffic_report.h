@@ -10,11 +10,12 @@ enum class ProtocolNews { kNone, kRecognised, kGivenUp };
 /// Whether the socket is talked about with the analyzer already.
 bool HasChannel(const SocketContext& context);
 
-/// Reports on the channel that the socket has. A recognised protocol takes the data along. Sets `Blocked`
-/// when the answer says so; without an answer the channel is given up and the operation goes on.
-void ReportStreamTraffic(const Traffic& traffic, ProtocolNews news, DataSample* sample);
+/// Reports on the channel that the socket has. A recognised protocol takes the data along. True, with
+/// `Blocked` set, when the answer refuses; without an answer the channel is given up and the operation goes
+/// on.
+bool ReportStreamTraffic(const Traffic& traffic, ProtocolNews news, DataSample* sample);
 
 /// The same for a datagram; a channel is made when there is none. When that can't be done, the fail-connect
 /// policy decides.
-void ReportDatagram(const Traffic& traffic, ProtocolNews news, DataSample* sample,
+bool ReportDatagram(const Traffic& traffic, ProtocolNews news, DataSample* sample,
                     const SOCKADDR_STORAGE& peer);

@@ -207,16 +207,23 @@ void NotifyReuse(SocketContext*) {}
 void AbandonSplit(SocketContext*) {
     ++Fake().abandonedSplits;
 }
-void AnalyzeReceived(SocketContext* context, const WSABUF*, DWORD, const DWORD* bytesReceived) {
-    Fake().receivedBytes.push_back(*bytesReceived);
-    if (Fake().received) Fake().received(context);
+bool IsReceiveLookedAt(const SocketContext*) {
+    return static_cast<bool>(Fake().received);
+}
+bool AnalyzeReceived(SocketContext* context, const WSABUF* buffers, DWORD count, const DWORD* bytesReceived) {
+    return AnalyzeReceivedFrom(context, buffers, count, bytesReceived, nullptr);
 }
 void AnalyzeSent(SocketContext* context, const WSABUF*, DWORD) {
     if (Fake().sent) Fake().sent(context);
 }
-void AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD count,
-                         const DWORD* bytesReceived, const sockaddr*) {
-    AnalyzeReceived(context, buffers, count, bytesReceived);
+bool AnalyzeReceivedFrom(SocketContext* context, const WSABUF* buffers, DWORD, const DWORD* bytesReceived,
+                         const sockaddr* from) {
+    {
+        const std::lock_guard<std::mutex> lock(Fake().mutex);
+        Fake().receivedBytes.push_back(*bytesReceived);
+    }
+    if (Fake().received) Fake().received(context, buffers, from);
+    return context->Blocked != FALSE;
 }
 void AnalyzeSentTo(SocketContext* context, const WSABUF* buffers, DWORD count, const sockaddr*) {
     AnalyzeSent(context, buffers, count);
@@ -225,4 +232,6 @@ void NotifyBind(SocketContext* context, const sockaddr*, int) {
     if (Fake().bound) Fake().bound(context);
 }
 void NotifyClose(SocketContext*) {}
-void AbandonWaits(SocketContext*) {}
+void AbandonWaits(SocketContext*) {
+    if (Fake().waitsAbandoned) Fake().waitsAbandoned();
+}

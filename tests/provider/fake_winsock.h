@@ -49,10 +49,11 @@ struct FakeState {
     std::function<bool(SocketContext*, ConnectTarget*)> verdict;
     std::function<bool(SocketContext*, ConnectTarget*)> split;
     int abandonedSplits = 0;
-    std::function<void(SocketContext*)> received;
+    std::function<void(SocketContext*, const WSABUF*, const sockaddr* from)> received;
     std::function<void(SocketContext*)> sent;
     std::function<void(SocketContext*)> bound;
-    std::vector<DWORD> receivedBytes;  // as the analysis was told
+    std::function<void()> waitsAbandoned;
+    std::vector<DWORD> receivedBytes;  // as the analysis was told; under the mutex
 };
 
 FakeState& Fake();

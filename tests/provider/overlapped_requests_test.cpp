@@ -146,51 +146,6 @@ TEST_P(OverlappedRequests, BlockedAreReportedOnceAndSendNothing) {
     EXPECT_EQ(lower_->Count(), 0u);
 }
 
-TEST_P(OverlappedRequests, ReceivesFoundToBeBlockedEndWithTheBlocksError) {
-    Fake().received = [](SocketContext* context) { context->Blocked = TRUE; };
-    for (const int answer : {int{WSA_IO_PENDING}, 0, int{WSAENETDOWN}}) {
-        lower_->Answer(answer);
-        for (const TypeRow& row : kTypes) {
-            if (row.type != OverlappedType::kRecv && row.type != OverlappedType::kRecvFrom) continue;
-            SCOPED_TRACE(static_cast<DWORD>(row.type));
-            const SOCKET s = Open(row.socketType);
-            Request request;
-            const std::size_t before = lower_->Count();
-            const int result = Start(row.type, s, request);
-            EXPECT_EQ(result, answer == WSAENETDOWN && GetParam() != RequestMode::kAlertable
-                                  ? WSAECONNABORTED
-                                  : WSA_IO_PENDING);
-            lower_->WaitFor(before + 1);
-            lower_->End(before, 9, 0);
-            EXPECT_EQ(Ended(result, request, true), static_cast<DWORD>(WSAECONNABORTED));
-            EXPECT_EQ(request.record.InternalHigh + request.record.Offset, 0u) << "neither bytes nor flags";
-            EXPECT_EQ(ContextOf(s)->BytesRecv, 0u);
-            CloseLetGo(s);
-        }
-    }
-}
-
-TEST_P(OverlappedRequests, AReceiveThatEndsWhileItIsAnalyzedCanStillBeBlocked) {
-    // Elsewhere nothing tells of an end before the lower call has returned.
-    if (GetParam() != RequestMode::kCompletionPort) return;
-    for (const bool blocks : {true, false}) {
-        const std::size_t before = lower_->Count();
-        Fake().received = [this, blocks, before](SocketContext* context) {
-            lower_->End(before, 9, 0);
-            // As the worker does.
-            CompleteOverlappedOperation(WSA_IO_PENDING, 9, lower_->WaitFor(before + 1).record, 0);
-            context->Blocked = blocks;
-        };
-        const SOCKET s = Open(SOCK_DGRAM);
-        ContextOf(s)->CompletionPort = foreignPort_;  // no packet comes
-        Request request;
-        EXPECT_EQ(Start(OverlappedType::kRecvFrom, s, request), WSA_IO_PENDING);
-        EXPECT_EQ(ErrorTold(request, true), blocks ? DWORD{WSAECONNABORTED} : 0u);
-        EXPECT_EQ(ContextOf(s)->BytesRecv, blocks ? 0u : 9u);
-        CloseLetGo(s);
-    }
-}
-
 TEST_P(OverlappedRequests, ExtensionCallsWithoutARecordGoDownAsTheyAre) {
     const SOCKET s = Open();
     const SOCKET accepting = Open();

@@ -124,7 +124,7 @@ TEST_F(TransferOperations, VerdictBlocksUntilAReceiveIsAskedAgain) {
     EXPECT_EQ(Recv(), 0);
     EXPECT_EQ(Send(), 0);
 
-    Fake().received = [](SocketContext* context) { context->Blocked = TRUE; };
+    Fake().received = [](SocketContext* context, const WSABUF*, const sockaddr*) { context->Blocked = TRUE; };
     EXPECT_EQ(Recv(), WSAECONNABORTED) << "data already read is not returned";
     EXPECT_EQ(WSAGetLastError(), WSAECONNABORTED);
 }
