@@ -41,7 +41,9 @@ void Inspect(PooledPerIOData record, DWORD bytes, const RelaySide& side, RelayHo
 
 void Forward(PooledPerIOData record, const RelaySide& side, RelayHold& connection) {
     if (IsOriginalBlocked(*connection)) {
+        // The server has nobody left whom it could answer, and may never end the connection by itself.
         CloseRelaySide(connection, kClientSide, SideEnd::kByAnalyzer);
+        CloseRelaySide(connection, kServerSide, SideEnd::kByAnalyzer);
         return;
     }
     const RelaySide& target = OtherSide(side);

@@ -89,6 +89,10 @@ TEST_F(StreamReports, RefusedTrafficGoesNowhere) {
         EXPECT_EQ(ReadText(server, 3), "abc") << "the refused bytes are not before them";
         EXPECT_TRUE(server.WriteAll("zz", 2));
         EXPECT_EQ(ReceiveText(s, 2), "[10053]");
+        if (way != 0) {
+            EXPECT_TRUE(server.WriteAll("zz", 2));
+            EXPECT_EQ(ReadText(server, 1), "") << "with nobody left to read, the relay ends the connection";
+        }
         EXPECT_EQ(closesocket(s), 0);
     }
 }
