@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Checks what qxlsp.dll shows to the world: exactly two undecorated exports, imports from system DLLs only.
+# Checks what qxlsp.dll shows to the world: exactly two undecorated exports, imports from system DLLs only; and that its
+# worker threads end in the system's code, since the library may be unloaded under their last instructions.
 set -euo pipefail
 dll=$1
 objdump=i686-w64-mingw32-objdump
@@ -21,4 +22,10 @@ for import in $imports; do
         ;;
     esac
 done
+worker=$(i686-w64-mingw32-nm -C "$dll.debug" | awk '/RunWorker\(void\*\)/{print $1}')
+"$objdump" -d --start-address="0x$worker" --stop-address=$((0x$worker + 64)) "$dll" |
+    awk '/\tret/{returned = 1} /\tjmp +\*0x/ && !returned{jumps = 1} END{exit !jumps}' || {
+    echo "$dll: RunWorker comes back from its last call" >&2
+    exit 1
+}
 echo "$dll: $(stat -c %s "$dll") bytes, exports: $exports; imports: $(echo $imports)"

@@ -51,7 +51,6 @@ void WakeThreads(DWORD count) QX_REQUIRES(OverlappedLock) {
     if (!ReleaseSemaphore(ReadyCount, threads, nullptr)) ReleaseSemaphore(ReadyCount, threads, nullptr);
 }
 
-// ---- The ends that wait
 
 void MakeReady(SocketContext* context) QX_REQUIRES(OverlappedLock) {
     context->WaitingEnds.NextReady = nullptr;
@@ -113,7 +112,6 @@ void TellRemainingEnds() {
     }
 }
 
-// ---- The threads
 
 /// Whether there would be none free for the next socket.
 bool IsThreadWanted() QX_REQUIRES(OverlappedLock) {
