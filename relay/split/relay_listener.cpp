@@ -7,7 +7,6 @@
 #include "base/trace.h"
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
-#include "relay/channel/own_socket_options.h"
 #include "relay/split/closing_sockets.h"
 #include "relay/split/relay_connection_table.h"
 #include "relay/split/relay_life.h"
@@ -132,7 +131,6 @@ SOCKET PostRelayAccept() {
         return INVALID_SOCKET;
     }
     MarkSocketAsOwn(s, 0);
-    PrepareForTraffic(s);
     bool posted = false;
     if (!AssociateWithRelayCompletionPort(s, 0)) {
         Trace("ERROR:Failed to create completion port for the relay socket:%d\n", WSAGetLastError());
