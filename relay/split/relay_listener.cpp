@@ -150,6 +150,10 @@ bool EnsureRelayAccepts() {
     while (AcceptsPosted <= static_cast<LONG>(UnpairedCount())) {
         if (PostRelayAccept() == INVALID_SOCKET) break;
     }
+    return IsRelayAcceptPosted();
+}
+
+bool IsRelayAcceptPosted() {
     return AcceptsPosted > 0;
 }
 

@@ -28,6 +28,9 @@ SOCKET PostRelayAccept();
 /// stranger. False when none is.
 bool EnsureRelayAccepts();
 
+/// Whether any is.
+bool IsRelayAcceptPosted();
+
 /// The packet of an accept has come, with the system's `error` or 0: another one takes its place.
 void AcceptEnded(DWORD error);
 

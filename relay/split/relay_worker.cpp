@@ -122,6 +122,10 @@ void Tend() {
     if (RelayListenSocket != INVALID_SOCKET) RetryRelayAccepts();
 }
 
+bool HasToTend() {
+    return ClosingSocketCount() > 0 || !IsRelayAcceptPosted();
+}
+
 /// Takes back what was posted. Sockets are closed meanwhile, some with a last receive that makes sure of it;
 /// once all of them are, everything ends.
 void TakeBackRequests(HANDLE port) {
@@ -145,8 +149,7 @@ void TakeBackRequests(HANDLE port) {
 DWORD WINAPI RelayWorker(LPVOID port) {
     DWORD lastTended = GetTickCount();
     while (!RelayShutdown) {
-        const Packet packet =
-            TakePacket(port, ClosingSocketCount() > 0 ? kTendMilliseconds : kIdleMilliseconds);
+        const Packet packet = TakePacket(port, HasToTend() ? kTendMilliseconds : kIdleMilliseconds);
         if (packet.overlapped == nullptr && (RelayShutdown || packet.bytes == kStopPacket)) break;
         try {
             if (packet.overlapped != nullptr) {

@@ -214,4 +214,44 @@ TEST_F(SplitEnds, WhatWasSentBeforeAnEarlyCloseArrives) {
     }
 }
 
+/// What the analyzer has released waits for a server that does not read, but not for ever.
+TEST_F(SplitEnds, AServerThatTakesNothingIsGivenTenSeconds) {
+    const ScriptedAnalyzer::Script others = Splitting(kInspect);
+    analyzer_.SetScript([others](const SeenRequest& request, AnalyzerConnection& connection) {
+        if (request.connection == 1 || request.operation != 9) return others(request, connection);
+        ScriptedAnswer answer;
+        answer.action = 4;
+        answer.data.resize(1000000);  // more than the buffers on the way take
+        connection.Answer(request, answer);
+        answer.action = 6;
+        answer.data.clear();
+        connection.Answer(request, answer);
+    });
+    StartWinsock();
+    LoopbackStream bystandersServer;
+    const SOCKET bystander = ConnectSplit(bystandersServer);
+    const auto roundTrip = [&] {
+        ASSERT_TRUE(SendAll(bystander, "ping"));
+        ASSERT_EQ(ReadText(bystandersServer, 4), "ping");
+    };
+    roundTrip();
+    platform::ResourceCounts before = platform::CountResources();
+    before.threadHandles += 1;  // Winsock knows each thread that has made an overlapped request: this one
+    {
+        const platform::ScopedClockRate stopped(0);
+        LoopbackStream server;
+        const SOCKET s = ConnectSplit(server);
+        ASSERT_TRUE(SendAll(s, "question"));
+        EXPECT_EQ(ReadText(server, 1).size(), 1u);
+        EXPECT_EQ(closesocket(s), 0);
+        ASSERT_TRUE(analyzer_.WaitForEnded(1)) << "nothing else of the connection is left";
+        platform::AdvanceClock(9000);
+        roundTrip();
+        EXPECT_EQ(platform::CountResources().lowerSockets, before.lowerSockets + 1);
+        platform::AdvanceClock(2000);
+        EXPECT_EQ(platform::SettleTo(before), "");
+    }
+    EXPECT_EQ(closesocket(bystander), 0);
+}
+
 }  // namespace
