@@ -32,9 +32,6 @@ namespace {
 
 class Reactor final : private platform::ClockListener, private platform::IdleWork {
   public:
-    /// A process may end without the last clean-up, or with the module still loaded after a failed one.
-    ~Reactor() override { Stop(); }
-
     int Watch(const std::shared_ptr<Socket>& socket, int fd, std::uint64_t* tag);
     int WatchAgain(int fd, std::uint64_t tag) { return ready_.Add(fd, tag); }
     void Forget(std::uint64_t tag);
@@ -82,7 +79,27 @@ class Reactor final : private platform::ClockListener, private platform::IdleWor
     kernel::ReadyList ready_;  // opened before the thread starts, closed after it has ended
 };
 
-Reactor TheReactor;
+/// The reactor of the module, which may be unloaded without a last clean-up. At the end of the process it is
+/// left as it is: threads that are held inside it would keep its destruction waiting.
+class ModuleReactor {
+  public:
+    ModuleReactor() : reactor_() {}
+    ~ModuleReactor() {
+        reactor_.Stop();
+        if (!platform::IsExitingThread()) reactor_.~Reactor();
+    }
+    ModuleReactor(const ModuleReactor&) = delete;
+    ModuleReactor& operator=(const ModuleReactor&) = delete;
+
+    Reactor* operator->() { return &reactor_; }
+
+  private:
+    union {
+        Reactor reactor_;
+    };
+};
+
+ModuleReactor TheReactor;
 
 int Reactor::StartLocked() {
     if (thread_.joinable()) return 0;
@@ -314,26 +331,26 @@ int WithMemory(Body body) noexcept {
 }  // namespace
 
 int ReactorWatch(const std::shared_ptr<Socket>& socket, int fd, std::uint64_t* tag) noexcept {
-    return WithMemory([&] { return TheReactor.Watch(socket, fd, tag); });
+    return WithMemory([&] { return TheReactor->Watch(socket, fd, tag); });
 }
 
 int ReactorWatchAgain(int fd, std::uint64_t tag) noexcept {
-    return TheReactor.WatchAgain(fd, tag);
+    return TheReactor->WatchAgain(fd, tag);
 }
 
 void ReactorForget(std::uint64_t tag) noexcept {
-    TheReactor.Forget(tag);
+    TheReactor->Forget(tag);
 }
 
 void ReactorLookAt(std::uint64_t tag, platform::Deadline deadline) noexcept {
     WithMemory([&] {
-        TheReactor.LookAt(tag, deadline);
+        TheReactor->LookAt(tag, deadline);
         return 0;
     });
 }
 
 void StopReactor() noexcept {
-    TheReactor.Stop();
+    TheReactor->Stop();
 }
 
 }  // namespace tcpip
