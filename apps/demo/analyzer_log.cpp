@@ -35,6 +35,8 @@ std::optional<Question> ParseQuestion(const std::string& line) {
     if (!flags.empty()) question.verdict += ", " + flags;
     if (json.value("exempt", false)) question.verdict += ", exempt";
     question.redirect = json.value("redirect", "");
+    question.windowTitle = json.value("window", "");
+    question.signer = json.value("signer", "");
     return question;
 }
 

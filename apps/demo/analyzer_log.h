@@ -17,6 +17,8 @@ struct Question {
     std::string verdict;
     /// Where it redirects to; empty for other verdicts.
     std::string redirect;
+    std::string windowTitle;
+    std::string signer;
 };
 
 /// In the place of an operation: the end of a split connection.

@@ -115,6 +115,23 @@ std::vector<Case> MakeCases() {
         c.answeredBy = kAlpha;
         c.questions = 0;
     }
+    // Both are collected while the application has begun to connect.
+    const struct {
+        const char* name;
+        const char* destination;
+        Identity identity;
+    } identities[] = {
+        {"signed, with a window", "203.0.113.31:80", {"Notes", "Demo Ltd"}},
+        {"unsigned, no window", "203.0.113.32:80", {"", ""}},
+    };
+    for (const auto& row : identities) {
+        Case& c = add(row.name, row.destination, "action = 'allow'");
+        c.identity = row.identity;
+        c.requests = 25;
+        c.questions = 25;
+        c.answeredBy = kAlpha;
+        c.verdict = "allow";
+    }
     {
         Case& c = add("analyzer down, policy 0", "203.0.113.40:80", "");
         c.analyzer = AnalyzerState::Down;

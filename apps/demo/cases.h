@@ -34,6 +34,12 @@ constexpr const char* kItself = "itself";
 /// A server's address at which nobody listens.
 constexpr const char* kNobody = "nobody";
 
+/// What the application's machine shows of its process.
+struct Identity {
+    std::string title;   ///< of its window; empty: it has none
+    std::string signer;  ///< of its program; empty: it is not signed
+};
+
 struct Case {
     std::string name;
 
@@ -51,7 +57,8 @@ struct Case {
     std::string path = "/hello";  ///< what is asked for; a case that looks at `visits` has its own
     int closeAfterBytes = 0;      ///< the application closes once so much has come; 0: when the server does
     std::string program;          ///< not empty: an unmodified program instead, run by qxrun
-    int connections = 0;          ///< not 0: instead of that, so many echo a message, all at once
+    std::optional<Identity> identity;  ///< the analyzer is told of it, at the latest with the last request
+    int connections = 0;               ///< not 0: instead of that, so many echo a message, all at once
 
     /// The promise.
     std::string

@@ -34,6 +34,8 @@ fs::path WriteMachine(const MachineDescription& machine, const fs::path& directo
         std::string("StopActivityOnFailConnect = ") + (machine.refuseWithoutAnalyzer ? "1" : "0") + "\n\n";
     text += "[folders]\ncommon_app_data = '" + machine.root + commonAppData.string() + "'\n\n";
     text += "[user]\nname = '" + machine.user + "'\n";
+    if (!machine.signer.empty()) text += "\n[certificate]\nsubject = '" + machine.signer + "'\n";
+    if (!machine.windowTitle.empty()) text += "\n[[windows]]\ntitle = '" + machine.windowTitle + "'\n";
     for (const auto& [destination, target] : machine.routes) {
         text.append("\n[[routes]]\ndestination = \"").append(destination);
         text.append("\"\ntarget = \"").append(target).append("\"\n");

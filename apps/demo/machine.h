@@ -11,6 +11,8 @@ struct MachineDescription {
     unsigned short analyzerPort = 0;
     bool refuseWithoutAnalyzer = false;
     std::string user;
+    std::string windowTitle;  ///< of the application's window; empty: it has none
+    std::string signer;       ///< of its program; empty: it is not signed
     std::string root;  ///< what the machine puts before absolute paths of this one: a drive, or nothing
     std::map<std::string, std::string> routes;  ///< public "A.B.C.D:PORT" -> loopback "A.B.C.D:PORT"
 };

@@ -101,6 +101,12 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
         Expect("verdict", scene.verdict, question.verdict, problems);
         Expect("redirect", scene.redirect, question.redirect, problems);
     }
+    if (scene.identity && !outcome.questions.empty()) {
+        const Question& last = outcome.questions.back();
+        const std::string& title = scene.identity->title;
+        Expect<std::string>("title told", title.empty() ? "<Unknown>" : title, last.windowTitle, problems);
+        Expect("signer told", scene.identity->signer, last.signer, problems);
+    }
     JudgeSplit(scene, run, outcome.inspected, allVisits, problems);
     return outcome;
 }

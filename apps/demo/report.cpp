@@ -22,8 +22,13 @@ std::string WhatWasTold(const Outcome& outcome) {
     if (outcome.told.empty()) return "nothing";
     if (outcome.questions.empty()) return "of no connect, " + Times(outcome.told.size()) + "something else";
     const Question& question = outcome.questions.front();
-    return Times(outcome.questions.size()) + "process " + std::to_string(question.processId) + " of " +
-           question.user + " to " + question.destination;
+    std::string told = Times(outcome.questions.size()) + "process " + std::to_string(question.processId) +
+                       " of " + question.user + " to " + question.destination;
+    if (outcome.scene->identity) {
+        const Question& last = outcome.questions.back();
+        told += ", " + last.windowTitle + ", " + (last.signer.empty() ? "unsigned" : last.signer);
+    }
+    return told;
 }
 
 std::string Verdict(const Outcome& outcome) {

@@ -194,6 +194,10 @@ std::unique_ptr<ChildProcess> Stage::StartApplication(const Case& scene, const s
     machine.analyzerPort = scene.analyzer == AnalyzerState::Down ? closedPort_.Number() : analyzerPort_;
     machine.refuseWithoutAnalyzer = scene.refuseWithoutAnalyzer;
     machine.user = kUser;
+    if (scene.identity) {
+        machine.windowTitle = scene.identity->title;
+        machine.signer = scene.identity->signer;
+    }
     machine.root = applications_.PathFor("");
     machine.routes[kBetaAddress] = serverAddresses_.at(kBeta);
     if (scene.destination != kLocalDestination) {

@@ -33,9 +33,9 @@ Evidence Kept() {
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
     evidence.run.lines = {{"", 0, scene.destination, 200, kBeta, "", 3}};
-    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress},
-                          {"close", 4711, kUser, scene.destination, "allow", ""},
-                          {"connect", 4712, kUser, "203.0.113.10:80", "allow", ""}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress, "", ""},
+                          {"close", 4711, kUser, scene.destination, "allow", "", "", ""},
+                          {"connect", 4712, kUser, "203.0.113.10:80", "allow", "", "", ""}};
     return evidence;
 }
 
@@ -45,8 +45,8 @@ Evidence KeptTransfer(const Case& scene) {
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
     evidence.run.lines = {{"", 0, scene.destination, 200, kAlpha, "c0ffee", 3}};
-    evidence.questions = {{"connect", 4711, kUser, scene.destination, "allow, inspect", ""},
-                          {kInspected, 4711, kUser, scene.destination, "passed", ""}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "allow, inspect", "", "", ""},
+                          {kInspected, 4711, kUser, scene.destination, "passed", "", "", ""}};
     evidence.visits = {{kAlpha, "GET " + scene.path + " HTTP/1.0", 104857606, "c0ffee", true},
                        {kAlpha, "GET /hello HTTP/1.0", 6, "decaf", false}};
     return evidence;
@@ -115,6 +115,18 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
         Evidence evidence = Kept();
         broken.apply(&evidence);
         EXPECT_FALSE(Judge(Redirected(), evidence.run, evidence.questions, {}).Passed()) << broken.what;
+    }
+
+    Case identified = Redirected();
+    identified.identity = {"Notes", "Demo Ltd"};
+    for (const char* title : {"Notes", "<Unknown>"}) {
+        for (const char* signer : {"Demo Ltd", ""}) {
+            Evidence evidence = Kept();
+            evidence.questions[0].windowTitle = title;
+            evidence.questions[0].signer = signer;
+            const bool right = std::string(title) == "Notes" && std::string(signer) == "Demo Ltd";
+            EXPECT_EQ(Judge(identified, evidence.run, evidence.questions, {}).Passed(), right);
+        }
     }
 
     Case slow = Redirected();
