@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
 
@@ -136,6 +137,31 @@ TEST(JudgeTest, FindsEveryBrokenPromise) {
     // What stands in the analyzer's log beside its answers proves nothing.
     EXPECT_FALSE(ParseQuestion("listening on 127.0.0.1:4000"));
     EXPECT_FALSE(ParseQuestion("{\"operation\":"));
+}
+
+TEST(JudgeTest, TakesOfAForeignProgramItsPageOrAFailureOfItsOwn) {
+    const struct {
+        const char* program;
+        int exitStatus;
+        const char* body;
+        bool passes;
+    } rows[] = {
+        {"curl, allowed", 0, kAlpha, true}, {"curl, allowed", 0, kBeta, false},
+        {"curl, allowed", 7, "", false},    {"curl, refused", 7, "", true},
+        {"curl, refused", 0, "", false},    {"curl, refused", 139, "", false},
+    };
+    for (const auto& row : rows) {
+        const auto scene = std::find_if(ProgramCases().begin(), ProgramCases().end(),
+                                        [&](const Case& candidate) { return candidate.name == row.program; });
+        Evidence evidence;
+        evidence.run.processId = 4711;
+        evidence.run.destination = scene->destination;
+        evidence.run.exitStatus = row.exitStatus;
+        evidence.run.lines = {{row.exitStatus == 0 ? "" : "connect", 0, "", 0, row.body, "", 0}};
+        evidence.questions = {{"connect", 4711, kUser, scene->destination, scene->verdict, ""}};
+        EXPECT_EQ(Judge(*scene, evidence.run, evidence.questions, {}).Passed(), row.passes)
+            << row.program << " " << row.exitStatus << row.body;
+    }
 }
 
 TEST(ReportTest, ShowsWhatWasToldAndWhoAnswered) {
