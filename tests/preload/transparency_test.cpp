@@ -35,13 +35,15 @@ std::string Bare() {
 }
 
 /// A relay passes no resets on, no half of an end, and connects first and learns then that nobody listens.
-std::string WithoutEnds(const std::string& text) {
+/// Its thread may have the lowest descriptor for the moment in which it makes one.
+std::string WithoutWhatARelayChanges(const std::string& text) {
     std::istringstream lines(text);
     std::string rest;
     bool isEnds = false;
     for (std::string line; std::getline(lines, line);) {
         if (line[0] != ' ') isEnds = line == "ends";
-        if (!isEnds && line.rfind("  back:", 0) != 0) rest += line + "\n";
+        const bool differs = line.rfind("  back:", 0) == 0 || line.rfind("  lowest again:", 0) == 0;
+        if (!isEnds && !differs) rest += line + "\n";
     }
     return rest;
 }
@@ -73,7 +75,8 @@ TEST(Transparency, AProgramSeesTheSameAsWithoutTheLayer) {
         const auto program =
             stage.StartApplication(scene, "qxrun", {"--without-layer", "refuse", "--", Probe()});
         const std::string layered = OutputOf(program.get());
-        EXPECT_EQ(row.relayed ? WithoutEnds(layered) : layered, row.relayed ? WithoutEnds(bare) : bare)
+        EXPECT_EQ(row.relayed ? WithoutWhatARelayChanges(layered) : layered,
+                  row.relayed ? WithoutWhatARelayChanges(bare) : bare)
             << stage.ErrorOutput();
         const bool asked = !QuestionsOf("connect", stage.AllQuestions()).empty();
         EXPECT_EQ(asked, row.analyzer == AnalyzerState::Running);
