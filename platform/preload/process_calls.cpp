@@ -170,14 +170,14 @@ QX_REPLACES int execvp(const char* file, char* const arguments[]) noexcept {
 
 QX_REPLACES int posix_spawn(pid_t* id, const char* path, const posix_spawn_file_actions_t* actions,
                             const posix_spawnattr_t* attributes, char* const arguments[],
-                            char* const environment[]) noexcept {
+                            char* const environment[]) {
     QX_LAYERED_ENVIRONMENT(environment, layered);
     return Real().posix_spawn(id, path, actions, attributes, arguments, layered);
 }
 
 QX_REPLACES int posix_spawnp(pid_t* id, const char* file, const posix_spawn_file_actions_t* actions,
                              const posix_spawnattr_t* attributes, char* const arguments[],
-                             char* const environment[]) noexcept {
+                             char* const environment[]) {
     QX_LAYERED_ENVIRONMENT(environment, layered);
     return Real().posix_spawnp(id, file, actions, attributes, arguments, layered);
 }
