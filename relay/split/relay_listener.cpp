@@ -8,6 +8,7 @@
 #include "provider/contexts/socket_context.h"
 #include "provider/guarded_sockets.h"
 #include "relay/split/closing_sockets.h"
+#include "relay/channel/own_socket_options.h"
 #include "relay/split/relay_connection_table.h"
 #include "relay/split/relay_life.h"
 #include "relay/split/relay_worker.h"
@@ -37,7 +38,10 @@ bool IsTaken(int error) {
 
 SOCKET MakeListener() {
     const SOCKET s = SafeWSASocket(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0, WSA_FLAG_OVERLAPPED);
-    if (s != INVALID_SOCKET) MarkSocketAsOwn(s, 0);
+    if (s == INVALID_SOCKET) return s;
+    MarkSocketAsOwn(s, 0);
+    // Accepted sockets have the listener's options, and not those that they were given before.
+    PrepareForTraffic(s);
     return s;
 }
 

@@ -147,8 +147,6 @@ void OnRelayAccepted(PooledPerIOData record, DWORD error) {
         const SOCKET listener = RelayListenSocket;
         UpdateContext(record->Socket, SO_UPDATE_ACCEPT_CONTEXT, reinterpret_cast<const char*>(&listener),
                       sizeof(listener));
-        // Not before: an accepted socket has the listener's options from here on.
-        PrepareForTraffic(record->Socket);
         try {
             paired = Pair(*record);
         } catch (const std::exception&) {

@@ -158,7 +158,7 @@ TEST(JudgeTest, TakesOfAForeignProgramItsPageOrAFailureOfItsOwn) {
         evidence.run.destination = scene->destination;
         evidence.run.exitStatus = row.exitStatus;
         evidence.run.lines = {{row.exitStatus == 0 ? "" : "connect", 0, "", 0, row.body, "", 0}};
-        evidence.questions = {{"connect", 4711, kUser, scene->destination, scene->verdict, ""}};
+        evidence.questions = {{"connect", 4711, kUser, scene->destination, scene->verdict, "", "", ""}};
         EXPECT_EQ(Judge(*scene, evidence.run, evidence.questions, {}).Passed(), row.passes)
             << row.program << " " << row.exitStatus << row.body;
     }
