@@ -37,6 +37,15 @@ std::string JudgeError(const char* call, int error) {
     return IsDocumentedWinsockError(error) ? "" : std::string(call) + " fails with " + std::to_string(error);
 }
 
+void LayerSweep::AllowAndReport(const SeenRequest& request, AnalyzerConnection& connection) {
+    constexpr std::uint32_t kReportTraffic = 0x02;
+    constexpr std::uint32_t kCloseSocket = 2;
+    ScriptedAnswer answer;
+    answer.flags = kReportTraffic;
+    // Nobody waits for an answer to a close.
+    if (request.operation != kCloseSocket) connection.Answer(request, answer);
+}
+
 void LayerSweep::SetUp() {
     LayerFixture::SetUp();
     SetAnalyzerPort(analyzer_.Port());

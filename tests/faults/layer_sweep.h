@@ -19,10 +19,12 @@ class LayerSweep : public LayerFixture {
     /// Uses the socket until a call fails. What was wrong, empty when every failure was a documented one.
     using SocketUse = std::string (*)(SOCKET);
 
-    /// The clock runs `clockRate` times as fast as real time, for what waits after a failure. Without a
-    /// script the analyzer allows everything.
-    LayerSweep(SocketUse use, double clockRate, ScriptedAnalyzer::Script script = {})
+    /// The clock runs `clockRate` times as fast as real time, for what waits after a failure. Without another
+    /// script the analyzer allows everything and wants every send and receive reported.
+    LayerSweep(SocketUse use, double clockRate, ScriptedAnalyzer::Script script = AllowAndReport)
         : use_(use), clockRate_(clockRate), analyzer_(std::move(script)) {}
+
+    static void AllowAndReport(const SeenRequest& request, AnalyzerConnection& connection);
 
     /// Goes through the scenario once, so that what is made once is there.
     void SetUp() override;

@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::size_t kBytes = 65536;
 
-constexpr std::uint32_t kInspect = 0x04;
+constexpr std::uint32_t kInspectAndReport = 0x06;
 
-/// Has every stream inspected, passes everything on, and an end as well.
+/// Has every stream inspected and its sends and receives reported, passes everything on, and an end as well.
 void PassOn(const SeenRequest& request, AnalyzerConnection& connection) {
     ScriptedAnswer answer;
     switch (request.operation) {
@@ -33,7 +33,7 @@ void PassOn(const SeenRequest& request, AnalyzerConnection& connection) {
             answer.action = 3;
             break;
         default:
-            answer.flags = kInspect;
+            answer.flags = kInspectAndReport;
     }
     answer.data = request.data;
     connection.Answer(request, answer);
