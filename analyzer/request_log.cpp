@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "analyzer/protocol_names.h"
 #include "messages/analyzer_messages.h"
 
 namespace {
@@ -119,6 +120,7 @@ std::string ReadableLine(const std::string& time, const Request& request, const 
                        Quoted(request.window) + " signer " + Quoted(request.signer) + " " +
                        SocketTypeName(request.socketType) + " " + ToText(request.local) + " -> " +
                        ToText(request.destination);
+    if (request.protocol != 0) line += " protocol " + ProtocolName(request.protocol);
     if (request.flags != 0) line += " flags " + Joined(FlagNames(request.flags));
     if (request.bytesSent != 0 || request.bytesReceived != 0) {
         line += " sent " + std::to_string(request.bytesSent) + " received " +
@@ -152,6 +154,7 @@ std::string JsonLine(const std::string& time, const Request& request, const Rule
         {"signer", request.signer},
         {"socket_type", request.socketType},
         {"protocol", request.protocol},
+        {"protocol_name", ProtocolName(request.protocol)},
         {"local", ToText(request.local)},
         {"destination", ToText(request.destination)},
         {"flags", FlagNames(request.flags)},

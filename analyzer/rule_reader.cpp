@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "analyzer/plan_reader.h"
+#include "analyzer/protocol_names.h"
 #include "analyzer/regular_file.h"
 #include "analyzer/rules.h"
 #include "analyzer/table_reader.h"
@@ -59,8 +60,8 @@ class RuleReader : private TableReader {
 
   private:
     Rule ReadRule(const toml::table& table, std::size_t number) {
-        CheckKeys(table, {"name", "operation", "destination", "port", "process_id", "user", "window",
-                          "signer", "action", "address", "flags", "exempt", "behaviour", "delay_ms",
+        CheckKeys(table, {"name", "operation", "destination", "port", "process_id", "protocol", "user",
+                          "window", "signer", "action", "address", "flags", "exempt", "behaviour", "delay_ms",
                           "hold_ms", "content", "serve"});
         Rule rule;
         const toml::node* name = table.get("name");
@@ -73,6 +74,8 @@ class RuleReader : private TableReader {
         ForEach(table, "process_id", [&](const toml::node& node) {
             rule.processIds.push_back(static_cast<std::uint32_t>(Number(node, 1, 0xFFFFFFFF)));
         });
+        ForEach(table, "protocol",
+                [&](const toml::node& node) { rule.protocols.push_back(ReadProtocol(node)); });
         ForEach(table, "user", [&](const toml::node& node) { rule.users.push_back(Text(node)); });
         ForEach(table, "window", [&](const toml::node& node) { rule.windows.push_back(Text(node)); });
         ForEach(table, "signer", [&](const toml::node& node) { rule.signers.push_back(Text(node)); });
@@ -130,6 +133,13 @@ class RuleReader : private TableReader {
             verdict.delayMilliseconds = static_cast<std::uint32_t>(Number(*node, 0, 600000));
         }
         return verdict;
+    }
+
+    std::uint32_t ReadProtocol(const toml::node& node) {
+        std::uint32_t protocol = 0;
+        if (!ProtocolByName(Text(node), &protocol))
+            Fail(node.source(), "there is no protocol \"" + Text(node) + "\"");
+        return protocol;
     }
 
     std::uint32_t ReadOperation(const toml::node& node) {

@@ -106,6 +106,10 @@ bool Rule::Matches(const Request& request) const {
         std::find(processIds.begin(), processIds.end(), request.processId) == processIds.end()) {
         return false;
     }
+    if (!protocols.empty() &&
+        std::find(protocols.begin(), protocols.end(), request.protocol) == protocols.end()) {
+        return false;
+    }
     return AnyFits(users, request.user) && AnyFits(windows, request.window) &&
            AnyFits(signers, request.signer);
 }

@@ -58,6 +58,7 @@ struct Rule {
     std::vector<Network> destinations;
     std::vector<PortRange> ports;
     std::vector<std::uint32_t> processIds;
+    std::vector<std::uint32_t> protocols;
     /// Patterns in which * stands for any characters and ? for one.
     std::vector<std::string> users;
     std::vector<std::string> windows;

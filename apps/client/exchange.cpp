@@ -86,13 +86,20 @@ int ReceiveAnswer(SOCKET socket, AnswerReader* answer, const ExchangeOptions& op
     }
 }
 
+int BindAnywhere(SOCKET socket) {
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    return bind(socket, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0 ? 0 : WSAGetLastError();
+}
+
 void ExchangeStream(SOCKET socket, const sockaddr_in& server, const std::string& path,
                     const ExchangeOptions& options, ExchangeResult* result) {
+    if (options.bind && !Passed("bind", BindAnywhere(socket), result)) return;
     if (!Passed("connect", Connect(socket, server, options), result)) return;
 
     result->peer = PeerOf(socket);
     const std::string request = "GET " + path + " HTTP/1.0\r\nHost: " + FormatEndpoint(server) + "\r\n\r\n";
-    if (!Passed("send", SendAll(socket, request, options), result)) return;
+    if (!options.greeting && !Passed("send", SendAll(socket, request, options), result)) return;
 
     // Not shut down: where a relay is between, the end of the sending is the end of the connection.
     AnswerReader answer;

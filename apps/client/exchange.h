@@ -10,6 +10,8 @@
 
 struct ExchangeOptions {
     bool nonblocking = false;           ///< connect without blocking and wait with select
+    bool bind = false;                  ///< bind the socket first
+    bool greeting = false;              ///< only receive, until the server closes
     bool datagram = false;              ///< send the path as one datagram and await one in return
     std::size_t closeAfterBytes = 0;    ///< close once so many bytes have come; 0: when the server does
     DWORD timeoutMilliseconds = 60000;  ///< for each wait, save a blocking connect

@@ -26,6 +26,8 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
         ->required();
     app.add_flag("--nonblocking", options.nonblocking, "connect without blocking and wait with select");
     app.add_flag("--datagram", options.datagram, "exchange one datagram instead of an HTTP request");
+    app.add_flag("--bind", options.bind, "bind the socket before it is connected");
+    app.add_flag("--greeting", options.greeting, "send nothing, and take what the server says by itself");
     app.add_option("--close-after", options.closeAfterBytes,
                    "close the connection once so many bytes of the answer have come");
     app.add_option("--timeout", options.timeoutMilliseconds, "limit of each wait in milliseconds")

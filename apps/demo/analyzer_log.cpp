@@ -23,6 +23,8 @@ std::optional<Question> ParseQuestion(const std::string& line) {
     Question question;
     question.operation = ended ? kInspected : json.value("operation", "");
     question.processId = json.value("process_id", 0);
+    question.protocol = json.value("protocol_name", "");
+    question.bytesReceived = json.value("bytes_received", std::uint64_t(0));
     question.user = json.value("user", "");
     question.destination = json.value("destination", "");
     if (ended) {

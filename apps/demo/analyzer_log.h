@@ -1,6 +1,7 @@
 // What the reference analyzer was told and what it said to it, read back from the JSON lines of its log.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,8 +18,10 @@ struct Question {
     std::string verdict;
     /// Where it redirects to; empty for other verdicts.
     std::string redirect;
-    std::string windowTitle;
-    std::string signer;
+    std::string protocol = {};  ///< its name
+    std::uint64_t bytesReceived = 0;
+    std::string windowTitle = {};
+    std::string signer = {};
 };
 
 /// In the place of an operation: the end of a split connection.

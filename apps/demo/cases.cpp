@@ -6,6 +6,7 @@
 namespace {
 
 constexpr int kConnectionRefused = 10061;
+constexpr int kConnectionAborted = 10053;
 
 /// A silent analyzer is given up after six waits of three seconds.
 constexpr int kPatienceMilliseconds = 18000;
@@ -84,6 +85,62 @@ void AddSplitCases(std::vector<Case>* cases) {
         c.connections = 200;
         c.questions = 200;
         c.body = "200 of 200 connections echoed";
+    }
+}
+
+/// Sends, receives and binds that the analyzer is told of, and may refuse.
+void AddTrafficCases(std::vector<Case>* cases) {
+    {
+        Case& c = Add(cases, "protocol refused", "203.0.113.100:80", "protocol = 'http'\naction = 'refuse'");
+        c.error = kConnectionAborted;
+        c.connects = true;
+        c.verdict = "allow";
+        c.reports = {"send-protocol http"};
+        c.path = "/protocol-refused";
+        c.visits = Visits::None;
+    }
+    {
+        Case& c = Add(cases, "server's greeting", "203.0.113.101:22", "");
+        c.server = kGreeter;
+        c.transport = Transport::Greeted;
+        c.answeredBy = kGreeter;
+        c.verdict = "allow";
+        c.reports = {"receive-protocol ssh"};
+    }
+    {
+        Case& c = Add(cases, "bytes counted", "203.0.113.102:80", "flags = 'count'");
+        c.answeredBy = kAlpha;
+        c.path = "/bytes/300001";
+        c.verdict = "allow, count";
+        c.visits = Visits::Complete;
+        c.countsBytes = true;
+    }
+    {
+        Case& c = Add(cases, "datagrams reported", "203.0.113.103:9000", "flags = 'count'");
+        c.server = kEcho;
+        c.transport = Transport::Datagram;
+        c.answeredBy = kEcho;
+        c.questions = 0;
+        c.reports = {"send-protocol unknown", "receive unknown"};
+    }
+    {
+        Case& c = Add(cases, "datagram refused", "203.0.113.104:9000", "action = 'refuse'");
+        c.server = kEcho;
+        c.transport = Transport::Datagram;
+        c.error = kConnectionAborted;
+        c.connects = true;
+        c.questions = 0;
+        c.reports = {"send-protocol unknown"};
+    }
+    {
+        Case& c = Add(cases, "bind refused", "203.0.113.105:80", "operation = 'bind'\naction = 'refuse'");
+        c.binds = true;
+        c.user = "DEMO\\bob";
+        c.ruleIsForUser = true;
+        c.error = kConnectionAborted;
+        c.connects = true;
+        c.questions = 0;
+        c.reports = {"bind"};
     }
 }
 
@@ -193,6 +250,7 @@ std::vector<Case> MakeCases() {
         c.answeredBy = kStreamEcho;
         c.verdict = "allow";
     }
+    AddTrafficCases(&cases);
     AddSplitCases(&cases);
     return cases;
 }

@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-/// Messages: a stream, used by a program that lives in a message loop, to a server that echoes.
-enum class Transport { Stream, Datagram, Messages };
+/// Messages: a stream, used by a program that lives in a message loop, to a server that echoes. Greeted: a
+/// stream on which the server speaks first, and alone.
+enum class Transport { Stream, Datagram, Messages, Greeted };
 
 /// Where the port that the application's machine names leads to.
 enum class AnalyzerState {
@@ -31,8 +32,14 @@ constexpr const char* kEcho = "echo";
 constexpr const char* kStreamEcho = "stream echo";
 /// Any port of this machine: what an application finds there is its own.
 constexpr const char* kItself = "itself";
+/// A server that says what it is and closes the connection.
+constexpr const char* kGreeter = "greeter";
+constexpr const char* kGreeting = "SSH-2.0-demo";
 /// A server's address at which nobody listens.
 constexpr const char* kNobody = "nobody";
+
+/// The user that the application's machine names, unless the case has one of its own.
+constexpr const char* kUser = "DEMO\\alice";
 
 /// What the application's machine shows of its process.
 struct Identity {
@@ -50,6 +57,9 @@ struct Case {
     std::string server = kAlpha;
     Transport transport = Transport::Stream;
     std::string rule;  ///< what the analyzer does for this destination, in its rule file's language
+    std::string user = kUser;
+    bool ruleIsForUser = false;  ///< of requests that have no destination
+    bool binds = false;          ///< the application binds its socket first
     AnalyzerState analyzer = AnalyzerState::Running;
     bool refuseWithoutAnalyzer = false;
     int requests = 1;             ///< how many the application makes, one after the other
@@ -70,6 +80,10 @@ struct Case {
     std::string verdict;              ///< what it says each time, as its log names it
     std::string redirect;             ///< where it redirects to; empty for other verdicts
     std::string inspected;            ///< what the analyzer did with each split connection; empty: none was
+    /// What else the analyzer is told before the close, in order: the operation and the protocol, if any.
+    /// Empty: that is not looked at.
+    std::vector<std::string> reports;
+    bool countsBytes = false;  ///< the bytes that it is told of are those that the server has sent
     Visits visits = Visits::NotLookedAt;
     int leastMilliseconds = 0;  ///< each request takes at least so long on the application's clock
 };

@@ -10,6 +10,7 @@ std::optional<Visit> ParseVisit(const std::string& line) {
     visit.server = json.value("server", "");
     visit.request = json.value("request", "");
     visit.bytes = json.value("bytes", std::uint64_t(0));
+    visit.sent = json.value("sent", std::uint64_t(0));
     visit.checksum = json.value("checksum", "");
     visit.complete = json.value("complete", false);
     return visit;

@@ -43,6 +43,8 @@ void JudgeAnswer(const Case& scene, const ClientRun& run, const ClientLine& line
     if (scene.transport == Transport::Stream) {
         Expect("status", 200, line.status, problems);
         Expect("server", scene.body.value_or(scene.answeredBy), line.body, problems);
+    } else if (scene.transport == Transport::Greeted) {
+        Expect<std::string>("greeting", kGreeting, line.body, problems);
     } else if (scene.transport == Transport::Messages) {
         Expect<std::string>("echo", "/hello", line.body, problems);
     } else {
@@ -73,6 +75,38 @@ void JudgeSplit(const Case& scene, const ClientRun& run, const std::vector<Quest
     }
 }
 
+/// "receive-protocol ssh" for each thing that was told beside connects, closes and split connections.
+void CollectReports(Outcome* outcome) {
+    for (const Question& question : outcome->told) {
+        if (question.operation == "connect" || question.operation == "close") continue;
+        if (question.operation == kInspected) continue;
+        const bool isKnown = !question.protocol.empty() && question.protocol != "none";
+        outcome->reports.push_back(question.operation + (isKnown ? " " + question.protocol : ""));
+        outcome->lastReportVerdict = question.verdict;
+    }
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
+void JudgeReports(const Case& scene, const Outcome& outcome, const std::vector<Visit>& allVisits,
+                  Problems* problems) {
+    if (!scene.reports.empty()) Expect("reports", Joined(scene.reports), Joined(outcome.reports), problems);
+    if (!scene.countsBytes || outcome.run.lines.empty()) return;
+    std::uint64_t received = 0;
+    for (const Question& question : outcome.told)
+        received += question.bytesReceived;
+    Expect("bytes told", outcome.run.lines.front().bytes, received, problems);
+    for (const Visit& visit : allVisits) {
+        if (visit.request.find(" " + scene.path + " ") != std::string::npos)
+            Expect("bytes sent", visit.sent, received, problems);
+    }
+}
+
 }  // namespace
 
 Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Question>& allQuestions,
@@ -100,7 +134,7 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
     for (const Question& question : outcome.questions) {
         Expect("process told", run.processId, question.processId, problems);
         Expect("destination told", run.destination, question.destination, problems);
-        Expect<std::string>("user told", kUser, question.user, problems);
+        Expect("user told", scene.user, question.user, problems);
         Expect("verdict", scene.verdict, question.verdict, problems);
         Expect("redirect", scene.redirect, question.redirect, problems);
     }
@@ -111,5 +145,7 @@ Outcome Judge(const Case& scene, const ClientRun& run, const std::vector<Questio
         Expect("signer told", scene.identity->signer, last.signer, problems);
     }
     JudgeSplit(scene, run, outcome.inspected, allVisits, problems);
+    CollectReports(&outcome);
+    JudgeReports(scene, outcome, allVisits, problems);
     return outcome;
 }

@@ -9,9 +9,11 @@
 struct Outcome {
     const Case* scene = nullptr;
     ClientRun run;
-    std::vector<Question> told;         ///< all that the analyzer was told of this application or destination
-    std::vector<Question> questions;    ///< those of them about connects
-    std::vector<Question> inspected;    ///< the ends of split connections among them
+    std::vector<Question> told;        ///< all that the analyzer was told of this application or destination
+    std::vector<Question> questions;   ///< those of them about connects
+    std::vector<Question> inspected;   ///< the ends of split connections among them
+    std::vector<std::string> reports;  ///< of sends, receives and binds: operation and protocol
+    std::string lastReportVerdict;
     std::vector<std::string> problems;  ///< every way in which the promise was broken
 
     bool Passed() const { return problems.empty(); }

@@ -18,9 +18,19 @@ std::string Times(std::size_t count) {
     return count > 1 ? std::to_string(count) + " times " : "";
 }
 
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
 std::string WhatWasTold(const Outcome& outcome) {
     if (outcome.told.empty()) return "nothing";
-    if (outcome.questions.empty()) return "of no connect, " + Times(outcome.told.size()) + "something else";
+    if (outcome.questions.empty()) {
+        const std::string who = "process " + std::to_string(outcome.told.front().processId) + ": ";
+        return who + (outcome.reports.empty() ? "no connect" : Joined(outcome.reports));
+    }
     const Question& question = outcome.questions.front();
     std::string told = Times(outcome.questions.size()) + "process " + std::to_string(question.processId) +
                        " of " + question.user + " to " + question.destination;
@@ -32,8 +42,10 @@ std::string WhatWasTold(const Outcome& outcome) {
 }
 
 std::string Verdict(const Outcome& outcome) {
-    if (outcome.questions.empty()) return "-";
+    if (outcome.questions.empty()) return outcome.scene->reports.empty() ? "-" : outcome.told.front().verdict;
     const std::string& verdict = outcome.questions.front().verdict;
+    if (!outcome.scene->reports.empty())
+        return verdict + "; " + Joined(outcome.reports) + ": " + outcome.lastReportVerdict;
     return outcome.inspected.empty() ? verdict : verdict + ": " + outcome.inspected.front().verdict;
 }
 

@@ -58,6 +58,7 @@ ClientLine ParseClientLine(const std::string& line) {
     parsed.error = json.value("error", 0);
     parsed.peer = json.value("peer", "");
     parsed.status = json.value("status", 0);
+    parsed.bytes = json.value("bytes", std::uint64_t(0));
     parsed.body = json.value("body", "");
     parsed.checksum = json.value("checksum", "");
     parsed.elapsedMilliseconds = json.value("elapsed_ms", 0);
@@ -116,6 +117,10 @@ void Stage::StartServers() {
                              "qxorigin-http");
     auto datagram = StartProgram(NativeCommand("qxorigin"), {"--udp", "--name", kEcho}, {}, "qxorigin-udp");
     auto echo = StartProgram(NativeCommand("qxecho"), {"server"}, {}, "qxecho");
+    auto greeter = StartProgram(NativeCommand("qxorigin"), {"--name", kGreeter, "--greeting", kGreeting}, {},
+                                "qxorigin-greeter");
+    serverAddresses_[kGreeter] = ListeningAddress(greeter.get(), 0, "qxorigin");
+    servers_.push_back(std::move(greeter));
     serverAddresses_[kStreamEcho] = ListeningAddress(echo.get(), 0, "qxecho");
     serverAddresses_[kItself] = "127.0.0.1:0";
     serverAddresses_[kNobody] = "127.0.0.1:" + std::to_string(closedPort_.Number());
@@ -134,7 +139,8 @@ void Stage::WriteRules(const std::vector<Case>& cases) const {
     for (const Case& scene : cases) {
         if (scene.rule.empty()) continue;
         const std::string address = scene.destination.substr(0, scene.destination.find(':'));
-        file << "[[rule]]\nname = '" << scene.name << "'\ndestination = '" << address << "'\n"
+        file << "[[rule]]\nname = '" << scene.name << "'\n"
+             << (scene.ruleIsForUser ? "user = '" + scene.user : "destination = '" + address) << "'\n"
              << scene.rule << "\n\n";
     }
 }
@@ -193,7 +199,7 @@ std::unique_ptr<ChildProcess> Stage::StartApplication(const Case& scene, const s
     MachineDescription machine;
     machine.analyzerPort = scene.analyzer == AnalyzerState::Down ? closedPort_.Number() : analyzerPort_;
     machine.refuseWithoutAnalyzer = scene.refuseWithoutAnalyzer;
-    machine.user = kUser;
+    machine.user = scene.user;
     if (scene.identity) {
         machine.windowTitle = scene.identity->title;
         machine.signer = scene.identity->signer;
@@ -228,6 +234,8 @@ std::unique_ptr<ChildProcess> Stage::StartClient(const Case& scene,
     if (scene.closeAfterBytes != 0)
         all.insert(all.end(), {"--close-after", std::to_string(scene.closeAfterBytes)});
     if (scene.transport == Transport::Datagram) all.emplace_back("--datagram");
+    if (scene.transport == Transport::Greeted) all.emplace_back("--greeting");
+    if (scene.binds) all.emplace_back("--bind");
     all.insert(all.end(), arguments.begin(), arguments.end());
     return StartApplication(scene, scene.transport == Transport::Messages ? "qxwindow" : "qxhttp", all);
 }

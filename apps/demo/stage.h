@@ -14,6 +14,7 @@
 #include "apps/demo/origin_log.h"
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -31,6 +32,7 @@ struct ClientLine {
     std::string checksum;
     int elapsedMilliseconds = 0;
     int processId = 0;
+    std::uint64_t bytes = 0;  ///< received
 };
 
 /// What an application saw.
@@ -109,6 +111,3 @@ class Stage {
     std::vector<Visit> visits_;
     std::atomic<int> machines_{0};
 };
-
-/// The user that every application's machine names.
-constexpr const char* kUser = "DEMO\\alice";

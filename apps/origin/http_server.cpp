@@ -14,13 +14,10 @@ namespace {
 constexpr std::size_t kMaxRequestBytes = 16384;
 
 /// One line of JSON: what was asked, and how much of the answer was taken.
-void Log(const std::string& server, const HttpAnswer& answer, bool complete) {
+void Log(const std::string& server, const HttpAnswer& answer, std::uint64_t sent, bool complete) {
     const nlohmann::ordered_json line = {
-        {"server", server},
-        {"request", answer.RequestLine()},
-        {"bytes", answer.BodyBytes()},
-        {"checksum", answer.BodyChecksum()},
-        {"complete", complete},
+        {"server", server}, {"request", answer.RequestLine()},   {"bytes", answer.BodyBytes()},
+        {"sent", sent},     {"checksum", answer.BodyChecksum()}, {"complete", complete},
     };
     // A request may hold any bytes.
     std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
@@ -84,7 +81,12 @@ void HttpServer::Accept(const Listener& listener) {
     UniqueSocket accepted(accept(listener.socket.Get(), nullptr, nullptr));
     u_long on = 1;
     if (!accepted.IsOpen() || ioctlsocket(accepted.Get(), FIONBIO, &on) == SOCKET_ERROR) return;
-    connections_.push_back({&listener, std::move(accepted), {}, {}, {}, 0, false});
+    if (!greeting_.empty()) {
+        // Room for a line there always is.
+        send(accepted.Get(), greeting_.data(), static_cast<int>(greeting_.size()), 0);
+        return;
+    }
+    connections_.push_back({&listener, std::move(accepted), {}, {}, {}, 0, 0, false});
 }
 
 void HttpServer::Receive(Connection* connection) const {
@@ -110,15 +112,18 @@ void HttpServer::Send(Connection* connection) const {
                                static_cast<int>(piece.size() - connection->sent), 0);
         if (count == SOCKET_ERROR) {
             connection->done = WSAGetLastError() != WSAEWOULDBLOCK;
-            if (connection->done && log_) Log(connection->listener->name, *connection->answer, false);
+            if (connection->done && log_) {
+                Log(connection->listener->name, *connection->answer, connection->sentInAll, false);
+            }
             return;
         }
         connection->sent += static_cast<std::size_t>(count);
+        connection->sentInAll += static_cast<std::uint64_t>(count);
         if (connection->sent < piece.size()) return;
         connection->sent = 0;
         connection->piece = connection->answer->NextPiece();
     }
     shutdown(connection->socket.Get(), SD_SEND);
     connection->done = true;
-    if (log_) Log(connection->listener->name, *connection->answer, true);
+    if (log_) Log(connection->listener->name, *connection->answer, connection->sentInAll, true);
 }

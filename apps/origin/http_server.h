@@ -5,6 +5,7 @@
 #include "apps/origin/http_answer.h"
 #include "apps/shared/winsock_session.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,9 @@ class HttpServer {
   public:
     /// With `log` it prints a line for every answer that has ended.
     explicit HttpServer(bool log) : log_(log) {}
+
+    /// Instead of answering requests: says this line to every client, and closes the connection.
+    void Greet(const std::string& line) { greeting_ = line + "\r\n"; }
 
     /// Starts to listen for `name` on 127.0.0.1:`port` (0: a free one) and returns the port. Throws
     /// std::runtime_error.
@@ -34,6 +38,7 @@ class HttpServer {
         std::optional<HttpAnswer> answer;
         std::string piece;     ///< of the answer, being sent
         std::size_t sent = 0;  ///< of the piece
+        std::uint64_t sentInAll = 0;
         bool done = false;
     };
 
@@ -43,6 +48,7 @@ class HttpServer {
     void Send(Connection* connection) const;
 
     const bool log_;
+    std::string greeting_;
 
     std::vector<Listener> listeners_;
     std::vector<Connection> connections_;

@@ -43,11 +43,13 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     bool datagrams = false;
     bool untilInputEnds = false;
     bool log = false;
+    std::string greeting;
 
     app.add_option("--name", names, "NAME or NAME@PORT; several make several servers")->capture_default_str();
     app.add_option("--port", defaultPort, "port of names without one; 0: a free one")->capture_default_str();
     app.add_flag("--udp", datagrams, "echo datagrams instead of serving HTTP");
     app.add_flag("--log", log, "print a line of JSON for every HTTP answer that has ended");
+    app.add_option("--greeting", greeting, "say this line to every client instead of answering requests");
     app.add_flag("--until-input-ends", untilInputEnds, "stop at the end of standard input too");
 
     parse();
@@ -66,6 +68,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
         echo.Serve();
     } else {
         HttpServer http(log);
+        if (!greeting.empty()) http.Greet(greeting);
         OpenAll(servers,
                 [&](const std::string& name, unsigned short port) { return http.Listen(name, port); });
         http.Serve();

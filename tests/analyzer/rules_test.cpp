@@ -32,6 +32,10 @@ signer = "Demo ?igner"
 [[rule]]
 name = "process"
 process_id = [77, 78]
+
+[[rule]]
+name = "protocol"
+protocol = ["ssh", "unknown"]
 )";
 
 Request Asking(std::uint32_t address, std::uint16_t port) {
@@ -67,6 +71,12 @@ TEST(Rules, TheFirstRuleWhoseConditionsAllHoldDecides) {
     request.signer.clear();
     request.processId = 78;
     EXPECT_EQ(rules.Decide(request).name, "process");
+
+    request.processId = 0;
+    request.protocol = 0x80000000;
+    EXPECT_EQ(rules.Decide(request).name, "protocol");
+    request.protocol = 0x1;
+    EXPECT_EQ(rules.Decide(request).name, "default");
 
     EXPECT_EQ(RuleSet().Decide(request).verdict.action, RuleAction::kAllow);
     EXPECT_EQ(RuleSet::FromText("[[rule]]\ndestination = \"0.0.0.0/0\"", "r").Decide(request).name, "rule 1");

@@ -94,6 +94,30 @@ TEST(JudgeTest, FindsEveryBrokenPromiseOfASplitConnection) {
     }
 }
 
+TEST(JudgeTest, FindsEveryBrokenPromiseAboutReports) {
+    Case scene = CaseNamed("bytes counted");
+    scene.reports = {"receive http"};
+    Evidence kept = KeptTransfer(scene);
+    kept.questions = {{"connect", 4711, kUser, scene.destination, "allow, count", ""},
+                      {"receive", 4711, kUser, scene.destination, "allow", "", "http", 70},
+                      {"close", 4711, kUser, scene.destination, "allow", "", "http", 30}};
+    kept.run.lines[0].bytes = kept.visits[0].sent = 100;
+    EXPECT_TRUE(Judge(scene, kept.run, kept.questions, kept.visits).Passed());
+    const std::vector<Break> breaks = {
+        {"another protocol", [](Evidence* e) { e->questions[1].protocol = "ssh"; }},
+        {"not reported", [](Evidence* e) { e->questions[1].operation = "close"; }},
+        {"reported twice", [](Evidence* e) { e->questions.push_back(e->questions[1]); }},
+        {"bytes missing", [](Evidence* e) { e->questions[2].bytesReceived = 29; }},
+        {"not what was sent", [](Evidence* e) { e->visits[0].sent = 99; }},
+        {"not what has come", [](Evidence* e) { e->run.lines[0].bytes = 99; }},
+    };
+    for (const Break& broken : breaks) {
+        Evidence evidence = kept;
+        broken.apply(&evidence);
+        EXPECT_FALSE(Judge(scene, evidence.run, evidence.questions, evidence.visits).Passed()) << broken.what;
+    }
+}
+
 TEST(JudgeTest, FindsEveryBrokenPromise) {
     const std::vector<Break> breaks = {
         {"exit status", [](Evidence* e) { e->run.exitStatus = 139; }},
@@ -177,7 +201,7 @@ TEST(ReportTest, ShowsWhatWasToldAndWhoAnswered) {
         {[](Evidence* e) { e->questions[0].destination = "203.0.113.99:80"; },
          "process 4711 of DEMO\\alice to 203.0.113.99:80"},
         {[](Evidence* e) { e->questions.push_back(e->questions[0]); }, "2 times process 4711"},
-        {[](Evidence* e) { e->questions.erase(e->questions.begin()); }, "of no connect, something else  -"},
+        {[](Evidence* e) { e->questions.erase(e->questions.begin()); }, "process 4711: no connect  -"},
         {[](Evidence* e) { e->questions.clear(); }, "nothing"},
     };
     for (const Shown& row : rows) {
