@@ -17,6 +17,7 @@ constexpr std::uint32_t kIntervalMilliseconds = 25;
 }  // namespace
 
 Conversation::~Conversation() {
+    decision_.Summary().Add(tally_);
     RequestLog* const log = decision_.Log();
     if (inspection_ && log != nullptr) log->WriteInspected(relayed_, rule_, inspection_->Counts());
 }
@@ -34,6 +35,7 @@ Reply Conversation::OnFrame(const unsigned char* frame, std::size_t length, std:
 Reply Conversation::OnQuestion(std::vector<unsigned char>& out) {
     Request request;
     const Rule& rule = decision_.Decide(request);
+    tally_.Add(request, rule);
     if (request.operation == OpConnect && rule.verdict.action == RuleAction::kAllow) {
         plan_ = rule.verdict.plan;
         rule_ = rule.name;

@@ -13,13 +13,14 @@
 #include "analyzer/frame_handler.h"
 #include "analyzer/inspection.h"
 #include "analyzer/request.h"
+#include "analyzer/traffic_summary.h"
 
 class Conversation : public FrameHandler {
   public:
     explicit Conversation(Decision& decision) : decision_(decision) {}
     Conversation(const Conversation&) = delete;
     Conversation& operator=(const Conversation&) = delete;
-    /// Logs what became of a split connection.
+    /// Logs what became of a split connection, and adds the connection to the summary.
     ~Conversation() override;
 
     /// A frame that is no request closes its connection: nothing after it could be told apart.
@@ -33,6 +34,7 @@ class Conversation : public FrameHandler {
     Reply AfterRelayed(bool answered) const;
 
     Decision& decision_;
+    ConnectionTally tally_;
     std::uint32_t processId_ = 0;
     /// Of the last connect that was allowed.
     std::shared_ptr<const InspectionPlan> plan_;

@@ -11,6 +11,7 @@
 #include "analyzer/request_log.h"
 #include "analyzer/request_reader.h"
 #include "analyzer/rules.h"
+#include "analyzer/traffic_summary.h"
 #include "messages/analyzer_messages.h"
 
 class Decision : public FrameHandlers {
@@ -25,6 +26,9 @@ class Decision : public FrameHandlers {
     /// May be null.
     RequestLog* Log() { return log_; }
 
+    /// Of the connections that have ended.
+    TrafficSummary& Summary() { return summary_; }
+
     /// Decides about the request that was read last and logs it. The rule is valid until rules are read
     /// again.
     const Rule& Decide(Request& request);
@@ -38,5 +42,6 @@ class Decision : public FrameHandlers {
     const RuleSet& rules_;
     RequestLog* log_;
     RequestReader reader_;
+    TrafficSummary summary_;
     LSPAnalyzerMessageResponse answerMessage_;
 };

@@ -90,16 +90,22 @@ void Serve(const Options& options, RuleSet rules) {
     Outputs outputs(format);
     RequestLog log(&outputs.log, format);
     Decision decision(rules, options.quiet ? nullptr : &log);
-    Server server(options.port, decision, ServerLimits(),
-                  [&outputs](const std::string& text) { outputs.notes.Write(AsNote(text)); });
-    const ProgramSignals signals(&server);
-    std::optional<InputWatch> input;
-    if (options.untilInputEnds) input.emplace(&server);
+    {
+        Server server(options.port, decision, ServerLimits(),
+                      [&outputs](const std::string& text) { outputs.notes.Write(AsNote(text)); });
+        const ProgramSignals signals(&server);
+        std::optional<InputWatch> input;
+        if (options.untilInputEnds) input.emplace(&server);
 
-    if (!options.portFile.empty()) WritePortFile(options.portFile, server.Port());
-    outputs.log.Write("listening on 127.0.0.1:" + std::to_string(server.Port()));
-    while (server.Run())
-        ReadRulesAgain(options.rules, &rules, &outputs.notes);
+        if (!options.portFile.empty()) WritePortFile(options.portFile, server.Port());
+        outputs.log.Write("listening on 127.0.0.1:" + std::to_string(server.Port()));
+        while (server.Run())
+            ReadRulesAgain(options.rules, &rules, &outputs.notes);
+    }
+    // Its connections have ended with the server.
+    const TrafficSummary& summary = decision.Summary();
+    for (const std::string& line : options.json ? summary.JsonLines() : summary.Table())
+        outputs.log.Write(line);
 }
 
 }  // namespace
