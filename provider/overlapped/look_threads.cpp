@@ -51,7 +51,6 @@ void WakeThreads(DWORD count) QX_REQUIRES(OverlappedLock) {
     if (!ReleaseSemaphore(ReadyCount, threads, nullptr)) ReleaseSemaphore(ReadyCount, threads, nullptr);
 }
 
-
 void MakeReady(SocketContext* context) QX_REQUIRES(OverlappedLock) {
     context->WaitingEnds.NextReady = nullptr;
     (LastReady != nullptr ? LastReady->WaitingEnds.NextReady : FirstReady) = context;
@@ -111,7 +110,6 @@ void TellRemainingEnds() {
         TellFirstEnd(context, nullptr);
     }
 }
-
 
 /// Whether there would be none free for the next socket.
 bool IsThreadWanted() QX_REQUIRES(OverlappedLock) {

@@ -34,9 +34,9 @@ Evidence Kept() {
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
     evidence.run.lines = {{"", 0, scene.destination, 200, kBeta, "", 3}};
-    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress, "", ""},
-                          {"close", 4711, kUser, scene.destination, "allow", "", "", ""},
-                          {"connect", 4712, kUser, "203.0.113.10:80", "allow", "", "", ""}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "redirect", kBetaAddress},
+                          {"close", 4711, kUser, scene.destination, "allow", ""},
+                          {"connect", 4712, kUser, "203.0.113.10:80", "allow", ""}};
     return evidence;
 }
 
@@ -46,8 +46,8 @@ Evidence KeptTransfer(const Case& scene) {
     evidence.run.processId = 4711;
     evidence.run.destination = scene.destination;
     evidence.run.lines = {{"", 0, scene.destination, 200, kAlpha, "c0ffee", 3}};
-    evidence.questions = {{"connect", 4711, kUser, scene.destination, "allow, inspect", "", "", ""},
-                          {kInspected, 4711, kUser, scene.destination, "passed", "", "", ""}};
+    evidence.questions = {{"connect", 4711, kUser, scene.destination, "allow, inspect", ""},
+                          {kInspected, 4711, kUser, scene.destination, "passed", ""}};
     evidence.visits = {{kAlpha, "GET " + scene.path + " HTTP/1.0", 104857606, "c0ffee", true},
                        {kAlpha, "GET /hello HTTP/1.0", 6, "decaf", false}};
     return evidence;
@@ -182,7 +182,7 @@ TEST(JudgeTest, TakesOfAForeignProgramItsPageOrAFailureOfItsOwn) {
         evidence.run.destination = scene->destination;
         evidence.run.exitStatus = row.exitStatus;
         evidence.run.lines = {{row.exitStatus == 0 ? "" : "connect", 0, "", 0, row.body, "", 0}};
-        evidence.questions = {{"connect", 4711, kUser, scene->destination, scene->verdict, "", "", ""}};
+        evidence.questions = {{"connect", 4711, kUser, scene->destination, scene->verdict, ""}};
         EXPECT_EQ(Judge(*scene, evidence.run, evidence.questions, {}).Passed(), row.passes)
             << row.program << " " << row.exitStatus << row.body;
     }

@@ -57,6 +57,13 @@ class LayerFixture : public ::testing::Test {
     /// For a test whose own failing releases leave something behind: nothing is compared after it.
     void ExpectLeftovers() { expectLeftovers_ = true; }
 
+    /// For a test after which the library may stay loaded for good, with what belongs to it and nothing else.
+    void AllowTheLayerToStay() {
+        before_.modules += 1;
+        before_.tlsSlots += 2;
+        before_.criticalSections += 64;
+    }
+
     /// What was written to the debug output since SetUp.
     std::vector<std::string> DebugLines() const { return debugOutput_->Texts(); }
     std::size_t CountDebugLines(const std::string& part) const;
