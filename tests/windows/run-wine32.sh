@@ -36,7 +36,6 @@ exec 9>&-
 errors=$(mktemp)
 exec 7<"$errors" 8>"$errors"
 rm "$errors"
-status=0
-setpriv --pdeathsig KILL "$WINELOADER" "$@" 2>&8 7<&- 8>&- || status=$?
-cat <&7 >&2
-exit "$status"
+trap 'cat <&7 >&2' EXIT
+trap 'exit 143' TERM
+setpriv --pdeathsig KILL "$WINELOADER" "$@" 2>&8 7<&- 8>&-
