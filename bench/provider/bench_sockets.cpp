@@ -40,7 +40,7 @@ void Check(bool condition, const char* what) {
     std::exit(2);
 }
 
-bool StartBenchMachine(std::uint16_t analyzerPort, std::uint16_t destinationPort) {
+bool StartBenchMachine(std::uint16_t analyzerPort, std::uint16_t destinationPort, std::uint16_t sinkPort) {
     char folder[] = "/tmp/qxbench-XXXXXX";
     if (mkdtemp(folder) == nullptr) return false;
     appData = folder;
@@ -50,9 +50,12 @@ bool StartBenchMachine(std::uint16_t analyzerPort, std::uint16_t destinationPort
     std::ofstream(portFile, std::ios::binary).write(reinterpret_cast<const char*>(&port), sizeof(port));
 
     std::string message;
-    const std::string text = "[catalog]\nlayer = 'default'\n[folders]\ncommon_app_data = '" + appData +
-                             "'\n[[routes]]\ndestination = '203.0.113.10:80'\ntarget = '127.0.0.1:" +
-                             std::to_string(destinationPort) + "'\n";
+    const std::string text =
+        "[catalog]\nlayer = 'default'\n[folders]\ncommon_app_data = '" + appData +
+        "'\n[[routes]]\ndestination = '203.0.113.10:80'\ntarget = '127.0.0.1:" +
+        std::to_string(destinationPort) +
+        "'\n[[routes]]\ndestination = '203.0.113.11:80'\ntarget = '127.0.0.1:" + std::to_string(sinkPort) +
+        "'\n";
     auto machine = platform::ParseMachine(text, "benchmark", &message);
     if (machine == nullptr) {
         std::fprintf(stderr, "%s\n", message.c_str());
@@ -78,6 +81,12 @@ sockaddr_in PublicAddress() {
     return address;
 }
 
+sockaddr_in PublicSinkAddress() {
+    sockaddr_in address = PublicAddress();
+    address.sin_addr.s_addr = inet_addr("203.0.113.11");
+    return address;
+}
+
 sockaddr_in LoopbackAddress(std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -94,12 +103,15 @@ SOCKET NewBenchSocket(Through through, int type) {
     return s;
 }
 
-SOCKET ConnectedBenchSocket(Through through, std::uint16_t port) {
+SOCKET ConnectedBenchSocket(Through through, const sockaddr_in& address) {
     const SOCKET s = NewBenchSocket(through);
-    const sockaddr_in address = LoopbackAddress(port);
     Check(connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, "connect");
     const int on = 1;
     Check(setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof(on)) == 0,
           "setsockopt");
     return s;
+}
+
+SOCKET ConnectedBenchSocket(Through through, std::uint16_t port) {
+    return ConnectedBenchSocket(through, LoopbackAddress(port));
 }

@@ -14,7 +14,8 @@ int main(int argc, char** argv) {
     const ConnectionBacklog destination;
     const LoopbackServer echo(LoopbackServer::Kind::kEcho);
     const LoopbackServer verdict(LoopbackServer::Kind::kVerdict);
-    if (!StartBenchMachine(verdict.Port(), destination.Port())) {
+    const LoopbackServer sink(LoopbackServer::Kind::kSink);
+    if (!StartBenchMachine(verdict.Port(), destination.Port(), sink.Port())) {
         std::fprintf(stderr, "the benchmark machine could not be started\n");
         return 1;
     }

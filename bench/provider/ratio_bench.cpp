@@ -20,6 +20,12 @@ void PingPong(SOCKET s, int count) {
     }
 }
 
+void Send(SOCKET s, int count) {
+    const char buffer[64] = {};
+    for (int i = 0; i < count; ++i)
+        Check(send(s, buffer, sizeof(buffer), 0) == sizeof(buffer), "send");
+}
+
 void ConnectAndClose(Through through, const sockaddr_in& address, int count) {
     for (int i = 0; i < count; ++i) {
         const SOCKET s = NewBenchSocket(through);
@@ -71,6 +77,18 @@ void BenchVerdictBesideDirect(benchmark::State& state, const BenchPeers& peers) 
         [&] { ConnectAndClose(Through::kLayer, address, kCount); }, [&] { peers.destination->Empty(); });
 }
 
+// Of a public connection that nothing is reported of, beside one that the layer has no business with.
+void BenchUnreportedSend(benchmark::State& state, const BenchPeers&) {
+    constexpr int kCount = 2000;
+    const LoopbackServer sink(LoopbackServer::Kind::kSink);
+    const SOCKET exempt = ConnectedBenchSocket(Through::kLayer, sink.Port());
+    const SOCKET judged = ConnectedBenchSocket(Through::kLayer, PublicSinkAddress());
+    RunPaired(
+        state, kCount, [&] { Send(exempt, kCount); }, [&] { Send(judged, kCount); });
+    closesocket(judged);
+    closesocket(exempt);
+}
+
 }  // namespace
 
 void RegisterRatioBenchmarks(const BenchPeers& peers) {
@@ -80,6 +98,7 @@ void RegisterRatioBenchmarks(const BenchPeers& peers) {
             ->Unit(benchmark::kMillisecond);
     };
     add("ratio/ping_pong_64_bytes_layer_to_base", BenchPingPong, 31);
+    add("ratio/send_64_bytes_unreported_to_exempt", BenchUnreportedSend, 31);
     add("ratio/unasked_connect_layer_to_base", BenchUnaskedConnect, 31);
     add("ratio/verdict_connect_to_same_system_calls", BenchVerdictConnect, 31);
     add("ratio/verdict_connect_to_direct_connect", BenchVerdictBesideDirect, 31);

@@ -176,7 +176,7 @@ int Run(CLI::App& app, const std::function<void()>& parse) {
     parse();
 
     const ConnectionBacklog destination;
-    if (!StartBenchMachine(destination.Port(), destination.Port())) return 1;
+    if (!StartBenchMachine(destination.Port(), destination.Port(), destination.Port())) return 1;
     Side sides[] = {
         {"through the layer", CallsOn(ConnectedSockets(Through::kLayer, destination.Port()))},
         {"base provider alone", CallsOn(ConnectedSockets(Through::kBase, destination.Port()))},

@@ -170,10 +170,8 @@ int main(int count, char** arguments) {
         std::fprintf(stderr, "relay_load: see the head of its source for its arguments\n");
         return 2;
     }
-    if (!StartBenchMachine(static_cast<std::uint16_t>(options.analyzer),
-                           static_cast<std::uint16_t>(options.destination))) {
-        return 2;
-    }
+    const auto destination = static_cast<std::uint16_t>(options.destination);
+    if (!StartBenchMachine(static_cast<std::uint16_t>(options.analyzer), destination, destination)) return 2;
     if (options.mode == "bulk") Bulk(options);
     if (options.mode == "ping") Ping(options);
     if (options.mode == "conn") Connections(options);
