@@ -211,7 +211,10 @@ TEST_P(OverlappedReports, ADatagramsSenderIsTold) {
         EXPECT_EQ(request.transferred, refused ? 0u : kSsh.size());
         EXPECT_EQ(Told(before), std::vector<std::string>{"6 p800 s2 r21 [" + kSsh + "]"});
         EXPECT_EQ(analyzer_.Requests().back().Destination(), "203.0.113.10:53");
+        const std::size_t told = analyzer_.Requests().size();
         EXPECT_EQ(closesocket(s), 0);
+        // Its report is none of the next socket's.
+        EXPECT_TRUE(analyzer_.WaitForRequests(told + 1));
     }
     EXPECT_EQ(closesocket(peer), 0);
 }
